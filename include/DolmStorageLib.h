@@ -1,0 +1,5 @@
+// The whole exported surface of the library in one header.
+#ifndef DOLM_STORAGE_LIB_H
+#define DOLM_STORAGE_LIB_H
+
+#endif

@@ -1,0 +1,15 @@
+/* DOLM_API marks what the shared library exports; everything else in it is hidden. */
+#ifndef DOLM_API_H
+#define DOLM_API_H
+
+#define DOLM_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+#define DOLM_EXTERN_C_BEGIN extern "C" {
+#define DOLM_EXTERN_C_END }
+#else
+#define DOLM_EXTERN_C_BEGIN
+#define DOLM_EXTERN_C_END
+#endif
+
+#endif
