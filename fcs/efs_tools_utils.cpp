@@ -1,0 +1,314 @@
+#include "efs_tools_utils.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "common/little_endian.h"
+#include "fcs/file_table.h"
+
+using dolm::load_le16;
+using dolm::load_le32;
+
+file_table_entry_t *g_table_buf = nullptr;
+int32_t g_table_num_files = 0;
+uint32_t g_dfs_sku = 0xFFFFFFFF;
+
+uint32_t g_efs_bm_num = 2;
+uint32_t g_efs_valid_block_num = 7;
+uint32_t g_efs_non_valid_block_num = 3;
+uint32_t g_efs_files_num = 16;
+uint32_t g_efs_wear_leveling_threshold = 100;
+uint8_t g_efs_layout_id = 0;
+uint8_t g_efs_sku_id = 0;
+uint8_t g_efs_autogen_data_loaded = 0;
+EFS_file_entry *EFS_files = nullptr;
+
+namespace {
+
+// FTBL. Offsets in bytes from its start; every integer is little-endian.
+//   0 u32 magic | 4 unread | 12 u32 row_count | 16 SKU rows | behind the rows: EFST section
+constexpr uint32_t ftbl_magic = 0x4C425446; // "FTBL"
+constexpr uint32_t ftbl_min_length = 1024;
+constexpr uint32_t ftbl_head_size = 16;
+constexpr uint32_t ftbl_row_count_at = 12;
+constexpr uint32_t ftbl_max_rows = 10;
+
+// SKU row:
+//   0 u32 sku | 4 u32 entries_offset, from byte 0 of the FTBL | 8 u32 entries_count | 12 unread
+constexpr uint32_t sku_row_size = 16;
+
+// EFST section. Offsets in bytes from its start.
+//   0 u32 magic | 4 unread | 12 u32 row_count | 16 geometry rows
+constexpr uint32_t efst_magic = 0x54534645; // "EFST"
+constexpr uint32_t efst_head_size = 16;
+constexpr uint32_t efst_row_count_at = 12;
+constexpr uint32_t geometry_row_size = 40;
+constexpr uint32_t file_record_size = 60;
+
+struct GeometryRow {
+    uint32_t sku;
+    uint32_t records_offset; // from byte 0 of the FTBL
+    uint32_t records_count;
+    uint32_t records_bytes;
+    uint32_t bm_num;
+    uint32_t valid_block_num;
+    uint32_t non_valid_block_num;
+    uint32_t files_num;
+    uint32_t wear_leveling_threshold;
+    uint32_t layout_id;
+};
+
+GeometryRow parse_geometry_row(const uint8_t *row) {
+    return {
+        .sku = load_le32(row),
+        .records_offset = load_le32(row + 4),
+        .records_count = load_le32(row + 8),
+        .records_bytes = load_le32(row + 12),
+        .bm_num = load_le32(row + 16),
+        .valid_block_num = load_le32(row + 20),
+        .non_valid_block_num = load_le32(row + 24),
+        .files_num = load_le32(row + 28),
+        .wear_leveling_threshold = load_le32(row + 32),
+        .layout_id = load_le32(row + 36),
+    };
+}
+
+// Record of one EFS file. Only these fields of its 60 bytes are read.
+struct FileRecord {
+    uint16_t file_index; // slot of EFS_files
+    uint8_t block;
+    uint16_t offset;
+    uint16_t max_size;
+};
+
+FileRecord parse_file_record(const uint8_t *record) {
+    return {
+        .file_index = load_le16(record),
+        .block = static_cast<uint8_t>(load_le16(record + 50)),
+        .offset = load_le16(record + 52),
+        .max_size = load_le16(record + 54),
+    };
+}
+
+// The list behind EFS_files. The host can reach and change that variable, so what has to be freed
+// and how long it is are kept here.
+EFS_file_entry *owned_list = nullptr;
+uint32_t owned_slots = 0;
+
+void replace_file_list(EFS_file_entry *list, uint32_t slots) {
+    std::free(owned_list);
+    owned_list = list;
+    owned_slots = slots;
+    EFS_files = list;
+    g_efs_autogen_data_loaded = list != nullptr ? 1 : 0;
+}
+
+bool lies_within(uint32_t offset, uint64_t size, uint32_t length) {
+    return offset + size <= length;
+}
+
+// A block-map header holds each count in one byte and a map holds a block number in one byte. With
+// at most 256 blocks an entry of the map always fits into its block, so that needs no test.
+bool geometry_can_work(const GeometryRow &row) {
+    constexpr uint32_t max_count = 255;
+    constexpr uint32_t max_blocks = 256;
+    static_assert(16 + max_blocks + 12 <= 4095, "header and one map entry fit into a block");
+    if (row.bm_num > max_count || row.valid_block_num > max_count ||
+        row.non_valid_block_num > max_count || row.files_num == 0) {
+        return false;
+    }
+    const uint32_t blocks = row.valid_block_num + row.non_valid_block_num;
+    return blocks >= 2 && blocks <= max_blocks;
+}
+
+bool records_are_sound(const uint8_t *table, uint32_t length, const GeometryRow &row) {
+    if (!lies_within(row.records_offset, uint64_t{row.records_count} * file_record_size, length)) {
+        return false;
+    }
+    const uint8_t *record = table + row.records_offset;
+    for (uint32_t i = 0; i < row.records_count; ++i, record += file_record_size) {
+        if (parse_file_record(record).file_index >= row.files_num) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Keeps the invariant that EFS_files, if not null, has a slot for each index below
+// g_efs_files_num, also when no new list follows.
+void store_geometry(const GeometryRow &row) {
+    if (row.files_num > owned_slots) {
+        replace_file_list(nullptr, 0);
+    }
+    g_efs_bm_num = row.bm_num;
+    g_efs_valid_block_num = row.valid_block_num;
+    g_efs_non_valid_block_num = row.non_valid_block_num;
+    g_efs_files_num = row.files_num;
+    g_efs_wear_leveling_threshold = row.wear_leveling_threshold;
+    g_efs_layout_id = static_cast<uint8_t>(row.layout_id);
+}
+
+uint32_t fill_file_list(const uint8_t *table, const GeometryRow &row) {
+    auto *list = static_cast<EFS_file_entry *>(std::calloc(row.files_num, sizeof(EFS_file_entry)));
+    if (list == nullptr) {
+        return 12;
+    }
+    const uint8_t *bytes = table + row.records_offset;
+    for (uint32_t i = 0; i < row.records_count; ++i, bytes += file_record_size) {
+        const FileRecord record = parse_file_record(bytes);
+        list[record.file_index] = {.block = record.block,
+                                   .offset = record.offset,
+                                   .max_size = record.max_size,
+                                   .present = 1,
+                                   .reserved = 0};
+    }
+    replace_file_list(list, row.files_num);
+    return 0;
+}
+
+uint32_t load_geometry_row(const uint8_t *table, uint32_t length, const GeometryRow &row) {
+    if (uint64_t{row.records_count} * file_record_size < row.records_bytes ||
+        !geometry_can_work(row)) {
+        return 1;
+    }
+    if (row.records_offset > length) {
+        store_geometry(row);
+        return 1;
+    }
+    if (!records_are_sound(table, length, row)) {
+        return 1;
+    }
+    store_geometry(row);
+    const uint32_t status = fill_file_list(table, row);
+    if (status == 0) {
+        g_efs_sku_id = static_cast<uint8_t>(row.sku);
+    }
+    return status;
+}
+
+// Selects the set of a SKU row. False if it does not lie whole within the table.
+bool select_entries(const uint8_t *table, uint32_t length, const uint8_t *row) {
+    const uint32_t offset = load_le32(row + 4);
+    // Zero and the counts that are negative as signed numbers make an empty table.
+    const auto count = static_cast<int32_t>(load_le32(row + 8));
+    const uint64_t size = count > 0 ? static_cast<uint64_t>(count) * sizeof(file_table_entry_t) : 0;
+    if (!lies_within(offset, size, length)) {
+        return false;
+    }
+    g_dfs_sku = load_le32(row);
+    g_table_buf = const_cast<file_table_entry_t *>(
+        reinterpret_cast<const file_table_entry_t *>(table + offset));
+    g_table_num_files = count;
+    return true;
+}
+
+template <typename Matches>
+file_table_entry_t *find_entry(Matches matches) {
+    for (int32_t i = 0; i < g_table_num_files; ++i) {
+        if (matches(g_table_buf[i])) {
+            return &g_table_buf[i];
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+uint32_t load_file_table(const void *buffer, uint32_t sku, uint32_t length) {
+    const auto *table = static_cast<const uint8_t *>(buffer);
+    if (table == nullptr || length < ftbl_min_length || load_le32(table) != ftbl_magic) {
+        return 1;
+    }
+    const uint32_t row_count = load_le32(table + ftbl_row_count_at);
+    if (row_count > ftbl_max_rows) {
+        return 1;
+    }
+    for (uint32_t i = 0; i < row_count; ++i) {
+        const uint8_t *row = table + ftbl_head_size + i * sku_row_size;
+        if (load_le32(row) == sku) {
+            if (!select_entries(table, length, row)) {
+                return 1;
+            }
+            break;
+        }
+    }
+    return load_autogen_data(buffer, sku, length) == 0 ? 0 : 1;
+}
+
+uint32_t load_autogen_data(const void *buffer, uint32_t sku, uint32_t length) {
+    const auto *table = static_cast<const uint8_t *>(buffer);
+    if (table == nullptr || length < ftbl_head_size || load_le32(table) != ftbl_magic) {
+        return 1;
+    }
+    const uint64_t section_at =
+        ftbl_head_size + uint64_t{load_le32(table + ftbl_row_count_at)} * sku_row_size;
+    if (section_at > length) {
+        return 1;
+    }
+    const uint8_t *section = table + section_at;
+    const uint64_t room = length - section_at;
+    if (room < sizeof(uint32_t) || load_le32(section) != efst_magic) {
+        return 0;
+    }
+    if (room < efst_head_size) {
+        return 1;
+    }
+    const uint32_t row_count = load_le32(section + efst_row_count_at);
+    if (efst_head_size + uint64_t{row_count} * geometry_row_size > room) {
+        return 1;
+    }
+    for (uint32_t i = 0; i < row_count; ++i) {
+        const uint8_t *row = section + efst_head_size + uint64_t{i} * geometry_row_size;
+        if (load_le32(row) == sku) {
+            return load_geometry_row(table, length, parse_geometry_row(row));
+        }
+    }
+    return 0;
+}
+
+file_table_entry_t *get_file_entry_by_file_name(const char *name) {
+    if (name == nullptr) {
+        return nullptr;
+    }
+    return find_entry([name](const file_table_entry_t &entry) {
+        return std::strncmp(entry.name, name, sizeof(entry.name)) == 0;
+    });
+}
+
+int32_t get_fileno_by_file_name(const char *name, fileno_t *out) {
+    const file_table_entry_t *entry = get_file_entry_by_file_name(name);
+    if (entry == nullptr || out == nullptr) {
+        return -1;
+    }
+    *out = dolm::entry_fileno(*entry);
+    return 0;
+}
+
+file_table_entry_t *get_file_entry_by_fileno(const fileno_t *fileno) {
+    if (fileno == nullptr) {
+        return nullptr;
+    }
+    return find_entry([wanted = *fileno](const file_table_entry_t &entry) {
+        return dolm::entry_fileno(entry) == wanted;
+    });
+}
+
+int32_t get_file_name_by_fileno(const fileno_t *fileno, void *out) {
+    const file_table_entry_t *entry = get_file_entry_by_fileno(fileno);
+    if (entry == nullptr || out == nullptr) {
+        return -1;
+    }
+    std::memcpy(out, entry->name, sizeof(entry->name));
+    return 0;
+}
+
+int32_t get_file_attributes_by_file_name(const char *name, file_attributes_t *attributes,
+                                         uint32_t *max_size) {
+    const file_table_entry_t *entry = get_file_entry_by_file_name(name);
+    if (entry == nullptr || attributes == nullptr || max_size == nullptr) {
+        return -1;
+    }
+    *attributes = dolm::entry_attributes(*entry);
+    *max_size = dolm::entry_max_size(*entry);
+    return 0;
+}

@@ -1,0 +1,30 @@
+// Fields of a file table entry as values. The entries lie in the FTBL as the host gave it, so
+// their integers are little-endian bytes on every machine.
+#pragma once
+
+#include "common/little_endian.h"
+#include "efs_tools_utils.h"
+
+namespace dolm {
+
+inline const uint8_t *entry_bytes(const file_table_entry_t &entry) {
+    return reinterpret_cast<const uint8_t *>(&entry);
+}
+
+inline fileno_t entry_fileno(const file_table_entry_t &entry) {
+    return load_le32(entry_bytes(entry) + offsetof(file_table_entry_t, fileno));
+}
+
+inline file_attributes_t entry_attributes(const file_table_entry_t &entry) {
+    return load_le16(entry_bytes(entry) + offsetof(file_table_entry_t, attributes));
+}
+
+inline uint16_t entry_file_id(const file_table_entry_t &entry) {
+    return load_le16(entry_bytes(entry) + offsetof(file_table_entry_t, file_id));
+}
+
+inline uint32_t entry_max_size(const file_table_entry_t &entry) {
+    return load_le32(entry_bytes(entry) + offsetof(file_table_entry_t, max_size));
+}
+
+} // namespace dolm
