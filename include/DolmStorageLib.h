@@ -2,6 +2,11 @@
 #ifndef DOLM_STORAGE_LIB_H
 #define DOLM_STORAGE_LIB_H
 
+#include "AfsCrc.h"
+#include "AfsFrameworkWin32.h"
+#include "AfsFtl.h"
+#include "AfsPhysical.h"
+#include "AfsPhysicalWin32Spi.h"
 #include "FCS.h"
 #include "efs_tools_utils.h"
 

@@ -1,0 +1,247 @@
+// The flash translation layer of AFS: a flat virtual address space (VA) of 64-byte pages over a
+// device of 8192-byte erase units (EU).
+//
+// Pages below data_va_start are kept in a log: each write appends a copy and commits it with one
+// byte. Pages from data_va_start up to total_va_size are data pages: each has one fixed slot in one
+// EU, written once between two reclaims of that EU. One EU is always the spare, the only one that
+// is ever erased. A mount rebuilds everything from the flash and writes nothing.
+//
+// Every operation answers 22 for a null context, for one that holds no mounted store, and for a
+// null pointer where bytes or a value would go; those that return no status say what they give.
+#ifndef AFS_FTL_H
+#define AFS_FTL_H
+
+#include <cstdint>
+
+#include "dolm_api.h"
+
+// Status numbers of all AFS operations.
+inline constexpr uint32_t AFS_RC_OK = 0;
+inline constexpr uint32_t AFS_RC_NO_FILE = 2;
+inline constexpr uint32_t AFS_RC_IO = 5; // input or output failure, or damaged data
+inline constexpr uint32_t AFS_RC_AGAIN = 11;
+inline constexpr uint32_t AFS_RC_NO_MEMORY = 12;
+inline constexpr uint32_t AFS_RC_INVALID = 22;
+inline constexpr uint32_t AFS_RC_TOO_LARGE = 27;
+inline constexpr uint32_t AFS_RC_NO_SPACE = 28;
+inline constexpr uint32_t AFS_RC_BAD_STATE = 99;
+inline constexpr uint32_t AFS_RC_NOT_RECLAIMED = 0x9797; // reclaim done and valid, nothing gained
+inline constexpr uint32_t AFS_RC_FLUSH_FIRST = 0xFFFD;   // flush the cache, then allocate again
+
+// Flags of afs_physical_ftl_init.
+inline constexpr uint32_t AFS_FTL_ALLOCATE_TABLES = 0x10000;
+inline constexpr uint32_t AFS_FLAG_ATTACH_DEVICE = 0x20000;
+
+// Geometry that every store shares.
+inline constexpr uint32_t AFS_PAGE_SIZE = 64;
+inline constexpr uint32_t AFS_EU_SIZE = 8192;
+inline constexpr uint32_t AFS_FTL_EU_PAGES = 120;  // page slots of a log EU
+inline constexpr uint32_t AFS_DATA_EU_PAGES = 122; // page slots of a data EU
+inline constexpr uint32_t AFS_DATA_EU_BYTES = AFS_DATA_EU_PAGES * AFS_PAGE_SIZE;
+inline constexpr uint32_t AFS_MAX_EU_COUNT = 255;
+
+// "No EU" and "no chunk" in 32-bit fields and results.
+inline constexpr uint32_t AFS_FTL_NONE = 0xFFFFFFFF;
+
+// Kinds of EU in a reclaim.
+inline constexpr uint32_t AFS_FTL_KIND_LOG = 0;
+inline constexpr uint32_t AFS_FTL_KIND_DATA = 1;
+inline constexpr uint32_t AFS_FTL_KIND_ANY = 2; // whatever the idle check finds
+
+// Modes of a reclaim: only move the log head or the allocator to an EU with room, or the real one.
+inline constexpr uint32_t AFS_FTL_MODE_MOVE = 0;
+inline constexpr uint32_t AFS_FTL_MODE_RECLAIM = 1;
+
+DOLM_EXTERN_C_BEGIN
+
+struct afs_physical_ops;
+
+// One EU, as the mount found it and as the operations keep it.
+struct afs_eu_info {
+    uint32_t sequence;    // of its header; 0 once the EU was given up since the mount
+    uint32_t erase_count; // of its header
+    uint16_t va_base;     // 0: log EU or spare; else the page number of a data EU's first page
+    uint8_t dirty_pages;  // slots without a live page, free ones included; 0 for the spare
+    uint8_t free_pages;   // data EU: erased slots; log EU: 1 while blank, else 0
+};
+
+// Where the newest copy of a log page lies. Both bytes are 0xFF if the page has no copy.
+struct afs_page_loc {
+    uint8_t eu;
+    uint8_t slot;
+};
+
+// The state of a mounted FTL. Allocated by afs_physical_ftl_init, released by afs_free_context.
+struct afs_ftl_state {
+    uint32_t sequence;     // highest sequence in use
+    uint32_t write_eu;     // log EU that is written to; AFS_FTL_NONE while nothing is mounted
+    uint32_t write_slot;   // its next slot; 120 means full
+    uint32_t alloc_cursor; // next chunk that the allocator tries, or AFS_FTL_NONE
+    uint32_t alloc_end;    // chunk at which its range ends
+    afs_eu_info *eu_table; // eu_count rows in use, room for AFS_MAX_EU_COUNT
+    afs_page_loc *page_map;
+    uint32_t page_count;     // entries of page_map: the pages below data_va_start at the mount
+    uint32_t uncommitted_eu; // EU that the mount rolled forward and whose header is still to be
+                             // committed by the next real reclaim, or AFS_FTL_NONE
+    uint16_t spare_eu;
+    uint16_t last_page;         // link for the next log entry of write_eu; 0 at its start
+    uint8_t alloc_checks_flash; // 1: a clear chunk bit alone does not make a slot free
+    uint8_t reclaim_armed;      // 1: the caller was told to flush, the allocator may reclaim
+    uint8_t eu_count;
+    uint8_t ftl_eu_count; // EUs before the first data EU in a fresh format
+    uint8_t reclaim_cursor;
+    uint8_t needs_mount;  // 1: a reclaim failed half-way and left the tables ahead of the flash;
+                          // writes and reclaims give 5 until the next mount
+    uint8_t last_data_eu; // the data EU found last; only a hint
+};
+
+// Control record of one line of the page cache.
+struct afs_cache_line {
+    uint16_t flags_and_link; // bit 0 valid, bit 1 dirty, bits 2 to 15 index of the next line
+    uint16_t page;           // VA / page size
+};
+
+// The record that the file layer, the cache and the FTL share. The caller allocates and clears it
+// and owns file_buffer and image; the arrays belong to the context (afs_free_context).
+struct afs_context {
+    uint32_t data_va_start;   // first VA of the data area, in bytes
+    uint32_t next_free_chunk; // reset at mount, not used by the FTL
+    uint32_t device_offset;   // of the store on the device, in bytes
+    uint32_t device_size;     // of the store, in bytes
+    uint32_t total_va_size;   // end of the VA space, in bytes
+    uint32_t fs_version;
+    uint32_t last_fat_page;
+    afs_ftl_state *ftl;
+    const afs_physical_ops *ops;
+    uint32_t *chunk_map; // bit i of word i / 32 is chunk i, set if allocated; null: no map
+    afs_cache_line *cache_lines;
+    uint16_t cache_head;
+    uint32_t *file_sizes;
+    uint8_t *cache_data;
+    uint8_t *file_buffer; // 4096 bytes
+    uint16_t chunk_count; // chunk_map has this many bits, and one more that stays clear
+    uint16_t page_size;
+    uint16_t cache_line_count;
+    uint16_t file_count;
+    uint8_t physical_kind;
+    uint8_t ftl_allocator;
+    uint8_t no_chunk_map;
+    uint8_t idle_reclaim_enabled;
+    void *image;
+};
+
+// ---- Mount and format. The caller has set data_va_start, total_va_size, device_offset and
+// device_size (bytes), and image if the device is to be attached.
+
+// Mounts device_size bytes of flash: reads all EU headers and logs, and settles an interrupted
+// reclaim in memory. AFS_FTL_ALLOCATE_TABLES gives the context a new state (an old one is
+// released), otherwise the tables of the last mount are used again; AFS_FLAG_ATTACH_DEVICE attaches
+// image. 0; 5 for a failed read or flash that holds no consistent store; 12 without memory; 22
+// without tables to use again, or with tables made for fewer log pages. After 5 the store counts as
+// not mounted, but can be formatted.
+DOLM_API uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint32_t flags);
+
+// Writes the headers of an empty store: log EUs, data EUs in VA order, spare. erase_first erases
+// every EU before, otherwise headers are written over what is there. Uses the EU counts of the last
+// afs_physical_ftl_init, successful or not, and leaves the tables as they are: mount again. 0; 5
+// for a failed device operation or more data EUs than fit.
+DOLM_API uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first);
+
+// Takes the log of one EU into page_map and the dirty counts; current also sets write_slot. 0; 5 if
+// the log cannot be read or names a page past the map.
+DOLM_API uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current);
+
+// ---- Pages. A VA is a byte address, rounded down to its page.
+
+// Reads one page. Pages never written, and data pages whose chunk is free, read as zeros. 0; 5 if
+// the page cannot be read whole in 7 reads or no EU holds it: buffer is then unchanged.
+DOLM_API uint32_t afs_physical_ftl_read_page(afs_context *context, uint32_t va, uint32_t length,
+                                             void *buffer, uint32_t device_offset);
+
+// Writes one page: a log page any number of times, a data page only into an erased slot. 0; 5 for a
+// failed device operation, a slot in use, a VA without a place; or what reclaim_eu_wrapper gives
+// when the log is full. After a failure the old copy of a log page still counts.
+DOLM_API uint32_t afs_physical_ftl_write_page(afs_context *context, uint32_t va, uint32_t length,
+                                              const void *data, uint32_t device_offset);
+
+// Forgets a page until the next mount; writes nothing. Always 0 on a mounted store.
+DOLM_API uint32_t afs_physical_ftl_trim_page(afs_context *context, uint32_t va, uint32_t length,
+                                             uint32_t device_offset);
+
+// Reads count consecutive data pages from va on, over at most two EUs. buffer has room for count
+// times 66 bytes, of which the first count times 64 are the result. If the first chunk is free, the
+// first 64 bytes are zeros and nothing else is read. 0 or 5; after 5 buffer is undefined.
+DOLM_API uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, uint32_t va,
+                                                   uint32_t count);
+
+// The same within one data EU, without a look at the chunk map. 0 or 5.
+DOLM_API uint32_t read_ftl_data_pages(afs_context *context, uint32_t eu, uint32_t first_slot,
+                                      uint32_t count, uint32_t first_page, void *buffer);
+
+// Hands out a free chunk, as its cid (file_count + chunk). Its bit stays clear until its page is
+// written. 0; AFS_RC_FLUSH_FIRST if the caller has to flush the cache and call again, since the
+// next call may reclaim; 28 if nothing is left; 5; 99 without a chunk map; or what
+// reclaim_eu_wrapper gives.
+DOLM_API uint32_t afs_physical_ftl_allocate_page(afs_context *context, uint16_t *cid);
+
+// Counts the data EUs and places the allocator, once chunk_map holds what the files use. 0; 5 for a
+// failed read, a live chunk whose page is not complete, or a data EU outside the data area; 99
+// without a chunk map.
+DOLM_API uint32_t afs_physical_ftl_set_allocation_map(afs_context *context);
+
+// Bytes of data VA space that a device of the context's device_size can offer; 0 for a null
+// context. metadata_size is not used.
+DOLM_API uint32_t afs_physical_ftl_get_data_vas(afs_context *context, uint32_t metadata_size);
+
+// ---- Reclaim. The chunk map must be complete and the cache flushed: a data page whose chunk bit
+// is clear is taken for dead.
+
+// Makes room of a kind (AFS_FTL_KIND_LOG or AFS_FTL_KIND_DATA). 0; 28 if nothing can be gained; 5;
+// 12; AFS_RC_NOT_RECLAIMED.
+DOLM_API uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind);
+
+// The EU to reclaim, and in mode how (AFS_FTL_MODE_...). wear 1 lets the wear rule fire; idle 1
+// asks the idle check, which replaces kind. AFS_FTL_NONE if there is none, the context holds no
+// store or mode is null. Changes nothing.
+DOLM_API uint32_t choose_eu_to_reclaim(afs_context *context, uint32_t kind, uint32_t wear,
+                                       uint32_t *mode, uint8_t idle);
+
+// Reclaims one EU in a mode. 0; AFS_RC_NOT_RECLAIMED if it was full of live pages; 28 for the spare
+// or no EU, with nothing touched; 12 without memory, with nothing touched; 5 for a failed device
+// operation or page (see needs_mount); 99 for a data EU without a chunk map.
+DOLM_API uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode);
+
+// Gives the role of source_eu to target_eu on the flash and in the tables; source becomes the
+// spare. The addresses are those of the EUs on the device. 0 or 5.
+DOLM_API uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu,
+                                             uint32_t source_eu, uint32_t target_address,
+                                             uint32_t source_address);
+
+// Copies up to 62 data pages to the same slots of another EU, each page checked, and marks them
+// complete there. The buffers have 4096 bytes each; addresses are those of EUs on the device. 0 or
+// 5.
+DOLM_API uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address,
+                                 uint32_t target_address, uint32_t first_slot, uint32_t count,
+                                 void *first_buffer, void *second_buffer, uint32_t first_page);
+
+// 1 if idle time could be used for a reclaim, else 0. eu (AFS_FTL_NONE: any) and kind are only set
+// with 1. 0 also where there is no store or a pointer is null.
+DOLM_API uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu,
+                                                       uint32_t *kind);
+
+// Does one such reclaim. 0, also if there is nothing to do, or what reclaim_eu gives.
+DOLM_API uint32_t afs_physical_ftl_idle_reclaim(afs_context *context);
+
+// Reclaims the next data EU of a walk through all of them. 11: call again; 0: the walk is through;
+// else a failure of reclaim_eu, and the walk stays where it is.
+DOLM_API uint32_t afs_physical_ftl_force_full_reclaim(afs_context *context);
+
+// Overwrites dead data pages and the spare's slots with zeros. 0 or 5.
+DOLM_API uint32_t afs_physical_ftl_force_dirty_erase(afs_context *context);
+
+// Rewrites EU 0 and EU 1, so that the spare ends up on EU 1. 0 or a failure of reclaim_eu.
+DOLM_API uint32_t afs_physical_ftl_end_reserved_files_mode(afs_context *context);
+
+DOLM_EXTERN_C_END
+
+#endif
