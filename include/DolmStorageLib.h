@@ -7,7 +7,11 @@
 #include "AfsFtl.h"
 #include "AfsPhysical.h"
 #include "AfsPhysicalWin32Spi.h"
+#include "Directory.h"
 #include "FCS.h"
+#include "File.h"
+#include "FileIterator.h"
+#include "IFile.h"
 #include "efs_tools_utils.h"
 
 #endif
