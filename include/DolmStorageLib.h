@@ -13,5 +13,8 @@
 #include "FileIterator.h"
 #include "IFile.h"
 #include "efs_tools_utils.h"
+#include "memory_utils.h"
+#include "qoqfs.h"
+#include "vynerrors.h"
 
 #endif

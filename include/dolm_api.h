@@ -12,4 +12,13 @@
 #define DOLM_EXTERN_C_END
 #endif
 
+/* An enumeration of fixed width: DOLM_ENUM(name, type) { enumerators }; */
+#ifdef __cplusplus
+#define DOLM_ENUM(name, type) enum name : type
+#else
+#define DOLM_ENUM(name, type)                                                                      \
+    typedef type name;                                                                             \
+    enum
+#endif
+
 #endif

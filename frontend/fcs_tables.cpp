@@ -1,0 +1,372 @@
+#include "frontend/fcs_tables.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "common/little_endian.h"
+#include "frontend/report.h"
+#include "memory_utils.h"
+
+namespace {
+
+constexpr FcsTable empty_table = {nullptr, FCS_FILE_UNSET, 0, nullptr, 0, nullptr, nullptr};
+constexpr uint32_t record_size = sizeof(_cfg_file_entry_t);
+constexpr char path_prefix[] = "/home/";
+constexpr size_t path_prefix_length = sizeof path_prefix - 1;
+
+} // namespace
+
+FcsTable s_orvelCfgTable = empty_table;
+FcsTable s_vynCfgTable = empty_table;
+FcsTable s_currentValuesTable = empty_table;
+FcsTable s_builtVynCfgTable = empty_table;
+
+std::vector<uint8_t> s_fileTableBuffer;
+uint32_t s_mDolmAfsSkuId = 0;
+bool s_mDolmLoadFileTable = false;
+bool s_fcsInitialized = false;
+
+namespace {
+
+struct free_deleter {
+    void operator()(void *memory) const { std::free(memory); }
+};
+using malloc_block = std::unique_ptr<uint8_t, free_deleter>;
+
+struct entry_deleter {
+    void operator()(FcsFileEntry *entry) const { qoQfsFreeFileEntry(entry); }
+};
+using unlinked_entry = std::unique_ptr<FcsFileEntry, entry_deleter>;
+
+malloc_block allocate(size_t size) {
+    malloc_block block(static_cast<uint8_t *>(std::malloc(size)));
+    if (!block) {
+        report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
+    }
+    return block;
+}
+
+bool same_name(const FcsFileEntry &entry, const char *name) {
+    return std::strncmp(entry.name, name, name_limit) == 0;
+}
+
+FcsFileEntry *find_in_list(const FcsTable &table, const char *name) {
+    for (FcsFileEntry *entry = table.firstEntry; entry != nullptr; entry = entry->next) {
+        if (same_name(*entry, name)) {
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
+// Hands the entry over to the table's list.
+void append(FcsTable &table, FcsFileEntry *entry) {
+    entry->linked = 1;
+    entry->next = nullptr;
+    entry->prev = nullptr;
+    if (table.firstEntry == nullptr) {
+        table.firstEntry = entry;
+        table.entryCount = 1;
+    } else {
+        entry->prev = table.lastEntry;
+        table.lastEntry->next = entry;
+        ++table.entryCount;
+    }
+    table.lastEntry = entry;
+}
+
+bool load_file_table_once() {
+    if (!s_mDolmLoadFileTable) {
+        return true;
+    }
+    const uint32_t status = load_file_table(s_fileTableBuffer.data(), s_mDolmAfsSkuId,
+                                            static_cast<uint32_t>(s_fileTableBuffer.size()));
+    if (status != 0) {
+        setLibError(IMAGE_TOOLS_FTBL_LOAD_FAILED, static_cast<int32_t>(status));
+        return false;
+    }
+    s_mDolmLoadFileTable = false;
+    return true;
+}
+
+bool open_store_from_buffer(FcsTable &table) {
+    void *handle = nullptr;
+    const uint32_t status = createHandleFromStructure(&handle, table.buffer, table.bufferSize);
+    table.handle = handle;
+    if (status != FCS_OK) {
+        setLibError(IMAGE_TOOLS_FCS_CREATE_HANDLE_FAILED, static_cast<int32_t>(status));
+        return false;
+    }
+    return true;
+}
+
+// Reads the value of an entry whose record is known: the store's block without the record in front.
+bool load_value(const FcsTable &table, FcsFileEntry &entry) {
+    uint32_t length = entry.size + record_size;
+    const malloc_block block(static_cast<uint8_t *>(std::malloc(length)));
+    entry.data = static_cast<uint8_t *>(std::calloc(entry.size, 1));
+    if (!block || entry.data == nullptr) {
+        report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
+        return false;
+    }
+    const uint32_t status = getFileData(table.handle, entry.name, block.get(), &length);
+    if (status != FCS_OK) {
+        setLibError(IMAGE_TOOLS_FCS_GET_FILE_FAILED, static_cast<int32_t>(status));
+        return false;
+    }
+    return qoQfsMemCpy(entry.data, entry.size, block.get() + record_size, entry.size) == 0;
+}
+
+// getFileAttributes leaves little-endian bytes; the record stays so, since it goes back as it is.
+void take_over_head(FcsFileEntry &entry) {
+    const auto *head = reinterpret_cast<const uint8_t *>(&entry);
+    entry.size = dolm::load_le16(head + offsetof(_cfg_file_entry_t, size));
+    entry.attributes = dolm::load_le16(head + offsetof(FcsFileEntry, attributes));
+    entry.maxSize = dolm::load_le32(head + offsetof(FcsFileEntry, maxSize));
+}
+
+enum class load_step { appended, end_of_store, failed };
+
+load_step load_next_entry(FcsTable &table, bool withData) {
+    unlinked_entry entry(static_cast<FcsFileEntry *>(std::calloc(1, sizeof(FcsFileEntry))));
+    if (!entry) {
+        report_error(IMAGE_TOOLS_INVALID_DATA_POINTER);
+        return load_step::failed;
+    }
+    uint32_t status = FCS_OK;
+    if (table.firstEntry == nullptr) {
+        table.entryCount = 0;
+        status = getFirstFileInRoot(table.handle, entry->name);
+    } else {
+        status = getNextFile(table.handle, entry->name);
+    }
+    if (status == FCS_NO_MORE_FILES) {
+        return load_step::end_of_store;
+    }
+    if (status != FCS_OK) {
+        setLibError(IMAGE_TOOLS_FCS_GET_FILE_FAILED, static_cast<int32_t>(status));
+        return load_step::failed;
+    }
+    status = getFileAttributes(table.handle, entry->name, entry.get());
+    if (status != FCS_OK) {
+        qoQfsFreeFcsTable(table);
+        setLibError(IMAGE_TOOLS_FCS_GET_ATTRIBUTES_FAILED, static_cast<int32_t>(status));
+        return load_step::failed;
+    }
+    take_over_head(*entry);
+    entry->available = 1;
+    entry->hidden = 0;
+    if (entry->size != 0 && withData && !load_value(table, *entry)) {
+        return load_step::failed;
+    }
+    append(table, entry.release());
+    return load_step::appended;
+}
+
+} // namespace
+
+bool open_empty_store(FcsTable &table) {
+    void *handle = nullptr;
+    const uint32_t status = createHandle(&handle);
+    table.handle = handle;
+    if (status != FCS_OK) {
+        setLibError(IMAGE_TOOLS_FCS_CREATE_HANDLE_FAILED, static_cast<int32_t>(status));
+        return false;
+    }
+    return true;
+}
+
+bool qoQfsLoadFcsTableFiles(FcsTable &table, bool withData) {
+    // Store records name their files by number alone, so the file table comes first.
+    if (!load_file_table_once() || !open_store_from_buffer(table)) {
+        return false;
+    }
+    load_step step = load_step::appended;
+    while (step == load_step::appended) {
+        step = load_next_entry(table, withData);
+    }
+    if (step == load_step::failed) {
+        report_error(IMAGE_TOOLS_FCS_ENTRIES_FAILED);
+        return false;
+    }
+    return true;
+}
+
+FcsFileEntry *copyFileEntry(const FcsFileEntry *entry) {
+    if (entry == nullptr) {
+        return nullptr;
+    }
+    unlinked_entry copy(static_cast<FcsFileEntry *>(std::malloc(sizeof(FcsFileEntry))));
+    if (!copy) {
+        return nullptr;
+    }
+    qoQfsMemCpy(copy.get(), sizeof *copy, entry, sizeof *entry);
+    copy->data = nullptr;
+    copy->linked = 0;
+    copy->prev = nullptr;
+    copy->next = nullptr;
+    if (entry->data != nullptr && entry->size != 0) {
+        copy->data = allocate(entry->size).release();
+        if (copy->data == nullptr ||
+            qoQfsMemCpy(copy->data, copy->size, entry->data, entry->size) != 0) {
+            return nullptr;
+        }
+    }
+    return copy.release();
+}
+
+bool qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit) {
+    if (table.handle == nullptr || entry == nullptr) {
+        qoQfsAssert("Invalid FCS handle or fileEntry pointer");
+        return false;
+    }
+    if (entry->linked != 0) {
+        report_error(IMAGE_TOOLS_FCS_ENTRY_IN_USE);
+        return false;
+    }
+    if (find_in_list(table, entry->name) != nullptr) {
+        report_error(IMAGE_TOOLS_FCS_DUPLICATE_LABEL);
+        return false;
+    }
+    // The store takes the length in 16 bits: a longer block would be cut short there.
+    if (entry->size > UINT16_MAX - record_size) {
+        setLibError(IMAGE_TOOLS_FCS_ADD_FILE_FAILED, FCS_FILE_TOO_LARGE);
+        return false;
+    }
+    const auto length = static_cast<uint16_t>(entry->size + record_size);
+    const malloc_block block = allocate(length);
+    if (!block || qoQfsMemCpy(block.get(), length, &entry->record, record_size) != 0) {
+        return false;
+    }
+    if (entry->data != nullptr &&
+        qoQfsMemCpy(block.get() + record_size, entry->size, entry->data, entry->size) != 0) {
+        return false;
+    }
+    char name[name_limit + 2];
+    std::snprintf(name, sizeof name, "%.*s/", static_cast<int>(name_limit), entry->name);
+    const uint32_t status = addNewFile(table.handle, "", name, block.get(), length, enforceLimit);
+    if (status != FCS_OK) {
+        setLibError(IMAGE_TOOLS_FCS_ADD_FILE_FAILED, static_cast<int32_t>(status));
+        return false;
+    }
+    append(table, entry);
+    return true;
+}
+
+FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path) {
+    if (path == nullptr) {
+        report_error(IMAGE_TOOLS_CORRUPTED_BUFFER, "Invalid NVAR path");
+        return nullptr;
+    }
+    const FcsTable *table = nullptr;
+    switch (fileName) {
+    case FCS_FILE_ORVEL_CFG:
+        table = &s_orvelCfgTable;
+        break;
+    case FCS_FILE_VYN_CFG:
+        table = &s_vynCfgTable;
+        break;
+    case FCS_FILE_CURRENT_VALUES:
+        table = &s_currentValuesTable;
+        break;
+    default:
+        report_error(IMAGE_TOOLS_FCS_INVALID_FILE);
+        return nullptr;
+    }
+    if (!s_fcsInitialized || table->entryCount == 0) {
+        return nullptr;
+    }
+    // One byte more than is compared, so that cutting a longer path here changes no comparison.
+    char full_path[name_limit + 1];
+    const bool has_prefix = std::strncmp(path, path_prefix, path_prefix_length) == 0;
+    std::snprintf(full_path, sizeof full_path, "%s%s", has_prefix ? "" : path_prefix, path);
+    return find_in_list(*table, full_path);
+}
+
+void qoQfsFreeFileEntry(FcsFileEntry *entry) {
+    if (entry != nullptr) {
+        std::free(entry->data);
+        std::free(entry);
+    }
+}
+
+void qoQfsFreeFcsTable(FcsTable &table) {
+    if (table.handle != nullptr) {
+        void *handle = table.handle;
+        closeHandle(&handle);
+        table.handle = nullptr;
+    }
+    if (table.buffer != nullptr) {
+        std::free(table.buffer);
+        table.buffer = nullptr;
+        table.bufferSize = 0;
+    }
+    for (FcsFileEntry *entry = table.firstEntry; entry != nullptr;) {
+        FcsFileEntry *next = entry->next;
+        qoQfsFreeFileEntry(entry);
+        entry = next;
+    }
+    table.firstEntry = nullptr;
+}
+
+bool qoQfsGenerateFcsCurrentsTable() {
+    s_currentValuesTable = {};
+    s_currentValuesTable.fileName = FCS_FILE_CURRENT_VALUES;
+    if (!open_empty_store(s_currentValuesTable)) {
+        report_error(IMAGE_TOOLS_CURRENT_VALUES_CREATE_FAILED);
+        return false;
+    }
+    for (const FcsFileEntry *base = s_orvelCfgTable.firstEntry; base != nullptr;
+         base = base->next) {
+        if (!takes_part(*base)) {
+            continue;
+        }
+        unlinked_entry value(copyFileEntry(base));
+        if (const FcsFileEntry *override_entry = find_in_list(s_vynCfgTable, base->name)) {
+            if (FcsFileEntry *copy = copyFileEntry(override_entry)) {
+                value.reset(copy);
+            }
+        }
+        if (qoQfsAddNewFileFcs(s_currentValuesTable, value.get(), false)) {
+            static_cast<void>(value.release());
+        }
+    }
+    return true;
+}
+
+bool qoQfsSerializeFcsTable() {
+    FcsTable &table = s_builtVynCfgTable;
+    uint32_t size = 0;
+    uint32_t status = flush(table.handle, table.buffer, &size);
+    table.bufferSize = size;
+    if (status != FCS_BUFFER_TOO_SMALL) {
+        setLibError(IMAGE_TOOLS_FCS_FLUSH_FAILED, static_cast<int32_t>(status));
+        return false;
+    }
+    table.buffer = allocate(size).release();
+    if (table.buffer == nullptr) {
+        return false;
+    }
+    status = flush(table.handle, table.buffer, &size);
+    if (status != FCS_OK) {
+        setLibError(IMAGE_TOOLS_FCS_FLUSH_FAILED, static_cast<int32_t>(status));
+        return false;
+    }
+    return true;
+}
+
+uint32_t qoQfsMemCpy(void *destination, uint64_t destinationSize, const void *source,
+                     uint64_t count) {
+    if (count == 0) {
+        return BYTE_COPY_OK;
+    }
+    const uint32_t status = ByteCopy(destination, destinationSize, source, count);
+    if (status != BYTE_COPY_OK) {
+        char message[48];
+        std::snprintf(message, sizeof message, "Memory copy failed with error %u", status);
+        report_error(IMAGE_TOOLS_OUT_OF_MEMORY, message);
+    }
+    return status;
+}

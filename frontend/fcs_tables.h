@@ -1,0 +1,115 @@
+// The configuration tables: each a loaded store with a list of its files, and the operations by
+// which they are loaded, searched, merged and serialised.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "FCS.h"
+#include "efs_tools_utils.h"
+#include "qoqfs.h"
+
+#pragma pack(push, 1)
+
+// One file of a table, with its own copy of the value. Its first 18 bytes are the head that
+// getFileAttributes fills.
+struct FcsFileEntry {
+    _cfg_file_entry_t record; // as the store holds it; goes back as the head of the file's block,
+                              // so the file keeps its number. Its size field is that of the load
+    file_attributes_t attributes; // flag word of the file table's row
+    uint32_t maxSize;             // largest value, of the file table's row
+    uint8_t *data;                // the value, from malloc; null exactly when size is 0
+    uint8_t hidden;               // not 0: not accessible
+    uint8_t available;            // 0: not accessible
+    char name[255];               // full path, NUL-terminated
+    uint32_t size;                // bytes of data; the authority on the value's size
+    uint8_t linked;               // 1 once the entry stands in a list, which then owns it
+    FcsFileEntry *prev;
+    FcsFileEntry *next;
+};
+static_assert(offsetof(FcsFileEntry, attributes) == 12 && offsetof(FcsFileEntry, maxSize) == 14 &&
+              offsetof(FcsFileEntry, data) == 18);
+static_assert(sizeof(FcsFileEntry) == 18 + 1 + 1 + 255 + 4 + 1 + 3 * sizeof(void *));
+
+// One table. It owns its handle, its buffer, its entries and their values; a whole table is moved
+// by copying it byte for byte.
+struct FcsTable {
+    void *handle;             // store handle; null when closed
+    FcsFileName fileName;     // for whoever looks at a dump; nothing branches on it
+    uint32_t entryCount;      // entries in the list
+    uint8_t *buffer;          // the serialised store it was loaded from or built into, from malloc
+    uint32_t bufferSize;      // bytes of buffer
+    FcsFileEntry *firstEntry; // null for an empty table
+    FcsFileEntry *lastEntry;  // meaningful only while firstEntry is not null
+};
+static_assert(sizeof(FcsTable) == 3 * sizeof(uint32_t) + 4 * sizeof(void *));
+
+#pragma pack(pop)
+
+// Bits of FcsFileEntry::attributes.
+inline constexpr file_attributes_t attribute_has_trailer =
+    0x01; // in a deployed VFS the file ends in
+          // a trailer that is not part of the
+          // value, and is never written back
+inline constexpr file_attributes_t attribute_not_pulled = 0x02;   // not read from a deployed VFS
+inline constexpr file_attributes_t attribute_long_trailer = 0x40; // the trailer is 56 bytes, not 40
+
+inline constexpr size_t name_limit = sizeof(FcsFileEntry::name);
+
+extern FcsTable s_orvelCfgTable;      // base values; unchanged after the load
+extern FcsTable s_vynCfgTable;        // overriding values, or the store that termination built
+extern FcsTable s_currentValuesTable; // what the host reads and changes
+extern FcsTable s_builtVynCfgTable;   // under construction during termination
+
+// The library's copy of the file table. The selected rows point into it, so it stays for the life
+// of the process.
+extern std::vector<uint8_t> s_fileTableBuffer;
+extern uint32_t s_mDolmAfsSkuId;
+extern bool s_mDolmLoadFileTable; // the file table still has to be loaded, by the next table load
+extern bool s_fcsInitialized;     // the tables are up
+
+// Whether an entry takes part in current values and in the rebuilt store.
+inline bool takes_part(const FcsFileEntry &entry) {
+    return entry.available != 0 || entry.hidden != 0;
+}
+
+// Whether the host may see the entry, and flash may be read into it or written from it.
+inline bool is_accessible(const FcsFileEntry &entry) {
+    return entry.available != 0 && entry.hidden == 0;
+}
+
+// Fills the list of a table from its buffer, after loading the file table if that is still due. On
+// false everything has been reported; the caller frees the table, with the entries it got so far.
+bool qoQfsLoadFcsTableFiles(FcsTable &table, bool withData);
+
+// A deep copy that stands in no list; null without memory (or for null).
+FcsFileEntry *copyFileEntry(const FcsFileEntry *entry);
+
+// Adds entry to the table's store and list, which then owns it. With enforceLimit a value over its
+// maximum size is refused. On false everything has been reported and the entry stays the caller's.
+bool qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit);
+
+// The entry of path in the table of that name, or null; only a null path and an unknown table are
+// reported. A path that does not begin with "/home/" is taken as one below it.
+FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path);
+
+void qoQfsFreeFileEntry(FcsFileEntry *entry);
+
+// Releases what the table owns; harmless on a free table. The other fields stay as they are.
+void qoQfsFreeFcsTable(FcsTable &table);
+
+// Builds s_currentValuesTable, whose former content the caller has released: the entries of
+// s_orvelCfgTable in their order, with the entry of the same name from s_vynCfgTable where there is
+// one.
+bool qoQfsGenerateFcsCurrentsTable();
+
+// Flushes the store of s_builtVynCfgTable into its buffer.
+bool qoQfsSerializeFcsTable();
+
+// ByteCopy that reports a failure as number 324. A count of 0 gives 0 and touches nothing.
+uint32_t qoQfsMemCpy(void *destination, uint64_t destinationSize, const void *source,
+                     uint64_t count);
+
+// Opens an empty store in table.handle; reports a failure as number 331.
+bool open_empty_store(FcsTable &table);
