@@ -2,6 +2,8 @@
 #ifndef DOLM_STORAGE_LIB_H
 #define DOLM_STORAGE_LIB_H
 
+#include "Afs.h"
+#include "AfsCache.h"
 #include "AfsCrc.h"
 #include "AfsFrameworkWin32.h"
 #include "AfsFtl.h"

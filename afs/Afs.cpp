@@ -1,0 +1,159 @@
+// FAT entries and chains of chunks.
+#include "Afs.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "AfsPhysical.h"
+#include "afs/AfsFat.h"
+
+namespace dolm {
+
+namespace {
+
+// Chunks looked up since the last file slot. More of them than the store has make a loop.
+uint32_t chunk_cntr;
+
+bool names_chunk(const afs_context *context, uint16_t value) {
+    return value >= context->file_count && value - context->file_count < context->chunk_count;
+}
+
+bool valid_in_slot(const afs_context *context, uint16_t value) {
+    return value == fat_free || value >= fat_zombie || names_chunk(context, value);
+}
+
+bool valid_in_chain(const afs_context *context, uint16_t value) {
+    return value <= fat_last_chunk || names_chunk(context, value);
+}
+
+// Gives up a page of the FAT if it holds nothing but entries of free chunks: a page without a copy
+// reads as zeros, which is what they are to hold. The pages at both ends of the chunks' entries,
+// shared with the slots or with what lies behind, always stay.
+void trim_fat_page(afs_context *context, uint32_t page_va) {
+    const uint32_t chunk_entries = fat_va(context->file_count);
+    if (page_va < chunk_entries || page_va + context->page_size >= context->data_va_start) {
+        return;
+    }
+    const uint32_t first = (page_va - chunk_entries) / 2;
+    const uint32_t end = std::min<uint32_t>(first + context->page_size / 2, context->chunk_count);
+    for (uint32_t chunk = first; chunk < end; ++chunk) {
+        if (chunk_is_allocated(context, chunk)) {
+            return;
+        }
+    }
+    context->ops->trim_page(context, page_va, context->page_size, context->device_offset);
+}
+
+} // namespace
+
+uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t **bytes) {
+    void *line = nullptr;
+    const auto page = static_cast<uint16_t>(va >> std::countr_zero(context->page_size));
+    const uint32_t status = cache_ptr(context, page, &line);
+    if (status == AFS_RC_OK) {
+        *bytes = static_cast<uint8_t *>(line) + (va & (context->page_size - 1u));
+    }
+    return status;
+}
+
+uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t *value) {
+    const bool is_slot = cid < context->file_count;
+    chunk_cntr = is_slot ? 0 : chunk_cntr + 1;
+    uint8_t *entry = nullptr;
+    const uint32_t status = cached_bytes(context, fat_va(cid), &entry);
+    if (status != AFS_RC_OK) {
+        return status;
+    }
+    *value = load_le16(entry);
+    const bool valid = is_slot ? valid_in_slot(context, *value) : valid_in_chain(context, *value);
+    return valid && chunk_cntr <= context->chunk_count ? AFS_RC_OK : AFS_RC_IO;
+}
+
+uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value) {
+    uint8_t *entry = nullptr;
+    const uint32_t status = cached_bytes(context, fat_va(cid), &entry);
+    if (status == AFS_RC_OK) {
+        store_le16(entry, value);
+        cache_line_written(context, entry);
+    }
+    return status;
+}
+
+uint32_t commit_slot(afs_context *context, uint16_t file, uint16_t value) {
+    uint32_t status = set_fat_entry(context, file, value);
+    if (status == AFS_RC_OK) {
+        status = cache_flush(context);
+    }
+    if (status != AFS_RC_OK) {
+        cache_invalidate(context);
+    }
+    return status;
+}
+
+} // namespace dolm
+
+using namespace dolm;
+
+uint32_t afs_get_next_cid(afs_context *context, uint16_t cid, uint16_t *value) {
+    if (!is_mounted(context) || value == nullptr) {
+        return AFS_RC_INVALID;
+    }
+    if (cid >= context->file_count && !names_chunk(context, cid)) {
+        return AFS_RC_IO;
+    }
+    return next_cid(context, cid, value);
+}
+
+uint32_t afs_allocate_chunk(afs_context *context, uint16_t *cid) {
+    if (!is_mounted(context) || cid == nullptr) {
+        return AFS_RC_INVALID;
+    }
+    return context->ftl_allocator != 0 ? afs_physical_ftl_allocate_page(context, cid)
+                                       : AFS_RC_BAD_STATE;
+}
+
+void afs_trim_fat_page_if_needed(afs_context *context, uint16_t chunk) {
+    if (!is_mounted(context) || context->chunk_map == nullptr || chunk > context->chunk_count) {
+        return;
+    }
+    const uint32_t entry_va = fat_va(uint32_t{context->file_count} + chunk);
+    const uint32_t page_va = entry_va & ~(context->page_size - 1u);
+    if (page_va != context->last_fat_page) {
+        trim_fat_page(context, context->last_fat_page);
+        context->last_fat_page = page_va;
+    }
+}
+
+uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t count,
+                               const uint16_t *cids, bool invalidate) {
+    if (!is_mounted(context)) {
+        return AFS_RC_INVALID;
+    }
+    if (context->chunk_map == nullptr) {
+        return AFS_RC_BAD_STATE;
+    }
+    if (invalidate) {
+        cache_invalidate(context);
+    }
+    chunk_cntr = 0; // the caller may have walked the same chain before
+    uint16_t cid = first;
+    for (uint32_t freed = 1; freed <= count && cid > fat_last_chunk; ++freed) {
+        if (!names_chunk(context, cid)) {
+            return AFS_RC_IO;
+        }
+        const auto chunk = static_cast<uint16_t>(cid - context->file_count);
+        uint32_t status = context->ops->trim_page(context, chunk_va(context, cid), AFS_PAGE_SIZE,
+                                                  context->device_offset);
+        if (status == AFS_RC_OK && cids == nullptr) {
+            status = next_cid(context, cid, &cid);
+        } else if (freed < count) {
+            cid = cids[freed - 1];
+        }
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+        afs_trim_fat_page_if_needed(context, chunk);
+    }
+    afs_trim_fat_page_if_needed(context, context->chunk_count);
+    return AFS_RC_OK;
+}

@@ -1,0 +1,204 @@
+#include "AfsCache.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdlib>
+
+#include "AfsPhysical.h"
+
+namespace {
+
+// afs_cache_line::flags_and_link: bit 0 valid, bit 1 dirty, bits 2 to 15 the index of the next
+// less recently used line. Every line is always in the list, valid or not.
+constexpr uint16_t flag_valid = 1;
+constexpr uint16_t flag_dirty = 2;
+constexpr uint16_t flags = flag_valid | flag_dirty;
+constexpr unsigned link_shift = 2;
+constexpr uint16_t end_of_list = 0xFFF;
+
+// A line and the next more recently used one, which is the line itself at the head.
+struct place {
+    uint16_t line;
+    uint16_t predecessor;
+    bool found;
+};
+
+bool has_cache(const afs_context *context) {
+    return context != nullptr && context->cache_lines != nullptr &&
+           context->cache_data != nullptr && context->ops != nullptr;
+}
+
+uint16_t link_of(const afs_context *context, uint16_t line) {
+    return static_cast<uint16_t>(context->cache_lines[line].flags_and_link >> link_shift);
+}
+
+void set_link(afs_context *context, uint16_t line, uint16_t next) {
+    uint16_t &word = context->cache_lines[line].flags_and_link;
+    word = static_cast<uint16_t>(next << link_shift | (word & flags));
+}
+
+void set_flags(afs_cache_line &line, uint16_t value) {
+    line.flags_and_link = static_cast<uint16_t>((line.flags_and_link & ~flags) | value);
+}
+
+bool is_dirty(const afs_cache_line &line) {
+    return (line.flags_and_link & flags) == flags;
+}
+
+uint8_t *bytes_of(const afs_context *context, uint16_t line) {
+    return context->cache_data + static_cast<size_t>(line) * context->page_size;
+}
+
+// Goes from the head to the first line that matches, or else to the tail.
+template <typename Match>
+place find_line(const afs_context *context, Match matches) {
+    place at{context->cache_head, context->cache_head, false};
+    for (uint16_t visited = 1; visited <= context->cache_line_count; ++visited) {
+        at.found = matches(at.line);
+        const uint16_t next = link_of(context, at.line);
+        if (at.found || next == end_of_list) {
+            break;
+        }
+        at.predecessor = at.line;
+        at.line = next;
+    }
+    return at;
+}
+
+void move_to_head(afs_context *context, const place &at) {
+    if (at.line == context->cache_head) {
+        return;
+    }
+    set_link(context, at.predecessor, link_of(context, at.line));
+    set_link(context, at.line, context->cache_head);
+    context->cache_head = at.line;
+}
+
+uint32_t write_back(afs_context *context, uint16_t line) {
+    const uint32_t va = uint32_t{context->cache_lines[line].page} * context->page_size;
+    return context->ops->write_page(context, va, context->page_size, bytes_of(context, line),
+                                    context->device_offset);
+}
+
+uint32_t load(afs_context *context, uint16_t line, uint16_t page) {
+    afs_cache_line &control = context->cache_lines[line];
+    if (is_dirty(control)) {
+        const uint32_t status = write_back(context, line);
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+    }
+    const uint32_t va = uint32_t{page} * context->page_size;
+    const uint32_t status = context->ops->read_page(
+        context, va, context->page_size, bytes_of(context, line), context->device_offset);
+    if (status != AFS_RC_OK) {
+        return status;
+    }
+    control.page = page;
+    set_flags(control, flag_valid);
+    return AFS_RC_OK;
+}
+
+} // namespace
+
+uint32_t cache_init(afs_context *context, uint32_t page_size, uint16_t lines) {
+    if (context == nullptr || lines == 0 || lines > end_of_list || page_size < AFS_PAGE_SIZE ||
+        page_size > UINT16_MAX) {
+        return AFS_RC_INVALID;
+    }
+    const bool has_lines = context->cache_lines != nullptr;
+    if (has_lines != (context->cache_data != nullptr)) {
+        return AFS_RC_BAD_STATE;
+    }
+    if (has_lines) {
+        const uint32_t status = cache_flush(context);
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+        std::free(context->cache_lines);
+        std::free(context->cache_data);
+        context->cache_lines = nullptr;
+        context->cache_data = nullptr;
+    }
+
+    context->cache_line_count = lines;
+    // The lines have room for the context's present page size too: it holds until the caller sets
+    // the new one.
+    const size_t line_size = std::max<size_t>(page_size, context->page_size);
+    context->cache_lines =
+        static_cast<afs_cache_line *>(std::calloc(lines, sizeof(afs_cache_line)));
+    context->cache_data = static_cast<uint8_t *>(std::calloc(lines, line_size));
+    if (context->cache_lines == nullptr || context->cache_data == nullptr) {
+        return AFS_RC_NO_MEMORY;
+    }
+    context->cache_head = 0;
+    for (uint16_t line = 0; line < lines; ++line) {
+        set_link(context, line, line + 1 < lines ? static_cast<uint16_t>(line + 1) : end_of_list);
+    }
+    return AFS_RC_OK;
+}
+
+uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
+    if (!has_cache(context) || line == nullptr) {
+        return AFS_RC_INVALID;
+    }
+    const place at = find_line(context, [context, page](uint16_t index) {
+        const afs_cache_line &candidate = context->cache_lines[index];
+        return candidate.page == page && (candidate.flags_and_link & flag_valid) != 0;
+    });
+    move_to_head(context, at);
+    if (!at.found) {
+        const uint32_t status = load(context, at.line, page);
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+    }
+    *line = bytes_of(context, at.line);
+    return AFS_RC_OK;
+}
+
+void cache_line_written(afs_context *context, const void *pointer) {
+    if (!has_cache(context)) {
+        return;
+    }
+    const uintptr_t distance =
+        reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(context->cache_data);
+    const uintptr_t line = distance >> std::countr_zero(context->page_size);
+    if (line >= context->cache_line_count) {
+        return;
+    }
+    move_to_head(context, find_line(context, [line](uint16_t index) { return index == line; }));
+    context->cache_lines[line].flags_and_link |= flag_dirty;
+}
+
+uint32_t cache_flush(afs_context *context) {
+    if (!has_cache(context)) {
+        return AFS_RC_INVALID;
+    }
+    for (;;) {
+        uint16_t oldest = end_of_list;
+        find_line(context, [context, &oldest](uint16_t index) {
+            if (is_dirty(context->cache_lines[index])) {
+                oldest = index;
+            }
+            return false;
+        });
+        if (oldest == end_of_list) {
+            return AFS_RC_OK;
+        }
+        const uint32_t status = write_back(context, oldest);
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+        set_flags(context->cache_lines[oldest], flag_valid);
+    }
+}
+
+void cache_invalidate(afs_context *context) {
+    if (!has_cache(context)) {
+        return;
+    }
+    for (uint16_t line = 0; line < context->cache_line_count; ++line) {
+        context->cache_lines[line].flags_and_link &= static_cast<uint16_t>(~flag_valid);
+    }
+}

@@ -1,0 +1,84 @@
+// What lies at the start of the VA space of a store, and the ways to it through the page cache.
+//
+//   VA                   size             content
+//   0                    14               file-system header
+//   14                   2 * file_count   FAT entries of the file slots, cid 0 to file_count - 1
+//   14 + 2 * file_count  2 * chunk_count  FAT entries of the chunks, cid file_count onwards
+//   data_va_start        64 * chunk_count the chunks: the end of the FAT, rounded up to a page
+//
+// FAT entries, 16 bits:
+//
+//   value                     in a file slot             in the entry of a chunk
+//   0                         no such file               free, or the last one, without bytes
+//   1 to 64                   -                          the last one; that many bytes in it
+//   file_count onwards        first chunk of the file    next chunk of the file
+//   0xFFFE                    zombie                     -
+//   0xFFFF                    empty file                 -
+//
+// Everything else is damage.
+#pragma once
+
+#include <cstdint>
+
+#include "Afs.h"
+#include "common/little_endian.h"
+
+namespace dolm {
+
+inline constexpr uint32_t fs_header_magic = 0x724F6201;
+inline constexpr uint32_t fs_header_size = 14;
+
+// Bytes 0 to 13 of page 0, behind the magic at offset 0.
+struct afs_fs_header {
+    uint32_t fs_version;    // offset 4: bits 0 to 7 and 8 to 19, given when the store was created
+    uint32_t total_va_size; // offset 8: end of the VA space in bytes
+    uint16_t file_count;    // offset 12: number of file slots
+};
+
+inline constexpr uint16_t fat_free = 0;
+inline constexpr uint16_t fat_last_chunk = 64; // up to here a value is a byte count
+inline constexpr uint16_t fat_zombie = 0xFFFE;
+inline constexpr uint16_t fat_empty_file = 0xFFFF;
+
+// True for what is a chunk's cid wherever the FAT holds a valid value.
+constexpr bool is_chunk(uint16_t value) {
+    return value > fat_last_chunk && value < fat_zombie;
+}
+
+// Bytes that the chunk with this entry holds.
+constexpr uint32_t bytes_in_chunk(uint16_t value) {
+    return value < fat_last_chunk ? value : fat_last_chunk;
+}
+
+constexpr uint32_t fat_va(uint32_t cid) {
+    return fs_header_size + 2 * cid;
+}
+
+inline uint32_t chunk_va(const afs_context *context, uint16_t cid) {
+    return context->data_va_start + AFS_PAGE_SIZE * (uint32_t{cid} - context->file_count);
+}
+
+// For a store with a chunk map.
+inline bool chunk_is_allocated(const afs_context *context, uint32_t chunk) {
+    return (context->chunk_map[chunk / 32] >> chunk % 32 & 1) != 0;
+}
+
+// file_count is 0 after a mount that failed.
+inline bool is_mounted(const afs_context *context) {
+    return context != nullptr && context->file_count != 0 && context->ftl != nullptr &&
+           context->cache_lines != nullptr && context->cache_data != nullptr;
+}
+
+// Where the bytes of a VA lie in the cache; good until the call after the next one.
+uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t **bytes);
+
+// afs_get_next_cid for a mounted store and a cid that is a file or a chunk.
+uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t *value);
+
+// Changes a FAT entry in the cache.
+uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value);
+
+// Changes the slot of a file and flushes. After a failure the change is dropped from the cache.
+uint32_t commit_slot(afs_context *context, uint16_t file, uint16_t value);
+
+} // namespace dolm
