@@ -133,7 +133,7 @@ TEST_F(FcsTest, RefusesDamagedStores) {
         {"empty", [](Bytes &b) { b.clear(); }},
         {"record table cut", [](Bytes &b) { b.resize(4 + 2 * 12 - 1); }},
         {"count that wraps to nothing", [](Bytes &b) { put32(b, 0, 0x40000000); }},
-        {"payload cut", [](Bytes &b) { b.resize(b.size() - 1); }},
+        {"payload cut", [](Bytes &b) { b.pop_back(); }},
         {"offset that wraps", [](Bytes &b) { put32(b, 16 + 4, 0xFFFFFFFF); }},
         {"payload of an unknown number cut",
          [](Bytes &b) {
