@@ -10,6 +10,8 @@
 #include "AfsPhysical.h"
 #include "AfsPhysicalWin32Spi.h"
 #include "Directory.h"
+#include "EFS.h"
+#include "EFS_phy_win32.h"
 #include "FCS.h"
 #include "File.h"
 #include "FileIterator.h"

@@ -1,0 +1,78 @@
+// The device functions alone: every other file calls them by their exported names, so that another
+// device can be put in their place.
+#include "EFS_phy_win32.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "EFS.h"
+#include "efs/efs_format.h"
+
+uint8_t *efs_image = nullptr;
+uint32_t efs_size = 0;
+
+namespace {
+
+using dolm::efs::block_size;
+
+// The image that the library allocated itself, while it has one.
+uint8_t *own_image = nullptr;
+uint32_t own_image_size = 0;
+
+bool inside_image(uint32_t address, uint32_t length) {
+    return efs_image != nullptr && length != 0 && address < efs_size &&
+           length <= efs_size - address;
+}
+
+uint32_t allocate_image() {
+    efs_size = EFS_get_efs_size();
+    std::free(own_image);
+    own_image = static_cast<uint8_t *>(std::malloc(efs_size + size_t{1}));
+    own_image_size = efs_size;
+    efs_image = own_image;
+    if (own_image == nullptr) {
+        return EFS_NO_MEMORY;
+    }
+    std::memset(own_image, 0xFF, efs_size);
+    return EFS_OK;
+}
+
+} // namespace
+
+uint32_t EFS_physical_init(uint8_t format) {
+    if (format != 0) {
+        return allocate_image();
+    }
+    if (efs_image != nullptr && efs_image == own_image && EFS_get_efs_size() > own_image_size) {
+        return EFS_NOT_MOUNTED;
+    }
+    efs_size = EFS_get_efs_size();
+    return efs_image == nullptr ? EFS_NOT_MOUNTED : EFS_OK;
+}
+
+uint32_t EFS_physical_read(uint32_t address, uint32_t length, void *destination) {
+    if (!inside_image(address, length) || destination == nullptr) {
+        return EFS_INVALID;
+    }
+    std::memcpy(destination, efs_image + address, length);
+    return EFS_OK;
+}
+
+uint32_t EFS_physical_write(uint32_t address, uint32_t length, const void *source) {
+    if (!inside_image(address, length) || source == nullptr) {
+        return EFS_INVALID;
+    }
+    std::memcpy(efs_image + address, source, length);
+    return EFS_OK;
+}
+
+uint32_t EFS_physical_erase(uint32_t address, uint32_t length) {
+    if (!inside_image(address, length)) {
+        return EFS_INVALID;
+    }
+    if (address % block_size != 0 || length % block_size != 0) {
+        return EFS_BAD_DATA;
+    }
+    std::memset(efs_image + address, 0xFF, length);
+    return EFS_OK;
+}

@@ -1,0 +1,39 @@
+// The simulated flash device under the EFS store: an image of 4096-byte blocks in memory. Erased
+// bytes are 0xFF. Every access of the store to its image goes through these functions.
+#ifndef DOLM_EFS_PHY_WIN32_H
+#define DOLM_EFS_PHY_WIN32_H
+
+#include <stdint.h>
+
+#include "dolm_api.h"
+
+DOLM_EXTERN_C_BEGIN
+
+// The image, normally the host's, used in place. Null until a store is given one. An image that
+// EFS_physical_init allocated belongs to the library.
+extern DOLM_API uint8_t *efs_image;
+// Size of the image in bytes; no access reaches beyond it.
+extern DOLM_API uint32_t efs_size;
+
+// Sets efs_size from the geometry variables.
+// format 0: uses the image that efs_image points to. 0, or 1 if there is none or if it is one of
+//   the library's own and too small for the geometry (efs_size then stays as it was).
+// format not 0: releases the image that an earlier call allocated (never a host's), allocates one
+//   of efs_size bytes and fills it with 0xFF. 0, or 12 if there is no memory: efs_image is null.
+DOLM_API uint32_t EFS_physical_init(uint8_t format);
+
+// Copies `length` bytes at `address` of the image to `destination`.
+// 0, or 22 if the range is empty or not inside the image, or for a null pointer.
+DOLM_API uint32_t EFS_physical_read(uint32_t address, uint32_t length, void *destination);
+
+// Copies `length` bytes from `source` over the image at `address`: a plain copy, which can also
+// turn 0 bits into 1 bits. 0, or 22 as for a read.
+DOLM_API uint32_t EFS_physical_write(uint32_t address, uint32_t length, const void *source);
+
+// Fills the range with 0xFF. 0, or 22 as for a read, or 41 with the image left alone if `address`
+// or `length` is no multiple of 4096.
+DOLM_API uint32_t EFS_physical_erase(uint32_t address, uint32_t length);
+
+DOLM_EXTERN_C_END
+
+#endif
