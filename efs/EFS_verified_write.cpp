@@ -1,0 +1,32 @@
+// The one way of writing to flash. Data areas, footers and whole block contents go through it too,
+// with their own lengths; what is read back goes to verify_buffer, so the data may lie in
+// page_buffer.
+#include "efs/efs_internal.h"
+
+using namespace dolm::efs;
+
+uint32_t EFS_write_with_read_check(uint32_t address, uint32_t length, const void *data,
+                                   uint8_t check_erased) {
+    if (geometry_changed()) {
+        return EFS_NOT_MOUNTED;
+    }
+    if (length > sizeof efs_ctx.verify_buffer) {
+        return EFS_BAD_DATA;
+    }
+    if (data == nullptr) {
+        return EFS_INVALID;
+    }
+    uint8_t *const target = efs_ctx.verify_buffer;
+    if (check_erased != 0) {
+        const uint32_t status = read_until(address, length, target,
+                                           [target, length] { return is_erased(target, length); });
+        if (status != EFS_OK) {
+            return status;
+        }
+    }
+    if (const uint32_t status = EFS_physical_write(address, length, data); status != EFS_OK) {
+        return status;
+    }
+    return read_until(address, length, target,
+                      [target, length, data] { return std::memcmp(target, data, length) == 0; });
+}
