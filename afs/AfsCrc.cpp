@@ -1,0 +1,61 @@
+#include "AfsCrc.h"
+
+#include <algorithm>
+
+#include "common/crc.h"
+
+namespace {
+
+constexpr uint16_t crc14_mask = 0x3FFF;
+constexpr auto crc8_table = dolm::crc_table_msb_first<uint8_t>(0x07);
+constexpr auto crc16_table = dolm::crc_table_msb_first<uint16_t>(dolm::crc16_ccitt_polynomial);
+
+size_t byte_count(int32_t length) {
+    return static_cast<size_t>(std::max(length, 0));
+}
+
+} // namespace
+
+constexpr uint8_t gCrc8_low[16] = {0x00, 0x07, 0x0E, 0x09, 0x1C, 0x1B, 0x12, 0x15,
+                                   0x38, 0x3F, 0x36, 0x31, 0x24, 0x23, 0x2A, 0x2D};
+constexpr uint8_t gCrc8_high[16] = {0x00, 0x70, 0xE0, 0x90, 0xC7, 0xB7, 0x27, 0x57,
+                                    0x89, 0xF9, 0x69, 0x19, 0x4E, 0x3E, 0xAE, 0xDE};
+
+namespace {
+
+constexpr bool nibbles_fit_polynomial() {
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        if ((gCrc8_high[byte >> 4] ^ gCrc8_low[byte & 15]) != crc8_table[byte]) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(nibbles_fit_polynomial());
+
+} // namespace
+
+uint32_t crc8(const void *data, int32_t length) {
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    uint8_t crc = 0x01;
+    for (size_t i = 0; i < byte_count(length); ++i) {
+        const unsigned v = crc ^ bytes[i];
+        crc = gCrc8_high[v >> 4] ^ gCrc8_low[v & 15];
+    }
+    return crc;
+}
+
+uint32_t crc14(const void *data, int32_t length) {
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    uint32_t crc = crc14_mask;
+    for (size_t i = 0; i < byte_count(length); ++i) {
+        crc = (crc << 8 ^ crc16_table[bytes[i] ^ crc >> 8]) & crc14_mask;
+    }
+    return crc;
+}
+
+uint32_t crc16(const void *data, int32_t length, const void *tail) {
+    uint16_t crc = 0xFFFF;
+    crc = dolm::crc16_ccitt(crc, static_cast<const uint8_t *>(data), byte_count(length));
+    return dolm::crc16_ccitt(crc, static_cast<const uint8_t *>(tail), 2);
+}

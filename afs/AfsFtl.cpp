@@ -1,0 +1,374 @@
+// Mount and format of the flash translation layer.
+#include "AfsFtl.h"
+
+#include <algorithm>
+#include <bitset>
+#include <cstdlib>
+#include <cstring>
+
+#include "afs/ftl_access.h"
+#include "afs/ftl_format.h"
+
+using namespace dolm;
+
+namespace {
+
+// What the scan of the EU headers finds out, beyond the tables.
+struct header_scan {
+    uint32_t spare = AFS_FTL_NONE;   // the EU without a valid header
+    uint32_t pending = AFS_FTL_NONE; // the EU whose header is not committed
+    uint16_t pending_next_spare = 0;
+    uint16_t pending_first_entry = 0;
+    uint16_t newest_next_spare = 0; // of the committed header with the highest sequence
+    uint16_t log_head_page = 0;     // last page of the newest log
+    bool repair_erase_count = false;
+};
+
+// EUs that the data area fills.
+uint32_t data_eu_count(const afs_context *context) {
+    return context->total_va_size > context->data_va_start
+               ? (context->total_va_size - context->data_va_start) / AFS_DATA_EU_BYTES
+               : 0;
+}
+
+uint32_t log_page_count(const afs_context *context) {
+    return context->data_va_start / AFS_PAGE_SIZE;
+}
+
+// calloc that gives a pointer for no elements as well.
+template <typename T>
+T *allocate_cleared(size_t count) {
+    return static_cast<T *>(std::calloc(std::max<size_t>(count, 1), sizeof(T)));
+}
+
+uint32_t allocate_tables(afs_context *context) {
+    release_ftl_state(context);
+    auto *ftl = allocate_cleared<afs_ftl_state>(1);
+    context->ftl = ftl;
+    if (ftl == nullptr) {
+        return AFS_RC_NO_MEMORY;
+    }
+    ftl->write_eu = AFS_FTL_NONE;
+    ftl->page_count = log_page_count(context);
+    ftl->eu_table = allocate_cleared<afs_eu_info>(AFS_MAX_EU_COUNT);
+    ftl->page_map = allocate_cleared<afs_page_loc>(ftl->page_count);
+    return ftl_has_tables(context) ? AFS_RC_OK : AFS_RC_NO_MEMORY;
+}
+
+void reset_state(afs_context *context, uint32_t device_size) {
+    afs_ftl_state &ftl = *context->ftl;
+    std::memset(ftl.page_map, 0xFF, ftl.page_count * sizeof(afs_page_loc));
+    std::fill_n(ftl.eu_table, AFS_MAX_EU_COUNT, afs_eu_info{});
+    ftl.eu_count = static_cast<uint8_t>(device_size / AFS_EU_SIZE);
+    ftl.ftl_eu_count = static_cast<uint8_t>(ftl.eu_count - 1 - data_eu_count(context));
+    ftl.sequence = ftl.eu_count - 1u;
+    ftl.write_eu = AFS_FTL_NONE;
+    ftl.write_slot = 0;
+    ftl.alloc_cursor = 0;
+    ftl.alloc_end = 0;
+    ftl.uncommitted_eu = AFS_FTL_NONE;
+    ftl.spare_eu = 255;
+    ftl.last_page = 0;
+    ftl.alloc_checks_flash = 0;
+    ftl.reclaim_armed = 0;
+    ftl.reclaim_cursor = 0;
+    ftl.needs_mount = 0;
+    ftl.last_data_eu = 0;
+}
+
+void mark_blank_log(afs_eu_info &row) {
+    row.dirty_pages = AFS_FTL_EU_PAGES;
+    row.free_pages = 1;
+}
+
+uint32_t take_committed_header(afs_context *context, uint32_t eu, const afs_eu_header &header,
+                               uint16_t first_entry, header_scan &scan) {
+    afs_ftl_state &ftl = *context->ftl;
+    afs_eu_info &row = ftl.eu_table[eu];
+    row.va_base = header.va_base;
+    if (header.sequence >= ftl.sequence) {
+        ftl.sequence = header.sequence;
+        scan.newest_next_spare = header.next_spare;
+    }
+    if (header.va_base != 0) {
+        return AFS_RC_OK;
+    }
+    if (first_entry == log_entry_erased) {
+        mark_blank_log(row);
+        return AFS_RC_OK;
+    }
+    const bool newest =
+        ftl.write_eu == AFS_FTL_NONE || ftl.eu_table[ftl.write_eu].sequence <= header.sequence;
+    if (!newest) {
+        return ftl_process_pages(context, eu, 0);
+    }
+    ftl.write_eu = eu;
+    const uint32_t rc = ftl_process_pages(context, eu, 1);
+    scan.log_head_page = ftl.last_page;
+    return rc;
+}
+
+// Reads the header of an EU, sorts the EU by it, and takes in its log if it has one.
+uint32_t scan_eu(afs_context *context, uint32_t eu, header_scan &scan) {
+    uint8_t bytes[eu_header_size + log_entry_size];
+    if (SpiDrvRead(eu_address(context, eu), sizeof bytes, bytes) != 0) {
+        return AFS_RC_IO;
+    }
+    const afs_eu_header header = load_eu_header(bytes);
+    const uint16_t first_entry = load_le16(bytes + log_entry_offset(0));
+    afs_eu_info &row = context->ftl->eu_table[eu];
+    row.sequence = header.sequence;
+    row.erase_count = header.erase_count;
+
+    if (!eu_header_is_valid(bytes)) {
+        if (scan.spare != AFS_FTL_NONE) {
+            return AFS_RC_IO;
+        }
+        scan.spare = eu;
+        scan.repair_erase_count = !spare_erase_count_is_good(bytes);
+        context->ftl->spare_eu = static_cast<uint16_t>(eu);
+        return AFS_RC_OK;
+    }
+    if (bytes[eu_state_offset] == eu_state_pending) {
+        if (scan.pending != AFS_FTL_NONE) {
+            return AFS_RC_IO;
+        }
+        scan.pending = eu;
+        scan.pending_next_spare = header.next_spare;
+        scan.pending_first_entry = first_entry;
+        row.va_base = header.va_base;
+        return AFS_RC_OK;
+    }
+    return take_committed_header(context, eu, header, first_entry, scan);
+}
+
+// The reclaim was cut after its source had been given up: the pending EU stands in for it. Its
+// header stays uncommitted on the flash for now, since a mount writes nothing.
+uint32_t roll_forward(afs_context *context, const header_scan &scan) {
+    afs_ftl_state &ftl = *context->ftl;
+    afs_eu_info &row = ftl.eu_table[scan.pending];
+    ftl.uncommitted_eu = scan.pending;
+    ftl.sequence = row.sequence;
+    if (row.va_base != 0) {
+        return AFS_RC_OK;
+    }
+    if (scan.pending_first_entry == log_entry_erased) {
+        mark_blank_log(row);
+        return AFS_RC_OK;
+    }
+    // If nothing in it is committed (its first write was cut in a later session), the link starts
+    // at 0 like that of any EU: the next mount would not find a page chained to another EU's log.
+    ftl.write_eu = scan.pending;
+    return ftl_process_pages(context, scan.pending, 1);
+}
+
+uint32_t settle_interrupted_reclaim(afs_context *context, const header_scan &scan) {
+    if (scan.pending == AFS_FTL_NONE) {
+        return scan.spare == scan.newest_next_spare ? AFS_RC_OK : AFS_RC_IO;
+    }
+    if (scan.spare == AFS_FTL_NONE) {
+        // Cut before the source was given up: roll back, the pending EU is the spare again.
+        context->ftl->eu_table[scan.pending].va_base = 0;
+        context->ftl->spare_eu = static_cast<uint16_t>(scan.pending);
+        return AFS_RC_OK;
+    }
+    if (scan.spare != scan.pending_next_spare) {
+        return AFS_RC_IO;
+    }
+    return roll_forward(context, scan);
+}
+
+// A lost erase count becomes the average of the others.
+void repair_erase_count(afs_ftl_state &ftl, uint32_t spare) {
+    uint64_t sum = 0;
+    for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
+        sum += eu == spare ? 0 : ftl.eu_table[eu].erase_count;
+    }
+    ftl.eu_table[spare].erase_count = static_cast<uint32_t>(sum / (ftl.eu_count - 1u));
+}
+
+// Every data EU starts where a data EU can, and no two at the same place. Only asked where the
+// geometry has a data area: the file layer mounts once without, to read the header that tells it.
+bool data_eus_fit(const afs_context *context) {
+    std::bitset<UINT16_MAX / AFS_DATA_EU_PAGES + 1> taken;
+    for (uint32_t eu = 0; eu < context->ftl->eu_count; ++eu) {
+        if (context->ftl->eu_table[eu].va_base == 0) {
+            continue;
+        }
+        uint32_t first_chunk;
+        if (!find_first_chunk(context, eu, &first_chunk) ||
+            taken[first_chunk / AFS_DATA_EU_PAGES]) {
+            return false;
+        }
+        taken.set(first_chunk / AFS_DATA_EU_PAGES);
+    }
+    return true;
+}
+
+uint32_t mount(afs_context *context) {
+    afs_ftl_state &ftl = *context->ftl;
+    header_scan scan;
+    for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
+        const uint32_t rc = scan_eu(context, eu, scan);
+        if (rc != AFS_RC_OK) {
+            return rc;
+        }
+    }
+    ftl.last_page = scan.log_head_page;
+    const uint32_t rc = settle_interrupted_reclaim(context, scan);
+    if (rc != AFS_RC_OK) {
+        return rc;
+    }
+    if (ftl.write_eu == AFS_FTL_NONE) {
+        // No log is written yet.
+        ftl.write_eu =
+            find_oldest_eu(ftl, [](uint32_t, const afs_eu_info &row) { return row.va_base == 0; });
+    }
+    if (ftl.write_eu == AFS_FTL_NONE) {
+        return AFS_RC_IO;
+    }
+    if (scan.repair_erase_count) {
+        repair_erase_count(ftl, scan.spare);
+    }
+    const bool has_data_area = context->total_va_size != context->data_va_start;
+    return has_data_area && !data_eus_fit(context) ? AFS_RC_IO : AFS_RC_OK;
+}
+
+// A committed log entry: page has a copy in a slot of eu. The copy in the EU of the higher sequence
+// counts, within one sequence the later one; the other is dirty. Each slot is counted at most once,
+// so that no count passes the slots of an EU, whatever the log says.
+void claim_page(afs_ftl_state &ftl, uint32_t page, uint32_t eu, uint32_t slot) {
+    afs_page_loc &copy = ftl.page_map[page];
+    if (copy.slot != slot_none) {
+        afs_eu_info &other = ftl.eu_table[copy.eu];
+        if (other.sequence > ftl.eu_table[eu].sequence) {
+            ++ftl.eu_table[eu].dirty_pages;
+            return;
+        }
+        ++other.dirty_pages;
+    }
+    copy = {static_cast<uint8_t>(eu), static_cast<uint8_t>(slot)};
+}
+
+bool is_erased_byte(uint8_t byte) {
+    return byte == 0xFF;
+}
+
+} // namespace
+
+uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current) {
+    if (!ftl_has_tables(context) || eu >= context->ftl->eu_count) {
+        return AFS_RC_INVALID;
+    }
+    afs_ftl_state &ftl = *context->ftl;
+    afs_eu_info &row = ftl.eu_table[eu];
+    uint8_t log[log_map_size];
+    if (SpiDrvRead(eu_address(context, eu) + log_map_offset, sizeof log, log) != 0) {
+        return AFS_RC_IO;
+    }
+    const auto entry = [&log](uint32_t slot) { return load_le16(log + slot * log_entry_size); };
+    const auto set_write_slot = [&ftl, current](uint32_t slot) {
+        ftl.write_slot = current != 0 ? slot : ftl.write_slot;
+    };
+    const uint32_t pages = std::min(log_page_count(context), ftl.page_count);
+
+    ftl.last_page = 0;
+    for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES; ++slot) {
+        const uint16_t next = entry(slot + 1);
+        if ((next & log_entry_open_bit) == 0) {
+            const uint16_t page = log_chain(ftl.last_page, entry(slot));
+            ftl.last_page = page;
+            if (page >= pages) {
+                return AFS_RC_IO;
+            }
+            claim_page(ftl, page, eu, slot);
+            if (next == log_entry_commit_mark) {
+                const uint32_t end = slot + 1;
+                // A reclaim that was cut while it wrote a run of entries can have left some behind
+                // the mark. They would commit what is written before them, so such a log is full.
+                const bool clean_behind =
+                    std::all_of(log + (end + 1) * log_entry_size, std::end(log), is_erased_byte);
+                set_write_slot(clean_behind ? end : AFS_FTL_EU_PAGES);
+                row.dirty_pages = static_cast<uint8_t>(row.dirty_pages + AFS_FTL_EU_PAGES - end);
+                return AFS_RC_OK;
+            }
+            // Until the end of the log shows, nothing behind a committed entry is free.
+            set_write_slot(AFS_FTL_EU_PAGES);
+            continue;
+        }
+        ++row.dirty_pages;
+        if (entry(slot) == log_entry_erased) {
+            continue;
+        }
+        // The write of this slot was cut. The next slot is given up as well, since its entry may
+        // hold a part of the commit byte.
+        if (slot + 1 < AFS_FTL_EU_PAGES) {
+            ++slot;
+            ++row.dirty_pages;
+        }
+        set_write_slot(slot + 1);
+    }
+    return AFS_RC_OK;
+}
+
+uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint32_t flags) {
+    if (context == nullptr) {
+        return AFS_RC_INVALID;
+    }
+    if ((flags & AFS_FTL_ALLOCATE_TABLES) != 0) {
+        const uint32_t rc = allocate_tables(context);
+        if (rc != AFS_RC_OK) {
+            return rc;
+        }
+    }
+    if (!ftl_has_tables(context) || log_page_count(context) > context->ftl->page_count) {
+        return AFS_RC_INVALID;
+    }
+    reset_state(context, device_size);
+    if ((flags & AFS_FLAG_ATTACH_DEVICE) != 0) {
+        SpiFlashDrvInitialize(context->image);
+    }
+    const uint32_t rc = context->ftl->eu_count == 0 ? AFS_RC_IO : mount(context);
+    if (rc != AFS_RC_OK) {
+        context->ftl->write_eu = AFS_FTL_NONE;
+    }
+    return rc;
+}
+
+uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first) {
+    if (!ftl_has_tables(context)) {
+        return AFS_RC_INVALID;
+    }
+    const afs_ftl_state &ftl = *context->ftl;
+    const uint32_t eu_count = context->device_size / AFS_EU_SIZE;
+    if (eu_count == 0) {
+        return AFS_RC_OK;
+    }
+    if (data_eu_count(context) >= eu_count) {
+        return AFS_RC_IO;
+    }
+    const uint32_t log_eu_count = eu_count - 1 - data_eu_count(context);
+    for (uint32_t eu = 0; eu < eu_count; ++eu) {
+        const uint32_t address = eu_address(context, eu);
+        if (erase_first != 0 && !erase_eu(address)) {
+            return AFS_RC_IO;
+        }
+        afs_eu_header header = {eu_magic, eu + 1, 1, static_cast<uint16_t>(eu + 1), 0};
+        if (eu >= log_eu_count && eu + 1 < ftl.eu_count) {
+            const uint32_t va =
+                (eu - ftl.ftl_eu_count) * AFS_DATA_EU_BYTES + context->data_va_start;
+            header.va_base = static_cast<uint16_t>(va / AFS_PAGE_SIZE);
+        }
+        uint8_t bytes[eu_header_written_size];
+        store_eu_header(bytes, header);
+        if (eu + 1 == eu_count) {
+            // The spare: no valid header, but an erase count that can be believed.
+            store_le32(bytes + eu_magic_offset, 0);
+        }
+        if (verified_write(address, bytes, sizeof bytes) != 0 ||
+            verified_write_byte(address + eu_state_offset, eu_state_committed) != 0) {
+            return AFS_RC_IO;
+        }
+    }
+    return AFS_RC_OK;
+}

@@ -1,0 +1,581 @@
+// Reclaim: getting the space of dead pages back, and the wear policy that picks the EU.
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include "AfsFtl.h"
+#include "afs/ftl_access.h"
+#include "afs/ftl_format.h"
+
+using namespace dolm;
+
+namespace {
+
+// The wear rule fires when the erase counts are further apart than this, and then only at every
+// tenth erase of the most worn EU.
+constexpr uint32_t max_wear_spread = 100;
+constexpr uint32_t wear_rule_period = 10;
+
+// The idle check wants more room than this: slots in the log, and in the data EUs if these hold
+// more dirt than data_dirt_worth_reclaim.
+constexpr uint32_t short_log = 29;
+constexpr uint32_t short_data = 63;
+constexpr uint32_t data_dirt_worth_reclaim = 96;
+
+// Stands for "no live page" in a list of the pages of a log EU.
+constexpr uint16_t no_page = 0xFFFF;
+
+struct work_area {
+    uint8_t pages[run_buffer_size];
+    uint8_t readback[run_buffer_size];
+};
+
+bool is_of_kind(const afs_eu_info &row, uint32_t kind) {
+    return (row.va_base != 0) == (kind == AFS_FTL_KIND_DATA);
+}
+
+void move_log_head(afs_ftl_state &ftl, uint32_t eu) {
+    ftl.write_eu = eu;
+    ftl.write_slot = 0;
+    ftl.last_page = 0;
+}
+
+// What decides between the EUs of one kind.
+struct wear_survey {
+    uint32_t least_worn = AFS_FTL_NONE;
+    uint32_t highest_erase_count = 0;
+    uint32_t dirtiest = AFS_FTL_NONE; // of equals the least worn, of those the first
+};
+
+wear_survey survey_kind(const afs_ftl_state &ftl, uint32_t kind) {
+    wear_survey survey;
+    for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
+        const afs_eu_info &row = ftl.eu_table[eu];
+        if (eu == ftl.spare_eu || !is_of_kind(row, kind)) {
+            continue;
+        }
+        survey.highest_erase_count = std::max(survey.highest_erase_count, row.erase_count);
+        if (survey.dirtiest == AFS_FTL_NONE) {
+            survey.least_worn = survey.dirtiest = eu;
+            continue;
+        }
+        if (row.erase_count < ftl.eu_table[survey.least_worn].erase_count) {
+            survey.least_worn = eu;
+        }
+        const afs_eu_info &best = ftl.eu_table[survey.dirtiest];
+        if (row.dirty_pages > best.dirty_pages ||
+            (row.dirty_pages == best.dirty_pages && row.erase_count < best.erase_count)) {
+            survey.dirtiest = eu;
+        }
+    }
+    return survey;
+}
+
+// An EU that holds nothing live and has nothing erased: to reclaim it costs an erase and no copy.
+bool is_entirely_dead(const afs_context *context, uint32_t eu) {
+    const afs_ftl_state &ftl = *context->ftl;
+    const afs_eu_info &row = ftl.eu_table[eu];
+    const uint32_t slots = row.va_base != 0 ? usable_slots(context, eu) : AFS_FTL_EU_PAGES;
+    return row.free_pages == 0 && row.dirty_pages == slots &&
+           (row.va_base != 0 || eu != ftl.write_eu);
+}
+
+// Copies the live pages of a data EU to the same slots of the erased target, from the last slot to
+// the first. With rearm the allocator's cursor ends up on the lowest dead slot.
+uint32_t copy_live_data_pages(afs_context *context, uint32_t source, uint32_t first_chunk,
+                              bool rearm, work_area &work) {
+    afs_ftl_state &ftl = *context->ftl;
+    afs_eu_info &target = ftl.eu_table[ftl.spare_eu];
+    const uint32_t first_page = ftl.eu_table[source].va_base;
+    uint32_t run = 0;
+    for (uint32_t slot = usable_slots(context, source); slot-- > 0;) {
+        uint32_t run_start = slot;
+        if (chunk_is_live(context, first_chunk + slot)) {
+            --target.dirty_pages;
+            ++run;
+            if (run < max_run && slot != 0) {
+                continue;
+            }
+        } else {
+            if (rearm) {
+                ftl.alloc_cursor = first_chunk + slot;
+            }
+            if (run == 0) {
+                continue;
+            }
+            run_start = slot + 1;
+        }
+        const uint32_t rc =
+            ftl_copy_pages(context, eu_address(context, source), eu_address(context, ftl.spare_eu),
+                           run_start, run, work.pages, work.readback, first_page + run_start);
+        if (rc != AFS_RC_OK) {
+            return rc;
+        }
+        target.free_pages = static_cast<uint8_t>(target.free_pages - run);
+        run = 0;
+    }
+    return AFS_RC_OK;
+}
+
+uint32_t reclaim_data_eu(afs_context *context, uint32_t source, work_area &work) {
+    afs_ftl_state &ftl = *context->ftl;
+    const uint32_t target = ftl.spare_eu;
+    uint32_t first_chunk;
+    if (!find_first_chunk(context, source, &first_chunk)) {
+        return AFS_RC_IO;
+    }
+    ftl.reclaim_armed = 0;
+    if (!erase_eu(eu_address(context, target))) {
+        return AFS_RC_IO;
+    }
+    const uint32_t slots = usable_slots(context, source);
+    ftl.eu_table[target].dirty_pages = static_cast<uint8_t>(slots);
+    ftl.eu_table[target].free_pages = static_cast<uint8_t>(slots);
+    const bool rearm = ftl.alloc_cursor == ftl.alloc_end || ftl.alloc_cursor == AFS_FTL_NONE;
+    if (rearm) {
+        ftl.alloc_cursor = AFS_FTL_NONE;
+        ftl.alloc_end = first_chunk + slots;
+    }
+    uint32_t rc = copy_live_data_pages(context, source, first_chunk, rearm, work);
+    if (rc == AFS_RC_OK) {
+        rc = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
+                                        eu_address(context, source));
+    }
+    if (rc != AFS_RC_OK) {
+        return rc;
+    }
+    return ftl.alloc_cursor == AFS_FTL_NONE ? AFS_RC_NOT_RECLAIMED : AFS_RC_OK;
+}
+
+// The live pages of a log EU on their way to the head of the log.
+struct log_move {
+    uint32_t source;
+    uint32_t overflow_eu; // follows a full head
+    uint32_t live = 0;
+    uint16_t pages[AFS_FTL_EU_PAGES]; // page number of each slot, or no_page
+};
+
+log_move list_live_log_pages(const afs_ftl_state &ftl, uint32_t source, uint32_t overflow_eu) {
+    log_move move{source, overflow_eu, 0, {}};
+    std::fill(std::begin(move.pages), std::end(move.pages), no_page);
+    for (uint32_t page = 0; page < ftl.page_count; ++page) {
+        const afs_page_loc &copy = ftl.page_map[page];
+        if (copy.eu == source && copy.slot != slot_none) {
+            move.pages[copy.slot] = static_cast<uint16_t>(page);
+            ++move.live;
+        }
+    }
+    return move;
+}
+
+// Appends a run of pages to the head: the pages first, then their entries, so that no entry ever
+// stands ahead of its page. The last page of the run is not committed yet.
+uint32_t append_log_run(afs_context *context, const log_move &move, uint32_t first_slot,
+                        uint32_t count, work_area &work) {
+    afs_ftl_state &ftl = *context->ftl;
+    afs_eu_info &head = ftl.eu_table[ftl.write_eu];
+    const uint16_t *pages = move.pages + first_slot;
+    const uint32_t head_address = eu_address(context, ftl.write_eu);
+    for (uint32_t i = 0; i < count; ++i) {
+        ftl.page_map[pages[i]] = {static_cast<uint8_t>(ftl.write_eu),
+                                  static_cast<uint8_t>(ftl.write_slot + i)};
+    }
+    if (read_page_slots(
+            eu_address(context, move.source) + log_slot_offset(first_slot), count,
+            [pages](uint32_t i) { return pages[i]; }, work.pages) != 0 ||
+        verified_write(head_address + log_slot_offset(ftl.write_slot), work.pages,
+                       count * page_slot_size, work.readback) != 0) {
+        return AFS_RC_IO;
+    }
+    uint8_t entries[max_run * log_entry_size];
+    for (uint32_t i = 0; i < count; ++i) {
+        store_le16(entries + i * log_entry_size, log_chain(ftl.last_page, pages[i]));
+        ftl.last_page = pages[i];
+    }
+    if (verified_write(head_address + log_entry_offset(ftl.write_slot), entries,
+                       count * log_entry_size, work.readback) != 0) {
+        return AFS_RC_IO;
+    }
+    head.free_pages = 0;
+    head.dirty_pages = static_cast<uint8_t>(head.dirty_pages - count);
+    ftl.write_slot += count;
+    return AFS_RC_OK;
+}
+
+// Commits what the last entry before the head's next slot stands for.
+uint32_t commit_log_head(const afs_context *context) {
+    const afs_ftl_state &ftl = *context->ftl;
+    return verified_write_byte(
+        eu_address(context, ftl.write_eu) + log_commit_offset(ftl.write_slot), log_commit_byte);
+}
+
+uint32_t move_live_log_pages(afs_context *context, const log_move &move, work_area &work) {
+    afs_ftl_state &ftl = *context->ftl;
+    uint32_t moved = 0;
+    uint32_t run = 0;
+    for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES && moved < move.live; ++slot) {
+        const bool is_live = move.pages[slot] != no_page;
+        run += is_live ? 1 : 0;
+        const bool closes = !is_live || run == max_run || slot == AFS_FTL_EU_PAGES - 1 ||
+                            run == AFS_FTL_EU_PAGES - ftl.write_slot;
+        if (run == 0 || !closes) {
+            continue;
+        }
+        const uint32_t first_slot = (is_live ? slot + 1 : slot) - run;
+        if (append_log_run(context, move, first_slot, run, work) != 0) {
+            return AFS_RC_IO;
+        }
+        moved += run;
+        run = 0;
+        if (moved < move.live && ftl.write_slot == AFS_FTL_EU_PAGES) {
+            if (commit_log_head(context) != 0) {
+                return AFS_RC_IO;
+            }
+            move_log_head(ftl, move.overflow_eu);
+        }
+    }
+    return moved != 0 ? commit_log_head(context) : AFS_RC_OK;
+}
+
+uint32_t reclaim_log_eu(afs_context *context, uint32_t source, work_area &work) {
+    afs_ftl_state &ftl = *context->ftl;
+    const uint32_t target = ftl.spare_eu;
+    const uint32_t next = find_oldest_eu(ftl, [&ftl, source](uint32_t eu, const afs_eu_info &row) {
+        return row.va_base == 0 && row.free_pages != 0 && eu != ftl.write_eu && eu != source;
+    });
+    const uint32_t overflow_eu = next != AFS_FTL_NONE ? next : target;
+    if (!erase_eu(eu_address(context, target))) {
+        return AFS_RC_IO;
+    }
+    ftl.eu_table[target].dirty_pages = AFS_FTL_EU_PAGES;
+    ftl.eu_table[target].free_pages = 1;
+    if (ftl.write_slot == AFS_FTL_EU_PAGES || ftl.write_eu == source) {
+        move_log_head(ftl, overflow_eu);
+    }
+    const log_move move = list_live_log_pages(ftl, source, overflow_eu);
+    uint32_t rc = move_live_log_pages(context, move, work);
+    if (rc == AFS_RC_OK) {
+        rc = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
+                                        eu_address(context, source));
+    }
+    if (rc != AFS_RC_OK) {
+        // The map may point to pages that were not written, and the head may be an EU that has no
+        // header: what was written there would not outlast a mount.
+        ftl.needs_mount = 1;
+        return rc;
+    }
+    return move.live == AFS_FTL_EU_PAGES ? AFS_RC_NOT_RECLAIMED : AFS_RC_OK;
+}
+
+// Makes good what a mount that rolled a reclaim forward left undone. Without it the next reclaim
+// would leave a second uncommitted header behind, or one that names a spare of long ago.
+uint32_t commit_rolled_forward_eu(afs_context *context) {
+    afs_ftl_state &ftl = *context->ftl;
+    if (ftl.uncommitted_eu == AFS_FTL_NONE) {
+        return AFS_RC_OK;
+    }
+    const uint32_t rc = verified_write_byte(
+        eu_address(context, ftl.uncommitted_eu) + eu_state_offset, eu_state_committed);
+    if (rc == AFS_RC_OK) {
+        ftl.uncommitted_eu = AFS_FTL_NONE;
+    }
+    return rc;
+}
+
+// Lets the log or the allocator go on in an EU that has room.
+uint32_t move_to_eu(afs_context *context, uint32_t eu) {
+    afs_ftl_state &ftl = *context->ftl;
+    if (ftl.eu_table[eu].va_base == 0) {
+        move_log_head(ftl, eu);
+        return AFS_RC_OK;
+    }
+    uint32_t first_chunk;
+    if (!find_first_chunk(context, eu, &first_chunk)) {
+        return AFS_RC_IO;
+    }
+    ftl.reclaim_armed = 0;
+    ftl.alloc_cursor = first_chunk;
+    ftl.alloc_end = first_chunk + usable_slots(context, eu);
+    return AFS_RC_OK;
+}
+
+// Zeros the slots of an EU that are neither live nor free; all of them if it is the spare.
+uint32_t zero_dead_slots(const afs_context *context, uint32_t eu) {
+    static constexpr uint8_t zeros[page_slot_size] = {};
+    const uint32_t address = eu_address(context, eu);
+    const bool is_spare = eu == context->ftl->spare_eu;
+    uint32_t first_chunk = 0;
+    uint8_t status[AFS_DATA_EU_PAGES];
+    if ((!is_spare && !find_first_chunk(context, eu, &first_chunk)) ||
+        SpiDrvRead(address + data_status_offset, sizeof status, status) != 0) {
+        return AFS_RC_IO;
+    }
+    for (uint32_t slot = 0; slot < AFS_DATA_EU_PAGES; ++slot) {
+        const bool keep =
+            !is_spare && (status[slot] == slot_free || chunk_is_live(context, first_chunk + slot));
+        if (!keep && SpiDrvWrite(address + data_slot_offset(slot), sizeof zeros, zeros) != 0) {
+            return AFS_RC_IO;
+        }
+    }
+    return AFS_RC_OK;
+}
+
+bool reclaim_failed(uint32_t rc) {
+    return rc != AFS_RC_OK && rc != AFS_RC_NOT_RECLAIMED;
+}
+
+} // namespace
+
+uint32_t choose_eu_to_reclaim(afs_context *context, uint32_t kind, uint32_t wear, uint32_t *mode,
+                              uint8_t idle) {
+    if (!ftl_is_mounted(context) || mode == nullptr) {
+        return AFS_FTL_NONE;
+    }
+    const afs_ftl_state &ftl = *context->ftl;
+    *mode = AFS_FTL_MODE_MOVE;
+    uint32_t candidate = AFS_FTL_NONE;
+    if (idle != 0) {
+        if (afs_physical_ftl_idle_reclaim_needed(context, &candidate, &kind) == 0) {
+            return AFS_FTL_NONE;
+        }
+    } else {
+        const uint32_t with_room = find_oldest_eu(ftl, [kind](uint32_t, const afs_eu_info &row) {
+            return is_of_kind(row, kind) && row.free_pages != 0;
+        });
+        if (with_room != AFS_FTL_NONE) {
+            return with_room;
+        }
+    }
+    const wear_survey survey = survey_kind(ftl, kind);
+    if (survey.dirtiest == AFS_FTL_NONE) {
+        return AFS_FTL_NONE;
+    }
+    *mode = AFS_FTL_MODE_RECLAIM;
+    const uint32_t lowest = ftl.eu_table[survey.least_worn].erase_count;
+    if (wear == 1 && survey.highest_erase_count - lowest > max_wear_spread &&
+        survey.highest_erase_count % wear_rule_period == 0) {
+        return survey.least_worn;
+    }
+    return candidate != AFS_FTL_NONE ? candidate : survey.dirtiest;
+}
+
+uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
+    if (!ftl_is_mounted(context)) {
+        return AFS_RC_INVALID;
+    }
+    const afs_ftl_state &ftl = *context->ftl;
+    if (eu >= ftl.eu_count || eu == ftl.spare_eu) {
+        return AFS_RC_NO_SPACE;
+    }
+    // A sequence that cannot grow comes only from a damaged header.
+    if (ftl.needs_mount != 0 || ftl.sequence == UINT32_MAX) {
+        return AFS_RC_IO;
+    }
+    if (mode == static_cast<int32_t>(AFS_FTL_MODE_MOVE)) {
+        return move_to_eu(context, eu);
+    }
+    const bool is_data = ftl.eu_table[eu].va_base != 0;
+    if (is_data && context->chunk_map == nullptr) {
+        return AFS_RC_BAD_STATE; // live and dead pages cannot be told apart
+    }
+    const std::unique_ptr<work_area> work(new (std::nothrow) work_area);
+    if (work == nullptr) {
+        return AFS_RC_NO_MEMORY;
+    }
+    const uint32_t rc = commit_rolled_forward_eu(context);
+    if (rc != AFS_RC_OK) {
+        return rc;
+    }
+    return is_data ? reclaim_data_eu(context, eu, *work) : reclaim_log_eu(context, eu, *work);
+}
+
+uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind) {
+    if (!ftl_is_mounted(context)) {
+        return AFS_RC_INVALID;
+    }
+    uint32_t mode;
+    uint32_t eu = choose_eu_to_reclaim(context, kind, 1, &mode, 0);
+    const uint32_t rc = reclaim_eu(context, eu, static_cast<int32_t>(mode));
+    if (rc != AFS_RC_NOT_RECLAIMED) {
+        return rc;
+    }
+    eu = choose_eu_to_reclaim(context, kind, 0, &mode, 0);
+    if (mode == AFS_FTL_MODE_RECLAIM && context->ftl->eu_table[eu].dirty_pages == 0) {
+        return AFS_RC_NO_SPACE;
+    }
+    return reclaim_eu(context, eu, static_cast<int32_t>(mode));
+}
+
+uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu, uint32_t source_eu,
+                                    uint32_t target_address, uint32_t source_address) {
+    if (!ftl_is_mounted(context) || target_eu >= context->ftl->eu_count ||
+        source_eu >= context->ftl->eu_count || target_address != eu_address(context, target_eu) ||
+        source_address != eu_address(context, source_eu)) {
+        return AFS_RC_INVALID;
+    }
+    afs_ftl_state &ftl = *context->ftl;
+    afs_eu_info &target = ftl.eu_table[target_eu];
+    afs_eu_info &source = ftl.eu_table[source_eu];
+    ++ftl.sequence;
+    target.erase_count += target.erase_count != UINT32_MAX ? 1 : 0;
+    uint8_t header[eu_header_written_size];
+    store_eu_header(header, {eu_magic, ftl.sequence, target.erase_count,
+                             static_cast<uint16_t>(source_eu), source.va_base});
+    if (verified_write(target_address, header, sizeof header) != 0) {
+        return AFS_RC_IO;
+    }
+    // From here on until both writes are known to have landed, only a mount can tell which of the
+    // two EUs counts.
+    static constexpr uint8_t no_magic[4] = {};
+    ftl.needs_mount = 1;
+    if (verified_write(source_address + eu_magic_offset, no_magic, sizeof no_magic) != 0) {
+        return AFS_RC_IO;
+    }
+    source.sequence = 0;
+    if (verified_write_byte(target_address + eu_state_offset, eu_state_committed) != 0) {
+        return AFS_RC_IO;
+    }
+    ftl.needs_mount = 0;
+
+    ftl.spare_eu = static_cast<uint16_t>(source_eu);
+    target.va_base = source.va_base;
+    target.sequence = ftl.sequence;
+    source.va_base = 0;
+    source.dirty_pages = 0;
+    source.free_pages = 0;
+    return AFS_RC_OK;
+}
+
+uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address, uint32_t target_address,
+                        uint32_t first_slot, uint32_t count, void *first_buffer,
+                        void *second_buffer, uint32_t first_page) {
+    if (!ftl_is_mounted(context) || first_buffer == nullptr || second_buffer == nullptr ||
+        !is_eu_address(context, source_address) || !is_eu_address(context, target_address) ||
+        count > max_run || first_slot > AFS_DATA_EU_PAGES - count) {
+        return AFS_RC_INVALID;
+    }
+    auto *pages = static_cast<uint8_t *>(first_buffer);
+    auto *readback = static_cast<uint8_t *>(second_buffer);
+    static constexpr uint8_t complete[max_run] = {};
+    static_assert(slot_complete == 0);
+    if (read_page_slots(
+            source_address + data_slot_offset(first_slot), count,
+            [first_page](uint32_t i) { return first_page + i; }, pages) != 0 ||
+        verified_write(target_address + data_slot_offset(first_slot), pages, count * page_slot_size,
+                       readback) != 0) {
+        return AFS_RC_IO;
+    }
+    return verified_write(target_address + data_status_offset + first_slot, complete, count,
+                          readback);
+}
+
+uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu, uint32_t *kind) {
+    if (!ftl_is_mounted(context) || eu == nullptr || kind == nullptr) {
+        return 0;
+    }
+    const afs_ftl_state &ftl = *context->ftl;
+    uint32_t log_free = 0;
+    uint32_t data_free = 0;
+    uint32_t data_dirty = 0;
+    uint32_t candidate = AFS_FTL_NONE;
+    for (uint32_t i = 0; i < ftl.eu_count; ++i) {
+        const afs_eu_info &row = ftl.eu_table[i];
+        if (i == ftl.spare_eu) {
+            continue;
+        }
+        if (row.va_base != 0) {
+            data_free += row.free_pages;
+            data_dirty += row.dirty_pages;
+        } else if (i == ftl.write_eu) {
+            log_free += AFS_FTL_EU_PAGES - ftl.write_slot;
+        } else if (row.free_pages != 0) {
+            log_free += AFS_FTL_EU_PAGES;
+        }
+        if (is_entirely_dead(context, i) &&
+            (candidate == AFS_FTL_NONE || row.erase_count < ftl.eu_table[candidate].erase_count)) {
+            candidate = i;
+        }
+    }
+    if (log_free <= short_log) {
+        *kind = AFS_FTL_KIND_LOG;
+        *eu = AFS_FTL_NONE;
+        return 1;
+    }
+    if (data_free <= short_data && data_dirty > data_dirt_worth_reclaim) {
+        *kind = AFS_FTL_KIND_DATA;
+        *eu = AFS_FTL_NONE;
+        return 1;
+    }
+    if (candidate != AFS_FTL_NONE) {
+        *kind = ftl.eu_table[candidate].va_base != 0 ? AFS_FTL_KIND_DATA : AFS_FTL_KIND_LOG;
+        *eu = candidate;
+        return 1;
+    }
+    return 0;
+}
+
+uint32_t afs_physical_ftl_idle_reclaim(afs_context *context) {
+    if (!ftl_is_mounted(context)) {
+        return AFS_RC_INVALID;
+    }
+    uint32_t mode;
+    const uint32_t eu = choose_eu_to_reclaim(context, AFS_FTL_KIND_ANY, 1, &mode, 1);
+    if (eu >= context->ftl->eu_count || mode != AFS_FTL_MODE_RECLAIM) {
+        return AFS_RC_OK;
+    }
+    return reclaim_eu(context, eu, static_cast<int32_t>(mode));
+}
+
+uint32_t afs_physical_ftl_force_full_reclaim(afs_context *context) {
+    if (!ftl_is_mounted(context)) {
+        return AFS_RC_INVALID;
+    }
+    afs_ftl_state &ftl = *context->ftl;
+    uint32_t eu = ftl.reclaim_cursor;
+    while (eu < ftl.eu_count && (eu == ftl.spare_eu || ftl.eu_table[eu].va_base == 0)) {
+        ++eu;
+    }
+    if (eu < ftl.eu_count) {
+        const uint32_t rc = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+        if (reclaim_failed(rc)) {
+            return rc;
+        }
+        ++eu;
+    }
+    ftl.reclaim_cursor = static_cast<uint8_t>(eu < ftl.eu_count ? eu : 0);
+    return ftl.reclaim_cursor == 0 ? AFS_RC_OK : AFS_RC_AGAIN;
+}
+
+uint32_t afs_physical_ftl_force_dirty_erase(afs_context *context) {
+    if (!ftl_is_mounted(context)) {
+        return AFS_RC_INVALID;
+    }
+    const afs_ftl_state &ftl = *context->ftl;
+    if (ftl.needs_mount != 0) {
+        return AFS_RC_IO; // the spare may hold what counts after the next mount
+    }
+    for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
+        const bool is_log = ftl.eu_table[eu].va_base == 0 && eu != ftl.spare_eu;
+        const uint32_t rc = is_log ? AFS_RC_OK : zero_dead_slots(context, eu);
+        if (rc != AFS_RC_OK) {
+            return rc;
+        }
+    }
+    return AFS_RC_OK;
+}
+
+uint32_t afs_physical_ftl_end_reserved_files_mode(afs_context *context) {
+    if (!ftl_is_mounted(context)) {
+        return AFS_RC_INVALID;
+    }
+    for (const uint32_t eu : {0u, 1u}) {
+        if (context->ftl->spare_eu == eu) {
+            continue;
+        }
+        const uint32_t rc = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+        if (reclaim_failed(rc)) {
+            return rc;
+        }
+    }
+    return AFS_RC_OK;
+}

@@ -1,0 +1,118 @@
+// What mount, page operations and reclaim of the FTL share: checked access to the device, and the
+// way from a VA to its place.
+#pragma once
+
+#include <cstdint>
+
+#include "AfsFtl.h"
+#include "AfsPhysicalWin32Spi.h"
+#include "afs/ftl_format.h"
+
+namespace dolm {
+
+// Read-backs of a write, and reads of a record whose checksum fails, before the device is given up.
+inline constexpr int max_reads = 7;
+
+// Records of one transfer: what a buffer of 4096 bytes holds.
+inline constexpr uint32_t run_buffer_size = 4096;
+inline constexpr uint32_t max_run = run_buffer_size / page_slot_size;
+static_assert(max_run == 62);
+
+// Tables to mount with.
+bool ftl_has_tables(const afs_context *context);
+
+// Tables that the last mount has filled without a failure.
+bool ftl_is_mounted(const afs_context *context);
+
+// Releases the state with its tables.
+void release_ftl_state(afs_context *context);
+
+// Address of an EU on the device.
+inline uint32_t eu_address(const afs_context *context, uint32_t eu) {
+    return context->device_offset + eu * AFS_EU_SIZE;
+}
+
+inline bool is_eu_address(const afs_context *context, uint32_t address) {
+    const uint32_t offset = address - context->device_offset;
+    return offset % AFS_EU_SIZE == 0 && offset / AFS_EU_SIZE < context->ftl->eu_count;
+}
+
+// Entry of a log page in page_map, or null past the map.
+inline afs_page_loc *find_log_page(const afs_context *context, uint32_t page) {
+    return page < context->ftl->page_count ? &context->ftl->page_map[page] : nullptr;
+}
+
+// A slot of slot number slot_none has no copy of a page.
+inline constexpr uint8_t slot_none = 0xFF;
+
+// Where a data page lies.
+struct data_place {
+    uint32_t eu;
+    uint32_t slot;
+    uint32_t chunk; // below the chunk count, so good as an index of the chunk map
+};
+
+// Finds the slot of a data VA. False if it lies below the data area or past the chunks, or if no EU
+// covers it.
+bool find_data_place(const afs_context *context, uint32_t va, data_place *place);
+
+// First chunk of a data EU. False if its va_base does not fit the data area.
+bool find_first_chunk(const afs_context *context, uint32_t eu, uint32_t *chunk);
+
+// Slots of a data EU that belong to a chunk: all, but for the last EU of some stores.
+uint32_t usable_slots(const afs_context *context, uint32_t eu);
+
+// Whether a chunk counts as allocated: all do in a store without a chunk map, and none past its
+// end.
+inline bool chunk_is_live(const afs_context *context, uint32_t chunk) {
+    return context->chunk_map == nullptr ||
+           (chunk < context->chunk_count &&
+            (context->chunk_map[chunk / 32] >> (chunk % 32) & 1) != 0);
+}
+
+// The EU with the lowest sequence, the first of equals, that is not the spare and that is wanted;
+// AFS_FTL_NONE if there is none.
+template <typename Wanted>
+uint32_t find_oldest_eu(const afs_ftl_state &ftl, Wanted wanted) {
+    uint32_t oldest = AFS_FTL_NONE;
+    for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
+        const afs_eu_info &row = ftl.eu_table[eu];
+        if (eu != ftl.spare_eu && wanted(eu, row) &&
+            (oldest == AFS_FTL_NONE || row.sequence < ftl.eu_table[oldest].sequence)) {
+            oldest = eu;
+        }
+    }
+    return oldest;
+}
+
+// Erases both blocks of an EU, the lower one first. False if the device fails.
+bool erase_eu(uint32_t address);
+
+// Writes once, then reads back until it compares equal, at most max_reads times. readback has room
+// for length bytes. 0 or 5.
+uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uint8_t *readback);
+
+// The same for records of up to page_slot_size bytes or a whole row of status bytes.
+uint32_t verified_write(uint32_t address, const void *data, uint32_t length);
+uint32_t verified_write_byte(uint32_t address, uint8_t value);
+
+// Reads count page slots in one device read and checks each against its page number, page_of(i);
+// reads all again, at most max_reads times, if one does not match. 0 or 5.
+template <typename PageOf>
+uint32_t read_page_slots(uint32_t address, uint32_t count, PageOf page_of, uint8_t *slots) {
+    for (int reads = 0; reads < max_reads; ++reads) {
+        if (SpiDrvRead(address, count * page_slot_size, slots) != 0) {
+            return AFS_RC_IO;
+        }
+        uint32_t good = 0;
+        while (good < count && page_slot_is_good(slots + good * page_slot_size, page_of(good))) {
+            ++good;
+        }
+        if (good == count) {
+            return AFS_RC_OK;
+        }
+    }
+    return AFS_RC_IO;
+}
+
+} // namespace dolm
