@@ -16,8 +16,10 @@
 #include "File.h"
 #include "FileIterator.h"
 #include "IFile.h"
+#include "dfs.h"
 #include "efs_tools_utils.h"
 #include "memory_utils.h"
+#include "miniVfs.h"
 #include "qoqfs.h"
 #include "vynerrors.h"
 
