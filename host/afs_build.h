@@ -1,0 +1,67 @@
+// Makes AFS images with room for files, through the library's exported operations.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
+#include "Afs.h"
+
+namespace dolm {
+
+// Says what does not fit, or which status the library answered with.
+class AfsBuildError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+struct AfsLayout {
+    uint32_t device_size = 0; // bytes, a multiple of 8192 from 32768 to 2088960
+    uint32_t data_eus = 0;    // erase units for file contents, 7808 bytes each
+    uint32_t file_count = 0;  // file slots, 65 to 2048
+};
+
+struct AfsGeometry {
+    uint32_t eu_count = 0; // data EUs, log EUs and the spare
+    uint32_t log_eus = 0;
+    uint32_t chunk_count = 0;   // chunks of 64 bytes
+    uint32_t data_va_start = 0; // bytes, as total_va_size
+    uint32_t total_va_size = 0;
+};
+
+// The numbers that follow from a layout. Throws AfsBuildError if it cannot work: the metadata pages
+// must fit into the log with one erase unit beyond, or reclaims could not gain anything.
+AfsGeometry afs_geometry(const AfsLayout &layout);
+
+struct AfsFileInput {
+    uint32_t number = 0;
+    std::vector<uint8_t> contents;
+};
+
+// A formatted image without files. Throws AfsBuildError.
+std::vector<uint8_t> format_afs_image(const AfsLayout &layout);
+
+// The same with files. Throws AfsBuildError.
+std::vector<uint8_t> build_afs_image(const AfsLayout &layout, std::span<const AfsFileInput> files);
+
+// A store mounted on an image in place, for as long as the object lives. The library knows one
+// device at a time, so there can be only one.
+class AfsMount {
+  public:
+    explicit AfsMount(std::span<uint8_t> image);
+    ~AfsMount();
+    AfsMount(const AfsMount &) = delete;
+    AfsMount &operator=(const AfsMount &) = delete;
+
+    // Of the mount; the context is only usable if it is 0.
+    uint32_t status() const { return status_; }
+    afs_context *context() { return &context_; }
+
+  private:
+    afs_context context_{};
+    std::vector<uint8_t> file_buffer_;
+    uint32_t status_;
+};
+
+} // namespace dolm
