@@ -1,0 +1,389 @@
+// Every kind of change of an AFS store, cut at every write and erase, two cuts deep.
+#include <algorithm>
+#include <functional>
+#include <iostream>
+
+#include <gtest/gtest.h>
+
+#include "Afs.h"
+#include "AfsCrc.h"
+#include "AfsFtl.h"
+#include "afs_store.h"
+#include "common/little_endian.h"
+#include "host/afs_image.h"
+
+namespace dolm_test {
+namespace {
+
+struct Base {
+    Image image;
+    Files files;
+};
+
+constexpr dolm::AfsLayout two_log_eus{5 * AFS_EU_SIZE, 2, 65};
+constexpr dolm::AfsLayout three_log_eus{6 * AFS_EU_SIZE, 2, 65};
+// Empty files in all of its slots make 17 metadata pages live.
+constexpr dolm::AfsLayout many_slots{6 * AFS_EU_SIZE, 2, 512};
+
+constexpr uint32_t small_file = 1;
+constexpr uint32_t medium_file = 3;
+constexpr uint32_t large_file = 7;
+constexpr uint32_t empty_file = 20;
+constexpr uint32_t last_file = 64;
+constexpr uint32_t new_file = 33;
+constexpr uint32_t toggled_file = 50; // comes and goes to move the head of the log
+
+Base populated(const dolm::AfsLayout &layout) {
+    Base base;
+    base.files = {{small_file, pattern(1, 64)},
+                  {medium_file, pattern(2, 300)},
+                  {large_file, pattern(3, 1000)},
+                  {empty_file, {}},
+                  {last_file, pattern(4, 130)}};
+    std::vector<dolm::AfsFileInput> inputs;
+    for (const auto &[number, contents] : base.files) {
+        inputs.push_back({number, contents});
+    }
+    base.image = dolm::build_afs_image(layout, inputs);
+    return base;
+}
+
+void run(AfsStore &store, Base &base, const std::vector<Change> &changes) {
+    run_changes(store, base.image, base.files, changes);
+}
+
+using Predicate = std::function<bool(const afs_ftl_state &)>;
+
+// Repeats a change until the tables look as wanted.
+void repeat_until(AfsStore &store, Base &base, const Predicate &reached,
+                  const std::function<Change(uint32_t)> &change) {
+    ASSERT_EQ(store.mount(base.image), 0U);
+    for (uint32_t i = 0; !reached(store.ftl()); ++i) {
+        ASSERT_LT(i, 2000U);
+        const Change next = change(i);
+        ASSERT_EQ(next.run(), 0U);
+        next.effect(base.files);
+    }
+    store.unmount();
+}
+
+// Each step writes one page to the log.
+void fill_log(AfsStore &store, Base &base, const Predicate &reached) {
+    repeat_until(store, base, reached, [&store](uint32_t i) {
+        return i % 2 == 0 ? store.write(toggled_file, 0, {}) : store.remove(toggled_file);
+    });
+}
+
+bool has_blank_log_eu(const afs_ftl_state &ftl) {
+    for (uint32_t i = 0; i < ftl.eu_count; ++i) {
+        const afs_eu_info &eu = ftl.eu_table[i];
+        if (i != ftl.spare_eu && i != ftl.write_eu && eu.va_base == 0 && eu.free_pages != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Predicate head_at(uint32_t slot, bool with_blank_eu) {
+    return [=](const afs_ftl_state &ftl) {
+        return ftl.write_slot == slot && has_blank_log_eu(ftl) == with_blank_eu;
+    };
+}
+
+uint32_t erased_data_slots(const afs_ftl_state &ftl) {
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < ftl.eu_count; ++i) {
+        sum += ftl.eu_table[i].va_base != 0 ? ftl.eu_table[i].free_pages : 0U;
+    }
+    return sum;
+}
+
+// Each step takes one chunk.
+void fill_data(AfsStore &store, Base &base, const Predicate &reached) {
+    repeat_until(store, base, reached,
+                 [&store](uint32_t i) { return store.write(small_file, 0, pattern(i, 64)); });
+}
+
+Predicate erased_slots_left(uint32_t slots) {
+    return [=](const afs_ftl_state &ftl) { return erased_data_slots(ftl) == slots; };
+}
+
+void set_erase_count(Image &image, uint32_t eu, uint32_t count) {
+    uint8_t *header = &image[size_t{eu} * AFS_EU_SIZE];
+    const uint32_t magic = dolm::load_le32(header);
+    dolm::store_le32(header + 8, count);
+    dolm::store_le32(header, 0xAA557887);
+    header[16] = static_cast<uint8_t>(crc8(header, 16));
+    dolm::store_le32(header, magic);
+}
+
+// Runs a change up to the given number of writes before its end.
+void run_all_but(AfsStore &store, Base &base, const Change &change, size_t left_out) {
+    Image image = base.image;
+    ASSERT_EQ(store.mount(image), 0U);
+    DeviceDouble &device = DeviceDouble::instance();
+    device.attach(image);
+    ASSERT_EQ(change.run(), 0U);
+    const std::vector<DeviceEvent> events = device.log();
+    device.detach();
+    store.unmount();
+    ASSERT_GT(events.size(), left_out);
+    for (size_t k = 0; k + left_out < events.size(); ++k) {
+        const auto to = base.image.begin() + events[k].address;
+        if (events[k].kind == DeviceEvent::Kind::erase) {
+            std::fill_n(to, events[k].length, uint8_t{0xFF});
+        } else {
+            std::copy(events[k].bytes.begin(), events[k].bytes.end(), to);
+        }
+    }
+}
+
+using Changes = std::vector<Change>;
+
+struct Case {
+    const char *name;
+    std::function<Changes(AfsStore &, Base &)> prepare; // on a populated store
+    dolm::AfsLayout layout = two_log_eus;
+};
+
+// The EU that holds the metadata pages which are written rarely.
+Change reclaim_fullest_log_eu(AfsStore &store) {
+    return store.maintain("a reclaim of the log EU with most live pages", [](afs_context *context) {
+        const afs_ftl_state &ftl = *context->ftl;
+        uint32_t fullest = AFS_FTL_NONE;
+        for (uint32_t i = 0; i < ftl.eu_count; ++i) {
+            const afs_eu_info &eu = ftl.eu_table[i];
+            if (i != ftl.spare_eu && i != ftl.write_eu && eu.va_base == 0 &&
+                (fullest == AFS_FTL_NONE || eu.dirty_pages < ftl.eu_table[fullest].dirty_pages)) {
+                fullest = i;
+            }
+        }
+        return reclaim_eu(context, fullest, AFS_FTL_MODE_RECLAIM);
+    });
+}
+
+// All slots of many_slots in use, then the head of the log close to its end in another EU.
+void scatter_pages(AfsStore &store, Base &base, uint32_t head_slot, bool with_blank_eu) {
+    Changes changes;
+    for (uint32_t file = 100; file < 512; file += 31) {
+        changes.push_back(store.write(file, 0, {}));
+    }
+    run(store, base, changes);
+    ASSERT_EQ(store.mount(base.image), 0U);
+    const uint32_t first_eu = store.ftl().write_eu;
+    store.unmount();
+    fill_log(store, base, [=](const afs_ftl_state &ftl) {
+        return ftl.write_eu != first_eu && head_at(head_slot, with_blank_eu)(ftl);
+    });
+}
+
+const Case cases[] = {
+    {"overwrite",
+     [](AfsStore &store, Base &) {
+         return Changes{store.write(medium_file, 100, pattern(9, 70)),
+                        store.write(last_file, 0, pattern(10, 130))};
+     }},
+    {"grow",
+     [](AfsStore &store, Base &) {
+         return Changes{store.write(medium_file, 300, pattern(9, 200)),
+                        store.write(empty_file, 0, pattern(10, 1))};
+     }},
+    {"gap",
+     [](AfsStore &store, Base &) {
+         return Changes{store.write(last_file, 400, pattern(9, 30)),
+                        store.write(new_file, 100, pattern(10, 5))};
+     }},
+    {"truncate",
+     [](AfsStore &store, Base &) {
+         return Changes{store.write(large_file, 500, pattern(9, 7), AFS_WRITE_TRUNCATE),
+                        store.write(medium_file, 128, {}, AFS_WRITE_TRUNCATE),
+                        store.write(last_file, 129, {}, AFS_WRITE_TRUNCATE)};
+     }},
+    {"empty",
+     [](AfsStore &store, Base &) {
+         return Changes{store.write(large_file, 0, {}, AFS_WRITE_TRUNCATE),
+                        store.write(new_file, 0, {}), store.write(new_file, 0, pattern(1, 64))};
+     }},
+    {"delete",
+     [](AfsStore &store, Base &) {
+         return Changes{store.remove(large_file), store.remove(empty_file),
+                        store.write(large_file, 0, pattern(9, 100))};
+     }},
+    {"zombie",
+     [](AfsStore &store, Base &base) {
+         run(store, base, {store.mark_zombie(2)});
+         return Changes{store.mark_zombie(new_file), store.write(new_file, 0, pattern(9, 65)),
+                        store.mark_zombie(40), store.remove(40)};
+     }},
+    {"large_write",
+     [](AfsStore &store, Base &) { return Changes{store.write(new_file, 0, pattern(9, 4200))}; }},
+    {"log_moves_to_blank_eu",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(118, true));
+         return Changes{store.write(medium_file, 100, pattern(9, 70)), store.remove(small_file),
+                        store.write(small_file, 0, pattern(8, 20))};
+     },
+     three_log_eus},
+    {"log_reclaim_on_demand",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(118, false));
+         return Changes{store.write(medium_file, 100, pattern(9, 70)), store.remove(small_file),
+                        store.write(small_file, 0, pattern(8, 20))};
+     }},
+    {"log_reclaim_on_demand_third_eu",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(119, false));
+         return Changes{store.write(medium_file, 100, pattern(9, 70)), store.remove(small_file)};
+     },
+     three_log_eus},
+    {"data_allocator_moves",
+     [](AfsStore &store, Base &base) {
+         fill_data(store, base, erased_slots_left(AFS_DATA_EU_PAGES + 2));
+         return Changes{store.write(medium_file, 0, pattern(9, 300)),
+                        store.write(small_file, 0, pattern(8, 64))};
+     }},
+    {"data_reclaim_on_demand",
+     [](AfsStore &store, Base &base) {
+         fill_data(store, base, erased_slots_left(2));
+         return Changes{store.write(medium_file, 0, pattern(9, 300)),
+                        store.write(small_file, 0, pattern(8, 64))};
+     }},
+    {"both_reclaims_on_demand",
+     [](AfsStore &store, Base &base) {
+         fill_data(store, base, erased_slots_left(1));
+         fill_log(store, base, head_at(118, false));
+         return Changes{store.write(medium_file, 0, pattern(9, 300)),
+                        store.write(small_file, 0, pattern(8, 64))};
+     }},
+    {"idle_reclaim_of_log",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(100, false));
+         return Changes{store.maintain("idle reclaim", afs_idle_reclaim),
+                        store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"idle_reclaim_of_data",
+     [](AfsStore &store, Base &base) {
+         fill_data(store, base, erased_slots_left(20));
+         return Changes{store.maintain("idle reclaim", afs_idle_reclaim),
+                        store.maintain("idle reclaim", afs_idle_reclaim),
+                        store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"force_full_reclaim",
+     [](AfsStore &store, Base &base) {
+         run(store, base, {store.write(large_file, 300, pattern(9, 70))});
+         const Change step = store.maintain("full reclaim", afs_force_full_reclaim);
+         return Changes{step, step, step, store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"dirty_erase",
+     [](AfsStore &store, Base &base) {
+         run(store, base, {store.write(large_file, 300, pattern(9, 200)), store.reclaim_data()});
+         return Changes{store.maintain("dirty erase", afs_force_dirty_erase),
+                        store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"end_of_reserved_files_mode",
+     [](AfsStore &store, Base &) {
+         return Changes{
+             store.maintain("end of reserved files mode", afs_physical_ftl_end_reserved_files_mode),
+             store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"head_overflows_to_blank_eu",
+     [](AfsStore &store, Base &base) {
+         scatter_pages(store, base, 115, true);
+         return Changes{reclaim_fullest_log_eu(store), store.write(300, 0, pattern(9, 70))};
+     },
+     many_slots},
+    {"head_overflows_to_spare",
+     [](AfsStore &store, Base &base) {
+         scatter_pages(store, base, 115, false);
+         return Changes{reclaim_fullest_log_eu(store), store.write(300, 0, pattern(9, 70))};
+     },
+     many_slots},
+    {"reclaim_of_the_head",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(60, false));
+         return Changes{store.maintain("a reclaim of the head",
+                                       [](afs_context *context) {
+                                           return reclaim_eu(context, context->ftl->write_eu,
+                                                             AFS_FTL_MODE_RECLAIM);
+                                       }),
+                        store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"wear_rule_on_data",
+     [](AfsStore &store, Base &base) {
+         // The less worn data EU is reclaimed although the other one has more to give.
+         fill_data(store, base, erased_slots_left(0));
+         for (uint32_t eu = 0; eu < 5; ++eu) {
+             set_erase_count(base.image, eu, eu == 2 ? 100 : 210);
+         }
+         return Changes{store.write(small_file, 0, pattern(9, 64)),
+                        store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"wear_rule_on_log",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(120, false));
+         for (uint32_t eu = 0; eu < 5; ++eu) {
+             set_erase_count(base.image, eu, eu == 0 ? 100 : 210);
+         }
+         return Changes{store.remove(small_file), store.write(medium_file, 10, pattern(9, 70))};
+     }},
+    {"rolled_forward_data",
+     [](AfsStore &store, Base &base) {
+         run(store, base, {store.write(large_file, 300, pattern(9, 200))});
+         run_all_but(store, base, store.reclaim_data(), 1);
+         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_log(),
+                        store.reclaim_data(), store.write(medium_file, 0, pattern(8, 300))};
+     }},
+    {"rolled_forward_log",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(70, false));
+         run_all_but(store, base, store.reclaim_log(), 1);
+         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_data(),
+                        store.reclaim_log(), store.write(medium_file, 0, pattern(8, 300))};
+     }},
+    {"rolled_forward_head",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(120, false));
+         run_all_but(store, base, store.reclaim_log(), 1);
+         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_log(),
+                        store.reclaim_data(), store.write(medium_file, 0, pattern(8, 300))};
+     }},
+    {"rolled_back_data",
+     [](AfsStore &store, Base &base) {
+         run(store, base, {store.write(large_file, 300, pattern(9, 200))});
+         run_all_but(store, base, store.reclaim_data(), 2);
+         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_log(),
+                        store.reclaim_data()};
+     }},
+    {"rolled_back_log",
+     [](AfsStore &store, Base &base) {
+         fill_log(store, base, head_at(120, false));
+         run_all_but(store, base, store.reclaim_log(), 2);
+         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_data(),
+                        store.reclaim_log()};
+     }},
+};
+
+class AfsPowerCut : public testing::TestWithParam<Case> {};
+
+TEST_P(AfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
+    AfsStore store;
+    Base base = populated(GetParam().layout);
+    const Changes changes = GetParam().prepare(store, base);
+    ASSERT_FALSE(HasFatalFailure());
+    ASSERT_EQ(dolm::check_invariants(base.image), std::vector<std::string>{});
+
+    PowerCut power_cut(store);
+    power_cut.explore({GetParam().name, base.image, base.files, changes});
+    const PowerCutCounts &counts = power_cut.counts();
+    std::cout << "AFS " << GetParam().name << ": " << counts.states() << " states, "
+              << counts.first_level << " after one cut and " << counts.second_level
+              << " after two; " << counts.at_limit << " at a limit of the format, "
+              << counts.lost_at_limit << " of them lost; " << counts.rewrites
+              << " with unclaimed bytes written over\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(All, AfsPowerCut, testing::ValuesIn(cases),
+                         [](const auto &test) { return std::string(test.param.name); });
+
+} // namespace
+} // namespace dolm_test

@@ -1,0 +1,358 @@
+#include "afs_store.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "Afs.h"
+#include "AfsCrc.h"
+#include "AfsFtl.h"
+#include "common/little_endian.h"
+#include "host/afs_image.h"
+
+namespace dolm_test {
+namespace {
+
+constexpr uint32_t header_length = 17; // as written; the state byte follows on its own
+constexpr uint32_t log_map_offset = 18;
+constexpr uint32_t log_records_offset = 260;
+constexpr uint32_t data_records_offset = 140;
+constexpr uint32_t record_size = 66;
+constexpr uint32_t eu_magic = 0xAA557887;
+constexpr uint32_t eu_magic_alt = 0x82416801;
+constexpr uint32_t eu_magic_partial = 0xAA050887;
+
+uint32_t offset_in_eu(const DeviceEvent &event) {
+    return event.address % AFS_EU_SIZE;
+}
+
+bool is_write(const DeviceEvent &event) {
+    return event.kind == DeviceEvent::Kind::write;
+}
+
+bool are_records(const DeviceEvent &event, uint32_t first_record) {
+    const uint32_t offset = offset_in_eu(event);
+    return is_write(event) && offset >= first_record &&
+           (offset - first_record) % record_size == 0 && event.length % record_size == 0;
+}
+
+// A run of pages that goes to the log. Those of a data EU start at other offsets.
+bool are_log_records(const DeviceEvent &event) {
+    return are_records(event, log_records_offset);
+}
+
+uint32_t log_slot_of_records(const DeviceEvent &event) {
+    return (offset_in_eu(event) - log_records_offset) / record_size;
+}
+
+bool could_be_entries(const DeviceEvent &event) {
+    const uint32_t offset = offset_in_eu(event);
+    return is_write(event) && offset >= log_map_offset && offset < log_records_offset &&
+           offset % 2 == 0 && event.length % 2 == 0;
+}
+
+bool same_log_slot(const DeviceEvent &entries, const DeviceEvent &records) {
+    return could_be_entries(entries) && are_log_records(records) &&
+           entries.address / AFS_EU_SIZE == records.address / AFS_EU_SIZE &&
+           (offset_in_eu(entries) - log_map_offset) / 2 == log_slot_of_records(records);
+}
+
+bool passes_header_checksum(const uint8_t *header) {
+    std::array<uint8_t, 16> checked{};
+    std::copy_n(header, checked.size(), checked.begin());
+    const uint32_t magic = dolm::load_le32(header);
+    if (magic != eu_magic && magic != eu_magic_alt && magic != eu_magic_partial) {
+        return false;
+    }
+    if (crc8(checked.data(), checked.size()) == header[16]) {
+        return true;
+    }
+    dolm::store_le32(checked.data(), eu_magic);
+    return crc8(checked.data(), checked.size()) == header[16];
+}
+
+std::vector<uint8_t> le32_bytes(uint32_t value) {
+    std::vector<uint8_t> bytes(4);
+    dolm::store_le32(bytes.data(), value);
+    return bytes;
+}
+
+using Findings = std::vector<std::string>;
+
+template <typename A, typename B>
+void expect_equal(Findings &findings, const std::string &what, const A &reader, const B &store) {
+    if (static_cast<uint64_t>(reader) != static_cast<uint64_t>(store)) {
+        findings.push_back(what + " is " + std::to_string(reader) + " for the reader and " +
+                           std::to_string(store) + " for the store");
+    }
+}
+
+void compare_files(Findings &findings, const dolm::AfsImage &image, const Files &files) {
+    size_t shown = 0;
+    for (const dolm::AfsFile &file : image.files) {
+        if (file.kind == dolm::AfsFile::Kind::zombie) {
+            continue;
+        }
+        ++shown;
+        const auto known = files.find(file.number);
+        if (known == files.end() || known->second != file.contents) {
+            findings.push_back("the reader finds other contents of file " +
+                               std::to_string(file.number) + " than the store");
+        }
+    }
+    expect_equal(findings, "the number of files", shown, files.size());
+}
+
+// Fresh from a mount, the tables of the store say what the reader finds.
+void compare_tables(Findings &findings, const dolm::AfsImage &image, const afs_ftl_state &ftl) {
+    expect_equal(findings, "the spare", image.spare.value_or(AFS_FTL_NONE), ftl.spare_eu);
+    expect_equal(findings, "the sequence", image.sequence, ftl.sequence);
+    expect_equal(findings, "the head of the log", image.head.value_or(AFS_FTL_NONE), ftl.write_eu);
+    expect_equal(findings, "the slot of the head", image.head_slot, ftl.write_slot);
+    for (uint32_t i = 0; i < image.eu_count; ++i) {
+        const dolm::AfsEu &eu = image.eus[i];
+        const afs_eu_info &row = ftl.eu_table[i];
+        const std::string name = " of EU " + std::to_string(i);
+        expect_equal(findings, "the erase count" + name, eu.erase_count, row.erase_count);
+        expect_equal(findings, "the first page" + name, eu.va_base, row.va_base);
+        if (eu.role == dolm::AfsRole::log) {
+            expect_equal(findings, "the dirt" + name, AFS_FTL_EU_PAGES - eu.live, row.dirty_pages);
+            expect_equal(findings, "blankness" + name, eu.free == AFS_FTL_EU_PAGES ? 1 : 0,
+                         row.free_pages);
+        } else if (eu.role == dolm::AfsRole::data) {
+            expect_equal(findings, "the dirt" + name, AFS_DATA_EU_PAGES - eu.live, row.dirty_pages);
+            expect_equal(findings, "the free slots" + name, eu.free, row.free_pages);
+        }
+    }
+}
+
+// A file that exists, or a number for a new one.
+uint32_t any_file(uint32_t choice, const Files &files) {
+    if (files.empty()) {
+        return choice % AFS_MIN_FILE_COUNT;
+    }
+    return std::next(files.begin(), static_cast<ptrdiff_t>(choice % files.size()))->first;
+}
+
+} // namespace
+
+uint32_t AfsStore::mount(std::span<uint8_t> image) {
+    mount_.emplace(image);
+    return mount_->status();
+}
+
+Files AfsStore::read_files() {
+    Files files;
+    for (uint32_t f = 0; f < context()->file_count; ++f) {
+        const auto file = static_cast<int32_t>(f);
+        uint32_t size = 0;
+        if (const uint32_t status = afs_getfilesize(context(), file, &size); status != 0) {
+            if (status == AFS_RC_NO_FILE) {
+                continue;
+            }
+            throw std::runtime_error("the size of file " + std::to_string(f) + " gives " +
+                                     std::to_string(status));
+        }
+        std::vector<uint8_t> contents(size + 1);
+        uint32_t length = size + 1;
+        const uint32_t status = afs_readfile(context(), file, 0, &length, contents.data());
+        if (status != 0 || length != size) {
+            throw std::runtime_error("the read of file " + std::to_string(f) + " gives " +
+                                     std::to_string(status) + " and " + std::to_string(length) +
+                                     " of " + std::to_string(size) + " bytes");
+        }
+        contents.resize(size);
+        files.emplace(f, std::move(contents));
+    }
+    return files;
+}
+
+std::vector<std::string> AfsStore::check(std::span<const uint8_t> image, const Files &files) {
+    const dolm::AfsImage found = dolm::read_afs_image(image);
+    Findings findings = dolm::check_invariants(found);
+    compare_files(findings, found, files);
+    compare_tables(findings, found, ftl());
+    return findings;
+}
+
+std::vector<Change> AfsStore::further_changes(uint32_t choice, const Files &files) {
+    const uint32_t file = any_file(choice / 16, files);
+    const auto known = files.find(file);
+    const auto size = static_cast<uint32_t>(known == files.end() ? 0 : known->second.size());
+    const Change overwrite = write(file, size / 2, pattern(choice, 10));
+    switch (choice % 10) {
+    case 0:
+        return {write(file, size, pattern(choice, 70))};
+    case 1:
+        return {write(file, 0, pattern(choice, 65), AFS_WRITE_TRUNCATE)};
+    case 2:
+        return {reclaim_data(), overwrite};
+    case 3:
+        return {reclaim_log(), overwrite};
+    case 4:
+        return {maintain("end of reserved files mode", afs_physical_ftl_end_reserved_files_mode),
+                overwrite};
+    case 5:
+        return {maintain("idle reclaim", afs_idle_reclaim), overwrite};
+    case 6:
+        return {maintain("dirty erase", afs_force_dirty_erase), overwrite};
+    case 7:
+        return {reclaim_log(), reclaim_data(), overwrite};
+    case 8:
+        return {maintain("full reclaim", afs_force_full_reclaim),
+                maintain("full reclaim", afs_force_full_reclaim), overwrite};
+    default:
+        return {overwrite};
+    }
+}
+
+std::vector<uint32_t> AfsStore::boundaries(const DeviceEvent &event) const {
+    const uint32_t offset = offset_in_eu(event);
+    if (event.kind == DeviceEvent::Kind::erase) {
+        // The fields at the head of an EU lie in its lower block.
+        if (offset == 0) {
+            return {4, 8, 17, 18, data_records_offset, log_records_offset, 2048};
+        }
+        return {record_size, 2048};
+    }
+    if (offset == 0) {
+        return {4, 8, 12, 14, 16};
+    }
+    std::vector<uint32_t> result;
+    if (are_log_records(event) || are_records(event, data_records_offset)) {
+        for (uint32_t at = 0; at < event.length; at += record_size) {
+            result.insert(result.end(), {at, at + AFS_PAGE_SIZE});
+        }
+        return result;
+    }
+    for (uint32_t at = 2; at < event.length; at += 2) {
+        result.push_back(at);
+    }
+    result.push_back(1);
+    return result;
+}
+
+std::vector<std::vector<uint8_t>> AfsStore::torn_values(const DeviceEvent &event) const {
+    const bool gives_up = is_write(event) && offset_in_eu(event) == 0 && event.length == 4;
+    if (!gives_up) {
+        return {};
+    }
+    return {le32_bytes(eu_magic_alt), le32_bytes(eu_magic_partial)};
+}
+
+std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
+                            std::span<const uint8_t> torn_image) const {
+    const DeviceEvent &event = events[k];
+    if (tear.kind == Tear::Kind::whole || !is_write(event)) {
+        return "";
+    }
+    if (offset_in_eu(event) == 0 && event.length == header_length &&
+        passes_header_checksum(&torn_image[event.address])) {
+        return "a torn header passes its checksum";
+    }
+    // Each entry of a run commits the page before it. Entries have no checksum of their own, so
+    // that a later one which landed before an earlier one leads astray.
+    const bool run = k > 0 && same_log_slot(event, events[k - 1]) && event.length > 2;
+    if (run && tear.kind != Tear::Kind::prefix) {
+        return "entries of a run landed out of order";
+    }
+    return "";
+}
+
+// A page of its own goes to the log behind its entry, so that a cut gives its slot up. A reclaim
+// writes a run of pages first and their entries after.
+bool AfsStore::leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const {
+    const DeviceEvent &event = events[k];
+    if (are_log_records(event)) {
+        return k == 0 || !same_log_slot(events[k - 1], event);
+    }
+    return k > 0 && same_log_slot(event, events[k - 1]);
+}
+
+Change AfsStore::write(uint32_t file, uint32_t offset, std::vector<uint8_t> bytes, uint32_t flags) {
+    Change change;
+    change.name = "a write to file " + std::to_string(file);
+    change.run = [this, file, offset, bytes, flags] {
+        return afs_writefile(context(), static_cast<int32_t>(file), offset,
+                             static_cast<uint32_t>(bytes.size()), bytes.data(), flags);
+    };
+    change.effect = [file, offset, bytes, flags](Files &files) {
+        std::vector<uint8_t> &contents = files[file];
+        const size_t end = offset + bytes.size();
+        if ((flags & AFS_WRITE_TRUNCATE) != 0 || (contents.size() < end && !bytes.empty())) {
+            contents.resize(end);
+        }
+        std::copy(bytes.begin(), bytes.end(), contents.begin() + offset);
+    };
+    return change;
+}
+
+Change AfsStore::remove(uint32_t file) {
+    return {"the delete of file " + std::to_string(file),
+            [this, file] { return afs_deletefile(context(), static_cast<int32_t>(file)); },
+            [file](Files &files) { files.erase(file); }};
+}
+
+Change AfsStore::mark_zombie(uint32_t file) {
+    return {"zombie mark of file " + std::to_string(file),
+            [this, file] { return afs_mark_zombie_file(context(), file); },
+            {}};
+}
+
+Change AfsStore::maintain(std::string name, std::function<uint32_t(afs_context *)> run) {
+    return {std::move(name),
+            [this, run = std::move(run)]() -> uint32_t {
+                const uint32_t status = run(context());
+                return status == AFS_RC_AGAIN || status == AFS_RC_NOT_RECLAIMED ? 0 : status;
+            },
+            {}};
+}
+
+Change AfsStore::reclaim_log() {
+    return maintain("a reclaim of a log EU", [](afs_context *context) {
+        uint32_t mode = 0;
+        const uint32_t best = choose_eu_to_reclaim(context, AFS_FTL_KIND_LOG, 0, &mode, 0);
+        const uint32_t eu = mode == AFS_FTL_MODE_RECLAIM ? best : context->ftl->write_eu;
+        return reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+    });
+}
+
+Change AfsStore::reclaim_data() {
+    return maintain("a reclaim of a data EU", [](afs_context *context) {
+        uint32_t mode = 0;
+        const uint32_t eu = choose_eu_to_reclaim(context, AFS_FTL_KIND_DATA, 0, &mode, 0);
+        return reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+    });
+}
+
+Change AfsStore::reclaim(uint32_t eu) {
+    return maintain("a reclaim of EU " + std::to_string(eu), [eu](afs_context *context) {
+        return eu == context->ftl->spare_eu ? 0 : reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+    });
+}
+
+void run_changes(AfsStore &store, Image &image, Files &files, const std::vector<Change> &changes) {
+    if (const uint32_t status = store.mount(image); status != 0) {
+        throw std::runtime_error("the mount fails with " + std::to_string(status));
+    }
+    for (const Change &change : changes) {
+        if (const uint32_t status = change.run(); status != 0) {
+            throw std::runtime_error(change.name + " fails with " + std::to_string(status));
+        }
+        if (change.effect) {
+            change.effect(files);
+        }
+    }
+    store.unmount();
+}
+
+std::vector<uint8_t> pattern(uint32_t seed, uint32_t length) {
+    std::vector<uint8_t> bytes(length);
+    uint32_t state = seed * 2654435761U + 12345;
+    for (uint8_t &byte : bytes) {
+        state = state * 1664525U + 1013904223U;
+        byte = static_cast<uint8_t>(state >> 24);
+    }
+    return bytes;
+}
+
+} // namespace dolm_test

@@ -1,0 +1,51 @@
+// AFS under the power-cut harness.
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "host/afs_build.h"
+#include "power_cut.h"
+
+namespace dolm_test {
+
+class AfsStore : public PowerCutStore {
+  public:
+    uint32_t mount(std::span<uint8_t> image) override;
+    void unmount() override { mount_.reset(); }
+    Files read_files() override;
+    std::vector<std::string> check(std::span<const uint8_t> image, const Files &files) override;
+    std::vector<Change> further_changes(uint32_t choice, const Files &files) override;
+    std::vector<uint32_t> boundaries(const DeviceEvent &event) const override;
+    std::vector<std::vector<uint8_t>> torn_values(const DeviceEvent &event) const override;
+    std::string limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
+                      std::span<const uint8_t> torn_image) const override;
+    bool leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const override;
+
+    // Of the mounted store.
+    afs_context *context() { return mount_->context(); }
+    const afs_ftl_state &ftl() { return *context()->ftl; }
+
+    // Changes; each runs on whatever image is mounted by then.
+    Change write(uint32_t file, uint32_t offset, std::vector<uint8_t> bytes, uint32_t flags = 0);
+    Change remove(uint32_t file);
+    Change mark_zombie(uint32_t file);
+    // What file operations are not allowed to change. A status of "nothing gained" or "call again"
+    // counts as done.
+    Change maintain(std::string name, std::function<uint32_t(afs_context *)> run);
+    Change reclaim_log();        // the log EU that has most to give, the head if none has
+    Change reclaim_data();       // the data EU that has most to give
+    Change reclaim(uint32_t eu); // nothing if it is the spare
+
+  private:
+    std::optional<dolm::AfsMount> mount_;
+};
+
+// Runs changes on an image without a look at what they leave. Throws std::runtime_error if one
+// fails.
+void run_changes(AfsStore &store, Image &image, Files &files, const std::vector<Change> &changes);
+
+// Bytes that differ from file to file and from place to place.
+std::vector<uint8_t> pattern(uint32_t seed, uint32_t length);
+
+} // namespace dolm_test

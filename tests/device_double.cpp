@@ -1,0 +1,145 @@
+#include "device_double.h"
+
+#include <array>
+#include <cstring>
+
+namespace dolm_test {
+namespace {
+
+constexpr uint32_t device_failure = 5;
+
+constexpr std::array access_names{"read", "write", "erase"};
+
+} // namespace
+
+DeviceDouble &DeviceDouble::instance() {
+    static DeviceDouble device;
+    return device;
+}
+
+void DeviceDouble::attach(std::span<uint8_t> image) {
+    *this = DeviceDouble{};
+    image_ = image;
+}
+
+bool DeviceDouble::is_in_range(DeviceAccess kind, uint32_t address, uint32_t length) {
+    if (address <= image_.size() && length <= image_.size() - address) {
+        return true;
+    }
+    out_of_range_.push_back(std::string(access_names[static_cast<size_t>(kind)]) + " of " +
+                            std::to_string(length) + " bytes at " + std::to_string(address));
+    return false;
+}
+
+const DeviceFault *DeviceDouble::fault_for(DeviceAccess kind, uint32_t number) const {
+    for (const DeviceFault &fault : faults_) {
+        if (fault.access == kind && number >= fault.first && number - fault.first < fault.count) {
+            return &fault;
+        }
+    }
+    return nullptr;
+}
+
+void DeviceDouble::check_discipline(uint32_t address, uint32_t length, const uint8_t *written) {
+    for (uint32_t i = 0; !allow_rewrites_ && i < length; ++i) {
+        if ((written[i] & ~image_[address + i]) != 0) {
+            breaches_.push_back({{DeviceEvent::Kind::write, address, length, {}}, address + i});
+            return;
+        }
+    }
+}
+
+void DeviceDouble::note(uint32_t address, uint32_t length, const uint8_t *written) {
+    bytes_written_ += written != nullptr ? length : 0;
+    if (!keep_log_) {
+        return;
+    }
+    DeviceEvent event{DeviceEvent::Kind::erase, address, length, {}};
+    if (written != nullptr) {
+        event.kind = DeviceEvent::Kind::write;
+        event.bytes.assign(written, written + length);
+    }
+    log_.push_back(std::move(event));
+}
+
+template <typename Real>
+uint32_t DeviceDouble::access(DeviceAccess kind, uint32_t address, uint32_t length,
+                              const uint8_t *written, uint8_t *seen, Real real) {
+    if (image_.empty()) {
+        return real();
+    }
+    const DeviceFault *fault = fault_for(kind, counts_[static_cast<size_t>(kind)]++);
+    if (!is_in_range(kind, address, length) ||
+        (fault != nullptr && fault->effect == DeviceFault::Effect::fail)) {
+        return device_failure;
+    }
+    if (fault != nullptr && fault->effect == DeviceFault::Effect::lose) {
+        return 0;
+    }
+    if (kind == DeviceAccess::write) {
+        check_discipline(address, length, written);
+    }
+    if (kind != DeviceAccess::read) {
+        note(address, length, written);
+    }
+    const uint32_t result = real();
+    if (fault != nullptr && length != 0) {
+        (seen != nullptr ? seen : &image_[address])[length / 2] ^= 0x10;
+    }
+    return result;
+}
+
+} // namespace dolm_test
+
+using dolm_test::DeviceAccess;
+
+static dolm_test::DeviceDouble &device() {
+    return dolm_test::DeviceDouble::instance();
+}
+
+// The linker sends every call of a device function here, and __real_ names to the library's own.
+extern "C" {
+
+uint32_t __real_SpiDrvRead(uint32_t address, uint32_t length, void *buffer);
+uint32_t __real_SpiDrvWrite(uint32_t address, uint32_t length, const void *buffer);
+uint32_t __real_SpiDrvEraseBlock(uint32_t address);
+uint32_t __real_EFS_physical_read(uint32_t address, uint32_t length, void *destination);
+uint32_t __real_EFS_physical_write(uint32_t address, uint32_t length, const void *source);
+uint32_t __real_EFS_physical_erase(uint32_t address, uint32_t length);
+
+uint32_t __wrap_SpiDrvRead(uint32_t address, uint32_t length, void *buffer) {
+    return device().access(DeviceAccess::read, address, length, nullptr,
+                           static_cast<uint8_t *>(buffer),
+                           [=] { return __real_SpiDrvRead(address, length, buffer); });
+}
+
+uint32_t __wrap_SpiDrvWrite(uint32_t address, uint32_t length, const void *buffer) {
+    return device().access(DeviceAccess::write, address, length,
+                           static_cast<const uint8_t *>(buffer), nullptr,
+                           [=] { return __real_SpiDrvWrite(address, length, buffer); });
+}
+
+uint32_t __wrap_SpiDrvEraseBlock(uint32_t address) {
+    constexpr uint32_t block_size = 4096;
+    return device().access(DeviceAccess::erase, address, block_size, nullptr, nullptr,
+                           [=] { return __real_SpiDrvEraseBlock(address); });
+}
+
+uint32_t __wrap_EFS_physical_read(uint32_t address, uint32_t length, void *destination) {
+    return device().access(DeviceAccess::read, address, length, nullptr,
+                           static_cast<uint8_t *>(destination),
+                           [=] { return __real_EFS_physical_read(address, length, destination); });
+}
+
+uint32_t __wrap_EFS_physical_write(uint32_t address, uint32_t length, const void *source) {
+    return device().access(DeviceAccess::write, address, length,
+                           static_cast<const uint8_t *>(source), nullptr,
+                           [=] { return __real_EFS_physical_write(address, length, source); });
+}
+
+uint32_t __wrap_EFS_physical_erase(uint32_t address, uint32_t length) {
+    return device().access(DeviceAccess::erase, address, length, nullptr, nullptr,
+                           [=] { return __real_EFS_physical_erase(address, length); });
+}
+
+} // extern "C"

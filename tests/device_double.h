@@ -1,0 +1,91 @@
+// One double for the devices of both stores. Linked in with --wrap (see add_device_test in
+// CMakeLists.txt), it stands between a store and its device functions: it logs what is written and
+// erased, checks that the store treats its memory as flash, and can make any access go wrong.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace dolm_test {
+
+struct DeviceEvent {
+    enum class Kind : uint8_t { write, erase };
+
+    Kind kind = Kind::write;
+    uint32_t address = 0;       // byte offset from the start of the image
+    uint32_t length = 0;        // bytes
+    std::vector<uint8_t> bytes; // what a write puts there
+};
+
+// A write that a flash device could not do: it sets bits that only an erase can set.
+struct DisciplineBreach {
+    DeviceEvent event;
+    uint32_t address = 0; // first byte with such a bit
+};
+
+enum class DeviceAccess : uint8_t { read, write, erase };
+
+// What goes wrong with the accesses number first to first + count - 1 of a kind, counted from the
+// attach on.
+struct DeviceFault {
+    enum class Effect : uint8_t {
+        fail,     // nothing happens and the result is not 0
+        flip_bit, // one bit of what is read, written or erased comes out wrong; the result is 0
+        lose      // nothing happens and the result is 0
+    };
+
+    DeviceAccess access = DeviceAccess::read;
+    uint32_t first = 0;
+    uint32_t count = 1;
+    Effect effect = Effect::fail;
+};
+
+class DeviceDouble {
+  public:
+    // The one that the wrapped device functions ask.
+    static DeviceDouble &instance();
+
+    // From now on accesses belong to this image. Clears the log, the counts and the faults. Without
+    // an image attached everything passes through unseen.
+    void attach(std::span<uint8_t> image);
+    void detach() { attach({}); }
+
+    void keep_log(bool keep) { keep_log_ = keep; }
+    std::vector<DeviceEvent> &log() { return log_; }
+
+    void add_fault(DeviceFault fault) { faults_.push_back(fault); }
+
+    // For a format over an image that is not erased.
+    void allow_rewrites(bool allow) { allow_rewrites_ = allow; }
+
+    uint32_t count(DeviceAccess access) const { return counts_[static_cast<size_t>(access)]; }
+    uint64_t bytes_written() const { return bytes_written_; }
+    const std::vector<DisciplineBreach> &breaches() const { return breaches_; }
+    const std::vector<std::string> &out_of_range() const { return out_of_range_; }
+
+    // For the wrapped functions: one access. written is what a write puts down, seen where a read
+    // puts its bytes; real carries the access out.
+    template <typename Real>
+    uint32_t access(DeviceAccess kind, uint32_t address, uint32_t length, const uint8_t *written,
+                    uint8_t *seen, Real real);
+
+  private:
+    bool is_in_range(DeviceAccess kind, uint32_t address, uint32_t length);
+    const DeviceFault *fault_for(DeviceAccess kind, uint32_t number) const;
+    void check_discipline(uint32_t address, uint32_t length, const uint8_t *written);
+    void note(uint32_t address, uint32_t length, const uint8_t *written);
+
+    std::span<uint8_t> image_;
+    bool keep_log_ = true;
+    bool allow_rewrites_ = false;
+    std::vector<DeviceEvent> log_;
+    std::vector<DeviceFault> faults_;
+    std::vector<DisciplineBreach> breaches_;
+    std::vector<std::string> out_of_range_;
+    uint32_t counts_[3] = {};
+    uint64_t bytes_written_ = 0;
+};
+
+} // namespace dolm_test

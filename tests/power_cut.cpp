@@ -1,0 +1,352 @@
+#include "power_cut.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace dolm_test {
+namespace {
+
+constexpr unsigned max_level = 2;
+constexpr uint32_t bit_variants = 3;
+constexpr unsigned max_reported_failures = 5;
+
+// The sample: writes with more tears than this are thinned out, and of the states after a second
+// cut one in sample_stride is visited.
+constexpr size_t sample_tears = 24;
+#if defined(__SANITIZE_ADDRESS__)
+constexpr uint64_t sample_stride = 400;
+#else
+constexpr uint64_t sample_stride = 40;
+#endif
+
+// A state that does not hold what was promised.
+class Broken : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Worse: the store went outside its image, or wrote what no flash can take.
+class Undisciplined : public Broken {
+  public:
+    using Broken::Broken;
+};
+
+constexpr uint64_t hash_start = 0x9E3779B97F4A7C15;
+
+uint64_t mix(uint64_t hash, uint64_t value) {
+    hash = (hash ^ value) * 0xFF51AFD7ED558CCD;
+    return hash ^ hash >> 32;
+}
+
+uint64_t hash_bytes(uint64_t hash, std::span<const uint8_t> bytes) {
+    size_t i = 0;
+    for (; i + 8 <= bytes.size(); i += 8) {
+        uint64_t word = 0;
+        std::memcpy(&word, &bytes[i], 8);
+        hash = mix(hash, word);
+    }
+    for (; i < bytes.size(); ++i) {
+        hash = mix(hash, bytes[i]);
+    }
+    return hash;
+}
+
+uint64_t hash_text(const std::string &text) {
+    return hash_bytes(hash_start, {reinterpret_cast<const uint8_t *>(text.data()), text.size()});
+}
+
+uint64_t hash_files(uint64_t hash, const Files &files) {
+    for (const auto &[number, contents] : files) {
+        hash = hash_bytes(mix(mix(hash, number), contents.size()), contents);
+    }
+    return hash;
+}
+
+std::string describe(const Files &shown, const Files &before, const Files &after) {
+    const auto text = [](const Files &files, uint32_t number) {
+        const auto file = files.find(number);
+        return file == files.end() ? "none" : std::to_string(file->second.size()) + " bytes";
+    };
+    std::string result = "files that are neither the old nor the new ones:";
+    for (uint32_t number = 0; number <= 0xFFFF; ++number) {
+        const auto get = [number](const Files &files) {
+            const auto file = files.find(number);
+            return file == files.end() ? nullptr : &file->second;
+        };
+        const auto *is = get(shown);
+        const auto differs = [is](const std::vector<uint8_t> *other) {
+            return (is == nullptr) != (other == nullptr) || (is != nullptr && *is != *other);
+        };
+        if (differs(get(before)) || differs(get(after))) {
+            result += " file " + std::to_string(number) + " is " + text(shown, number) + ", was " +
+                      text(before, number) + ", becomes " + text(after, number) + ";";
+        }
+    }
+    return result;
+}
+
+// Leaves the store and the device free, however a run ends.
+class Session {
+  public:
+    Session(PowerCutStore &store, Image &image) : store_(store) {
+        DeviceDouble::instance().attach(image);
+    }
+    ~Session() {
+        store_.unmount();
+        DeviceDouble::instance().detach();
+    }
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+  private:
+    PowerCutStore &store_;
+};
+
+void mount(PowerCutStore &store, Image &image, const char *which) {
+    store.unmount();
+    if (const uint32_t status = store.mount(image); status != 0) {
+        throw Broken(std::string(which) + " fails with " + std::to_string(status));
+    }
+}
+
+void expect_sound(PowerCutStore &store, const Image &image, const Files &files) {
+    const auto broken = store.check(image, files);
+    if (!broken.empty()) {
+        throw Broken(broken.front());
+    }
+}
+
+void expect_files(PowerCutStore &store, const Files &files, const char *when) {
+    if (const Files shown = store.read_files(); shown != files) {
+        throw Broken(std::string(when) + " shows " + describe(shown, files, files));
+    }
+}
+
+// Returns whether unclaimed bytes were written over.
+bool expect_discipline(bool unclaimed_bytes) {
+    const DeviceDouble &device = DeviceDouble::instance();
+    if (!device.out_of_range().empty()) {
+        throw Undisciplined("outside the image: " + device.out_of_range().front());
+    }
+    if (device.breaches().empty()) {
+        return false;
+    }
+    if (!unclaimed_bytes) {
+        const DisciplineBreach &breach = device.breaches().front();
+        throw Undisciplined("a write of " + std::to_string(breach.event.length) + " bytes at " +
+                            std::to_string(breach.event.address) + " sets bits at " +
+                            std::to_string(breach.address) + " that only an erase can set");
+    }
+    return true;
+}
+
+void apply(Image &image, const DeviceEvent &event, uint32_t from, uint32_t to) {
+    for (uint32_t i = from; i < to; ++i) {
+        image[event.address + i] =
+            event.kind == DeviceEvent::Kind::erase ? uint8_t{0xFF} : event.bytes[i];
+    }
+}
+
+} // namespace
+
+std::string Tear::name() const {
+    return static_cast<char>(kind) + std::to_string(at);
+}
+
+PowerCut::PowerCut(PowerCutStore &store) : store_(store) {
+    const char *choice = std::getenv("DOLM_POWER_CUT");
+    const std::string text = choice != nullptr ? choice : "";
+    full_ = text == "full";
+    replay_ = full_ ? "" : text;
+}
+
+void PowerCut::explore(const Workload &workload) {
+    if (!replay_.empty() && !replay_.starts_with(workload.name + "/")) {
+        return;
+    }
+    failures_ = 0;
+    seen_.clear();
+    const State start{workload.name, &workload.files, &workload.files, false, false};
+    Image image = workload.start;
+    try {
+        const Recording recording =
+            run_and_check(image, start, [&](const Files &) { return workload.changes; });
+        cut_everywhere(workload.start, recording, start, 1);
+    } catch (const std::runtime_error &error) {
+        fail(start, error.what());
+    }
+}
+
+// Mounts an image, holds it against what may be there, goes on with some changes and looks again.
+PowerCut::Recording PowerCut::run_and_check(Image &image, const State &state,
+                                            const Changes &changes) {
+    const Session session(store_, image);
+    std::vector<DeviceEvent> &log = DeviceDouble::instance().log();
+    Recording recording;
+
+    mount(store_, image, "the mount");
+    Files files = store_.read_files();
+    if (files != *state.before && files != *state.after) {
+        throw Broken("the mount shows " + describe(files, *state.before, *state.after));
+    }
+    expect_sound(store_, image, files);
+    mount(store_, image, "the second mount");
+    expect_files(store_, files, "the second mount");
+    recording.segments.push_back({log.size(), *state.before, *state.after});
+
+    for (const Change &change : changes(files)) {
+        Files before = files;
+        if (const uint32_t status = change.run(); status != 0) {
+            throw Broken(change.name + " fails with " + std::to_string(status));
+        }
+        if (change.effect) {
+            change.effect(files);
+        }
+        recording.segments.push_back({log.size(), std::move(before), files});
+    }
+    expect_files(store_, files, "the store after its changes");
+    mount(store_, image, "the mount after the changes");
+    expect_files(store_, files, "the mount after the changes");
+    expect_sound(store_, image, files);
+    recording.segments.push_back({log.size(), files, files});
+
+    counts_.rewrites += expect_discipline(state.unclaimed_bytes) ? 1 : 0;
+    recording.events = std::move(log);
+    return recording;
+}
+
+void PowerCut::cut_everywhere(const Image &start, const Recording &recording, const State &parent,
+                              unsigned level) {
+    Image before = start;
+    auto segment = recording.segments.begin();
+    for (size_t k = 0; k < recording.events.size(); ++k) {
+        while (k >= segment->end) {
+            ++segment;
+        }
+        const DeviceEvent &event = recording.events[k];
+        const std::vector<Tear> all = tears(event);
+        const uint64_t oracle = hash_files(hash_files(hash_start, segment->before), segment->after);
+        for (const Tear &tear : all) {
+            State state{parent.id + "/" + std::to_string(k) + tear.name(), &segment->before,
+                        &segment->after, false, parent.unclaimed_bytes};
+            if (failures_ >= max_reported_failures || !is_chosen(state.id, level, all.size())) {
+                continue;
+            }
+            const Image image = torn(before, event, tear);
+            state.at_limit = !store_.limit(recording.events, k, tear, image).empty();
+            state.unclaimed_bytes =
+                state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);
+            const uint64_t hash = mix(hash_bytes(oracle, image), state.at_limit ? 1 : 0);
+            if (seen_.insert(hash).second) {
+                visit(image, state, level);
+            }
+        }
+        apply(before, event, 0, event.length);
+    }
+}
+
+void PowerCut::visit(const Image &image, const State &state, unsigned level) {
+    ++(level == 1 ? counts_.first_level : counts_.second_level);
+    counts_.at_limit += state.at_limit ? 1 : 0;
+    Image work = image;
+    try {
+        const auto choice = static_cast<uint32_t>(hash_text(state.id) >> 16);
+        const Recording recording = run_and_check(
+            work, state, [&](const Files &files) { return store_.further_changes(choice, files); });
+        if (level < max_level && !state.at_limit) {
+            cut_everywhere(image, recording, state, level + 1);
+        }
+    } catch (const Undisciplined &error) {
+        fail(state, error.what());
+    } catch (const std::runtime_error &error) {
+        if (state.at_limit) {
+            ++counts_.lost_at_limit;
+        } else {
+            fail(state, error.what());
+        }
+    }
+}
+
+std::vector<Tear> PowerCut::tears(const DeviceEvent &event) const {
+    std::vector<uint32_t> cuts;
+    for (const uint32_t boundary : store_.boundaries(event)) {
+        for (const uint32_t cut : {boundary - 1, boundary, boundary + 1}) {
+            if (cut > 0 && cut < event.length) {
+                cuts.push_back(cut);
+            }
+        }
+    }
+    std::sort(cuts.begin(), cuts.end());
+    cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+
+    std::vector<Tear> result{{Tear::Kind::whole, 0}};
+    for (const uint32_t cut : cuts) {
+        result.push_back({Tear::Kind::prefix, cut});
+    }
+    if (event.kind == DeviceEvent::Kind::erase) {
+        return result;
+    }
+    for (const uint32_t cut : cuts) {
+        result.push_back({Tear::Kind::suffix, cut});
+    }
+    for (uint32_t i = 0; i < bit_variants; ++i) {
+        result.push_back({Tear::Kind::bits, i});
+    }
+    for (uint32_t i = 0; i < store_.torn_values(event).size(); ++i) {
+        result.push_back({Tear::Kind::value, i});
+    }
+    return result;
+}
+
+Image PowerCut::torn(const Image &before, const DeviceEvent &event, const Tear &tear) const {
+    Image image = before;
+    switch (tear.kind) {
+    case Tear::Kind::whole:
+        apply(image, event, 0, event.length);
+        break;
+    case Tear::Kind::prefix:
+        apply(image, event, 0, tear.at);
+        break;
+    case Tear::Kind::suffix:
+        apply(image, event, tear.at, event.length);
+        break;
+    case Tear::Kind::bits: {
+        uint64_t random = mix(mix(hash_start, event.address), tear.at);
+        for (uint32_t i = 0; i < event.length; ++i) {
+            random = mix(random, i);
+            uint8_t &byte = image[event.address + i];
+            byte = static_cast<uint8_t>(byte ^ ((byte ^ event.bytes[i]) & random >> 24));
+        }
+        break;
+    }
+    case Tear::Kind::value: {
+        const std::vector<uint8_t> value = store_.torn_values(event)[tear.at];
+        std::copy(value.begin(), value.end(), image.begin() + event.address);
+        break;
+    }
+    }
+    return image;
+}
+
+bool PowerCut::is_chosen(const std::string &id, unsigned level, size_t tears) const {
+    if (!replay_.empty()) {
+        return replay_ == id || replay_.starts_with(id + "/");
+    }
+    if (full_) {
+        return true;
+    }
+    const uint64_t draw = hash_text(id) >> 20;
+    return level > 1 ? draw % sample_stride == 0 : draw % tears < sample_tears;
+}
+
+void PowerCut::fail(const State &state, const std::string &what) {
+    if (++failures_ <= max_reported_failures) {
+        ADD_FAILURE() << what << "\nThis state alone: DOLM_POWER_CUT=" << state.id;
+    }
+}
+
+} // namespace dolm_test
