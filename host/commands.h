@@ -1,0 +1,47 @@
+// What each command of dolm does. A command that returns has succeeded; otherwise it throws Failure
+// or UsageError (errors.h). Results go to standard output, everything else to standard error.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace dolm {
+
+struct BuildOptions {
+    std::optional<std::filesystem::path> manifest; // the compiled-in one without it
+    std::filesystem::path folder;
+    bool replace = false; // the files of a set that lies there already
+};
+void build_set(const BuildOptions &options);
+
+struct SetOptions {
+    std::filesystem::path folder;
+    std::optional<uint32_t> sku;
+    bool json = false;
+};
+
+struct ListOptions : SetOptions {
+    bool changed_only = false;
+};
+void list_nvars(const ListOptions &options);
+
+enum class ValueForm { notation, text, hex, raw };
+
+struct GetOptions : SetOptions {
+    std::string name;
+    ValueForm form = ValueForm::notation;
+    std::optional<std::filesystem::path> raw_file;
+    std::string table = "current"; // or "base", "override"
+};
+void get_nvar(const GetOptions &options);
+
+struct ChangeOptions : SetOptions {
+    std::vector<std::string> words; // names and values in turn
+    std::optional<std::filesystem::path> output;
+};
+void set_nvars(const ChangeOptions &options);
+
+} // namespace dolm

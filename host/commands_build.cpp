@@ -1,0 +1,29 @@
+#include <iostream>
+
+#include "host/commands.h"
+#include "host/errors.h"
+#include "host/manifest.h"
+#include "host/set_files.h"
+#include "host/tables.h"
+
+namespace dolm {
+
+void build_set(const BuildOptions &options) {
+    const Manifest manifest =
+        options.manifest ? load_manifest(*options.manifest)
+                         : parse_manifest(sample_manifest_text(), "the built-in manifest", {});
+    if (!options.replace && holds_set(options.folder)) {
+        throw UsageError(options.folder.string() +
+                         " holds a set already; --replace writes over it");
+    }
+    SetFiles set;
+    set.sku = manifest.default_sku;
+    set.ftbl = make_ftbl(manifest);
+    set.orvel_cfg = make_orvel_cfg(manifest);
+    set.vync_cfg = make_vync_cfg(manifest);
+    save_set(options.folder, set);
+    std::cout << options.folder.string() << ": " << manifest.files.size() << " files, "
+              << manifest.skus.size() << " SKUs, default SKU " << manifest.default_sku << '\n';
+}
+
+} // namespace dolm

@@ -1,0 +1,118 @@
+// The command line of dolm.
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "host/commands.h"
+#include "host/errors.h"
+
+namespace {
+
+constexpr int exit_failure = 1;
+constexpr int exit_usage = 2;
+
+constexpr const char *value_help =
+    "A VALUE is text; hex:00ff gives bytes, @FILE the content of a file, text:... text that begins "
+    "with one of these. Put -- in front of values that begin with a dash.";
+
+void add_build(CLI::App &app) {
+    auto *command = app.add_subcommand("build", "Make a set of inputs from a JSON manifest");
+    auto options = std::make_shared<dolm::BuildOptions>();
+    command->add_option("MANIFEST", options->manifest, "What the set holds (docs/manifest.md)")
+        ->required();
+    command->add_option("DIR", options->folder, "Folder for the set")->required();
+    command->add_flag("--replace", options->replace, "Write over a set that lies there");
+    command->callback([options] { dolm::build_set(*options); });
+}
+
+void add_sample(CLI::App &app) {
+    auto *command = app.add_subcommand("sample", "Make the built-in sample set");
+    auto options = std::make_shared<dolm::BuildOptions>();
+    command->add_option("DIR", options->folder, "Folder for the set")->required();
+    command->add_flag("--replace", options->replace, "Write over a set that lies there");
+    command->callback([options] { dolm::build_set(*options); });
+}
+
+void add_set_options(CLI::App &command, dolm::SetOptions &options) {
+    command.add_option("SET", options.folder, "Folder of the set")->required();
+    command.add_option("--sku", options.sku, "SKU to use instead of the one in set.json");
+}
+
+void add_list(CLI::App &app) {
+    auto *command = app.add_subcommand("list", "Show all NVARs of a set");
+    auto options = std::make_shared<dolm::ListOptions>();
+    add_set_options(*command, *options);
+    command->add_flag("--changed", options->changed_only,
+                      "Only those whose value differs from the base value");
+    command->add_flag("--json", options->json, "As JSON, with whole values");
+    command->callback([options] { dolm::list_nvars(*options); });
+}
+
+void add_get(CLI::App &app) {
+    auto *command = app.add_subcommand("get", "Show the value of one NVAR, as set takes it");
+    auto options = std::make_shared<dolm::GetOptions>();
+    add_set_options(*command, *options);
+    command->add_option("NAME", options->name, "Name, with or without /home/ in front")->required();
+    command->add_option("--table", options->table, "Where from: current, base or override")
+        ->check(CLI::IsMember({"current", "base", "override"}));
+    auto *form = command->add_option_group("form");
+    form->add_flag_callback(
+        "--text", [options] { options->form = dolm::ValueForm::text; }, "The bytes as text");
+    form->add_flag_callback(
+        "--hex", [options] { options->form = dolm::ValueForm::hex; }, "The bytes in hexadecimal");
+    form->add_option_function<std::string>(
+        "--raw",
+        [options](const std::string &path) {
+            options->form = dolm::ValueForm::raw;
+            options->raw_file = path;
+        },
+        "The bytes as they are, into this file (- for standard output)");
+    form->add_flag("--json", options->json, "As JSON, with all properties");
+    form->require_option(0, 1);
+    command->callback([options] { dolm::get_nvar(*options); });
+}
+
+void add_set(CLI::App &app) {
+    auto *command = app.add_subcommand("set", "Change NVARs and write the set back");
+    auto options = std::make_shared<dolm::ChangeOptions>();
+    add_set_options(*command, *options);
+    command->add_option("NAME VALUE", options->words, "Names and their new values")->required();
+    command->add_option("-o,--output", options->output,
+                        "Write the changed set into this folder and leave SET as it is");
+    command->footer(value_help);
+    command->callback([options] { dolm::set_nvars(*options); });
+}
+
+int run(int argc, char **argv) {
+    CLI::App app("Builds, reads and changes sets of firmware storage inputs: configuration tables "
+                 "and flash images.");
+    app.set_version_flag("--version", DOLM_VERSION);
+    app.require_subcommand(1);
+    add_build(app);
+    add_sample(app);
+    add_list(app);
+    add_get(app);
+    add_set(app);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : exit_usage;
+    }
+    std::cout.flush();
+    return std::cout ? 0 : exit_failure;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return run(argc, argv);
+    } catch (const dolm::UsageError &error) {
+        std::cerr << "dolm: " << error.what() << '\n';
+        return exit_usage;
+    } catch (const std::exception &error) {
+        if (*error.what() != '\0') {
+            std::cerr << "dolm: " << error.what() << '\n';
+        }
+        return exit_failure;
+    }
+}

@@ -1,0 +1,89 @@
+// The description of a set of inputs from which "build" makes one. docs/manifest.md tells what
+// stands in its JSON form.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/bytes.h"
+
+namespace dolm {
+
+// The path of the file whose presence in flash makes the flash stores take part in start-up and
+// termination.
+inline constexpr std::string_view deploy_marker = "/home/mca/deploy";
+
+inline constexpr uint32_t max_name_length = 48;
+inline constexpr uint32_t max_value_size = 65523; // of a value in a configuration store
+inline constexpr uint32_t max_sku_rows = 10;      // of a file table
+
+// Attribute bits with a meaning.
+inline constexpr uint16_t attribute_trailer = 0x01;
+inline constexpr uint16_t attribute_not_pulled = 0x02;
+inline constexpr uint16_t attribute_long_trailer = 0x40;
+
+// As the file table encodes them.
+enum class Store : uint8_t { none = 0, afs = 1, efs = 2 };
+
+// Where a file has its fixed place in EFS.
+struct EfsPlace {
+    uint32_t block = 0;    // first logical block
+    uint32_t offset = 0;   // of the first record, in the block's data area
+    uint32_t max_size = 0; // of the file, trailer included
+};
+
+struct ManifestFile {
+    std::string place; // JSON pointer to the description, for messages
+    std::string name;
+    uint32_t number = 0; // file number, the class nibble in the top four bits
+    uint16_t attributes = 0;
+    Store store = Store::none;
+    uint16_t id = 0; // inside its store
+    uint32_t max_size = 0;
+    std::vector<uint32_t> skus; // that have the file
+    std::optional<Bytes> base;
+    std::optional<Bytes> override_value;
+    std::optional<Bytes> flash; // content in its store, without the trailer
+    EfsPlace efs;               // for a file of EFS
+};
+
+struct AfsGeometry {
+    uint32_t size = 0;       // of the image, in bytes
+    uint32_t data_units = 0; // erase units for file contents
+    uint32_t file_count = 0; // file slots
+};
+
+struct EfsGeometry {
+    uint32_t bm_num = 2;
+    uint32_t valid = 7;     // logical blocks
+    uint32_t non_valid = 3; // spare blocks
+    uint32_t files_num = 0; // file slots
+    uint32_t wear_threshold = 100;
+    uint32_t layout_id = 0;
+};
+
+struct Manifest {
+    std::vector<uint32_t> skus;
+    uint32_t default_sku = 0;
+    std::optional<AfsGeometry> afs;
+    std::optional<EfsGeometry> efs;
+    std::vector<ManifestFile> files;
+};
+
+// Bytes that a file in flash carries behind its value: 0, 40 or 56.
+uint32_t trailer_length(uint16_t attributes);
+
+// Reads a manifest and checks it (see manifest_check.h). File names in it are taken from folder.
+// Throws Failure with one line for each problem, which names the place in the JSON text; source
+// says where the text is from.
+Manifest parse_manifest(std::string_view text, const std::string &source,
+                        const std::filesystem::path &folder);
+Manifest load_manifest(const std::filesystem::path &path);
+
+// The manifest that is compiled in.
+std::string_view sample_manifest_text();
+
+} // namespace dolm

@@ -1,0 +1,223 @@
+#include "host/set_files.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "host/errors.h"
+
+namespace dolm {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char *settings_name = "set.json";
+
+struct Member {
+    const char *name;
+    Bytes SetFiles::*content;
+    bool mandatory;
+};
+
+constexpr Member members[] = {
+    {"orvel.cfg", &SetFiles::orvel_cfg, true}, {"vync.cfg", &SetFiles::vync_cfg, false},
+    {"ftbl.bin", &SetFiles::ftbl, true},       {"qfs.img", &SetFiles::qfs_image, false},
+    {"efs.img", &SetFiles::efs_image, false},
+};
+
+std::optional<uint32_t> read_settings(const fs::path &path) {
+    if (!fs::exists(path)) {
+        return std::nullopt;
+    }
+    const Bytes content = read_file(path);
+    const auto settings = nlohmann::json::parse(content, nullptr, false);
+    const auto sku = settings.is_object() ? settings.find("sku") : settings.end();
+    if (sku == settings.end() || !sku->is_number_unsigned() ||
+        sku->get<uint64_t>() > std::numeric_limits<uint32_t>::max()) {
+        throw Failure(path.string() + ": not of the form {\"sku\": NUMBER}");
+    }
+    return sku->get<uint32_t>();
+}
+
+Bytes make_settings(uint32_t sku) {
+    const std::string text = nlohmann::json{{"sku", sku}}.dump() + "\n";
+    return Bytes(text.begin(), text.end());
+}
+
+fs::path beside(const fs::path &target, const char *ending) {
+    return target.string() + "." + std::to_string(getpid()) + ending;
+}
+
+void write_new_file(const fs::path &path, const Bytes &content) {
+    std::ofstream stream(path, std::ios::binary | std::ios::trunc);
+    stream.write(reinterpret_cast<const char *>(content.data()),
+                 static_cast<std::streamsize>(content.size()));
+    stream.close();
+    if (!stream) {
+        const int error = errno;
+        std::error_code ignored;
+        fs::remove(path, ignored);
+        throw Failure("cannot write " + path.string() + ": " + std::strerror(error));
+    }
+}
+
+// An unchanged file is left alone, so that its time of change tells the truth.
+bool holds_already(const fs::path &path, const std::optional<Bytes> &content) {
+    if (!fs::exists(path)) {
+        return !content;
+    }
+    return content && fs::file_size(path) == content->size() && read_file(path) == *content;
+}
+
+// One change under way. The old file stays reachable under a name of its own until all changes
+// stand, so there is no moment without a file under the target's name.
+class PendingChange {
+  public:
+    explicit PendingChange(const FileChange &change)
+        : target(change.first), fresh(beside(target, ".new")), old(beside(target, ".old")),
+          removes(!change.second) {
+        if (!removes) {
+            write_new_file(fresh, *change.second);
+        }
+    }
+    PendingChange(const PendingChange &) = delete;
+    PendingChange &operator=(const PendingChange &) = delete;
+
+    void put_in_place() {
+        if (fs::exists(target)) {
+            keep_old();
+        }
+        if (!removes) {
+            fs::rename(fresh, target);
+        } else if (had_old) {
+            fs::remove(target);
+        }
+        placed = true;
+    }
+
+    // What fails here cannot be helped any more; the other files still get their turn.
+    void put_back() noexcept {
+        std::error_code ignored;
+        if (had_old) {
+            fs::rename(old, target, ignored);
+        } else if (placed) {
+            fs::remove(target, ignored);
+        }
+    }
+
+    ~PendingChange() {
+        std::error_code ignored;
+        fs::remove(fresh, ignored);
+        fs::remove(old, ignored);
+    }
+
+  private:
+    void keep_old() {
+        std::error_code no_links;
+        fs::create_hard_link(target, old, no_links);
+        if (no_links) {
+            fs::copy_file(target, old);
+        }
+        had_old = true;
+    }
+
+    fs::path target;
+    fs::path fresh;
+    fs::path old;
+    bool removes;
+    bool had_old = false;
+    bool placed = false;
+};
+
+} // namespace
+
+Bytes read_file(const fs::path &path) {
+    std::error_code error;
+    const uintmax_t size = fs::file_size(path, error);
+    if (error) {
+        throw Failure("cannot read " + path.string() + ": " + error.message());
+    }
+    if (size > std::numeric_limits<uint32_t>::max()) {
+        throw Failure(path.string() + " is too long: files of 4 GiB and more are refused");
+    }
+    Bytes content(static_cast<size_t>(size));
+    std::ifstream stream(path, std::ios::binary);
+    if (!stream.read(reinterpret_cast<char *>(content.data()),
+                     static_cast<std::streamsize>(content.size()))) {
+        throw Failure("cannot read " + path.string() + ": " + std::strerror(errno));
+    }
+    return content;
+}
+
+bool holds_set(const fs::path &folder) {
+    for (const Member &member : members) {
+        if (fs::exists(folder / member.name)) {
+            return true;
+        }
+    }
+    return fs::exists(folder / settings_name);
+}
+
+SetFiles load_set(const fs::path &folder) {
+    SetFiles set;
+    for (const Member &member : members) {
+        const fs::path path = folder / member.name;
+        if (member.mandatory || fs::exists(path)) {
+            set.*member.content = read_file(path);
+        }
+    }
+    set.sku = read_settings(folder / settings_name);
+    return set;
+}
+
+uint32_t choose_sku(const SetFiles &set, std::optional<uint32_t> asked) {
+    if (!asked && !set.sku) {
+        throw UsageError("the set has no set.json that names its SKU; give one with --sku");
+    }
+    return asked ? *asked : *set.sku;
+}
+
+void save_set(const fs::path &folder, const SetFiles &set) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) {
+        throw Failure("cannot make the folder " + folder.string() + ": " + error.message());
+    }
+    std::vector<FileChange> changes;
+    for (const Member &member : members) {
+        const Bytes &content = set.*member.content;
+        const bool absent = content.empty() && !member.mandatory;
+        changes.emplace_back(folder / member.name,
+                             absent ? std::nullopt : std::optional<Bytes>(content));
+    }
+    changes.emplace_back(folder / settings_name,
+                         set.sku ? std::optional(make_settings(*set.sku)) : std::nullopt);
+    apply_changes(changes);
+}
+
+void apply_changes(const std::vector<FileChange> &changes) {
+    std::vector<std::unique_ptr<PendingChange>> pending;
+    try {
+        for (const FileChange &change : changes) {
+            if (!holds_already(change.first, change.second)) {
+                pending.push_back(std::make_unique<PendingChange>(change));
+            }
+        }
+        for (const auto &change : pending) {
+            change->put_in_place();
+        }
+    } catch (const std::exception &error) {
+        for (const auto &change : pending) {
+            change->put_back();
+        }
+        throw Failure(error.what());
+    }
+}
+
+} // namespace dolm
