@@ -39,7 +39,9 @@ struct GetOptions : SetOptions {
 void get_nvar(const GetOptions &options);
 
 struct ChangeOptions : SetOptions {
-    std::vector<std::string> words; // names and values in turn
+    std::string name;
+    std::string value;
+    std::vector<std::string> more; // further names and values in turn
     std::optional<std::filesystem::path> output;
 };
 void set_nvars(const ChangeOptions &options);

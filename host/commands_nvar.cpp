@@ -105,14 +105,19 @@ struct Assignment {
 };
 
 // Reads all values before the library starts, so that a bad one costs nothing.
-std::vector<Assignment> to_assignments(const std::vector<std::string> &words) {
-    if (words.empty() || words.size() % 2 != 0) {
-        throw UsageError("a value is needed for each name: set SET NAME VALUE [NAME VALUE]...");
-    }
+std::vector<Assignment> to_assignments(const ChangeOptions &options) {
+    std::vector<std::string> words{options.name, options.value};
+    words.insert(words.end(), options.more.begin(), options.more.end());
     std::vector<Assignment> assignments;
     std::set<std::string> names;
     for (size_t i = 0; i < words.size(); i += 2) {
         const std::string &name = words[i];
+        if (name.starts_with('-')) {
+            throw UsageError("unknown option " + name);
+        }
+        if (i + 1 == words.size()) {
+            throw UsageError("'" + name + "' has no value");
+        }
         if (!names.insert(name.starts_with("/home/") ? name : "/home/" + name).second) {
             throw UsageError("'" + name + "' is given two values");
         }
@@ -186,7 +191,7 @@ void get_nvar(const GetOptions &options) {
 }
 
 void set_nvars(const ChangeOptions &options) {
-    const std::vector<Assignment> assignments = to_assignments(options.words);
+    const std::vector<Assignment> assignments = to_assignments(options);
     SetFiles set = load_set(options.folder);
     const uint32_t sku = choose_sku(set, options.sku);
     std::string told;

@@ -5,8 +5,7 @@
 
 namespace dolm {
 
-// Bad data, an input or output failure, or a failure that the library reported: exit code 1. An
-// empty message says that everything has been told already.
+// Bad data, an input or output failure, or a failure that the library reported: exit code 1.
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -25,9 +25,9 @@ void print_report(ErrorLevel level, ImageToolsErrorName number, const char *text
     std::cerr << '\n';
 }
 
-void require(bool success) {
+void require(bool success, const std::string &otherwise) {
     if (!success) {
-        throw Failure("");
+        throw Failure(otherwise);
     }
 }
 
@@ -83,7 +83,7 @@ Library::Library(SetFiles &set, uint32_t sku) {
         if (qoFcsIsInitialized()) {
             qoQfsNvarTerm(false);
         }
-        require(started);
+        require(started, "start-up failed");
         throw Failure("the file table has no row for SKU " + std::to_string(sku));
     }
 }
@@ -109,7 +109,8 @@ Nvar Library::nvar(const std::string &name) const {
     uint8_t *data = nullptr;
     uint32_t size = 0;
     require(qoQfsNvarGet(name.c_str(), &data, &size, FCS_FILE_CURRENT_VALUES, &nvar.writable,
-                         &nvar.max_size));
+                         &nvar.max_size),
+            "cannot read " + name);
     nvar.name = name;
     nvar.value.assign(data, data + size);
     nvar.origin = is_overridden(name) ? Origin::override_value : Origin::base;
@@ -122,23 +123,25 @@ Nvar Library::nvar(const std::string &name) const {
 Bytes Library::value(const std::string &name, FcsFileName table) const {
     uint8_t *data = nullptr;
     uint32_t size = 0;
-    require(qoQfsNvarGet(name.c_str(), &data, &size, table, nullptr, nullptr));
+    require(qoQfsNvarGet(name.c_str(), &data, &size, table, nullptr, nullptr),
+            "cannot read " + name);
     return Bytes(data, data + size);
 }
 
 void Library::set_value(const std::string &name, const Bytes &value) {
     uint8_t *data = nullptr;
-    require(qoQfsNvarResize(name.c_str(), &data, static_cast<uint32_t>(value.size())));
+    require(qoQfsNvarResize(name.c_str(), &data, static_cast<uint32_t>(value.size())),
+            "cannot change " + name);
     if (!value.empty()) {
         std::memcpy(data, value.data(), value.size());
     }
 }
 
 Bytes Library::terminate() {
-    require(qoQfsNvarTerm(true));
+    require(qoQfsNvarTerm(true), "termination failed; nothing of the set has been changed");
     uint8_t *bytes = nullptr;
     uint32_t size = 0;
-    require(qoQfsGetBuildVynCfgFcsBuffer(&bytes, &size));
+    require(qoQfsGetBuildVynCfgFcsBuffer(&bytes, &size), "no rebuilt store");
     return Bytes(bytes, bytes + size);
 }
 

@@ -25,8 +25,7 @@ struct Nvar {
 };
 
 // While it lives the library is up; one at a time. Everything that the library reports goes to
-// standard error. A failure of the library is thrown as an empty Failure, since the report has told
-// it already.
+// standard error at once, so that a Failure thrown here says only what was being tried.
 class Library {
   public:
     // The flash images of the set are used in place: the store writes into them.

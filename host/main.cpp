@@ -11,8 +11,9 @@ constexpr int exit_failure = 1;
 constexpr int exit_usage = 2;
 
 constexpr const char *value_help =
-    "A VALUE is text; hex:00ff gives bytes, @FILE the content of a file, text:... text that begins "
-    "with one of these. Put -- in front of values that begin with a dash.";
+    "A VALUE is text, or hex:00ff for bytes, @FILE for the content "
+    "of a file, text:... for text that "
+    "begins like one of these or is an option. Further names and values may follow.";
 
 void add_build(CLI::App &app) {
     auto *command = app.add_subcommand("build", "Make a set of inputs from a JSON manifest");
@@ -75,11 +76,20 @@ void add_set(CLI::App &app) {
     auto *command = app.add_subcommand("set", "Change NVARs and write the set back");
     auto options = std::make_shared<dolm::ChangeOptions>();
     add_set_options(*command, *options);
-    command->add_option("NAME VALUE", options->words, "Names and their new values")->required();
+    command->add_option("NAME", options->name, "Name, with or without /home/ in front")->required();
+    command->add_option("VALUE", options->value, "Its new value")->required();
+    // Further names and values: an option that takes many words would take a value [a,b] apart.
+    command->allow_extras();
     command->add_option("-o,--output", options->output,
                         "Write the changed set into this folder and leave SET as it is");
     command->footer(value_help);
-    command->callback([options] { dolm::set_nvars(*options); });
+    command->callback([command, options] {
+        options->more = command->remaining();
+        if (!options->more.empty() && options->more.front() == "--") {
+            options->more.erase(options->more.begin());
+        }
+        dolm::set_nvars(*options);
+    });
 }
 
 int run(int argc, char **argv) {
@@ -110,9 +120,7 @@ int main(int argc, char **argv) {
         std::cerr << "dolm: " << error.what() << '\n';
         return exit_usage;
     } catch (const std::exception &error) {
-        if (*error.what() != '\0') {
-            std::cerr << "dolm: " << error.what() << '\n';
-        }
+        std::cerr << "dolm: " << error.what() << '\n';
         return exit_failure;
     }
 }

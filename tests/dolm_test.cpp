@@ -1,0 +1,224 @@
+// The program dolm from end to end, as a process of its own: what it prints, its exit codes, and
+// what it leaves in the folders.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using Folder = std::map<std::string, std::string>; // file name to content
+
+std::string read_whole(const fs::path &path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void write_whole(const fs::path &path, const std::string &content) {
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+Folder snapshot(const fs::path &folder) {
+    Folder files;
+    for (const auto &item : fs::directory_iterator(folder)) {
+        files[item.path().filename()] = read_whole(item.path());
+    }
+    return files;
+}
+
+struct Outcome {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+class Dolm : public testing::Test {
+  protected:
+    Dolm() {
+        std::string pattern = (fs::temp_directory_path() / "dolm_test.XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("no temporary folder");
+        }
+        folder = pattern;
+        set = folder / "set";
+    }
+    ~Dolm() override { fs::remove_all(folder); }
+
+    // Runs dolm in the test's folder; arguments are in shell notation.
+    Outcome run(const std::string &arguments) {
+        const std::string command =
+            "cd '" + folder.string() + "' && " DOLM_PROGRAM " " + arguments + " >out.txt 2>err.txt";
+        const int status = std::system(command.c_str());
+        Outcome outcome{WEXITSTATUS(status), read_whole(folder / "out.txt"),
+                        read_whole(folder / "err.txt")};
+        fs::remove(folder / "out.txt");
+        fs::remove(folder / "err.txt");
+        return outcome;
+    }
+
+    void make_sample() { ASSERT_EQ(run("sample set").code, 0); }
+
+    std::string value(const std::string &name, const std::string &of_set = "set") {
+        const Outcome outcome = run("get " + of_set + " " + name);
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        return outcome.out;
+    }
+
+    fs::path folder;
+    fs::path set;
+};
+
+TEST_F(Dolm, BuildsTheSampleAndListsEveryNvarOfASku) {
+    make_sample();
+    const Outcome list = run("list set");
+    EXPECT_EQ(list.code, 0);
+    EXPECT_NE(list.out.find("/home/net/hostname              10     64  0000  override"),
+              std::string::npos)
+        << list.out;
+    EXPECT_NE(list.out.find("/home/radio/region "), std::string::npos);
+    EXPECT_EQ(list.out.find("/home/net/mac_backup "), std::string::npos);
+    EXPECT_NE(list.out.find("/home/net/legacy_proxy stands in vync.cfg alone"), std::string::npos);
+    const Outcome other = run("list set --sku 2");
+    EXPECT_EQ(other.out.find("/home/radio/region "), std::string::npos);
+    EXPECT_NE(other.out.find("/home/net/mac_backup "), std::string::npos);
+
+    // The head of vync.cfg: nothing but the payload's length in bytes 8 to 11.
+    const std::string vync = read_whole(set / "vync.cfg");
+    std::string head(16, '\0');
+    head[8] = static_cast<char>(vync.size() - 16);
+    EXPECT_EQ(vync.substr(0, 16), head);
+}
+
+TEST_F(Dolm, SetsManyValuesInOneGoAndKeepsTheOthers) {
+    make_sample();
+    write_whole(folder / "value.bin", std::string("\0\x7f", 2));
+    const Outcome outcome = run("set set mca/log_level verbose /home/mca/version '' net/mac "
+                                "hex:0A0b0c net/dns @value.bin net/ntp '[a,b]' net/gateway -5");
+    ASSERT_EQ(outcome.code, 0) << outcome.err;
+    EXPECT_NE(outcome.out.find("net/mac: 6 -> 3 bytes\n"), std::string::npos);
+    EXPECT_EQ(value("mca/log_level"), "verbose\n");
+    EXPECT_EQ(value("mca/version"), "\n");
+    EXPECT_EQ(value("net/mac"), "hex:0a0b0c\n");
+    EXPECT_EQ(value("net/dns"), "hex:007f\n");
+    EXPECT_EQ(value("net/ntp"), "[a,b]\n");
+    EXPECT_EQ(value("net/gateway"), "-5\n");
+    EXPECT_EQ(value("net/hostname"), "gateway-17\n");
+    EXPECT_EQ(value("--table base mca/log_level"), "warn\n");
+    const Outcome raw = run("get set net/firewall --raw raw.bin");
+    EXPECT_EQ(raw.code, 0);
+    EXPECT_EQ(read_whole(folder / "raw.bin").size(), 1500u);
+}
+
+TEST_F(Dolm, WhatGetPrintsSetTakesBack) {
+    make_sample();
+    for (const std::string bytes : {"", "text", "hex:zz", "@here", "text:x", "a b", "\x01\xff"}) {
+        write_whole(folder / "value.bin", bytes);
+        ASSERT_EQ(run("set set net/ntp @value.bin").code, 0);
+        std::string shown = value("net/ntp");
+        shown.pop_back();
+        ASSERT_EQ(run("set set net/ntp x").code, 0);
+        ASSERT_EQ(run("set set net/ntp '" + shown + "'").code, 0);
+        ASSERT_EQ(run("get set net/ntp --raw raw.bin").code, 0);
+        EXPECT_EQ(read_whole(folder / "raw.bin"), bytes) << shown;
+    }
+}
+
+TEST_F(Dolm, OutputLeavesTheSetAsItWasAndMakesAWholeOne) {
+    make_sample();
+    const Folder before = snapshot(set);
+    ASSERT_EQ(run("set set --output other/new net/hostname changed").code, 0);
+    EXPECT_EQ(snapshot(set), before);
+    const Folder after = snapshot(folder / "other/new");
+    EXPECT_EQ(after.size(), before.size());
+    EXPECT_EQ(value("net/hostname", "other/new"), "changed\n");
+}
+
+struct Failing {
+    const char *arguments;
+    int code;
+    const char *message; // part of standard error
+};
+
+// Each of them leaves the set byte for byte as it was, and no other file beside it.
+TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
+    make_sample();
+    fs::copy(set, folder / "torn", fs::copy_options::recursive);
+    fs::resize_file(folder / "torn/orvel.cfg", 30);
+    fs::copy(set, folder / "unnamed", fs::copy_options::recursive);
+    fs::remove(folder / "unnamed/set.json");
+    fs::copy(set, folder / "stubborn", fs::copy_options::recursive);
+    fs::remove(folder / "stubborn/vync.cfg");
+    fs::create_directories(folder / "stubborn/vync.cfg/in_the_way");
+    write_whole(folder / "bad.json", R"({"skus": [1], "files": [{"name": "/home/a"}]})");
+    const Folder before = snapshot(set);
+    const Failing cases[] = {
+        {"", 2, "subcommand is required"},
+        {"set set net/ntp", 2, "VALUE is required"},
+        {"set set net/ntp a net/dns", 2, "'net/dns' has no value"},
+        {"set set net/ntp a /home/net/ntp b", 2, "is given two values"},
+        {"set set net/ntp hex:0", 2, "not hexadecimal"},
+        {"set set net/ntp a --wrong b", 2, "unknown option --wrong"},
+        {"get set net/ntp --hex --text", 2, "at most 1 option"},
+        {"get set net/ntp --table other", 2, "other not in"},
+        {"list unnamed", 2, "give one with --sku"},
+        {"sample set", 2, "holds a set already"},
+        {"list nowhere", 1, "cannot read nowhere/orvel.cfg"},
+        {"set set net/ntp @nofile", 1, "cannot read nofile"},
+        {"get set net/none", 1, "error 39 (level 4): File not found."},
+        {"set set net/ntp a net/none b", 1, "error 39 (level 4): File not found."},
+        {"set set net/ntp a net/mac hex:00112233445566", 1, "7 bytes, over the limit of 6"},
+        {"list set --sku 7", 1, "no row for SKU 7"},
+        {"list torn", 1,
+         "error 331 (level 4): Failed to create FCS handle. Library status code: 10"},
+        {"list stubborn", 1, "stubborn/vync.cfg"},
+        {"build bad.json new", 1, "bad.json: /files/0: 'number' is missing"},
+    };
+    for (const Failing &failing : cases) {
+        const Outcome outcome = run(failing.arguments);
+        EXPECT_EQ(outcome.code, failing.code) << failing.arguments;
+        EXPECT_EQ(outcome.out, "") << failing.arguments;
+        EXPECT_NE(outcome.err.find(failing.message), std::string::npos)
+            << failing.arguments << ": " << outcome.err;
+        EXPECT_EQ(snapshot(set), before) << failing.arguments;
+        EXPECT_FALSE(fs::exists(folder / "new"));
+    }
+}
+
+// Files are written one after the other; when one cannot be put in place, those before it come
+// back.
+TEST_F(Dolm, AFailedWriteTakesBackTheFilesBeforeIt) {
+    make_sample();
+    fs::create_directories(folder / "half/set.json/in_the_way");
+    write_whole(folder / "half/vync.cfg", "old");
+    const Outcome outcome = run("set set --output half net/ntp x");
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.err, "");
+    EXPECT_EQ(read_whole(folder / "half/vync.cfg"), "old");
+    EXPECT_FALSE(fs::exists(folder / "half/orvel.cfg"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder / "half"), {}), 2);
+}
+
+TEST_F(Dolm, BuildsASetFromAManifestWithValueFiles) {
+    fs::create_directory(folder / "m");
+    write_whole(folder / "m/blob.bin", std::string("\x01\x02\x03", 3));
+    write_whole(folder / "m/manifest.json", R"({"skus": ["0x20"], "files": [
+        {"name": "/home/blob", "number": 5, "max_size": 16, "base": {"file": "blob.bin", "size": 7}},
+        {"name": "/home/only", "number": 6, "max_size": 16, "override": "x"}]})");
+    ASSERT_EQ(run("build m/manifest.json set").code, 0);
+    EXPECT_EQ(value("blob"), "hex:01020301020301\n");
+    const Outcome json = run("list set --json");
+    EXPECT_NE(json.out.find("\"sku\": 32"), std::string::npos);
+    EXPECT_NE(json.out.find("\"hex\": \"01020301020301\""), std::string::npos);
+    EXPECT_NE(json.out.find("\"/home/only\""), std::string::npos);
+    EXPECT_EQ(run("build m/manifest.json set --replace").code, 0);
+}
+
+} // namespace
