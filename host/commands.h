@@ -24,7 +24,8 @@ struct SetOptions {
 };
 
 struct ListOptions : SetOptions {
-    bool changed_only = false;
+    bool changed_only = false;                    // those whose value differs from the base value
+    std::optional<std::filesystem::path> against; // those whose value differs from this set's
 };
 void list_nvars(const ListOptions &options);
 

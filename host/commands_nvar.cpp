@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <iomanip>
 #include <iostream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -65,6 +66,17 @@ void print_nvar_table(const std::vector<Nvar> &nvars) {
                                << (nvar.writable ? "yes" : "no") << "  "
                                << preview_value(nvar.value, preview_width) << '\n';
     }
+}
+
+std::map<std::string, Bytes> all_values(const std::filesystem::path &folder,
+                                        std::optional<uint32_t> sku) {
+    SetFiles set = load_set(folder);
+    const Library library(set, choose_sku(set, sku));
+    std::map<std::string, Bytes> values;
+    for (const std::string &name : library.names()) {
+        values[name] = library.value(name, FCS_FILE_CURRENT_VALUES);
+    }
+    return values;
 }
 
 FcsFileName table_named(const std::string &name) {
@@ -145,13 +157,19 @@ size_t assign(Library &library, const Assignment &assignment) {
 } // namespace
 
 void list_nvars(const ListOptions &options) {
+    std::map<std::string, Bytes> other_values;
+    if (options.against) {
+        other_values = all_values(*options.against, options.sku);
+    }
     SetFiles set = load_set(options.folder);
     const uint32_t sku = choose_sku(set, options.sku);
     const Library library(set, sku);
     std::vector<Nvar> nvars;
     for (const std::string &name : library.names()) {
         Nvar nvar = library.nvar(name);
-        if (nvar.differs_from_base || !options.changed_only) {
+        const auto other = other_values.find(name);
+        const bool same = other != other_values.end() && other->second == nvar.value;
+        if (!same && (nvar.differs_from_base || !options.changed_only)) {
             nvars.push_back(std::move(nvar));
         }
     }

@@ -44,6 +44,8 @@ void add_list(CLI::App &app) {
     add_set_options(*command, *options);
     command->add_flag("--changed", options->changed_only,
                       "Only those whose value differs from the base value");
+    command->add_option("--against", options->against,
+                        "Only those whose value differs from the one in this set");
     command->add_flag("--json", options->json, "As JSON, with whole values");
     command->callback([options] { dolm::list_nvars(*options); });
 }

@@ -142,7 +142,7 @@ class Reader {
         for (const Json &item : *list) {
             const auto number = to_number(item);
             if (!number || *number > max_u32) {
-                problems.add(object.at(key), "'" + item.dump() + "' is no SKU number");
+                problems.add(object.at(key), item.dump() + " is no SKU number");
             } else if (std::find(skus.begin(), skus.end(), *number) != skus.end()) {
                 problems.add(object.at(key), "SKU " + std::to_string(*number) + " stands twice");
             } else {

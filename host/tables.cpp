@@ -212,9 +212,9 @@ Bytes make_vync_cfg(const Manifest &manifest) {
 }
 
 Bytes with_vync_head(const Bytes &store) {
-    Bytes bytes(vync_head_size);
+    Bytes bytes(vync_head_size + store.size());
     put_le(bytes, vync_length_offset, static_cast<uint32_t>(store.size()), 4);
-    bytes.insert(bytes.end(), store.begin(), store.end());
+    std::copy(store.begin(), store.end(), bytes.begin() + vync_head_size);
     return bytes;
 }
 

@@ -97,7 +97,10 @@ std::string preview_value(const Bytes &value, size_t width) {
     const Bytes head(value.begin(),
                      value.begin() + static_cast<std::ptrdiff_t>(std::min(value.size(), width)));
     const bool text = is_printable(value);
-    std::string shown = text ? "\"" + std::string(head.begin(), head.end()) + "\"" : to_hex(head);
+    std::string shown = to_hex(head);
+    if (text) {
+        shown.assign(1, '"').append(head.begin(), head.end()).push_back('"');
+    }
     if (head.size() < value.size() || shown.size() > width) {
         const size_t kept = width - 3;
         shown.resize(std::min(shown.size(), text ? kept : kept / 2 * 2));

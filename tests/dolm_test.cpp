@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -139,6 +140,9 @@ TEST_F(Dolm, OutputLeavesTheSetAsItWasAndMakesAWholeOne) {
     const Folder after = snapshot(folder / "other/new");
     EXPECT_EQ(after.size(), before.size());
     EXPECT_EQ(value("net/hostname", "other/new"), "changed\n");
+    const Outcome list = run("list other/new --against set");
+    EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 2) << list.out;
+    EXPECT_NE(list.out.find("\n/home/net/hostname "), std::string::npos) << list.out;
 }
 
 struct Failing {
