@@ -69,8 +69,8 @@ void write_new_file(const fs::path &path, const Bytes &content) {
 
 // An unchanged file is left alone, so that its time of change tells the truth.
 bool holds_already(const fs::path &path, const std::optional<Bytes> &content) {
-    if (!fs::exists(path)) {
-        return !content;
+    if (!fs::is_regular_file(path)) {
+        return !content && !fs::exists(path);
     }
     return content && fs::file_size(path) == content->size() && read_file(path) == *content;
 }

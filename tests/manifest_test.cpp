@@ -202,16 +202,16 @@ TEST(Manifest, MakesATableForEachSku) {
             if (entry == nullptr) {
                 continue;
             }
-            EXPECT_EQ(entry->fileno, file.number);
-            EXPECT_EQ(entry->attributes, file.attributes);
-            EXPECT_EQ(entry->file_id, file.id);
+            EXPECT_EQ(+entry->fileno, file.number);
+            EXPECT_EQ(+entry->attributes, file.attributes);
+            EXPECT_EQ(+entry->file_id, file.id);
             EXPECT_EQ(entry->store, static_cast<uint8_t>(file.store));
-            EXPECT_EQ(entry->max_size, file.max_size);
+            EXPECT_EQ(+entry->max_size, file.max_size);
             if (file.store == Store::efs) {
-                EXPECT_EQ(EFS_files[file.id].present, 1u);
-                EXPECT_EQ(EFS_files[file.id].block, file.efs.block);
-                EXPECT_EQ(EFS_files[file.id].offset, file.efs.offset);
-                EXPECT_EQ(EFS_files[file.id].max_size, file.efs.max_size);
+                const EFS_file_entry &slot = EFS_files[file.id];
+                EXPECT_TRUE(slot.present == 1 && slot.block == file.efs.block &&
+                            slot.offset == file.efs.offset && slot.max_size == file.efs.max_size)
+                    << file.name;
             }
         }
     }
