@@ -270,8 +270,13 @@ file_table_entry_t *get_file_entry_by_file_name(const char *name) {
     if (name == nullptr) {
         return nullptr;
     }
-    return find_entry([name](const file_table_entry_t &entry) {
-        return std::strncmp(entry.name, name, sizeof(entry.name)) == 0;
+    // Names of a table tend to begin alike, so their ends are compared first.
+    const size_t length = strnlen(name, sizeof(file_table_entry_t::name));
+    const size_t last = length > 0 ? length - 1 : 0;
+    const bool fills_field = length == sizeof(file_table_entry_t::name);
+    return find_entry([=](const file_table_entry_t &entry) {
+        return entry.name[last] == name[last] && (fills_field || entry.name[length] == '\0') &&
+               std::memcmp(entry.name, name, length) == 0;
     });
 }
 

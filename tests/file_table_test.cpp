@@ -87,7 +87,7 @@ TEST_F(FileTableTest, SelectsTheSetOfASkuInTheWorkedLayout) {
 TEST_F(FileTableTest, LookUpsTakeTheFirstMatchAndFailWithoutOne) {
     const std::string full(48, 'n');
     const Bytes table = FileTable{
-        .sku_rows = {{1, {{"/a", 5}, {"/b", 5}, {"/a", 6}, {full, 7}}}},
+        .sku_rows = {{1, {{"/a", 5}, {"/b", 5}, {"/a", 6}, {full, 7}}}, {1, {}}},
         .geometry_rows = {}}.build();
     ASSERT_EQ(load(table, 1), 0u);
 
