@@ -5,7 +5,8 @@
 #include <bit>
 
 #include "AfsPhysical.h"
-#include "afs/AfsFat.h"
+#include "afs/fat_access.h"
+#include "afs/ftl_access.h"
 
 namespace dolm {
 
@@ -37,7 +38,7 @@ void trim_fat_page(afs_context *context, uint32_t page_va) {
     const uint32_t first = (page_va - chunk_entries) / 2;
     const uint32_t end = std::min<uint32_t>(first + context->page_size / 2, context->chunk_count);
     for (uint32_t chunk = first; chunk < end; ++chunk) {
-        if (chunk_is_allocated(context, chunk)) {
+        if (chunk_is_live(context, chunk)) {
             return;
         }
     }

@@ -16,13 +16,6 @@ constexpr uint16_t flags = flag_valid | flag_dirty;
 constexpr unsigned link_shift = 2;
 constexpr uint16_t end_of_list = 0xFFF;
 
-// A line and the next more recently used one, which is the line itself at the head.
-struct place {
-    uint16_t line;
-    uint16_t predecessor;
-    bool found;
-};
-
 bool has_cache(const afs_context *context) {
     return context != nullptr && context->cache_lines != nullptr &&
            context->cache_data != nullptr && context->ops != nullptr;
@@ -49,29 +42,42 @@ uint8_t *bytes_of(const afs_context *context, uint16_t line) {
     return context->cache_data + static_cast<size_t>(line) * context->page_size;
 }
 
-// Goes from the head to the first line that matches, or else to the tail.
+// The first line that matches, or end_of_list. The records lie side by side, so that looking
+// through all of them takes less time than following the links from line to line.
 template <typename Match>
-place find_line(const afs_context *context, Match matches) {
-    place at{context->cache_head, context->cache_head, false};
-    for (uint16_t visited = 1; visited <= context->cache_line_count; ++visited) {
-        at.found = matches(at.line);
-        const uint16_t next = link_of(context, at.line);
-        if (at.found || next == end_of_list) {
-            break;
+uint16_t find_line(const afs_context *context, Match matches) {
+    for (uint16_t line = 0; line < context->cache_line_count; ++line) {
+        if (matches(context->cache_lines[line])) {
+            return line;
         }
-        at.predecessor = at.line;
-        at.line = next;
     }
-    return at;
+    return end_of_list;
 }
 
-void move_to_head(afs_context *context, const place &at) {
-    if (at.line == context->cache_head) {
+uint16_t line_linked_to(const afs_context *context, uint16_t next) {
+    return find_line(context, [next](const afs_cache_line &line) {
+        return line.flags_and_link >> link_shift == next;
+    });
+}
+
+void move_to_head(afs_context *context, uint16_t line) {
+    if (line == context->cache_head) {
         return;
     }
-    set_link(context, at.predecessor, link_of(context, at.line));
-    set_link(context, at.line, context->cache_head);
-    context->cache_head = at.line;
+    set_link(context, line_linked_to(context, line), link_of(context, line));
+    set_link(context, line, context->cache_head);
+    context->cache_head = line;
+}
+
+// The dirty line used longest ago, or end_of_list.
+uint16_t oldest_dirty_line(const afs_context *context) {
+    uint16_t oldest = end_of_list;
+    for (uint16_t line = context->cache_head; line != end_of_list; line = link_of(context, line)) {
+        if (is_dirty(context->cache_lines[line])) {
+            oldest = line;
+        }
+    }
+    return oldest;
 }
 
 uint32_t write_back(afs_context *context, uint16_t line) {
@@ -142,18 +148,26 @@ uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
     if (!has_cache(context) || line == nullptr) {
         return AFS_RC_INVALID;
     }
-    const place at = find_line(context, [context, page](uint16_t index) {
-        const afs_cache_line &candidate = context->cache_lines[index];
+    const auto holds_page = [page](const afs_cache_line &candidate) {
         return candidate.page == page && (candidate.flags_and_link & flag_valid) != 0;
-    });
-    move_to_head(context, at);
-    if (!at.found) {
-        const uint32_t status = load(context, at.line, page);
+    };
+    uint16_t index = context->cache_head;
+    bool hit = holds_page(context->cache_lines[index]);
+    if (!hit) {
+        index = find_line(context, holds_page);
+        hit = index != end_of_list;
+        if (!hit) {
+            index = line_linked_to(context, end_of_list); // the one used longest ago
+        }
+        move_to_head(context, index);
+    }
+    if (!hit) {
+        const uint32_t status = load(context, index, page);
         if (status != AFS_RC_OK) {
             return status;
         }
     }
-    *line = bytes_of(context, at.line);
+    *line = bytes_of(context, index);
     return AFS_RC_OK;
 }
 
@@ -163,11 +177,12 @@ void cache_line_written(afs_context *context, const void *pointer) {
     }
     const uintptr_t distance =
         reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(context->cache_data);
-    const uintptr_t line = distance >> std::countr_zero(context->page_size);
-    if (line >= context->cache_line_count) {
+    const uintptr_t index = distance >> std::countr_zero(context->page_size);
+    if (index >= context->cache_line_count) {
         return;
     }
-    move_to_head(context, find_line(context, [line](uint16_t index) { return index == line; }));
+    const auto line = static_cast<uint16_t>(index);
+    move_to_head(context, line);
     context->cache_lines[line].flags_and_link |= flag_dirty;
 }
 
@@ -175,23 +190,15 @@ uint32_t cache_flush(afs_context *context) {
     if (!has_cache(context)) {
         return AFS_RC_INVALID;
     }
-    for (;;) {
-        uint16_t oldest = end_of_list;
-        find_line(context, [context, &oldest](uint16_t index) {
-            if (is_dirty(context->cache_lines[index])) {
-                oldest = index;
-            }
-            return false;
-        });
-        if (oldest == end_of_list) {
-            return AFS_RC_OK;
-        }
-        const uint32_t status = write_back(context, oldest);
+    for (uint16_t line = oldest_dirty_line(context); line != end_of_list;
+         line = oldest_dirty_line(context)) {
+        const uint32_t status = write_back(context, line);
         if (status != AFS_RC_OK) {
             return status;
         }
-        set_flags(context->cache_lines[oldest], flag_valid);
+        set_flags(context->cache_lines[line], flag_valid);
     }
+    return AFS_RC_OK;
 }
 
 void cache_invalidate(afs_context *context) {

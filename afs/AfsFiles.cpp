@@ -5,7 +5,8 @@
 
 #include "Afs.h"
 #include "AfsPhysical.h"
-#include "afs/AfsFat.h"
+#include "afs/fat_access.h"
+#include "afs/ftl_access.h"
 
 using namespace dolm;
 
@@ -50,8 +51,7 @@ struct chunk_run {
 bool can_extend(const read_job &job, const chunk_run &run) {
     const afs_context *context = job.context;
     return run.entry == run.last + 1 &&
-           (context->chunk_map == nullptr ||
-            chunk_is_allocated(context, run.entry - uint32_t{context->file_count})) &&
+           chunk_is_live(context, run.entry - uint32_t{context->file_count}) &&
            (run.count() == 1 || run.count() * record_size + job.buffered <= run_limit) &&
            run.bytes() - job.skip <= job.wanted;
 }

@@ -5,7 +5,8 @@
 
 #include "Afs.h"
 #include "AfsPhysical.h"
-#include "afs/AfsFat.h"
+#include "afs/fat_access.h"
+#include "afs/ftl_access.h"
 
 using namespace dolm;
 
@@ -194,7 +195,7 @@ uint32_t scan_files(afs_context *context) {
 // Trims leave no trace on the flash, so that each mount trims again.
 void trim_free_fat_pages(afs_context *context) {
     for (uint32_t chunk = 0; chunk <= context->chunk_count; ++chunk) {
-        if (!chunk_is_allocated(context, chunk)) {
+        if (!chunk_is_live(context, chunk)) {
             afs_trim_fat_page_if_needed(context, static_cast<uint16_t>(chunk));
         }
     }
@@ -299,14 +300,8 @@ uint32_t afs_setcache(afs_context *context, int32_t page_size, int32_t cache_lin
 }
 
 void afs_free_context(afs_context *context) {
-    if (context == nullptr) {
-        return;
-    }
-    release_tables(context);
-    if (context->ftl != nullptr) {
-        std::free(context->ftl->eu_table);
-        std::free(context->ftl->page_map);
-        std::free(context->ftl);
-        context->ftl = nullptr;
+    if (context != nullptr) {
+        release_tables(context);
+        release_ftl_state(context);
     }
 }

@@ -9,7 +9,7 @@
 #include <new>
 
 #include "Afs.h"
-#include "afs/AfsFat.h"
+#include "afs/fat_access.h"
 
 using namespace dolm;
 

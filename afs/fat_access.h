@@ -58,11 +58,6 @@ inline uint32_t chunk_va(const afs_context *context, uint16_t cid) {
     return context->data_va_start + AFS_PAGE_SIZE * (uint32_t{cid} - context->file_count);
 }
 
-// For a store with a chunk map.
-inline bool chunk_is_allocated(const afs_context *context, uint32_t chunk) {
-    return (context->chunk_map[chunk / 32] >> chunk % 32 & 1) != 0;
-}
-
 // file_count is 0 after a mount that failed.
 inline bool is_mounted(const afs_context *context) {
     return context != nullptr && context->file_count != 0 && context->ftl != nullptr &&
