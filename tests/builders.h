@@ -56,7 +56,7 @@ struct Geometry {
     uint32_t files_num = 16;
     uint32_t wear_leveling_threshold = 100;
     uint32_t layout_id = 0;
-    std::vector<EfsRecord> records;
+    std::vector<EfsRecord> records = {};
 };
 
 // An FTBL: head, SKU rows, EFST section (if there are geometry rows), entries, file records.
