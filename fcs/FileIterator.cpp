@@ -15,8 +15,8 @@ Directory *as_directory(IFile *node) {
 // The node at the iterator's position; null if the tree has shrunk under it.
 IFile *node_at(const FileIterator &at) {
     const auto &children = at.current->children;
-    const bool inside = at.index >= 0 && static_cast<size_t>(at.index) < children.size();
-    return inside ? children[static_cast<size_t>(at.index)].get() : nullptr;
+    const auto position = static_cast<size_t>(at.index); // a negative one lies past every end
+    return position < children.size() ? children[position].get() : nullptr;
 }
 
 bool go_to_sibling(FileIterator &at) {

@@ -224,7 +224,7 @@ uint32_t load_file_table(const void *buffer, uint32_t sku, uint32_t length) {
         return 1;
     }
     for (uint32_t i = 0; i < row_count; ++i) {
-        const uint8_t *row = table + ftbl_head_size + i * sku_row_size;
+        const uint8_t *row = table + ftbl_head_size + uint64_t{i} * sku_row_size;
         if (load_le32(row) == sku) {
             if (!select_entries(table, length, row)) {
                 return 1;

@@ -135,11 +135,7 @@ TEST_F(FcsTest, RefusesDamagedStores) {
         {"count that wraps to nothing", [](Bytes &b) { put32(b, 0, 0x40000000); }},
         {"payload cut", [](Bytes &b) { b.pop_back(); }},
         {"offset that wraps", [](Bytes &b) { put32(b, 16 + 4, 0xFFFFFFFF); }},
-        {"payload of an unknown number cut",
-         [](Bytes &b) {
-             put32(b, 4, 0x777);
-             b.resize(28);
-         }},
+        {"payload of an unknown number cut", [](Bytes &b) { put32(b, 4, 0x777), b.resize(28); }},
         {"same number twice", [](Bytes &b) { put32(b, 16, 0x21); }},
     };
     for (const Case &c : cases) {
