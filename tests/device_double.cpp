@@ -65,6 +65,12 @@ void DeviceDouble::note(uint32_t address, uint32_t length, const uint8_t *writte
 template <typename Real>
 uint32_t DeviceDouble::access(DeviceAccess kind, uint32_t address, uint32_t length,
                               const uint8_t *written, uint8_t *seen, Real real) {
+    if (kind != DeviceAccess::read && events_left_ != UINT64_MAX) {
+        if (events_left_ == 0) {
+            return 0;
+        }
+        --events_left_;
+    }
     if (image_.empty()) {
         return real();
     }

@@ -57,6 +57,11 @@ class DeviceDouble {
 
     void add_fault(DeviceFault fault) { faults_.push_back(fault); }
 
+    // The power goes: from now on this many writes and erases land, of both devices and whatever is
+    // attached, and all behind them are lost.
+    void cut_after(uint64_t events) { events_left_ = events; }
+    void restore_power() { events_left_ = UINT64_MAX; }
+
     // For a format over an image that is not erased.
     void allow_rewrites(bool allow) { allow_rewrites_ = allow; }
 
@@ -78,6 +83,7 @@ class DeviceDouble {
     void note(uint32_t address, uint32_t length, const uint8_t *written);
 
     std::span<uint8_t> image_;
+    uint64_t events_left_ = UINT64_MAX;
     bool keep_log_ = true;
     bool allow_rewrites_ = false;
     std::vector<DeviceEvent> log_;
