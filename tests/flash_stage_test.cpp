@@ -466,7 +466,8 @@ TEST_F(FlashStage, MemoryDoesNotGrow) {
         }
     }
     qoQfsNvarTerm(false);
-    EXPECT_LE(mallinfo2().uordblks, settled + 1024);
+    // The allocator counts what it caches as in use; one lost block a round would be 28,800 bytes.
+    EXPECT_LE(mallinfo2().uordblks, settled + 16384);
 }
 #endif
 
