@@ -5,6 +5,7 @@
 #include <numeric>
 #include <vector>
 
+#include "AfsCrc.h"
 #include "common/crc.h"
 
 namespace {
@@ -38,6 +39,28 @@ TEST(Crc, EnginesAgreeWithBitwiseAtEveryLengthAndSeed) {
             EXPECT_EQ(dolm::crc16_ccitt(seed16, data.data(), length), bitwise_crc16(seed16, data));
             EXPECT_EQ(dolm::crc32_reflected(seed, data.data(), length), bitwise_crc32(seed, data));
         }
+    }
+}
+
+// The AFS checksums with the values that fix them: published ones, and start values for no data.
+TEST(Crc, AfsChecksumsHaveTheirKnownValues) {
+    const uint8_t zeros[2] = {};
+    const uint8_t header[16] = {0x87, 0x78, 0x55, 0xAA, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0};
+    EXPECT_EQ(crc8("abc", 3), 0x34u);
+    EXPECT_EQ(crc8("abc", 0), 0x01u);
+    EXPECT_EQ(crc8("abc", -1), 0x01u);
+    EXPECT_EQ(crc8(header, 16), 0xB1u);
+    EXPECT_EQ(crc14("abc", 3), 0x3A71u);
+    EXPECT_EQ(crc14(zeros, 2), 0x0B5Bu);
+    EXPECT_EQ(crc14("abc", -1), 0x3FFFu);
+    EXPECT_EQ(crc16("1234567", 7, "89"), 0x29B1u);
+    EXPECT_EQ(crc16("abc", 3, zeros), 0xD400u);
+    for (const int32_t length : {0, -5}) {
+        EXPECT_EQ(crc16("abc", length, zeros), bitwise_crc16(0xFFFF, {0, 0}));
+    }
+    for (uint32_t page = 0; page < 0x10000; ++page) {
+        const uint8_t bytes[2] = {static_cast<uint8_t>(page), static_cast<uint8_t>(page >> 8)};
+        ASSERT_LE(crc14(bytes, 2), 0x3FFFu) << page;
     }
 }
 

@@ -1,0 +1,1029 @@
+// The flash translation layer of AFS on a device that is watched: what a format puts on the flash,
+// what a mount makes of whatever it finds there, in which order pages and reclaims are written, and
+// which EU is picked.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <numeric>
+#include <tuple>
+#include <vector>
+
+#include "AfsFtl.h"
+#include "AfsPhysical.h"
+#include "afs/ftl_access.h"
+#include "afs/ftl_format.h"
+#include "device_double.h"
+
+namespace {
+
+using namespace dolm;
+using namespace dolm_test;
+
+using Bytes = std::vector<uint8_t>;
+using Page = std::array<uint8_t, AFS_PAGE_SIZE>;
+
+// Kind, EU, offset in the EU, length: a write or erase as the tests state it.
+using Event = std::tuple<char, uint32_t, uint32_t, uint32_t>;
+
+constexpr uint32_t file_count = 1024;
+
+Page make_page(uint32_t seed) {
+    Page page;
+    std::iota(page.begin(), page.end(), static_cast<uint8_t>(seed * 7 + 1));
+    return page;
+}
+
+// A store of its own geometry on an image that starts erased, with the device double attached.
+class Store {
+  public:
+    Store(uint32_t eus, uint32_t data_eus, uint32_t missing_chunks = 0)
+        : image_(eus * AFS_EU_SIZE, 0xFF) {
+        const uint32_t chunks = data_eus * AFS_DATA_EU_PAGES - missing_chunks;
+        context_.chunk_count = static_cast<uint16_t>(chunks);
+        context_.file_count = file_count;
+        context_.data_va_start = (14 + 2 * (chunks + file_count) + 63) / 64 * 64;
+        context_.total_va_size =
+            context_.data_va_start + data_eus * AFS_DATA_EU_PAGES * AFS_PAGE_SIZE;
+        context_.device_size = static_cast<uint32_t>(image_.size());
+        chunk_map_.resize(chunks / 32 + 1);
+        attach();
+    }
+    ~Store() {
+        release_ftl_state(&context_);
+        DeviceDouble::instance().detach();
+    }
+    Store(const Store &) = delete;
+    Store &operator=(const Store &) = delete;
+
+    // An empty store, mounted, with its allocator set up.
+    Store &format() {
+        EXPECT_EQ(mount_ftl(), AFS_RC_IO);
+        EXPECT_EQ(afs_physical_ftl_format(&context_, 1), AFS_RC_OK);
+        EXPECT_EQ(mount(), AFS_RC_OK);
+        return *this;
+    }
+    // As a fresh process would.
+    uint32_t mount() {
+        const uint32_t rc = mount_ftl();
+        return rc != AFS_RC_OK ? rc : afs_physical_ftl_set_allocation_map(&context_);
+    }
+    uint32_t mount_ftl() {
+        attach();
+        context_.chunk_map = chunk_map_.data();
+        context_.image = image_.data();
+        return afs_physical_ftl_init(&context_, context_.device_size,
+                                     AFS_FTL_ALLOCATE_TABLES | AFS_FLAG_ATTACH_DEVICE);
+    }
+    void attach() { DeviceDouble::instance().attach(image_); }
+
+    afs_context *context() { return &context_; }
+    afs_ftl_state &ftl() { return *context_.ftl; }
+    afs_eu_info &row(uint32_t eu) { return ftl().eu_table[eu]; }
+    Bytes &image() { return image_; }
+    uint8_t *at(uint32_t eu, uint32_t offset = 0) { return &image_[eu * AFS_EU_SIZE + offset]; }
+    uint32_t chunk_va(uint32_t chunk) { return context_.data_va_start + chunk * AFS_PAGE_SIZE; }
+
+    uint32_t write(uint32_t va, uint32_t seed) {
+        return afs_physical_ftl_write_page(&context_, va, 0, make_page(seed).data(), 0);
+    }
+    uint32_t write_log(uint32_t page, uint32_t seed) { return write(page * AFS_PAGE_SIZE, seed); }
+    uint32_t trim(uint32_t va) { return afs_physical_ftl_trim_page(&context_, va, 0, 0); }
+    void fill_data_eu(uint32_t index) {
+        for (uint32_t i = 0; i < AFS_DATA_EU_PAGES; ++i) {
+            ASSERT_EQ(write(chunk_va(index * AFS_DATA_EU_PAGES + i), i), AFS_RC_OK);
+        }
+    }
+    bool holds(uint32_t va, uint32_t seed) {
+        Page page;
+        return afs_physical_ftl_read_page(&context_, va, 0, page.data(), 0) == AFS_RC_OK &&
+               page == make_page(seed);
+    }
+    bool is_zero(uint32_t va) {
+        Page page = make_page(99);
+        return afs_physical_ftl_read_page(&context_, va, 0, page.data(), 0) == AFS_RC_OK &&
+               page == Page{};
+    }
+    // Changes the header of an EU on the flash and makes its checksum right again.
+    void edit_header(uint32_t eu, const std::function<void(afs_eu_header &)> &edit) {
+        afs_eu_header header = load_eu_header(at(eu));
+        header.magic = eu_magic;
+        edit(header);
+        store_eu_header(at(eu), header);
+    }
+    // Writes and erases since the attach.
+    std::vector<Event> events() {
+        std::vector<Event> events;
+        for (const DeviceEvent &event : DeviceDouble::instance().log()) {
+            events.emplace_back(event.kind == DeviceEvent::Kind::erase ? 'e' : 'w',
+                                event.address / AFS_EU_SIZE, event.address % AFS_EU_SIZE,
+                                event.length);
+        }
+        return events;
+    }
+    // Puts the image back to `before` with only the first `count` logged events done to it.
+    void cut_after(const Bytes &before, size_t count) {
+        const std::vector<DeviceEvent> log = DeviceDouble::instance().log();
+        image_ = before;
+        for (size_t i = 0; i < count; ++i) {
+            uint8_t *place = &image_[log[i].address];
+            if (log[i].kind == DeviceEvent::Kind::erase) {
+                std::fill_n(place, log[i].length, static_cast<uint8_t>(0xFF));
+            } else {
+                std::copy(log[i].bytes.begin(), log[i].bytes.end(), place);
+            }
+        }
+    }
+
+  private:
+    Bytes image_;
+    std::vector<uint32_t> chunk_map_;
+    afs_context context_{};
+};
+
+// 3 log EUs (0 to 2), 4 data EUs (3 to 6), the spare (7).
+constexpr uint32_t eus = 8;
+constexpr uint32_t data_eus = 4;
+constexpr uint32_t first_data_eu = 3;
+constexpr uint32_t spare = 7;
+
+TEST(AfsFormat, WritesHeadersOfLogDataAndSpareInOrder) {
+    Store store(eus, data_eus);
+    ASSERT_EQ(store.mount_ftl(), AFS_RC_IO);
+    store.attach();
+    ASSERT_EQ(afs_physical_ftl_format(store.context(), 1), AFS_RC_OK);
+    std::vector<Event> expected;
+    for (uint32_t eu = 0; eu < eus; ++eu) {
+        expected.insert(expected.end(), {Event{'e', eu, 0, 4096}, Event{'e', eu, 4096, 4096},
+                                         Event{'w', eu, 0, 17}, Event{'w', eu, 17, 1}});
+    }
+    EXPECT_EQ(store.events(), expected);
+
+    const Bytes first = {0x87, 0x78, 0x55, 0xAA, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0xB1, 0, 0xFF};
+    EXPECT_EQ(Bytes(store.at(0), store.at(0) + first.size()), first);
+    const uint32_t data_page = store.context()->data_va_start / AFS_PAGE_SIZE;
+    for (uint32_t eu = 0; eu < eus; ++eu) {
+        const afs_eu_header header = load_eu_header(store.at(eu));
+        const bool is_data = eu >= first_data_eu && eu != spare;
+        EXPECT_EQ(header.magic, eu == spare ? 0 : eu_magic);
+        EXPECT_EQ(header.sequence, eu + 1);
+        EXPECT_EQ(header.next_spare, eu + 1);
+        EXPECT_EQ(header.va_base, is_data ? data_page + (eu - first_data_eu) * 122 : 0);
+    }
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_TRUE(store.events().empty()) << "a mount writes nothing";
+    EXPECT_EQ(store.ftl().sequence, 7u);
+    EXPECT_EQ(store.ftl().spare_eu, spare);
+    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(0u, 0u));
+    for (uint32_t eu = 0; eu < eus; ++eu) {
+        const uint8_t slots = eu < first_data_eu ? 120 : eu == spare ? 0 : 122;
+        const uint8_t free_pages = eu < first_data_eu ? 1 : slots;
+        EXPECT_EQ(store.row(eu).dirty_pages, slots) << eu;
+        EXPECT_EQ(store.row(eu).free_pages, free_pages) << eu;
+    }
+}
+
+TEST(AfsFormat, WithoutEraseKeepsWhatLiesBehindTheHeaders) {
+    Store store(eus, data_eus);
+    store.format();
+    *store.at(2, 5000) = 0x12;
+    ASSERT_EQ(afs_physical_ftl_format(store.context(), 0), AFS_RC_OK);
+    EXPECT_EQ(*store.at(2, 5000), 0x12);
+}
+
+TEST(AfsMount, CountsErasureUnitsInEightBits) {
+    for (const auto &[count, expected] : {std::pair{255u, AFS_RC_OK}, {256u, AFS_RC_IO}}) {
+        Store store(count, 20);
+        store.mount_ftl();
+        ASSERT_EQ(afs_physical_ftl_format(store.context(), 1), AFS_RC_OK);
+        EXPECT_EQ(store.mount_ftl(), expected) << count;
+    }
+}
+
+struct MountCase {
+    const char *name;
+    std::function<void(Store &)> damage;
+    uint32_t result;
+    std::function<void(Store &)> check = [](Store &) {};
+};
+
+void set_pending(Store &store, uint32_t eu) {
+    *store.at(eu, eu_state_offset) = eu_state_pending;
+}
+
+const MountCase mount_cases[] = {
+    {"erased spare takes the average erase count",
+     [](Store &store) {
+         std::fill_n(store.at(spare), AFS_EU_SIZE, static_cast<uint8_t>(0xFF));
+         store.edit_header(1, [](afs_eu_header &header) { header.erase_count = 75; });
+     },
+     AFS_RC_OK, [](Store &store) { EXPECT_EQ(store.row(spare).erase_count, (6u + 75) / 7); }},
+    {"spare with a good checksum keeps its erase count",
+     [](Store &store) {
+         store.edit_header(spare, [](afs_eu_header &header) { header.erase_count = 9; });
+         store_le32(store.at(spare), 0);
+     },
+     AFS_RC_OK, [](Store &store) { EXPECT_EQ(store.row(spare).erase_count, 9u); }},
+    {"magic half-way to 0 is a valid EU", [](Store &store) { store_le32(store.at(1), 0xAA050887); },
+     AFS_RC_OK, [](Store &store) { EXPECT_EQ(store.row(1).free_pages, 1); }},
+    {"alternative magic with the checksum of the usual one",
+     [](Store &store) { store_le32(store.at(1), eu_magic_alt); }, AFS_RC_OK},
+    {"alternative magic with its own checksum",
+     [](Store &store) { store.edit_header(1, [](auto &header) { header.magic = eu_magic_alt; }); },
+     AFS_RC_OK},
+    {"partial magic with its own checksum",
+     [](Store &store) {
+         store.edit_header(1, [](auto &header) { header.magic = eu_magic_partial; });
+     },
+     AFS_RC_IO},
+    {"two EUs without a header", [](Store &store) { store_le32(store.at(1), 0); }, AFS_RC_IO},
+    {"sequence 0", [](Store &store) { store.edit_header(1, [](auto &h) { h.sequence = 0; }); },
+     AFS_RC_IO},
+    {"erase count 0",
+     [](Store &store) { store.edit_header(1, [](auto &h) { h.erase_count = 0; }); }, AFS_RC_IO},
+    {"checksum wrong", [](Store &store) { *store.at(4, eu_crc_offset) ^= 1; }, AFS_RC_IO},
+    {"newest header names another spare",
+     [](Store &store) { store.edit_header(6, [](auto &header) { header.next_spare = 2; }); },
+     AFS_RC_IO},
+    {"pending EU and a spare: rolled forward",
+     [](Store &store) {
+         set_pending(store, 6);
+         store.edit_header(6, [](auto &header) { header.sequence = 40; });
+     },
+     AFS_RC_OK,
+     [](Store &store) {
+         EXPECT_EQ(store.ftl().sequence, 40u);
+         EXPECT_EQ(store.ftl().uncommitted_eu, 6u);
+     }},
+    {"pending EU names another spare",
+     [](Store &store) {
+         set_pending(store, 6);
+         store.edit_header(6, [](auto &header) { header.next_spare = 2; });
+     },
+     AFS_RC_IO},
+    {"two pending EUs",
+     [](Store &store) {
+         set_pending(store, 6);
+         set_pending(store, 1);
+     },
+     AFS_RC_IO},
+    {"pending EU and no spare: rolled back, and not written to",
+     [](Store &store) {
+         store.edit_header(spare, [](auto &header) { header = {eu_magic, 1, 5, 0, 0}; });
+         set_pending(store, spare);
+     },
+     AFS_RC_OK,
+     [](Store &store) {
+         EXPECT_EQ(store.ftl().spare_eu, spare);
+         EXPECT_EQ(store.ftl().write_eu, 0u) << "the spare has a sequence as low, but is no log";
+         EXPECT_EQ(store.ftl().uncommitted_eu, AFS_FTL_NONE);
+     }},
+    {"data EU off the grid",
+     [](Store &store) { store.edit_header(4, [](auto &header) { header.va_base += 1; }); },
+     AFS_RC_IO},
+    {"data EU below the data area",
+     [](Store &store) { store.edit_header(4, [](auto &header) { header.va_base = 1; }); },
+     AFS_RC_IO},
+    {"data EU past the chunks",
+     [](Store &store) { store.edit_header(6, [](auto &header) { header.va_base += 122; }); },
+     AFS_RC_IO},
+    {"two data EUs in one place",
+     [](Store &store) { store.edit_header(4, [](auto &header) { header.va_base += 122; }); },
+     AFS_RC_IO},
+    {"only data EUs, no log",
+     [](Store &store) {
+         store_le32(store.at(0), 0);
+         for (uint32_t eu : {1, 2, 7}) {
+             store.edit_header(eu, [](auto &header) { header.va_base = 1; });
+         }
+     },
+     AFS_RC_IO},
+};
+
+TEST(AfsMount, SettlesWhatTheHeadersShow) {
+    for (const MountCase &c : mount_cases) {
+        SCOPED_TRACE(c.name);
+        Store store(eus, data_eus);
+        store.format();
+        c.damage(store);
+        const Bytes before = store.image();
+        ASSERT_EQ(store.mount_ftl(), c.result);
+        EXPECT_EQ(store.image(), before);
+        if (c.result == AFS_RC_OK) {
+            c.check(store);
+        } else {
+            EXPECT_EQ(store.write_log(0, 1), AFS_RC_INVALID) << "not mounted";
+        }
+    }
+}
+
+// Writes a log of its own: page entries in their chain, then what closes it.
+void put_log(Store &store, uint32_t eu, const std::vector<uint16_t> &pages, uint16_t close) {
+    uint16_t last = 0;
+    uint32_t slot = 0;
+    for (const uint16_t page : pages) {
+        store_le16(store.at(eu, log_entry_offset(slot)), log_chain(last, page));
+        const Page data = make_page(eu * 1000 + slot);
+        std::copy(data.begin(), data.end(), store.at(eu, log_slot_offset(slot)));
+        store_le16(store.at(eu, log_slot_offset(slot) + 64), page_crc(data.data(), page));
+        last = page;
+        ++slot;
+    }
+    store_le16(store.at(eu, log_entry_offset(slot)), close);
+}
+
+struct LogCase {
+    const char *name;
+    size_t pages; // in the log, numbers going round from 0 to 9
+    uint16_t close;
+    uint32_t write_slot;
+    uint16_t last_page;
+    uint8_t dirty;
+};
+
+TEST(AfsLogScan, FindsTheEndOfTheLog) {
+    const LogCase cases[] = {
+        {"three pages", 3, 0x7FFF, 3, 2, 117},
+        {"the last one was cut", 3, 0xFFFF, 4, 1, 118},
+        {"the only one was cut", 1, 0xFFFF, 2, 0, 120},
+        {"a torn entry after the mark", 3, 0x7F12, 5, 2, 117},
+        {"full", 120, 0x7FFF, 120, 9, 110},
+        {"full, the last one cut", 120, 0xFFFF, 120, 8, 110},
+        {"cut in the last slot but one", 119, 0xFFFF, 120, 7, 110},
+        {"full without a mark", 120, 0x0000, 120, 9, 110},
+    };
+    for (const LogCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        Store store(eus, data_eus);
+        store.format();
+        std::vector<uint16_t> pages(c.pages);
+        for (size_t i = 0; i < pages.size(); ++i) {
+            pages[i] = static_cast<uint16_t>(i % 10);
+        }
+        put_log(store, 1, pages, c.close);
+        ASSERT_EQ(store.mount(), AFS_RC_OK);
+        EXPECT_EQ(store.ftl().write_eu, 1u);
+        EXPECT_EQ(store.ftl().write_slot, c.write_slot);
+        EXPECT_EQ(store.ftl().last_page, c.last_page);
+        EXPECT_EQ(store.row(1).dirty_pages, c.dirty);
+        // What is written next is chained so that the next mount finds it, and the rest as well.
+        ASSERT_EQ(store.write_log(20, 55), AFS_RC_OK);
+        ASSERT_EQ(store.mount(), AFS_RC_OK);
+        EXPECT_TRUE(store.holds(20 * 64, 55));
+        const auto newest_of_page_0 = static_cast<uint32_t>((c.pages - 1) / 10 * 10);
+        EXPECT_TRUE(c.pages < 3 || store.holds(0, 1000 + newest_of_page_0));
+    }
+}
+
+TEST(AfsLogScan, RefusesAPagePastTheMap) {
+    Store store(eus, data_eus);
+    store.format();
+    put_log(store, 1, {static_cast<uint16_t>(store.context()->data_va_start / 64)}, 0x7FFF);
+    EXPECT_EQ(store.mount(), AFS_RC_IO);
+}
+
+// A run of entries of which only the later ones reached the flash would commit whatever is written
+// before them: the log must not go on there.
+TEST(AfsLogScan, DoesNotWriteInFrontOfLeftOverEntries) {
+    Store store(eus, data_eus);
+    store.format();
+    put_log(store, 0, {1, 2}, 0x7FFF);
+    store_le16(store.at(0, log_entry_offset(4)), 0x0123);
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    for (uint32_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(store.write_log(3, i), AFS_RC_OK);
+        ASSERT_EQ(store.mount(), AFS_RC_OK);
+        EXPECT_TRUE(store.holds(3 * 64, i));
+    }
+}
+
+TEST(AfsLogScan, HigherSequenceWinsWhicheverComesFirst) {
+    for (const bool newer_first : {false, true}) {
+        Store store(eus, data_eus);
+        store.format();
+        const uint32_t newer = newer_first ? 0 : 1;
+        const uint32_t older = 1 - newer;
+        store.edit_header(newer, [](auto &header) { header.sequence = 6; });
+        put_log(store, newer, {4, 5}, 0x7FFF);
+        put_log(store, older, {3, 4, 5, 4}, 0x7FFF);
+        ASSERT_EQ(store.mount(), AFS_RC_OK);
+        EXPECT_EQ(store.ftl().write_eu, newer);
+        EXPECT_EQ(store.ftl().write_slot, 2u);
+        EXPECT_EQ(store.row(newer).dirty_pages, 118);
+        EXPECT_EQ(store.row(older).dirty_pages, 119);
+        EXPECT_TRUE(store.holds(4 * 64, newer * 1000));
+        EXPECT_TRUE(store.holds(3 * 64, older * 1000));
+    }
+}
+
+TEST(AfsPages, LogPageIsEntryThenPageThenCommit) {
+    Store store(eus, data_eus);
+    store.format();
+    EXPECT_TRUE(store.is_zero(7 * 64));
+    store.attach();
+    ASSERT_EQ(store.write_log(7, 1), AFS_RC_OK);
+    ASSERT_EQ(store.write_log(7, 2), AFS_RC_OK);
+    const std::vector<Event> expected = {{'w', 0, 18, 2}, {'w', 0, 260, 66}, {'w', 0, 21, 1},
+                                         {'w', 0, 20, 2}, {'w', 0, 326, 66}, {'w', 0, 23, 1}};
+    EXPECT_EQ(store.events(), expected);
+    EXPECT_TRUE(DeviceDouble::instance().breaches().empty());
+    EXPECT_EQ(store.ftl().write_slot, 2u);
+    EXPECT_EQ(store.row(0).dirty_pages, 119);
+    EXPECT_EQ(store.row(0).free_pages, 0);
+    EXPECT_TRUE(store.holds(7 * 64, 2));
+
+    // A trim counts once and lasts until the next mount.
+    store.trim(7 * 64);
+    store.trim(7 * 64);
+    EXPECT_EQ(store.row(0).dirty_pages, 120);
+    EXPECT_TRUE(store.is_zero(7 * 64));
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_TRUE(store.holds(7 * 64, 2));
+}
+
+TEST(AfsPages, DataPageIsOpenedWrittenAndClosedOnce) {
+    Store store(eus, data_eus);
+    store.format();
+    EXPECT_TRUE(store.is_zero(store.chunk_va(125)));
+    store.attach();
+    ASSERT_EQ(store.write(store.chunk_va(125), 1), AFS_RC_OK);
+    const std::vector<Event> expected = {
+        {'w', 4, 18 + 3, 1}, {'w', 4, 140 + 3 * 66, 66}, {'w', 4, 18 + 3, 1}};
+    EXPECT_EQ(store.events(), expected);
+    EXPECT_EQ(store.write(store.chunk_va(125), 2), AFS_RC_IO);
+    EXPECT_EQ(store.events(), expected);
+    EXPECT_TRUE(store.holds(store.chunk_va(125), 1));
+    EXPECT_EQ(store.row(4).dirty_pages, 121);
+    EXPECT_EQ(store.row(4).free_pages, 121);
+    store.trim(store.chunk_va(125));
+    store.trim(store.chunk_va(125));
+    EXPECT_EQ(store.row(4).dirty_pages, 122);
+    EXPECT_TRUE(store.is_zero(store.chunk_va(125)));
+}
+
+TEST(AfsPages, PlacesThatNoEuCoversAreRefused) {
+    Store store(eus, data_eus);
+    store.format();
+    store.row(4).va_base = 0; // as if the EU of chunks 122 to 243 did not exist
+    store.attach();
+    Bytes buffer(300 * 66);
+    for (const uint32_t va : {store.chunk_va(122), store.chunk_va(data_eus * 122), 0xFFFFFFC0u}) {
+        EXPECT_EQ(store.write(va, 1), AFS_RC_IO);
+        EXPECT_EQ(afs_physical_ftl_read_page(store.context(), va, 0, buffer.data(), 0), AFS_RC_IO);
+        EXPECT_EQ(afs_physical_ftl_read_data_pages(store.context(), buffer.data(), va, 1),
+                  AFS_RC_IO);
+        EXPECT_EQ(store.trim(va), AFS_RC_OK);
+    }
+    ASSERT_EQ(store.write(store.chunk_va(0), 1), AFS_RC_OK);
+    EXPECT_EQ(afs_physical_ftl_read_data_pages(store.context(), buffer.data(), 0, 1), AFS_RC_IO);
+    EXPECT_EQ(read_ftl_data_pages(store.context(), 3, 100, 23, 0, buffer.data()), AFS_RC_IO);
+    EXPECT_EQ(read_ftl_data_pages(store.context(), eus, 0, 1, 0, buffer.data()), AFS_RC_IO);
+    EXPECT_EQ(store.events().size(), 3u);
+    EXPECT_TRUE(DeviceDouble::instance().out_of_range().empty());
+}
+
+TEST(AfsPages, BatchCrossesIntoTheNextEuWhereverThatLies) {
+    Store store(eus, data_eus);
+    store.format();
+    for (uint32_t chunk = 120; chunk < 124; ++chunk) {
+        ASSERT_EQ(store.write(store.chunk_va(chunk), chunk), AFS_RC_OK);
+    }
+    ASSERT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_OK); // chunks 122 and on move to EU 7
+    store.attach();
+    Bytes buffer(4 * 66);
+    ASSERT_EQ(
+        afs_physical_ftl_read_data_pages(store.context(), buffer.data(), store.chunk_va(120), 4),
+        AFS_RC_OK);
+    EXPECT_EQ(DeviceDouble::instance().count(DeviceAccess::read), 2u);
+    for (uint32_t i = 0; i < 4; ++i) {
+        const Page page = make_page(120 + i);
+        EXPECT_TRUE(std::equal(page.begin(), page.end(), &buffer[i * 64])) << i;
+    }
+}
+
+struct FaultCase {
+    const char *name;
+    DeviceFault fault;
+    std::function<uint32_t(Store &)> run;
+    uint32_t result;
+    uint32_t reads;
+    uint32_t writes;
+};
+
+TEST(AfsPages, ReadsAreRepeatedUpToSevenTimesAndWritesNever) {
+    using Effect = DeviceFault::Effect;
+    const auto read = [](Store &store) {
+        Page page;
+        return afs_physical_ftl_read_page(store.context(), 64, 0, page.data(), 0);
+    };
+    const auto batch = [](Store &store) {
+        Bytes buffer(2 * 66);
+        return afs_physical_ftl_read_data_pages(store.context(), buffer.data(), store.chunk_va(0),
+                                                2);
+    };
+    const auto write = [](Store &store) { return store.write_log(2, 1); };
+    const FaultCase cases[] = {
+        {"read, six bad", {DeviceAccess::read, 0, 6, Effect::flip_bit}, read, 0, 7, 0},
+        {"read, seven bad", {DeviceAccess::read, 0, 7, Effect::flip_bit}, read, 5, 7, 0},
+        {"read, one failed", {DeviceAccess::read, 0, 1, Effect::fail}, read, 5, 1, 0},
+        {"batch, six bad", {DeviceAccess::read, 0, 6, Effect::flip_bit}, batch, 0, 7, 0},
+        {"batch, seven bad", {DeviceAccess::read, 0, 7, Effect::flip_bit}, batch, 5, 7, 0},
+        {"entry, six bad", {DeviceAccess::read, 0, 6, Effect::flip_bit}, write, 0, 9, 3},
+        {"entry, seven bad", {DeviceAccess::read, 0, 7, Effect::flip_bit}, write, 5, 7, 1},
+        {"page write lost", {DeviceAccess::write, 1, 1, Effect::lose}, write, 5, 8, 2},
+        {"commit fails", {DeviceAccess::write, 2, 1, Effect::fail}, write, 5, 2, 3},
+    };
+    for (const FaultCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        Store store(eus, data_eus);
+        store.format();
+        ASSERT_EQ(store.write_log(1, 1), AFS_RC_OK);
+        ASSERT_EQ(store.write(store.chunk_va(0), 1), AFS_RC_OK);
+        ASSERT_EQ(store.write(store.chunk_va(1), 2), AFS_RC_OK);
+        store.attach();
+        DeviceDouble::instance().add_fault(c.fault);
+        EXPECT_EQ(c.run(store), c.result);
+        EXPECT_EQ(DeviceDouble::instance().count(DeviceAccess::read), c.reads);
+        EXPECT_EQ(DeviceDouble::instance().count(DeviceAccess::write), c.writes);
+        EXPECT_EQ(store.ftl().write_slot, c.writes == 3 && c.result == 0 ? 2u : 1u);
+    }
+}
+
+// Allocates and writes until the allocator has to be asked twice.
+uint32_t allocate_all(Store &store) {
+    uint32_t count = 0;
+    uint16_t cid;
+    while (afs_physical_ftl_allocate_page(store.context(), &cid) == AFS_RC_OK) {
+        EXPECT_LT(cid - file_count, store.context()->chunk_count);
+        EXPECT_EQ(store.write(store.chunk_va(cid - file_count), cid), AFS_RC_OK);
+        ++count;
+    }
+    return count;
+}
+
+TEST(AfsAllocator, FillsTheNewestEuThenTheOldestWithRoomAndThenGivesUp) {
+    Store store(eus, data_eus, 30);
+    store.format();
+    uint16_t cid = 0;
+    ASSERT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_OK);
+    EXPECT_EQ(cid, file_count + 3 * 122) << "EU 6 has the highest sequence";
+    EXPECT_EQ(allocate_all(store), 92u - 1) << "the slots past the last chunk are never free";
+    for (uint32_t index = 0; index < 3; ++index) {
+        // The flush was asked for; the next call may go on.
+        EXPECT_EQ(store.ftl().reclaim_armed, 1);
+        EXPECT_EQ(allocate_all(store), 122u) << index;
+    }
+    // The chunk that was handed out and never written is still free.
+    EXPECT_EQ(allocate_all(store), 1u);
+    EXPECT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_NO_SPACE);
+    EXPECT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_FLUSH_FIRST);
+    EXPECT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_NO_SPACE);
+}
+
+TEST(AfsAllocator, TellsDeadSlotsFromFreeOnes) {
+    Store store(eus, data_eus);
+    store.format();
+    store.fill_data_eu(3);
+    store.trim(store.chunk_va(3 * 122 + 5));
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_EQ(store.row(6).dirty_pages, 1);
+    EXPECT_EQ(store.row(6).free_pages, 0);
+    uint16_t cid = 0;
+    ASSERT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_OK);
+    EXPECT_EQ(cid, file_count + 2 * 122) << "the newest EU with an erased slot";
+    // A live chunk whose page is not complete.
+    *store.at(6, data_status_offset) = slot_being_written;
+    EXPECT_EQ(store.mount(), AFS_RC_IO);
+}
+
+TEST(AfsAllocator, StoreWithoutDataEusHasNoSpace) {
+    Store store(eus, 0);
+    store.context()->chunk_count = 100;
+    std::vector<uint32_t> map(4);
+    store.format();
+    store.context()->chunk_map = map.data();
+    store.attach();
+    uint16_t cid;
+    EXPECT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_FLUSH_FIRST);
+    EXPECT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_NO_SPACE);
+    EXPECT_TRUE(store.events().empty());
+}
+
+// Erase, copies in this order, header, magic of the source, commit.
+std::vector<Event> reclaim_events(uint32_t source, uint32_t target, std::vector<Event> copies) {
+    std::vector<Event> events = {{'e', target, 0, 4096}, {'e', target, 4096, 4096}};
+    events.insert(events.end(), copies.begin(), copies.end());
+    events.insert(events.end(), {{'w', target, 0, 17}, {'w', source, 0, 4}, {'w', target, 17, 1}});
+    return events;
+}
+
+TEST(AfsReclaim, FullDataEuIsCopiedInTwoRunsAndGainsNothing) {
+    Store store(eus, data_eus);
+    store.format();
+    store.fill_data_eu(1);
+    store.ftl().alloc_cursor = AFS_FTL_NONE;
+    store.attach();
+    ASSERT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_NOT_RECLAIMED);
+    EXPECT_EQ(store.events(), reclaim_events(4, spare,
+                                             {{'w', spare, 140 + 60 * 66, 62 * 66},
+                                              {'w', spare, 18 + 60, 62},
+                                              {'w', spare, 140, 60 * 66},
+                                              {'w', spare, 18, 60}}));
+    EXPECT_EQ(store.ftl().spare_eu, 4);
+    EXPECT_EQ(store.row(spare).dirty_pages, 0);
+    EXPECT_EQ(store.row(spare).free_pages, 0);
+    EXPECT_EQ(store.row(spare).erase_count, 2u);
+    EXPECT_EQ(store.row(spare).sequence, 8u);
+    EXPECT_EQ(store.row(4).sequence, 0u);
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    for (uint32_t i = 0; i < 122; ++i) {
+        EXPECT_TRUE(store.holds(store.chunk_va(122 + i), i));
+    }
+}
+
+TEST(AfsReclaim, DeadDataEuCostsOnlyTheHeader) {
+    Store store(eus, data_eus);
+    store.format();
+    store.ftl().alloc_cursor = store.ftl().alloc_end;
+    store.attach();
+    ASSERT_EQ(reclaim_eu(store.context(), 5, 1), AFS_RC_OK);
+    EXPECT_EQ(store.events(), reclaim_events(5, spare, {}));
+    EXPECT_EQ(store.ftl().alloc_cursor, 2u * 122);
+    EXPECT_EQ(store.ftl().alloc_end, 3u * 122);
+    EXPECT_EQ(store.row(spare).free_pages, 122);
+}
+
+TEST(AfsReclaim, RunsEndAtDeadSlotsAndTheCursorAtTheLowest) {
+    Store store(eus, data_eus);
+    store.format();
+    store.fill_data_eu(0);
+    for (const uint32_t chunk : {2u, 100u, 121u}) {
+        store.trim(store.chunk_va(chunk));
+    }
+    const uint32_t cursor = store.ftl().alloc_cursor;
+    store.attach();
+    ASSERT_EQ(reclaim_eu(store.context(), 3, 1), AFS_RC_OK);
+    EXPECT_EQ(store.events(), reclaim_events(3, spare,
+                                             {{'w', spare, 140 + 101 * 66, 20 * 66},
+                                              {'w', spare, 18 + 101, 20},
+                                              {'w', spare, 140 + 38 * 66, 62 * 66},
+                                              {'w', spare, 18 + 38, 62},
+                                              {'w', spare, 140 + 3 * 66, 35 * 66},
+                                              {'w', spare, 18 + 3, 35},
+                                              {'w', spare, 140, 2 * 66},
+                                              {'w', spare, 18, 2}}));
+    EXPECT_EQ(store.ftl().alloc_cursor, cursor) << "a range that is left is kept";
+    EXPECT_EQ(store.row(spare).dirty_pages, 3);
+    EXPECT_EQ(store.row(spare).free_pages, 3);
+    store.ftl().alloc_cursor = AFS_FTL_NONE;
+    ASSERT_EQ(reclaim_eu(store.context(), spare, 1), AFS_RC_OK);
+    EXPECT_EQ(store.ftl().alloc_cursor, 2u);
+}
+
+// Fills log EU 0 with pages 0 to 39 alive in its first slots, and the head (EU 1) up to 100.
+void prepare_log(Store &store) {
+    store.format();
+    for (uint32_t i = 0; i < 40; ++i) {
+        ASSERT_EQ(store.write_log(i, i), AFS_RC_OK);
+    }
+    for (uint32_t i = 40; i < 220; ++i) {
+        ASSERT_EQ(store.write_log(40 + i % 7, i), AFS_RC_OK);
+    }
+    ASSERT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(1u, 100u));
+    ASSERT_EQ(store.row(0).dirty_pages, 80);
+}
+
+bool log_is_intact(Store &store) {
+    bool intact = true;
+    for (uint32_t i = 0; i < 40; ++i) {
+        intact = intact && store.holds(i * 64, i);
+    }
+    for (uint32_t i = 213; i < 220; ++i) {
+        intact = intact && store.holds((40 + i % 7) * 64, i);
+    }
+    return intact;
+}
+
+TEST(AfsReclaim, LogPagesFillTheHeadAndGoOnInTheNextEu) {
+    Store store(eus, data_eus);
+    prepare_log(store);
+    store.attach();
+    ASSERT_EQ(reclaim_eu(store.context(), 0, 1), AFS_RC_OK);
+    EXPECT_EQ(store.events(), reclaim_events(0, spare,
+                                             {{'w', 1, 260 + 100 * 66, 20 * 66},
+                                              {'w', 1, 18 + 200, 40},
+                                              {'w', 1, 259, 1},
+                                              {'w', 2, 260, 20 * 66},
+                                              {'w', 2, 18, 40},
+                                              {'w', 2, 59, 1}}));
+    EXPECT_TRUE(DeviceDouble::instance().breaches().empty());
+    EXPECT_EQ(load_le16(store.at(1, log_entry_offset(120))), 0x7FFF);
+    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(2u, 20u));
+    EXPECT_EQ(store.row(spare).free_pages, 1);
+    EXPECT_TRUE(log_is_intact(store));
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(2u, 20u));
+    EXPECT_TRUE(log_is_intact(store));
+}
+
+TEST(AfsReclaim, HeadLeavesTheEuThatIsGivenUp) {
+    Store store(eus, data_eus);
+    prepare_log(store);
+    ASSERT_EQ(reclaim_eu(store.context(), 1, 1), AFS_RC_OK);
+    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(2u, 7u));
+    // No blank EU but the one that is now reclaimed: the head moves onto the spare itself.
+    ASSERT_EQ(reclaim_eu(store.context(), spare, 1), AFS_RC_OK);
+    ASSERT_EQ(store.ftl().spare_eu, spare);
+    ASSERT_EQ(reclaim_eu(store.context(), 2, 1), AFS_RC_OK);
+    EXPECT_TRUE(log_is_intact(store));
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_TRUE(log_is_intact(store));
+}
+
+// Every cut of a log and of a data reclaim, then a mount, a second reclaim with every cut of its
+// own, and a mount again: whole writes only, the torn ones are tried elsewhere.
+TEST(AfsReclaim, SurvivesCutsInTwoReclaimsRunning) {
+    for (const auto &[first, second] :
+         {std::pair{0u, 4u}, {4u, 0u}, {0u, 1u}, {1u, 2u}, {4u, 5u}}) {
+        Store store(eus, data_eus);
+        prepare_log(store);
+        store.fill_data_eu(1);
+        const Bytes before_first = store.image();
+        const auto check = [&](const char *when, size_t cut) {
+            ASSERT_EQ(store.mount(), AFS_RC_OK) << when << " " << cut;
+            ASSERT_TRUE(log_is_intact(store)) << when << " " << cut;
+            ASSERT_TRUE(store.holds(store.chunk_va(200), 200 - 122)) << when << " " << cut;
+        };
+        store.attach();
+        reclaim_eu(store.context(), first, 1);
+        const std::vector<DeviceEvent> first_log = DeviceDouble::instance().log();
+        for (size_t cut = 0; cut <= first_log.size(); ++cut) {
+            DeviceDouble::instance().log() = first_log;
+            store.cut_after(before_first, cut);
+            check("first cut", cut);
+            const Bytes before_second = store.image();
+            store.attach();
+            const uint32_t source = second == store.ftl().spare_eu ? first : second;
+            const uint32_t rc = reclaim_eu(store.context(), source, 1);
+            ASSERT_TRUE(rc == AFS_RC_OK || rc == AFS_RC_NOT_RECLAIMED) << cut;
+            const std::vector<DeviceEvent> second_log = DeviceDouble::instance().log();
+            for (size_t next = 0; next <= second_log.size(); ++next) {
+                DeviceDouble::instance().log() = second_log;
+                store.cut_after(before_second, next);
+                check("second cut", cut * 100 + next);
+                ASSERT_EQ(store.write_log(47, 3), AFS_RC_OK);
+                check("after a write", cut * 100 + next);
+                ASSERT_TRUE(store.holds(47 * 64, 3));
+            }
+        }
+    }
+}
+
+// Once a mount had rolled a reclaim forward, the next one left two uncommitted headers behind when
+// it was cut, and the store never mounted again.
+TEST(AfsReclaim, CommitsWhatTheMountRolledForwardBeforeAnythingElse) {
+    Store store(eus, data_eus);
+    store.format();
+    ASSERT_EQ(reclaim_eu(store.context(), 5, 1), AFS_RC_OK);
+    *store.at(spare, eu_state_offset) = eu_state_pending;
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    store.attach();
+    ASSERT_EQ(reclaim_eu(store.context(), 4, 0), AFS_RC_OK);
+    EXPECT_TRUE(store.events().empty()) << "mode 0 touches no flash";
+    ASSERT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_OK);
+    std::vector<Event> expected = reclaim_events(4, 5, {});
+    expected.insert(expected.begin(), Event{'w', spare, 17, 1});
+    EXPECT_EQ(store.events(), expected);
+    store.attach();
+    ASSERT_EQ(reclaim_eu(store.context(), 3, 1), AFS_RC_OK);
+    EXPECT_EQ(store.events(), reclaim_events(3, 4, {})) << "only once";
+}
+
+TEST(AfsReclaim, RolledForwardLogThatWasCutInItsFirstWriteStartsItsChainAnew) {
+    Store store(eus, data_eus);
+    prepare_log(store);
+    ASSERT_EQ(reclaim_eu(store.context(), 0, 1), AFS_RC_OK);
+    *store.at(spare, eu_state_offset) = eu_state_pending;
+    store_le16(store.at(spare, log_entry_offset(0)), log_chain(0, 3));
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(spare, 2u));
+    ASSERT_EQ(store.write_log(47, 3), AFS_RC_OK);
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_TRUE(store.holds(47 * 64, 3));
+}
+
+TEST(AfsReclaim, FailureHalfWayStopsWritesUntilTheNextMount) {
+    for (uint32_t write = 0; write < 9; ++write) {
+        Store store(eus, data_eus);
+        prepare_log(store);
+        store.attach();
+        DeviceDouble::instance().add_fault(
+            {DeviceAccess::write, write, 1, DeviceFault::Effect::fail});
+        ASSERT_EQ(reclaim_eu(store.context(), 0, 1), AFS_RC_IO);
+        EXPECT_EQ(store.write_log(47, 3), AFS_RC_IO) << write;
+        EXPECT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_IO) << write;
+        ASSERT_EQ(store.mount(), AFS_RC_OK) << write;
+        EXPECT_TRUE(log_is_intact(store)) << write;
+        EXPECT_EQ(store.write_log(47, 3), AFS_RC_OK) << write;
+    }
+}
+
+TEST(AfsReclaim, TouchesNothingWhereItCannotRun) {
+    Store store(eus, data_eus);
+    store.format();
+    store.attach();
+    EXPECT_EQ(reclaim_eu(store.context(), spare, 1), AFS_RC_NO_SPACE);
+    EXPECT_EQ(reclaim_eu(store.context(), spare, 0), AFS_RC_NO_SPACE);
+    EXPECT_EQ(reclaim_eu(store.context(), AFS_FTL_NONE, 1), AFS_RC_NO_SPACE);
+    store.context()->chunk_map = nullptr;
+    EXPECT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_BAD_STATE);
+    EXPECT_TRUE(store.events().empty());
+}
+
+// The rows of data EUs 3 to 6: dirty and free pages, erase counts.
+struct ChoiceCase {
+    const char *name;
+    uint8_t dirty[4];
+    uint8_t free_pages[4];
+    uint32_t erase_count[4];
+    uint32_t wear;
+    uint32_t eu;
+    uint32_t mode;
+};
+
+TEST(AfsChoice, TakesRoomThenDirtUnlessTheWearRuleFires) {
+    const ChoiceCase cases[] = {
+        {"oldest with room", {9, 9, 9, 9}, {0, 1, 0, 2}, {1, 1, 1, 1}, 1, 4, 0},
+        {"most dirt", {1, 5, 9, 2}, {}, {1, 1, 1, 1}, 1, 5, 1},
+        {"of equals the least worn", {9, 9, 9, 2}, {}, {7, 6, 6, 1}, 1, 4, 1},
+        {"nothing dirty", {}, {}, {7, 6, 5, 6}, 1, 5, 1},
+        {"spread of 101 at a multiple of 10", {9, 0, 0, 0}, {}, {1000, 950, 899, 899}, 1, 5, 1},
+        {"the same without the rule", {9, 0, 0, 0}, {}, {1000, 950, 899, 899}, 0, 3, 1},
+        {"spread of 100", {9, 0, 0, 0}, {}, {1000, 950, 900, 900}, 1, 3, 1},
+        {"no multiple of 10", {9, 0, 0, 0}, {}, {1005, 950, 899, 899}, 1, 3, 1},
+    };
+    Store store(eus, data_eus);
+    store.format();
+    store.row(spare).erase_count = 1; // never counts, even with the rule's eyes
+    store.row(spare).dirty_pages = 122;
+    for (const ChoiceCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        for (uint32_t i = 0; i < 4; ++i) {
+            store.row(first_data_eu + i).dirty_pages = c.dirty[i];
+            store.row(first_data_eu + i).free_pages = c.free_pages[i];
+            store.row(first_data_eu + i).erase_count = c.erase_count[i];
+        }
+        uint32_t mode = 99;
+        EXPECT_EQ(choose_eu_to_reclaim(store.context(), AFS_FTL_KIND_DATA, c.wear, &mode, 0), c.eu);
+        EXPECT_EQ(mode, c.mode);
+    }
+}
+
+TEST(AfsChoice, WrapperChoosesAgainIfTheWearRuleGainedNothing) {
+    Store store(eus, data_eus);
+    store.format();
+    for (uint32_t index = 0; index < data_eus; ++index) {
+        store.fill_data_eu(index);
+    }
+    store.trim(store.chunk_va(7));
+    store.row(5).erase_count = 1;
+    store.row(3).erase_count = 1000;
+    store.ftl().alloc_cursor = AFS_FTL_NONE;
+    ASSERT_EQ(reclaim_eu_wrapper(store.context(), AFS_FTL_KIND_DATA), AFS_RC_OK);
+    EXPECT_EQ(store.ftl().alloc_cursor, 7u);
+    EXPECT_EQ(store.ftl().spare_eu, 3) << "EU 5 went to EU 7, then EU 3 to EU 5";
+}
+
+TEST(AfsIdle, WantsRoomInTheLogThenInTheDataThenDeadUnits) {
+    struct IdleCase {
+        const char *name;
+        uint32_t write_slot; // of the only log EU with room
+        uint8_t data_free;   // of one data EU
+        uint8_t data_dirty;
+        bool dead_eu; // EU 5
+        uint32_t needed;
+        uint32_t kind;
+        uint32_t eu;
+    };
+    const IdleCase cases[] = {
+        {"29 slots left", 91, 0, 97, true, 1, AFS_FTL_KIND_LOG, AFS_FTL_NONE},
+        {"30 slots left, clean", 90, 0, 0, false, 0, 77, 77},
+        {"63 free, 97 dirty", 90, 63, 97, false, 1, AFS_FTL_KIND_DATA, AFS_FTL_NONE},
+        {"63 free, 96 dirty", 90, 63, 96, false, 0, 77, 77},
+        {"64 free, a dead EU", 90, 64, 97, true, 1, AFS_FTL_KIND_DATA, 5},
+    };
+    Store store(eus, data_eus);
+    store.format();
+    for (const IdleCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        for (uint32_t eu = 0; eu < spare; ++eu) {
+            store.row(eu).free_pages = 0;
+            store.row(eu).dirty_pages = 0;
+        }
+        store.ftl().write_slot = c.write_slot;
+        store.row(4).free_pages = c.data_free;
+        store.row(4).dirty_pages = c.data_dirty;
+        store.row(5).dirty_pages = c.dead_eu ? 122 : 0;
+        uint32_t eu = 77;
+        uint32_t kind = 77;
+        EXPECT_EQ(afs_physical_ftl_idle_reclaim_needed(store.context(), &eu, &kind), c.needed);
+        EXPECT_EQ(std::tuple(kind, eu), std::tuple(c.kind, c.eu));
+    }
+    store.attach();
+    EXPECT_EQ(afs_physical_ftl_idle_reclaim(store.context()), AFS_RC_OK);
+    EXPECT_EQ(store.events(), reclaim_events(5, spare, {}));
+}
+
+TEST(AfsForced, FullReclaimWalksAllDataEusAndEndReservedTheFirstTwo) {
+    Store store(eus, data_eus);
+    store.format();
+    for (const uint32_t cursor : {4u, 5u, 6u, 7u}) {
+        EXPECT_EQ(afs_physical_ftl_force_full_reclaim(store.context()), AFS_RC_AGAIN);
+        EXPECT_EQ(store.ftl().reclaim_cursor, cursor);
+    }
+    EXPECT_EQ(afs_physical_ftl_force_full_reclaim(store.context()), AFS_RC_OK);
+    EXPECT_EQ(store.ftl().reclaim_cursor, 0);
+    ASSERT_EQ(afs_physical_ftl_end_reserved_files_mode(store.context()), AFS_RC_OK);
+    EXPECT_EQ(store.ftl().spare_eu, 1);
+    EXPECT_EQ(store.mount(), AFS_RC_OK);
+}
+
+TEST(AfsForced, DirtyEraseZerosDeadAndSpareSlotsAlone) {
+    Store store(eus, data_eus);
+    store.format();
+    store.fill_data_eu(1);
+    ASSERT_EQ(store.write(store.chunk_va(0), 1), AFS_RC_OK);
+    store.trim(store.chunk_va(122 + 9));
+    store.attach();
+    ASSERT_EQ(afs_physical_ftl_force_dirty_erase(store.context()), AFS_RC_OK);
+    EXPECT_EQ(DeviceDouble::instance().count(DeviceAccess::read), 5u) << "no read-back";
+    std::vector<Event> expected = {{'w', 4, 140 + 9 * 66, 66}};
+    for (uint32_t slot = 0; slot < 122; ++slot) {
+        expected.emplace_back('w', spare, 140 + slot * 66, 66);
+    }
+    EXPECT_EQ(store.events(), expected);
+    EXPECT_EQ(store.row(4).dirty_pages, 1);
+    EXPECT_EQ(store.mount(), AFS_RC_OK);
+}
+
+TEST(AfsFtl, OffersDataSpaceBesideSpareAndLog) {
+    const std::pair<uint32_t, uint32_t> cases[] = {
+        {0, 0}, {1, 0}, {2, 0}, {3, 1}, {4, 2}, {11, 9}, {12, 10}, {23, 21}, {24, 21}, {255, 233}};
+    for (const auto &[count, data] : cases) {
+        afs_context context{};
+        context.device_size = count * AFS_EU_SIZE + 100;
+        EXPECT_EQ(afs_physical_ftl_get_data_vas(&context, 0), data * 7808) << count;
+    }
+}
+
+TEST(AfsFtl, AnswersWithoutAStore) {
+    afs_context unmounted{};
+    Page page;
+    uint16_t cid;
+    uint32_t out;
+    for (afs_context *context : {static_cast<afs_context *>(nullptr), &unmounted}) {
+        const afs_physical_ops &ops = afs_physical_spi_handler;
+        for (const uint32_t rc :
+             {ops.read_page(context, 0, 0, page.data(), 0),
+              ops.write_page(context, 0, 0, page.data(), 0), ops.trim_page(context, 0, 0, 0),
+              ops.force_full_reclaim(context), ops.force_dirty_erase(context),
+              afs_physical_ftl_format(context, 1), ftl_process_pages(context, 0, 1),
+              afs_physical_ftl_init(context, 65536, 0),
+              afs_physical_ftl_read_data_pages(context, page.data(), 0, 1),
+              read_ftl_data_pages(context, 0, 0, 1, 0, page.data()),
+              afs_physical_ftl_allocate_page(context, &cid),
+              afs_physical_ftl_set_allocation_map(context), reclaim_eu_wrapper(context, 0),
+              reclaim_eu(context, 0, 1), reclaim_eu_write_eu_header(context, 0, 1, 0, 8192),
+              ftl_copy_pages(context, 0, 8192, 0, 1, page.data(), page.data(), 0),
+              afs_physical_ftl_idle_reclaim(context),
+              afs_physical_ftl_end_reserved_files_mode(context)}) {
+            EXPECT_EQ(rc, AFS_RC_INVALID);
+        }
+        EXPECT_EQ(choose_eu_to_reclaim(context, 0, 1, &out, 0), AFS_FTL_NONE);
+        EXPECT_EQ(afs_physical_ftl_idle_reclaim_needed(context, &out, &out), 0u);
+    }
+}
+
+TEST(AfsDevice, RawAccessReplacesBytesWithinTheStore) {
+    Bytes image(3 * 4096, 0);
+    DeviceDouble::instance().detach();
+    ASSERT_EQ(SpiFlashDrvInitialize(image.data()), 0u);
+    afs_context context{};
+    context.device_offset = 4000;
+    context.device_size = 5000;
+    const uint8_t bytes[3] = {1, 0xFE, 3};
+    ASSERT_EQ(afs_sub_pt_write(&context, 10, 3, bytes), 0u);
+    EXPECT_EQ(Bytes(&image[4009], &image[4014]), (Bytes{0, 1, 0xFE, 3, 0}));
+    uint8_t read[3] = {};
+    ASSERT_EQ(afs_sub_pt_read(&context, 10, 3, read), 0u);
+    EXPECT_EQ(std::memcmp(read, bytes, 3), 0);
+    EXPECT_EQ(afs_sub_pt_read(&context, 4998, 3, read), AFS_RC_INVALID);
+    ASSERT_EQ(SpiDrvEraseBlock(4096), 0u);
+    EXPECT_EQ(image[4095], 0);
+    EXPECT_EQ(Bytes(&image[4096], &image[8192]), Bytes(4096, 0xFF));
+    EXPECT_EQ(image[8192], 0);
+    SpiFlashDrvInitialize(nullptr);
+    EXPECT_NE(SpiDrvRead(0, 3, read), 0u);
+}
+
+} // namespace
