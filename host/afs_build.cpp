@@ -10,7 +10,6 @@ namespace {
 
 constexpr uint32_t fs_magic = 0x724F6201;
 constexpr uint32_t fs_header_size = 14;
-constexpr uint32_t cache_lines = 10;
 
 // Attach the image, mount the FTL, keep a table of file sizes.
 constexpr uint32_t mount_flags =
@@ -156,7 +155,8 @@ std::vector<uint8_t> build_afs_image(const AfsLayout &layout, std::span<const Af
     return image;
 }
 
-AfsMount::AfsMount(std::span<uint8_t> image) : file_buffer_(AFS_FILE_BUFFER_SIZE) {
+AfsMount::AfsMount(std::span<uint8_t> image, uint32_t cache_lines)
+    : file_buffer_(AFS_FILE_BUFFER_SIZE) {
     context_.file_buffer = file_buffer_.data();
     status_ = afs_init(&context_, image.data(), AFS_PAGE_SIZE, cache_lines, AFS_MAX_FILE_COUNT, 0,
                        static_cast<uint32_t>(image.size()), mount_flags, 0, 0);

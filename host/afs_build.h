@@ -45,11 +45,14 @@ std::vector<uint8_t> format_afs_image(const AfsLayout &layout);
 // The same with files. Throws AfsBuildError.
 std::vector<uint8_t> build_afs_image(const AfsLayout &layout, std::span<const AfsFileInput> files);
 
+// Lines of the page cache in ordinary use.
+inline constexpr uint32_t afs_cache_lines = 10;
+
 // A store mounted on an image in place, for as long as the object lives. The library knows one
 // device at a time, so there can be only one.
 class AfsMount {
   public:
-    explicit AfsMount(std::span<uint8_t> image);
+    explicit AfsMount(std::span<uint8_t> image, uint32_t cache_lines = afs_cache_lines);
     ~AfsMount();
     AfsMount(const AfsMount &) = delete;
     AfsMount &operator=(const AfsMount &) = delete;

@@ -136,7 +136,7 @@ uint32_t any_file(uint32_t choice, const Files &files) {
 } // namespace
 
 uint32_t AfsStore::mount(std::span<uint8_t> image) {
-    mount_.emplace(image);
+    mount_.emplace(image, cache_lines_);
     return mount_->status();
 }
 

@@ -11,6 +11,9 @@ namespace dolm_test {
 
 class AfsStore : public PowerCutStore {
   public:
+    // A page cache of few lines has to write pages back in the middle of a change.
+    explicit AfsStore(uint32_t cache_lines = dolm::afs_cache_lines) : cache_lines_(cache_lines) {}
+
     uint32_t mount(std::span<uint8_t> image) override;
     void unmount() override { mount_.reset(); }
     Files read_files() override;
@@ -38,6 +41,7 @@ class AfsStore : public PowerCutStore {
     Change reclaim(uint32_t eu); // nothing if it is the spare
 
   private:
+    uint32_t cache_lines_;
     std::optional<dolm::AfsMount> mount_;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -10,17 +11,17 @@
 namespace dolm_test {
 namespace {
 
-constexpr unsigned max_level = 2;
 constexpr uint32_t bit_variants = 3;
 constexpr unsigned max_reported_failures = 5;
 
-// The sample: writes with more tears than this are thinned out, and of the states after a second
-// cut one in sample_stride is visited.
-constexpr size_t sample_tears = 24;
+// The sample: first cuts of a long workload are thinned out to about this many, and of the states
+// after a second cut one in sample_stride is visited.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr uint64_t sample_stride = 400;
+constexpr uint64_t sample_first_cuts = 60;
+constexpr uint64_t sample_stride = 80;
 #else
-constexpr uint64_t sample_stride = 40;
+constexpr uint64_t sample_first_cuts = 400;
+constexpr uint64_t sample_stride = 50;
 #endif
 
 // A state that does not hold what was promised.
@@ -169,8 +170,10 @@ void PowerCut::explore(const Workload &workload) {
         return;
     }
     failures_ = 0;
-    seen_.clear();
-    const State start{workload.name, &workload.files, &workload.files, false, false};
+    for (auto &level : visited_) {
+        level.clear();
+    }
+    const State start{workload.name, &workload.files, &workload.files, "", false};
     Image image = workload.start;
     try {
         const Recording recording =
@@ -209,6 +212,7 @@ PowerCut::Recording PowerCut::run_and_check(Image &image, const State &state,
         recording.segments.push_back({log.size(), std::move(before), files});
     }
     expect_files(store_, files, "the store after its changes");
+    expect_sound(store_, image, files);
     mount(store_, image, "the mount after the changes");
     expect_files(store_, files, "the mount after the changes");
     expect_sound(store_, image, files);
@@ -221,6 +225,14 @@ PowerCut::Recording PowerCut::run_and_check(Image &image, const State &state,
 
 void PowerCut::cut_everywhere(const Image &start, const Recording &recording, const State &parent,
                               unsigned level) {
+    uint64_t stride = sample_stride;
+    if (level == 1) {
+        uint64_t cuts = 0;
+        for (const DeviceEvent &event : recording.events) {
+            cuts += tears(event).size();
+        }
+        stride = 1 + cuts / sample_first_cuts;
+    }
     Image before = start;
     auto segment = recording.segments.begin();
     for (size_t k = 0; k < recording.events.size(); ++k) {
@@ -228,20 +240,18 @@ void PowerCut::cut_everywhere(const Image &start, const Recording &recording, co
             ++segment;
         }
         const DeviceEvent &event = recording.events[k];
-        const std::vector<Tear> all = tears(event);
         const uint64_t oracle = hash_files(hash_files(hash_start, segment->before), segment->after);
-        for (const Tear &tear : all) {
+        for (const Tear &tear : tears(event)) {
             State state{parent.id + "/" + std::to_string(k) + tear.name(), &segment->before,
-                        &segment->after, false, parent.unclaimed_bytes};
-            if (failures_ >= max_reported_failures || !is_chosen(state.id, level, all.size())) {
+                        &segment->after, "", parent.unclaimed_bytes};
+            if (failures_ >= max_reported_failures || !is_chosen(state.id, stride)) {
                 continue;
             }
             const Image image = torn(before, event, tear);
-            state.at_limit = !store_.limit(recording.events, k, tear, image).empty();
+            state.limit = store_.limit(recording.events, k, tear, image);
             state.unclaimed_bytes =
                 state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);
-            const uint64_t hash = mix(hash_bytes(oracle, image), state.at_limit ? 1 : 0);
-            if (seen_.insert(hash).second) {
+            if (is_new(mix(hash_bytes(oracle, image), state.limit.size()), level)) {
                 visit(image, state, level);
             }
         }
@@ -249,24 +259,36 @@ void PowerCut::cut_everywhere(const Image &start, const Recording &recording, co
     }
 }
 
+// A state counts once, but is visited again with fewer cuts behind it: from there it goes further.
+bool PowerCut::is_new(uint64_t hash, unsigned level) {
+    if (!visited_[level].insert(hash).second) {
+        return false;
+    }
+    const auto others = level == 1 ? 2 : 1;
+    if (!visited_[others].contains(hash)) {
+        ++(level == 1 ? counts_.first_level : counts_.second_level);
+        return true;
+    }
+    return level == 1;
+}
+
 void PowerCut::visit(const Image &image, const State &state, unsigned level) {
-    ++(level == 1 ? counts_.first_level : counts_.second_level);
-    counts_.at_limit += state.at_limit ? 1 : 0;
+    counts_.at_limit[state.limit].states += 1;
     Image work = image;
     try {
         const auto choice = static_cast<uint32_t>(hash_text(state.id) >> 16);
         const Recording recording = run_and_check(
             work, state, [&](const Files &files) { return store_.further_changes(choice, files); });
-        if (level < max_level && !state.at_limit) {
+        if (level < max_level && state.limit.empty()) {
             cut_everywhere(image, recording, state, level + 1);
         }
     } catch (const Undisciplined &error) {
         fail(state, error.what());
     } catch (const std::runtime_error &error) {
-        if (state.at_limit) {
-            ++counts_.lost_at_limit;
-        } else {
+        if (state.limit.empty()) {
             fail(state, error.what());
+        } else {
+            ++counts_.at_limit[state.limit].lost;
         }
     }
 }
@@ -332,21 +354,28 @@ Image PowerCut::torn(const Image &before, const DeviceEvent &event, const Tear &
     return image;
 }
 
-bool PowerCut::is_chosen(const std::string &id, unsigned level, size_t tears) const {
+bool PowerCut::is_chosen(const std::string &id, uint64_t stride) const {
     if (!replay_.empty()) {
         return replay_ == id || replay_.starts_with(id + "/");
     }
-    if (full_) {
-        return true;
-    }
-    const uint64_t draw = hash_text(id) >> 20;
-    return level > 1 ? draw % sample_stride == 0 : draw % tears < sample_tears;
+    return full_ || (hash_text(id) >> 20) % stride == 0;
 }
 
 void PowerCut::fail(const State &state, const std::string &what) {
     if (++failures_ <= max_reported_failures) {
         ADD_FAILURE() << what << "\nThis state alone: DOLM_POWER_CUT=" << state.id;
     }
+}
+
+std::ostream &operator<<(std::ostream &out, const PowerCutCounts &counts) {
+    out << counts.states() << " states, " << counts.first_level << " after one cut and "
+        << counts.second_level << " after two";
+    for (const auto &[limit, found] : counts.at_limit) {
+        if (!limit.empty()) {
+            out << "; " << limit << ": " << found.states << ", lost " << found.lost;
+        }
+    }
+    return out << "; unclaimed bytes written over: " << counts.rewrites;
 }
 
 } // namespace dolm_test

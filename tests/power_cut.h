@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <map>
 #include <span>
 #include <string>
@@ -60,7 +61,7 @@ class PowerCutStore {
     virtual Files read_files() = 0;
 
     // The rules of the format that the image of the mounted store breaks, and where an independent
-    // reader of it disagrees with the store.
+    // reader of it disagrees with the store, its tables in memory included.
     virtual std::vector<std::string> check(std::span<const uint8_t> image, const Files &files) = 0;
 
     // Changes to go on with after a cut. Among them is a write. choice picks a variant.
@@ -83,14 +84,21 @@ class PowerCutStore {
 };
 
 struct PowerCutCounts {
-    uint64_t first_level = 0;   // distinct states after one cut
-    uint64_t second_level = 0;  // distinct states after two
-    uint64_t at_limit = 0;      // of these, states behind a limit of the format
-    uint64_t lost_at_limit = 0; // of these, such that failed a check
-    uint64_t rewrites = 0;      // states in which unclaimed bytes were written over
+    uint64_t first_level = 0;  // distinct states after one cut
+    uint64_t second_level = 0; // distinct states after two
+    uint64_t rewrites = 0;     // states in which unclaimed bytes were written over
+
+    // States behind a limit of the format, by its name.
+    struct AtLimit {
+        uint64_t states = 0;
+        uint64_t lost = 0; // failed a check
+    };
+    std::map<std::string, AtLimit> at_limit;
 
     uint64_t states() const { return first_level + second_level; }
 };
+
+std::ostream &operator<<(std::ostream &out, const PowerCutCounts &counts);
 
 struct Workload {
     std::string name;
@@ -124,7 +132,7 @@ class PowerCut {
         std::string id;
         const Files *before = nullptr;
         const Files *after = nullptr;
-        bool at_limit = false;
+        std::string limit; // of the format, empty for none
         bool unclaimed_bytes = false;
     };
     using Changes = std::function<std::vector<Change>(const Files &)>;
@@ -135,14 +143,17 @@ class PowerCut {
     void visit(const Image &image, const State &state, unsigned level);
     std::vector<Tear> tears(const DeviceEvent &event) const;
     Image torn(const Image &before, const DeviceEvent &event, const Tear &tear) const;
-    bool is_chosen(const std::string &id, unsigned level, size_t tears) const;
+    bool is_chosen(const std::string &id, uint64_t stride) const;
+    bool is_new(uint64_t hash, unsigned level);
     void fail(const State &state, const std::string &what);
+
+    static constexpr unsigned max_level = 2;
 
     PowerCutStore &store_;
     PowerCutCounts counts_;
     bool full_ = false;
-    std::string replay_; // the only state to visit
-    std::unordered_set<uint64_t> seen_;
+    std::string replay_;                                  // the only state to visit
+    std::unordered_set<uint64_t> visited_[max_level + 1]; // states of each level
     unsigned failures_ = 0;
 };
 
