@@ -1,0 +1,275 @@
+#include "host/efs_image.h"
+
+#include <algorithm>
+#include <array>
+
+namespace dolm {
+namespace {
+
+constexpr uint32_t block_size = 4096;
+
+// BM: header with checksum at 12, then entries; the last one ends at 4095 at most.
+constexpr uint32_t header_size = 16;
+constexpr uint32_t header_checked_size = 12;
+constexpr uint32_t entry_limit = 4095;
+constexpr uint32_t entry_words_size = 12; // two free words and the checksum
+
+// Data block: header, data area, checksum of the data area.
+constexpr uint32_t data_offset = 16;
+constexpr uint32_t data_size = 4076;
+constexpr uint32_t footer_offset = 4092;
+
+// Record: length or no_file, checksum, payload.
+constexpr uint32_t record_head_size = 4;
+constexpr uint32_t record_room = data_size - record_head_size;
+constexpr uint32_t no_file = 0xFFFF;
+
+using Bytes = std::span<const uint8_t>;
+
+uint32_t le16(Bytes bytes, size_t at) {
+    return bytes[at] | static_cast<uint32_t>(bytes[at + 1]) << 8;
+}
+
+uint32_t le32(Bytes bytes, size_t at) {
+    return le16(bytes, at) | le16(bytes, at + 2) << 16;
+}
+
+constexpr auto crc32_table = [] {
+    std::array<uint32_t, 256> table{};
+    for (uint32_t i = 0; i < 256; ++i) {
+        table[i] = i;
+        for (int bit = 0; bit < 8; ++bit) {
+            table[i] = table[i] >> 1 ^ ((table[i] & 1) != 0 ? 0xEDB88320 : 0);
+        }
+    }
+    return table;
+}();
+
+constexpr auto crc16_table = [] {
+    std::array<uint32_t, 256> table{};
+    for (uint32_t i = 0; i < 256; ++i) {
+        table[i] = i << 8;
+        for (int bit = 0; bit < 8; ++bit) {
+            table[i] = (table[i] << 1 ^ ((table[i] & 0x8000) != 0 ? 0x1021 : 0)) & 0xFFFF;
+        }
+    }
+    return table;
+}();
+
+uint32_t crc32(Bytes bytes) {
+    uint32_t crc = 0;
+    for (const uint8_t byte : bytes) {
+        crc = crc >> 8 ^ crc32_table[(crc ^ byte) & 0xFF];
+    }
+    return crc;
+}
+
+uint32_t crc16(uint32_t crc, Bytes bytes) {
+    for (const uint8_t byte : bytes) {
+        crc = (crc << 8 & 0xFFFF) ^ crc16_table[crc >> 8 ^ byte];
+    }
+    return crc;
+}
+
+bool all(Bytes bytes, uint8_t value) {
+    return std::all_of(bytes.begin(), bytes.end(), [=](uint8_t byte) { return byte == value; });
+}
+
+// Whether the last four bytes are the checksum of those before.
+bool is_sealed(Bytes bytes) {
+    return crc32(bytes.first(bytes.size() - 4)) == le32(bytes, bytes.size() - 4);
+}
+
+class Reader {
+  public:
+    Reader(Bytes bytes, const EfsLayout &layout) : bytes_(bytes), layout_(layout) {}
+
+    EfsImage read() {
+        for (uint32_t i = 0; i < layout_.bm_num; ++i) {
+            read_bm(i);
+        }
+        if (find_mapping()) {
+            read_blocks();
+            for (const EfsPlace &place : layout_.files) {
+                image_.files.push_back(read_file(place));
+            }
+        }
+        return std::move(image_);
+    }
+
+  private:
+    Bytes bm(uint32_t index) const { return bytes_.subspan(index * block_size, block_size); }
+    Bytes block(uint32_t number) const { return bm(layout_.bm_num + number); }
+    uint32_t entry_size() const { return layout_.data_blocks() + entry_words_size; }
+    uint32_t entries_in_bm() const { return (entry_limit - header_size) / entry_size(); }
+
+    Bytes entry(uint32_t bm_index, uint32_t slot) const {
+        return bm(bm_index).subspan(header_size + slot * entry_size(), entry_size());
+    }
+
+    void damage(std::string text) { image_.damages.push_back(std::move(text)); }
+
+    void read_bm(uint32_t index) {
+        const Bytes header = bm(index).first(header_size);
+        EfsBm found;
+        if (all(header, 0xFF)) {
+            found.state = EfsBmState::erased;
+        } else if (all(header, 0)) {
+            found.state = EfsBmState::retired;
+        } else if (is_sealed(header)) {
+            found.state = EfsBmState::good;
+            found.sequence = le32(header, 4);
+            found.layout_id = header[11];
+            if (header[8] != layout_.bm_num || header[9] != layout_.valid_blocks ||
+                header[10] != layout_.spare_blocks || header[11] != layout_.layout_id) {
+                damage("BM " + std::to_string(index) + " belongs to another geometry");
+            }
+        }
+        while (found.entries < entries_in_bm() && !all(entry(index, found.entries), 0xFF)) {
+            ++found.entries;
+        }
+        image_.bms.push_back(found);
+    }
+
+    bool find_mapping() {
+        uint32_t best = 0;
+        for (uint32_t i = 0; i < layout_.bm_num; ++i) {
+            const EfsBm &candidate = image_.bms[i];
+            if (candidate.state == EfsBmState::good && candidate.sequence > best) {
+                best = candidate.sequence;
+                image_.bm_in_force = i;
+            }
+        }
+        if (!image_.bm_in_force || !image_.damages.empty()) {
+            damage("no BM can be mounted");
+            return false;
+        }
+        const uint32_t index = *image_.bm_in_force;
+        uint32_t slots = image_.bms[index].entries;
+        if (slots > 0 && !is_sealed(entry(index, slots - 1))) {
+            image_.torn_entry = true;
+            --slots;
+        }
+        if (slots == 0 || !is_sealed(entry(index, slots - 1))) {
+            damage("BM " + std::to_string(index) + " has no good entry at its end");
+            return false;
+        }
+        image_.entry_in_force = slots - 1;
+        check_rest_of_bm(index);
+        return read_maps(entry(index, slots - 1));
+    }
+
+    void check_rest_of_bm(uint32_t index) {
+        const uint32_t used = header_size + image_.bms[index].entries * entry_size();
+        if (!all(bm(index).subspan(used), 0xFF)) {
+            damage("BM " + std::to_string(index) + " is not erased behind its entries");
+        }
+    }
+
+    bool read_maps(Bytes maps) {
+        std::vector<bool> seen(layout_.data_blocks());
+        image_.blocks.resize(layout_.data_blocks());
+        for (uint32_t i = 0; i < layout_.data_blocks(); ++i) {
+            const uint32_t number = maps[i];
+            if (number >= layout_.data_blocks() || seen[number]) {
+                damage("the maps name block " + std::to_string(number) + " wrongly");
+                return false;
+            }
+            seen[number] = true;
+            (i < layout_.valid_blocks ? image_.valid_map : image_.spare_map).push_back(number);
+        }
+        return true;
+    }
+
+    void read_blocks() {
+        for (uint32_t i = 0; i < layout_.valid_blocks; ++i) {
+            EfsBlock &found = read_block(image_.valid_map[i], i);
+            const Bytes bytes = block(image_.valid_map[i]);
+            found.footer_good = is_sealed(bytes.subspan(data_offset));
+            if (found.state == EfsBlockState::no_header || !found.footer_good) {
+                damage("logical block " + std::to_string(i) + " is damaged");
+            }
+            found.state = EfsBlockState::live;
+        }
+        uint32_t without_header = 0;
+        for (uint32_t slot = 0; slot < layout_.spare_blocks; ++slot) {
+            const EfsBlock &found = read_block(image_.spare_map[slot], slot);
+            without_header += found.state == EfsBlockState::no_header ? 1 : 0;
+        }
+        if (without_header > 1) {
+            damage(std::to_string(without_header) + " spares are without a header");
+        }
+    }
+
+    EfsBlock &read_block(uint32_t number, uint32_t index) {
+        const Bytes bytes = block(number);
+        EfsBlock &found = image_.blocks[number];
+        found.index = index;
+        if (is_sealed(bytes.first(header_size))) {
+            found.erase_count = le32(bytes, 0);
+            const bool erased = all(bytes.subspan(data_offset), 0xFF);
+            found.state = erased ? EfsBlockState::free : EfsBlockState::dirty;
+        }
+        return found;
+    }
+
+    // The payload of a record, empty if it fails its checksum.
+    std::optional<Bytes> read_record(uint32_t logical, uint32_t offset, uint32_t payload) {
+        if (logical >= layout_.valid_blocks || offset + payload > record_room) {
+            return std::nullopt;
+        }
+        const Bytes record = block(image_.valid_map[logical]).subspan(data_offset + offset);
+        const Bytes found = record.subspan(record_head_size, payload);
+        if (crc16(crc16(logical, record.first(2)), found) != le16(record, 2)) {
+            return std::nullopt;
+        }
+        return found;
+    }
+
+    EfsFile read_file(const EfsPlace &place) {
+        EfsFile file;
+        file.place = place;
+        if (place.block >= layout_.valid_blocks || place.offset > record_room) {
+            return file;
+        }
+        const Bytes first =
+            block(image_.valid_map[place.block]).subspan(data_offset + place.offset);
+        const uint32_t size = le16(first, 0);
+        const uint32_t length = size == no_file ? 0 : size;
+        uint32_t offset = place.offset;
+        for (uint32_t logical = place.block;
+             logical == place.block || file.contents.size() < length; ++logical) {
+            const auto left = length - static_cast<uint32_t>(file.contents.size());
+            const auto part = read_record(logical, offset, std::min(left, record_room - offset));
+            if (!part) {
+                damage("file " + std::to_string(place.number) + " is damaged");
+                return file;
+            }
+            file.contents.insert(file.contents.end(), part->begin(), part->end());
+            offset = 0;
+        }
+        file.kind = size == no_file ? EfsFile::Kind::absent : EfsFile::Kind::contents;
+        if (length > place.max_size) {
+            damage("file " + std::to_string(place.number) + " is longer than it may be");
+            file.kind = EfsFile::Kind::damaged;
+        }
+        return file;
+    }
+
+    Bytes bytes_;
+    const EfsLayout &layout_;
+    EfsImage image_;
+};
+
+} // namespace
+
+EfsImage read_efs_image(std::span<const uint8_t> bytes, const EfsLayout &layout) {
+    if (bytes.size() < layout.image_size()) {
+        EfsImage image;
+        image.damages.push_back("the image is shorter than its layout");
+        return image;
+    }
+    return Reader(bytes, layout).read();
+}
+
+} // namespace dolm
