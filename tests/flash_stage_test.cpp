@@ -13,85 +13,14 @@
 #include "EFS_phy_win32.h"
 #include "device_double.h"
 #include "dfs.h"
-#include "host/afs_build.h"
-#include "host_session.h"
+#include "full_set.h"
 #include "miniVfs.h"
 
+using namespace full_set;
 using namespace host_session;
 using dolm_test::DeviceDouble;
 
 namespace {
-
-constexpr uint8_t afs = 1;
-constexpr uint8_t efs = 2;
-
-// One file of the set: what the tables say of it and what its flash store holds.
-struct SetFile {
-    const char *name;
-    uint16_t attributes;
-    uint8_t store;
-    uint16_t id;
-    uint32_t limit;
-    std::string base;
-    std::optional<std::string> flash;
-};
-
-std::string with_trailer(const std::string &value, size_t trailer) {
-    return value + std::string(trailer, 't');
-}
-
-const std::vector<SetFile> default_set = {
-    {"/home/mca/deploy", 0, afs, 1, 100, "marker", "deployed"},
-    {"/home/afs/plain", 0, afs, 2, 1000, "base", "from flash"},
-    {"/home/afs/long", 0, afs, 3, 4000, "", std::string(2000, 'L')},
-    {"/home/afs/empty", 0, afs, 4, 1000, "base", ""},
-    {"/home/afs/trailer", 0x01, afs, 5, 1000, "base", with_trailer("sealed", 40)},
-    {"/home/afs/longtrailer", 0x41, afs, 6, 1000, "base", with_trailer("", 56)},
-    {"/home/afs/notpulled", 0x02, afs, 7, 1000, "from the tables", "in flash"},
-    {"/home/efs/plain", 0, efs, 0, 1000, "base", "from EFS"},
-    {"/home/efs/long", 0, efs, 1, 6000, "base", std::string(5000, 'E')},
-    {"/home/efs/trailer", 0x01, efs, 2, 1000, "base", with_trailer("x", 40)},
-};
-
-const builders::Geometry geometry = {
-    .sku = 1, .records = {{0, 0, 0, 1000}, {1, 1, 0, 6000}, {2, 0, 2000, 900}}};
-
-struct FlashSet : Inputs {
-    explicit FlashSet(const std::vector<SetFile> &files = default_set) {
-        builders::FileTable table;
-        table.sku_rows = {{1, {}}};
-        table.geometry_rows = {geometry};
-        std::vector<builders::StoreFile> base;
-        std::vector<dolm::AfsFileInput> afs_files;
-        for (const SetFile &file : files) {
-            const auto fileno = static_cast<uint32_t>(base.size() + 1);
-            table.sku_rows[0].entries.push_back(
-                {file.name, fileno, file.limit, file.attributes, file.id, file.store});
-            base.push_back({fileno, file.base});
-            if (file.store == afs && file.flash) {
-                afs_files.push_back({file.id, {file.flash->begin(), file.flash->end()}});
-            }
-        }
-        ftbl = table.build();
-        orvel = builders::store_of(base);
-        qfs = dolm::build_afs_image({.device_size = 65536, .data_eus = 4, .file_count = 128},
-                                    afs_files);
-        efs = build_efs(files);
-    }
-
-    Bytes build_efs(const std::vector<SetFile> &files) {
-        EXPECT_EQ(load_file_table(ftbl.data(), 1, static_cast<uint32_t>(ftbl.size())), 0u);
-        EXPECT_EQ(EFS_init(1), EFS_OK);
-        for (const SetFile &file : files) {
-            if (file.store == ::efs && file.flash) {
-                EXPECT_EQ(EFS_write(file.id, 0, static_cast<uint32_t>(file.flash->size()),
-                                    file.flash->data()),
-                          EFS_OK);
-            }
-        }
-        return {efs_image, efs_image + efs_size};
-    }
-};
 
 // What a store holds under a name now; nothing if there is no such file.
 std::optional<std::string> flash_content(const std::string &name) {
