@@ -2,6 +2,7 @@
 
 #include "host/commands.h"
 #include "host/errors.h"
+#include "host/flash_images.h"
 #include "host/manifest.h"
 #include "host/set_files.h"
 #include "host/tables.h"
@@ -21,6 +22,8 @@ void build_set(const BuildOptions &options) {
     set.ftbl = make_ftbl(manifest);
     set.orvel_cfg = make_orvel_cfg(manifest);
     set.vync_cfg = make_vync_cfg(manifest);
+    set.qfs_image = make_qfs_image(manifest);
+    set.efs_image = make_efs_image(manifest, set.ftbl);
     save_set(options.folder, set);
     std::cout << options.folder.string() << ": " << manifest.files.size() << " files, "
               << manifest.skus.size() << " SKUs, default SKU " << manifest.default_sku << '\n';

@@ -130,7 +130,7 @@ std::vector<Assignment> to_assignments(const ChangeOptions &options) {
         if (i + 1 == words.size()) {
             throw UsageError("'" + name + "' has no value");
         }
-        if (!names.insert(name.starts_with("/home/") ? name : "/home/" + name).second) {
+        if (!names.insert(full_name(name)).second) {
             throw UsageError("'" + name + "' is given two values");
         }
         assignments.push_back({name, parse_value(words[i + 1])});

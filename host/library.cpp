@@ -1,15 +1,22 @@
 #include "host/library.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <set>
 
+#include "dfs.h"
 #include "efs_tools_utils.h"
 #include "host/errors.h"
+#include "host/manifest.h"
+#include "host/tables.h"
+#include "miniVfs.h"
 
 namespace dolm {
 
 namespace {
+
+constexpr std::string_view home_prefix = "/home/";
 
 // Every report, in one line: what it is, its number and level, the catalogue's text, the message.
 void print_report(ErrorLevel level, ImageToolsErrorName number, const char *text,
@@ -52,6 +59,29 @@ bool is_current(const std::string &name) {
     return qoqfsCheckNvarExists(name.c_str(), FCS_FILE_CURRENT_VALUES);
 }
 
+// Without a row the library would start up on an empty table, and a termination would leave no
+// value in the rebuilt store. A table that is no good at all is the library's to report.
+void require_row(const Bytes &ftbl, uint32_t sku) {
+    const std::vector<uint32_t> skus = skus_of(ftbl);
+    if (skus.empty() || std::find(skus.begin(), skus.end(), sku) != skus.end()) {
+        return;
+    }
+    std::string has;
+    for (const uint32_t other : skus) {
+        has += (has.empty() ? "" : ", ") + std::to_string(other);
+    }
+    throw Failure("the file table has no row for SKU " + std::to_string(sku) + ", only for " + has);
+}
+
+// Whether start-up took the value from the file in flash: it is there, and is not passed by.
+bool is_pulled(const std::string &name, uint16_t attributes) {
+    uint32_t number = 0;
+    uint32_t size = 0;
+    return (attributes & attribute_not_pulled) == 0 && qoQfsIsVfsDeployed() &&
+           pathToFileNumber(name.c_str(), &number) == 0 && number != 0 &&
+           dfs_getsize(number, &size) == DFS_OK;
+}
+
 bool is_overridden(const std::string &name) {
     return qoqfsCheckNvarExists(name.c_str(), FCS_FILE_VYN_CFG);
 }
@@ -71,6 +101,7 @@ const char *to_string(Origin origin) {
 }
 
 Library::Library(SetFiles &set, uint32_t sku) {
+    require_row(set.ftbl, sku);
     _commonDolmInputs inputs{};
     inputs.orvelCfg = range_of(set.orvel_cfg);
     inputs.vyncCfg = range_of(set.vync_cfg);
@@ -78,13 +109,12 @@ Library::Library(SetFiles &set, uint32_t sku) {
     inputs.ftbl = range_of(set.ftbl);
     inputs.afsSkuId = sku;
     inputs.efsImage = range_of(set.efs_image);
-    const bool started = qoQfsDolmInit(&inputs, print_report);
-    if (!started || g_dfs_sku != sku) {
+    if (!qoQfsDolmInit(&inputs, print_report)) {
+        // The tables may be up although the flash stores are not.
         if (qoFcsIsInitialized()) {
             qoQfsNvarTerm(false);
         }
-        require(started, "start-up failed");
-        throw Failure("the file table has no row for SKU " + std::to_string(sku));
+        throw Failure("start-up failed");
     }
 }
 
@@ -104,7 +134,12 @@ std::vector<std::string> Library::override_only_names() const {
         [](const std::string &name) { return is_overridden(name) && !is_current(name); });
 }
 
-Nvar Library::nvar(const std::string &name) const {
+std::string full_name(const std::string &name) {
+    return name.starts_with(home_prefix) ? name : std::string(home_prefix) + name;
+}
+
+Nvar Library::nvar(const std::string &given_name) const {
+    const std::string name = full_name(given_name);
     Nvar nvar;
     uint8_t *data = nullptr;
     uint32_t size = 0;
@@ -113,10 +148,11 @@ Nvar Library::nvar(const std::string &name) const {
             "cannot read " + name);
     nvar.name = name;
     nvar.value.assign(data, data + size);
-    nvar.origin = is_overridden(name) ? Origin::override_value : Origin::base;
     nvar.differs_from_base = nvar.value != value(name, FCS_FILE_ORVEL_CFG);
-    uint32_t unused_limit = 0;
-    get_file_attributes_by_file_name(name.c_str(), &nvar.attributes, &unused_limit);
+    get_file_attributes_by_file_name(name.c_str(), &nvar.attributes, &nvar.max_size);
+    nvar.origin = is_pulled(name, nvar.attributes) ? Origin::flash
+                  : is_overridden(name)            ? Origin::override_value
+                                                   : Origin::base;
     return nvar;
 }
 

@@ -24,6 +24,9 @@ struct Nvar {
     bool differs_from_base = false;
 };
 
+// The name with "/home/" in front, which may be left out where a name is looked up.
+std::string full_name(const std::string &name);
+
 // While it lives the library is up; one at a time. Everything that the library reports goes to
 // standard error at once, so that a Failure thrown here says only what was being tried.
 class Library {
@@ -40,7 +43,7 @@ class Library {
     // Names that have an overriding value only, so that no current value comes of it.
     std::vector<std::string> override_only_names() const;
 
-    Nvar nvar(const std::string &name) const;
+    Nvar nvar(const std::string &given_name) const;
 
     // The value in one of the three tables.
     Bytes value(const std::string &name, FcsFileName table) const;

@@ -21,6 +21,7 @@ using Json = nlohmann::json;
 constexpr uint32_t max_u32 = 0xFFFFFFFF;
 constexpr uint32_t max_content = 262144; // of any file in flash
 constexpr uint32_t default_efs_files = 16;
+constexpr uint32_t default_afs_files = 1024;
 
 // An integer, given as a JSON number or as a string in C notation ("0x21").
 std::optional<uint64_t> to_number(const Json &value) {
@@ -152,14 +153,14 @@ class Reader {
         return skus;
     }
 
-    AfsGeometry afs(const Json &json) {
+    AfsLayout afs(const Json &json) {
         Object section(json, "/afs", problems);
-        AfsGeometry geometry;
-        geometry.size = section.number("size", 32768, 2097152, std::nullopt);
-        geometry.data_units = section.number("data_units", 1, 253, std::nullopt);
-        geometry.file_count = section.number("file_count", 65, 2048, 1024);
+        AfsLayout layout;
+        layout.device_size = section.number("size", 0, max_u32, std::nullopt);
+        layout.data_eus = section.number("data_units", 0, max_u32, std::nullopt);
+        layout.file_count = section.number("file_count", 0, max_u32, default_afs_files);
         section.refuse_unknown_members();
-        return geometry;
+        return layout;
     }
 
     EfsGeometry efs(const Json &json) {
@@ -263,8 +264,8 @@ class Reader {
         }
     }
 
-    EfsPlace efs_place(Object &object, const ManifestFile &file) {
-        EfsPlace place;
+    EfsPlacement efs_place(Object &object, const ManifestFile &file) {
+        EfsPlacement place;
         const Json *json = object.member("efs");
         if (json == nullptr) {
             problems.add(object.place, "'efs' is missing, the file's place in EFS");

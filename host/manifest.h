@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/afs_build.h"
 #include "host/bytes.h"
 
 namespace dolm {
@@ -29,7 +30,7 @@ inline constexpr uint16_t attribute_long_trailer = 0x40;
 enum class Store : uint8_t { none = 0, afs = 1, efs = 2 };
 
 // Where a file has its fixed place in EFS.
-struct EfsPlace {
+struct EfsPlacement {
     uint32_t block = 0;    // first logical block
     uint32_t offset = 0;   // of the first record, in the block's data area
     uint32_t max_size = 0; // of the file, trailer included
@@ -47,13 +48,7 @@ struct ManifestFile {
     std::optional<Bytes> base;
     std::optional<Bytes> override_value;
     std::optional<Bytes> flash; // content in its store, without the trailer
-    EfsPlace efs;               // for a file of EFS
-};
-
-struct AfsGeometry {
-    uint32_t size = 0;       // of the image, in bytes
-    uint32_t data_units = 0; // erase units for file contents
-    uint32_t file_count = 0; // file slots
+    EfsPlacement efs;               // for a file of EFS
 };
 
 struct EfsGeometry {
@@ -68,7 +63,7 @@ struct EfsGeometry {
 struct Manifest {
     std::vector<uint32_t> skus;
     uint32_t default_sku = 0;
-    std::optional<AfsGeometry> afs;
+    std::optional<AfsLayout> afs;
     std::optional<EfsGeometry> efs;
     std::vector<ManifestFile> files;
 };

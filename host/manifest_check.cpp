@@ -10,6 +10,7 @@ namespace dolm {
 namespace {
 
 constexpr uint32_t max_afs_file = 262144;
+constexpr uint32_t afs_chunk = 64;
 constexpr uint32_t max_efs_file = 65534; // a length of 65535 means that there is no file
 
 // EFS data areas: a file's first record may stand anywhere, continuations at offset 0. A record is
@@ -110,7 +111,7 @@ uint32_t flash_size(const ManifestFile &file) {
     return static_cast<uint32_t>(file.flash->size()) + trailer_length(file.attributes);
 }
 
-void check_afs_file(const AfsGeometry &afs, const ManifestFile &file, Problems &problems) {
+void check_afs_file(const AfsLayout &afs, const ManifestFile &file, Problems &problems) {
     if (file.id == 0) {
         problems.add(file.place + "/id", "file 0 of AFS cannot be used: it reads as no file");
     }
@@ -222,7 +223,30 @@ void check_efs_geometry(const EfsGeometry &efs, Problems &problems) {
     }
 }
 
+// The layout by itself, and room for the contents in it.
+void check_afs_room(const Manifest &manifest, Problems &problems) {
+    try {
+        const uint32_t room = afs_geometry(*manifest.afs).chunk_count;
+        uint64_t needed = 0;
+        for (const ManifestFile &file : manifest.files) {
+            if (file.store == Store::afs && file.flash) {
+                needed += (uint64_t{flash_size(file)} + afs_chunk - 1) / afs_chunk;
+            }
+        }
+        if (needed > room) {
+            problems.add("/afs/data_units", "the files take " + std::to_string(needed) +
+                                                " chunks of " + bytes(afs_chunk) + ", there are " +
+                                                std::to_string(room));
+        }
+    } catch (const AfsBuildError &error) {
+        problems.add("/afs", error.what());
+    }
+}
+
 void check_stores(const Manifest &manifest, Problems &problems) {
+    if (manifest.afs) {
+        check_afs_room(manifest, problems);
+    }
     if (manifest.efs) {
         check_efs_geometry(*manifest.efs, problems);
         check_efs_overlaps(manifest, problems);

@@ -203,6 +203,19 @@ Bytes make_ftbl(const Manifest &manifest) {
                      }));
 }
 
+std::vector<uint32_t> skus_of(const Bytes &ftbl) {
+    constexpr std::string_view magic = "FTBL";
+    std::vector<uint32_t> skus;
+    if (ftbl.size() < ftbl_min_size || !std::equal(magic.begin(), magic.end(), ftbl.begin())) {
+        return skus;
+    }
+    const uint32_t rows = std::min(get_le32(ftbl, ftbl_row_count_offset), max_sku_rows);
+    for (uint32_t i = 0; i < rows; ++i) {
+        skus.push_back(get_le32(ftbl, ftbl_row_size * (i + 1)));
+    }
+    return skus;
+}
+
 Bytes make_orvel_cfg(const Manifest &manifest) {
     return make_store(manifest, &ManifestFile::base);
 }

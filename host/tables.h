@@ -9,6 +9,9 @@ namespace dolm {
 // SKUs share one EFS geometry and file list, since a set has one EFS image.
 Bytes make_ftbl(const Manifest &manifest);
 
+// The SKUs that a file table has rows for; none if it is no file table.
+std::vector<uint32_t> skus_of(const Bytes &ftbl);
+
 // "orvel.cfg": a store of all base values. The store's bytes are made by the library, whose file
 // table is a passing one afterwards, good until the next start-up.
 Bytes make_orvel_cfg(const Manifest &manifest);

@@ -81,7 +81,7 @@ TEST_F(Dolm, BuildsTheSampleAndListsEveryNvarOfASku) {
     make_sample();
     const Outcome list = run("list set");
     EXPECT_EQ(list.code, 0);
-    EXPECT_NE(list.out.find("/home/net/hostname              10     64  0000  override"),
+    EXPECT_NE(list.out.find("/home/net/hostname              10     64  0000  flash"),
               std::string::npos)
         << list.out;
     EXPECT_NE(list.out.find("/home/radio/region "), std::string::npos);
@@ -179,7 +179,7 @@ TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
         {"get set net/none", 1, "error 39 (level 4): File not found."},
         {"set set net/ntp a net/none b", 1, "error 39 (level 4): File not found."},
         {"set set net/ntp a net/mac hex:00112233445566", 1, "7 bytes, over the limit of 6"},
-        {"list set --sku 7", 1, "no row for SKU 7"},
+        {"list set --sku 7", 1, "no row for SKU 7, only for 1, 2"},
         {"list torn", 1,
          "error 331 (level 4): Failed to create FCS handle. Library status code: 10"},
         {"list stubborn", 1, "stubborn/vync.cfg"},

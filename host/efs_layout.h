@@ -1,0 +1,15 @@
+// The geometry and file list of EFS, read from the bytes of a file table without the library, so
+// that a set can be judged that the library refuses.
+#pragma once
+
+#include <string>
+
+#include "host/bytes.h"
+#include "host/efs_image.h"
+
+namespace dolm {
+
+// The row of a SKU. Throws Failure if the table has none, or none that an image can have.
+EfsLayout read_efs_layout(const Bytes &ftbl, uint32_t sku);
+
+} // namespace dolm

@@ -1,0 +1,73 @@
+#include "host/flash_images.h"
+
+#include <string>
+
+#include "EFS.h"
+#include "efs_tools_utils.h"
+#include "host/afs_build.h"
+#include "host/errors.h"
+
+namespace dolm {
+
+namespace {
+
+constexpr uint8_t trailer_filler = 0x5A;
+
+void require(uint32_t status, const std::string &what) {
+    if (status != EFS_OK) {
+        throw Failure(what + " failed with status " + std::to_string(status));
+    }
+}
+
+// Formats the image in place. The first mount finds nothing and only attaches it.
+void format_efs(Bytes &image) {
+    EFS_init_tools(image.data());
+    require(EFS_do_format(), "the format of the EFS image");
+    require(EFS_init_tools(image.data()), "the mount of the EFS image");
+}
+
+} // namespace
+
+Bytes flash_content(const ManifestFile &file) {
+    Bytes content = *file.flash;
+    content.resize(content.size() + trailer_length(file.attributes), trailer_filler);
+    return content;
+}
+
+Bytes make_qfs_image(const Manifest &manifest) {
+    if (!manifest.afs) {
+        return {};
+    }
+    std::vector<AfsFileInput> inputs;
+    for (const ManifestFile &file : manifest.files) {
+        if (file.store == Store::afs && file.flash) {
+            inputs.push_back({file.id, flash_content(file)});
+        }
+    }
+    try {
+        return build_afs_image(*manifest.afs, inputs);
+    } catch (const AfsBuildError &error) {
+        throw Failure(error.what());
+    }
+}
+
+Bytes make_efs_image(const Manifest &manifest, const Bytes &ftbl) {
+    if (!manifest.efs) {
+        return {};
+    }
+    require(load_file_table(ftbl.data(), manifest.default_sku, static_cast<uint32_t>(ftbl.size())),
+            "load_file_table");
+    Bytes image(EFS_get_efs_size(), 0xFF);
+    format_efs(image);
+    for (const ManifestFile &file : manifest.files) {
+        if (file.store == Store::efs && file.flash) {
+            Bytes content = flash_content(file);
+            const auto size = static_cast<uint32_t>(content.size());
+            content.push_back(0); // so that the data of an empty file is not null
+            require(EFS_write(file.id, 0, size, content.data()), "the write of " + file.name);
+        }
+    }
+    return image;
+}
+
+} // namespace dolm
