@@ -48,7 +48,7 @@ struct ManifestFile {
     std::optional<Bytes> base;
     std::optional<Bytes> override_value;
     std::optional<Bytes> flash; // content in its store, without the trailer
-    EfsPlacement efs;               // for a file of EFS
+    EfsPlacement efs;           // for a file of EFS
 };
 
 struct EfsGeometry {
