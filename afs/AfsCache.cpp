@@ -42,16 +42,15 @@ uint8_t *bytes_of(const afs_context *context, uint16_t line) {
     return context->cache_data + static_cast<size_t>(line) * context->page_size;
 }
 
-// The first line that matches, or end_of_list. The records lie side by side, so that looking
-// through all of them takes less time than following the links from line to line.
+// The line that matches, or end_of_list. The records lie side by side: looking at all of them,
+// without a branch that depends on where the line is, takes less time than following the links.
 template <typename Match>
 uint16_t find_line(const afs_context *context, Match matches) {
+    uint16_t found = end_of_list;
     for (uint16_t line = 0; line < context->cache_line_count; ++line) {
-        if (matches(context->cache_lines[line])) {
-            return line;
-        }
+        found = matches(context->cache_lines[line]) ? line : found;
     }
-    return end_of_list;
+    return found;
 }
 
 uint16_t line_linked_to(const afs_context *context, uint16_t next) {
@@ -149,7 +148,7 @@ uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
         return AFS_RC_INVALID;
     }
     const auto holds_page = [page](const afs_cache_line &candidate) {
-        return candidate.page == page && (candidate.flags_and_link & flag_valid) != 0;
+        return (candidate.page == page) & ((candidate.flags_and_link & flag_valid) != 0);
     };
     uint16_t index = context->cache_head;
     bool hit = holds_page(context->cache_lines[index]);

@@ -167,12 +167,16 @@ TEST(AfsMount, GeometryFollowsFromTheHeader) {
     EXPECT_EQ(large.context()->data_va_start, 7936u);
     EXPECT_EQ(large.context()->total_va_size, 195328u);
 
+    // The first two describe the same data area, once with a file count that is just possible.
     const struct {
         uint32_t total_va_size;
         uint16_t files;
-    } impossible[] = {{32512, 64}, {213, 100},         {0, 100},        {230, 100},
-                      {100, 0},    {0xFFFFFFFF, 1024}, {4194305, 1024}, {200000, 65000}};
-    for (const auto &header : impossible) {
+        uint32_t status;
+    } headers[] = {{33540, 65, AFS_RC_OK},     {33538, 64, AFS_RC_IO},
+                   {0, 100, AFS_RC_IO},        {213, 100, AFS_RC_IO},
+                   {230, 100, AFS_RC_IO},      {0xFFFFFFFF, 1024, AFS_RC_IO},
+                   {4194305, 1024, AFS_RC_IO}, {200000, 65000, AFS_RC_IO}};
+    for (const auto &header : headers) {
         Store store(empty_image());
         uint8_t *page = nullptr;
         ASSERT_EQ(cached_bytes(store.context(), 0, &page), AFS_RC_OK);
@@ -180,39 +184,40 @@ TEST(AfsMount, GeometryFollowsFromTheHeader) {
         store_le16(page + 12, header.files);
         cache_line_written(store.context(), page);
         ASSERT_EQ(cache_flush(store.context()), AFS_RC_OK);
-        EXPECT_EQ(store.mount(), AFS_RC_IO) << header.total_va_size << ", " << header.files;
-        uint32_t size = 0;
-        EXPECT_EQ(afs_getfilesize(store.context(), 0, &size), AFS_RC_INVALID);
+        EXPECT_EQ(store.mount(), header.status) << header.total_va_size << ", " << header.files;
+        EXPECT_EQ(store.write(0, 0, {}), header.status == AFS_RC_OK ? AFS_RC_OK : AFS_RC_INVALID);
     }
 }
 
 TEST(AfsMount, RefusesWhatItCannotUse) {
-    Bytes image(layout.device_size, 0xFF);
+    constexpr uint32_t size = layout.device_size;
+    const struct {
+        uint32_t page_size, lines, files, size, flags, status;
+    } cases[] = {{0, 10, 1024, size, mount_flags, AFS_RC_INVALID},
+                 {96, 10, 1024, size, mount_flags, AFS_RC_INVALID},
+                 {65536, 10, 1024, size, mount_flags, AFS_RC_INVALID},
+                 {64, 1, 1024, size, mount_flags, AFS_RC_INVALID},
+                 {64, 1001, 1024, size, mount_flags, AFS_RC_INVALID},
+                 {64, 10, 64, size, mount_flags, AFS_RC_INVALID},
+                 {64, 10, 2049, size, mount_flags, AFS_RC_INVALID},
+                 {64, 10, 1024, 32767, mount_flags, AFS_RC_INVALID},
+                 {64, 10, 1024, 2097153, mount_flags, AFS_RC_INVALID},
+                 {64, 10, 1024, size, mount_flags | 0x2, AFS_RC_INVALID},
+                 {64, 10, 1024, size, mount_flags & ~AFS_FLAG_FTL, AFS_RC_INVALID},
+                 {64, 10, 1024, size, AFS_FLAG_FTL, AFS_RC_INVALID}, // no FTL to go on with
+                 {64, 10, 1024, size, mount_flags, AFS_RC_IO},
+                 {64, 2, 65, size, mount_flags | AFS_FLAG_CREATE_FS, AFS_RC_IO},
+                 {64, 1000, 2048, size, mount_flags | AFS_FLAG_FORCE_FORMAT, AFS_RC_IO}};
+    Bytes image(size, 0xFF);
     afs_context context{};
-    const auto init = [&](uint32_t page, uint32_t lines, uint32_t files, uint32_t size,
-                          uint32_t flags, void *start) {
-        return afs_init(&context, start, page, lines, files, 0, size, flags, 0, 0);
-    };
-    const uint32_t size = layout.device_size;
-    for (const uint32_t page : {0, 32, 63, 96, 65536}) {
-        EXPECT_EQ(init(page, 10, 1024, size, mount_flags, image.data()), AFS_RC_INVALID) << page;
+    for (const auto &test : cases) {
+        EXPECT_EQ(afs_init(&context, image.data(), test.page_size, test.lines, test.files, 0,
+                           test.size, test.flags, 0, 0),
+                  test.status)
+            << "case " << &test - cases;
     }
-    for (const uint32_t lines : {0, 1, 1001}) {
-        EXPECT_EQ(init(64, lines, 1024, size, mount_flags, image.data()), AFS_RC_INVALID) << lines;
-    }
-    for (const uint32_t files : {0, 64, 2049}) {
-        EXPECT_EQ(init(64, 10, files, size, mount_flags, image.data()), AFS_RC_INVALID) << files;
-    }
-    for (const uint32_t bytes : {0, 32767, 2097153}) {
-        EXPECT_EQ(init(64, 10, 1024, bytes, mount_flags, image.data()), AFS_RC_INVALID) << bytes;
-    }
-    for (const uint32_t flags : {0x20023, 0x20027, 0x20021, 0x5}) {
-        EXPECT_EQ(init(64, 10, 1024, size, flags, image.data()), AFS_RC_INVALID) << flags;
-    }
-    EXPECT_EQ(init(64, 10, 1024, size, mount_flags, nullptr), AFS_RC_INVALID);
-    for (const uint32_t flags : {0u, AFS_FLAG_FORCE_FORMAT, AFS_FLAG_CREATE_FS}) {
-        EXPECT_EQ(init(64, 10, 1024, size, mount_flags | flags, image.data()), AFS_RC_IO);
-    }
+    EXPECT_EQ(afs_init(&context, nullptr, 64, 10, 1024, 0, size, mount_flags, 0, 0),
+              AFS_RC_INVALID);
     EXPECT_EQ(image, Bytes(size, 0xFF));
     afs_free_context(&context);
 
@@ -543,39 +548,51 @@ TEST(AfsFiles, WithoutChunkMapOnlyReads) {
 }
 
 TEST(AfsFiles, RefusesContextsAndArguments) {
-    afs_context unmounted{};
-    Store store(empty_image());
     uint32_t value = 1;
     uint16_t cid = 0;
     uint8_t byte = 0;
-    for (afs_context *context : {static_cast<afs_context *>(nullptr), &unmounted}) {
-        EXPECT_EQ(afs_setcache(context, 64, 10), AFS_RC_INVALID);
-        EXPECT_EQ(afs_allocate_chunk(context, &cid), AFS_RC_INVALID);
-        EXPECT_EQ(afs_get_next_cid(context, 0, &cid), AFS_RC_INVALID);
-        EXPECT_EQ(afs_release_resources(context, 200, 1, nullptr, true), AFS_RC_INVALID);
-        EXPECT_EQ(afs_getfilesize(context, 0, &value), AFS_RC_INVALID);
-        EXPECT_EQ(afs_readfile(context, 0, 0, &value, &byte), AFS_RC_INVALID);
-        EXPECT_EQ(afs_writefile(context, 0, 0, 1, &byte, 0), AFS_RC_INVALID);
-        EXPECT_EQ(afs_deletefile(context, 0), AFS_RC_INVALID);
-        EXPECT_EQ(afs_mark_zombie_file(context, 0), AFS_RC_INVALID);
-        EXPECT_EQ(afs_idle_reclaim(context), AFS_RC_INVALID);
-        EXPECT_EQ(afs_force_full_reclaim(context), AFS_RC_INVALID);
-        EXPECT_EQ(afs_force_dirty_erase(context), AFS_RC_INVALID);
-        EXPECT_EQ(afs_idle_reclaim_needed(context), 0u);
-        afs_set_idle_reclaim_enabled(context);
-        EXPECT_EQ(afs_get_idle_reclaim_enabled(context), 0u);
-        afs_trim_fat_page_if_needed(context, 0);
-        afs_free_file_size_table(context);
-        afs_free_context(context);
+    int32_t file = 0;
+    using Operation = std::function<uint32_t(afs_context *)>;
+    const std::vector<Operation> on_files = {
+        [&](afs_context *c) { return afs_getfilesize(c, file, &value); },
+        [&](afs_context *c) { return afs_readfile(c, file, 0, &value, &byte); },
+        [&](afs_context *c) { return afs_writefile(c, file, 0, 1, &byte, 0); },
+        [&](afs_context *c) { return afs_deletefile(c, file); },
+        [&](afs_context *c) { return afs_mark_zombie_file(c, static_cast<uint32_t>(file)); }};
+    std::vector<Operation> all = {
+        afs_idle_reclaim,
+        afs_force_full_reclaim,
+        afs_force_dirty_erase,
+        [&](afs_context *c) { return afs_setcache(c, 64, 10); },
+        [&](afs_context *c) { return afs_allocate_chunk(c, &cid); },
+        [&](afs_context *c) { return afs_get_next_cid(c, 0, &cid); },
+        [&](afs_context *c) { return afs_release_resources(c, 200, 1, nullptr, true); }};
+    all.insert(all.end(), on_files.begin(), on_files.end());
+    afs_context unmounted{};
+    for (const Operation &operation : all) {
+        EXPECT_EQ(operation(nullptr), AFS_RC_INVALID);
+        EXPECT_EQ(operation(&unmounted), AFS_RC_INVALID);
+    }
+    Store store(empty_image());
+    for (const int32_t bad : {-1, INT32_MIN, static_cast<int32_t>(file_count)}) {
+        file = bad;
+        for (const Operation &operation : on_files) {
+            EXPECT_EQ(operation(store.context()), AFS_RC_INVALID) << file;
+        }
+    }
+    for (afs_context *const none : {static_cast<afs_context *>(nullptr), &unmounted}) {
+        afs_set_idle_reclaim_enabled(none);
+        EXPECT_EQ(afs_get_idle_reclaim_enabled(none) + afs_idle_reclaim_needed(none), 0u);
+        afs_trim_fat_page_if_needed(none, 0);
+        afs_free_file_size_table(none);
+        afs_free_context(none);
     }
     afs_context *const context = store.context();
-    for (const int32_t file : {-1, INT32_MIN, static_cast<int32_t>(file_count)}) {
-        EXPECT_EQ(afs_getfilesize(context, file, &value), AFS_RC_INVALID);
-        EXPECT_EQ(afs_readfile(context, file, 0, &value, &byte), AFS_RC_INVALID);
-        EXPECT_EQ(store.write(file, 0, {1}), AFS_RC_INVALID);
-        EXPECT_EQ(afs_deletefile(context, file), AFS_RC_INVALID);
-        EXPECT_EQ(afs_mark_zombie_file(context, static_cast<uint32_t>(file)), AFS_RC_INVALID);
-    }
+    afs_set_idle_reclaim_enabled(context);
+    EXPECT_EQ(afs_get_idle_reclaim_enabled(context), 1u);
+    EXPECT_EQ(afs_setcache(context, 96, 10), AFS_RC_INVALID);
+    EXPECT_EQ(afs_setcache(context, 64, -1), AFS_RC_INVALID);
+    EXPECT_EQ(afs_setcache(context, 64, 128), AFS_RC_OK);
     EXPECT_EQ(afs_getfilesize(context, 0, nullptr), AFS_RC_INVALID);
     EXPECT_EQ(afs_readfile(context, 0, 0, nullptr, &byte), AFS_RC_INVALID);
     EXPECT_EQ(afs_readfile(context, 0, 0, &value, nullptr), AFS_RC_INVALID);
@@ -583,11 +600,9 @@ TEST(AfsFiles, RefusesContextsAndArguments) {
     EXPECT_EQ(afs_readfile(context, 0, 0, &value, &byte), AFS_RC_INVALID);
     EXPECT_EQ(afs_writefile(context, 0, 0, 1, nullptr, 0), AFS_RC_INVALID);
     EXPECT_EQ(afs_get_next_cid(context, file_count + chunk_count, &cid), AFS_RC_IO);
-    for (const uint16_t first : {uint16_t{70}, uint16_t{file_count + chunk_count}}) {
-        EXPECT_EQ(afs_release_resources(context, first, 1, nullptr, false), AFS_RC_IO);
-    }
-    afs_set_idle_reclaim_enabled(context);
-    EXPECT_EQ(afs_get_idle_reclaim_enabled(context), 1u);
+    EXPECT_EQ(afs_release_resources(context, 70, 1, nullptr, false), AFS_RC_IO);
+    EXPECT_EQ(afs_release_resources(context, file_count + chunk_count, 1, nullptr, false),
+              AFS_RC_IO);
 }
 
 TEST(AfsFiles, RandomRunWithRemountsAgreesWithAModel) {
