@@ -1,6 +1,6 @@
 // Inner node of the file tree.
-#ifndef DIRECTORY_H
-#define DIRECTORY_H
+#ifndef DOLM_DIRECTORY_H
+#define DOLM_DIRECTORY_H
 
 #include <deque>
 

@@ -4,8 +4,8 @@
 // A store keeps copies of what it is given and no pointer to any of it. All stores share the one
 // file table (efs_tools_utils.h), which has to be loaded first: without it a loaded buffer gives
 // an empty store and no file can be added. A store belongs to one caller at a time.
-#ifndef FCS_H
-#define FCS_H
+#ifndef DOLM_FCS_H
+#define DOLM_FCS_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 // Leaf of the file tree: one file with its record and its payload.
-#ifndef FILE_H
-#define FILE_H
+#ifndef DOLM_FILE_H
+#define DOLM_FILE_H
 
 #include "IFile.h"
 

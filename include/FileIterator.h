@@ -1,6 +1,6 @@
 // Resumable walk over a file tree.
-#ifndef FILE_ITERATOR_H
-#define FILE_ITERATOR_H
+#ifndef DOLM_FILE_ITERATOR_H
+#define DOLM_FILE_ITERATOR_H
 
 #include "Directory.h"
 

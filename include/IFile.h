@@ -1,6 +1,6 @@
 // Node of the file tree that holds a configuration store in memory.
-#ifndef IFILE_H
-#define IFILE_H
+#ifndef DOLM_IFILE_H
+#define DOLM_IFILE_H
 
 #include <cstdint>
 #include <memory>

@@ -3,8 +3,8 @@
 // from one blob, the FTBL. docs/formats.md tells its bytes.
 //
 // Nothing here is synchronised: load the table first, then read it.
-#ifndef EFS_TOOLS_UTILS_H
-#define EFS_TOOLS_UTILS_H
+#ifndef DOLM_EFS_TOOLS_UTILS_H
+#define DOLM_EFS_TOOLS_UTILS_H
 
 #include <cstddef>
 #include <cstdint>
