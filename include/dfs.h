@@ -52,12 +52,14 @@ DOLM_API uint32_t dfs_getsize(uint32_t file, uint32_t *size_out);
 
 // Reads up to *length bytes from offset into buffer and sets *length to what was read. DFS_OK,
 // DFS_NO_SUCH_FILE (also for an EFS file while EFS is not mounted), DFS_INVALID_ARGUMENT,
-// DFS_IO_ERROR for everything else.
+// DFS_IO_ERROR for everything else. After a failure buffer is undefined, and *length is unchanged,
+// or 0 if EFS was asked.
 DOLM_API uint32_t dfs_read(uint32_t file, uint32_t offset, uint32_t *length, void *buffer);
 
 // Writes length bytes at offset. flags go to AFS alone (AFS_WRITE_TRUNCATE); EFS takes offset 0
 // only and replaces the whole file. DFS_OK, DFS_INVALID_ARGUMENT, DFS_FILE_TOO_LARGE, DFS_NO_SPACE,
-// DFS_IO_ERROR for everything else. After a failure the old file stands.
+// DFS_IO_ERROR for everything else. After a failure the old file stands, with the one exception of
+// afs_writefile: AFS has the new file but could not free the old one.
 DOLM_API uint32_t dfs_write(uint32_t file, uint32_t offset, uint32_t length, const void *data,
                             uint32_t flags);
 

@@ -36,8 +36,9 @@ DOLM_API int64_t LtCompareMemory(const void *first, const void *second, uint64_t
  * ranges may overlap. Tests in this order, and copies nothing unless all pass:
  *   BYTE_COPY_NULL_POINTER  a pointer is null, whatever the sizes
  *   BYTE_COPY_TOO_LONG      count exceeds destinationSize
- *   BYTE_COPY_FAILED        the platform's copy failed; part of the destination may have changed
- *   BYTE_COPY_OK            done */
+ *   BYTE_COPY_OK            done
+ * BYTE_COPY_FAILED, a failure of the copy itself, is reserved: with the tests passed it cannot
+ * fail. */
 DOLM_API uint32_t ByteCopy(void *destination, uint64_t destinationSize, const void *source,
                            uint64_t count);
 

@@ -2,12 +2,12 @@
  *
  * Order of calls:
  *   1. qoQfsDolmInit
- *   2. any number of qoqfsCheckNvarExists, qoQfsNvarGet, qoQfsNvarResize and the getters; a value
- * is changed by writing through the pointer that qoQfsNvarGet or qoQfsNvarResize gave
+ *   2. any number of qoqfsCheckNvarExists, qoQfsNvarGet, qoQfsNvarResize and the getters
  *   3. qoQfsNvarTerm(true), which writes everything back
  *   4. qoQfsGetBuildVynCfgFcsBuffer, and the host copies the rebuilt store's bytes
  *   5. steps 2 to 4 as often as wanted
  *   6. qoQfsNvarTerm(false), after which start-up may run again
+ * A value is changed by writing through the pointer that qoQfsNvarGet or qoQfsNvarResize gave.
  *
  * The library has one instance per process and runs on one thread at a time. Operations give back
  * plain success or failure; the reason of a failure reaches the host through its status callback,
@@ -15,7 +15,9 @@
 #ifndef DOLM_QOQFS_H
 #define DOLM_QOQFS_H
 
+#include <assert.h>
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include "dolm_api.h"
@@ -97,6 +99,17 @@ typedef struct _commonDolmInputs {
 
 #pragma pack(pop)
 
+static_assert(offsetof(_commonDolmTable, data) == 0, "packed");
+static_assert(offsetof(_commonDolmTable, size) == sizeof(void *), "packed");
+static_assert(sizeof(_commonDolmTable) == sizeof(void *) + 4, "packed");
+static_assert(offsetof(_commonDolmInputs, orvelCfg) == 0, "packed");
+static_assert(offsetof(_commonDolmInputs, vyncCfg) == sizeof(_commonDolmTable), "packed");
+static_assert(offsetof(_commonDolmInputs, qfsImage) == 2 * sizeof(_commonDolmTable), "packed");
+static_assert(offsetof(_commonDolmInputs, ftbl) == 3 * sizeof(_commonDolmTable), "packed");
+static_assert(offsetof(_commonDolmInputs, afsSkuId) == 4 * sizeof(_commonDolmTable), "packed");
+static_assert(offsetof(_commonDolmInputs, efsImage) == 4 * sizeof(_commonDolmTable) + 4, "packed");
+static_assert(sizeof(_commonDolmInputs) == 5 * sizeof(_commonDolmTable) + 4, "packed");
+
 /* The host's receiver of reports: level, catalogue number, the catalogue's text for that number
  * (empty for number 0) and a message, often empty. Both strings are never null and live only during
  * the call. It runs on the caller's thread inside the operation that reports; it must not call the
@@ -113,18 +126,23 @@ DOLM_EXTERN_C_BEGIN
  * start-up. A failure of the checks of the inputs leaves whatever stood before in use; from there
  * on a start-up replaces it, also if it fails later.
  *
- * False after these reports, all of level 4:
- *   344  no "orvel.cfg"
- *   342  a range with a size but no data (the message names it); "vync.cfg" longer than its
- *        range; AFS would not mount (after 1 with its status and a line on standard output) or a
- *        deployed file could not be read
+ * False after these reports, all of level 4; "status" means that the message carries the status of
+ * a lower layer:
+ *   344  no inputs, or no "orvel.cfg"
+ *   342  a range with a size but no data (the message names it); "vync.cfg" shorter than the
+ *        payload that its head announces; AFS would not mount (after 1 with its status and a line
+ *        on standard output); a deployed file could not be read, is shorter than its trailer, or
+ *        found no place (after 39 or 324)
  *   405  no file table, or one that is refused (status)
  *   116  "vync.cfg" shorter than its head
- *   328, 331, 332, 333  a store is refused (331 to 333 with the status)
- *   347  no current values
- *   343  EFS would not mount
+ *   331  a store is refused (status)
+ *   328  the files of a store could not be taken over (after 323, 324, or 332 or 333 with status)
+ *   347  no current values (after 331 with status and 346)
+ *   343  the EFS image is too short or would not mount
  *   324  no memory
- * A warning of level 2, number 0, names a file that the deployed VFS lacks; start-up goes on.
+ * Two kinds of reports come while start-up goes on: a warning of level 2, number 0, names a file
+ * that the deployed VFS lacks, whose value stays that of the tables; and a value that cannot go
+ * into the current values is left out of them, after 324, or 334 with status.
  * Once the tables are up they stay up when the flash stage fails: end with qoQfsNvarTerm(false). */
 DOLM_API bool qoQfsDolmInit(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback);
 
@@ -156,12 +174,12 @@ DOLM_API bool qoqfsCheckNvarExists(const char *path, FcsFileName fileName);
 /* Gives the value of path in the table fileName: *data points to the library's own buffer of *size
  * bytes (null and 0 for an empty value), good until the next qoQfsNvarResize of that name or the
  * next qoQfsNvarTerm. The host writes a changed value of the current values table through it and
- * never frees it. Where not null, *writable tells whether termination writes the value back into
- * the flash (true without a deployed VFS), and *maxSize the value's limit in bytes.
+ * never frees it. Where not null, *writable is false if termination passes by the file of that
+ * name in the deployed VFS (true without one), and *maxSize is the value's limit in bytes.
  *
- * False after these reports, with *data null and *size 0 if both pointers are given, and *writable
- * and *maxSize untouched:
- *   402  path, data or size is null
+ * False after these reports, with *writable and *maxSize untouched, and *data null and *size 0 but
+ * for 402:
+ *   402  path, data or size is null; nothing is written
  *   337  unknown table (followed by 39)
  *   39   no such name, or the tables are not up
  *   323  a value without a buffer
@@ -194,7 +212,8 @@ DOLM_API bool qoQfsNvarResize(const char *path, uint8_t **data, uint32_t size);
  *   102  a value could not be written to the flash (status), then 348
  *   339  a file is missing from the deployed VFS or unreadable, then 348
  *   336  the store could not be serialised (status), then 348
- *   346  the current values could not be made anew; the library stays up, without them
+ *   346  the current values could not be made anew (after 331 with status, and 346 once more); the
+ *        library stays up, without them
  *   338  AFS would not terminate (status); without keepOpen the tables stay up */
 DOLM_API bool qoQfsNvarTerm(bool keepOpen);
 
