@@ -36,12 +36,6 @@ bool mount_afs(const _commonDolmTable &image) {
     return true;
 }
 
-// The image of an earlier start-up may be gone by now.
-void forget_efs() {
-    efs_ctx.initialized = 0;
-    efs_image = nullptr;
-}
-
 bool mount_efs(const _commonDolmTable &image) {
     if (image.size < EFS_get_efs_size() || EFS_init_tools(image.data) != EFS_OK) {
         take_afs_down();
@@ -135,8 +129,13 @@ bool is_written_back(const FcsFileEntry &entry) {
 
 } // namespace
 
+void forget_flash() {
+    s_qfsInitialized = false;
+    efs_ctx.initialized = 0;
+    efs_image = nullptr;
+}
+
 bool bring_up_flash(const _commonDolmInputs &inputs) {
-    forget_efs();
     if (inputs.qfsImage.size != 0 && !mount_afs(inputs.qfsImage)) {
         return false;
     }

@@ -5,6 +5,9 @@
 #include "frontend/fcs_tables.h"
 #include "qoqfs.h"
 
+// Puts AFS and EFS out of use without a look at their images, which may be gone by now.
+void forget_flash();
+
 // Brings up AFS and EFS on the images that are given and, in a deployed VFS, reads the files into
 // the current values. On false everything has been reported and AFS is down.
 bool bring_up_flash(const _commonDolmInputs &inputs);

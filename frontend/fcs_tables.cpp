@@ -11,17 +11,16 @@
 
 namespace {
 
-constexpr FcsTable empty_table = {nullptr, FCS_FILE_UNSET, 0, nullptr, 0, nullptr, nullptr};
 constexpr uint32_t record_size = sizeof(_cfg_file_entry_t);
 constexpr char path_prefix[] = "/home/";
 constexpr size_t path_prefix_length = sizeof path_prefix - 1;
 
 } // namespace
 
-FcsTable s_orvelCfgTable = empty_table;
-FcsTable s_vynCfgTable = empty_table;
-FcsTable s_currentValuesTable = empty_table;
-FcsTable s_builtVynCfgTable = empty_table;
+FcsTable s_orvelCfgTable = unset_table;
+FcsTable s_vynCfgTable = unset_table;
+FcsTable s_currentValuesTable = unset_table;
+FcsTable s_builtVynCfgTable = unset_table;
 
 std::vector<uint8_t> s_fileTableBuffer;
 uint32_t s_mDolmAfsSkuId = 0;
@@ -166,6 +165,17 @@ load_step load_next_entry(FcsTable &table, bool withData) {
 }
 
 } // namespace
+
+bool verifyOrvelTable(const char *label, const _commonDolmTable &table) {
+    if (table.size == 0 || table.data != nullptr) {
+        return true;
+    }
+    char message[96];
+    std::snprintf(message, sizeof message,
+                  "Invalid table %s. The table is loaded but data is empty.", label);
+    report_error(IMAGE_TOOLS_QFS_INIT_FAILED, message);
+    return false;
+}
 
 bool open_empty_store(FcsTable &table) {
     void *handle = nullptr;

@@ -28,9 +28,20 @@ struct FcsFileEntry {
     FcsFileEntry *prev;
     FcsFileEntry *next;
 };
-static_assert(offsetof(FcsFileEntry, attributes) == 12 && offsetof(FcsFileEntry, maxSize) == 14 &&
-              offsetof(FcsFileEntry, data) == 18);
-static_assert(sizeof(FcsFileEntry) == 18 + 1 + 1 + 255 + 4 + 1 + 3 * sizeof(void *));
+
+// The head that getFileAttributes fills ends where data begins.
+static_assert(offsetof(FcsFileEntry, record) == 0);
+static_assert(offsetof(FcsFileEntry, attributes) == 12);
+static_assert(offsetof(FcsFileEntry, maxSize) == 14);
+static_assert(offsetof(FcsFileEntry, data) == 18);
+static_assert(offsetof(FcsFileEntry, hidden) == 18 + sizeof(void *));
+static_assert(offsetof(FcsFileEntry, available) == 19 + sizeof(void *));
+static_assert(offsetof(FcsFileEntry, name) == 20 + sizeof(void *));
+static_assert(offsetof(FcsFileEntry, size) == 275 + sizeof(void *));
+static_assert(offsetof(FcsFileEntry, linked) == 279 + sizeof(void *));
+static_assert(offsetof(FcsFileEntry, prev) == 280 + sizeof(void *));
+static_assert(offsetof(FcsFileEntry, next) == 280 + 2 * sizeof(void *));
+static_assert(sizeof(FcsFileEntry) == 280 + 3 * sizeof(void *));
 
 // One table. It owns its handle, its buffer, its entries and their values; a whole table is moved
 // by copying it byte for byte.
@@ -43,19 +54,28 @@ struct FcsTable {
     FcsFileEntry *firstEntry; // null for an empty table
     FcsFileEntry *lastEntry;  // meaningful only while firstEntry is not null
 };
-static_assert(sizeof(FcsTable) == 3 * sizeof(uint32_t) + 4 * sizeof(void *));
+
+static_assert(offsetof(FcsTable, handle) == 0);
+static_assert(offsetof(FcsTable, fileName) == sizeof(void *));
+static_assert(offsetof(FcsTable, entryCount) == 4 + sizeof(void *));
+static_assert(offsetof(FcsTable, buffer) == 8 + sizeof(void *));
+static_assert(offsetof(FcsTable, bufferSize) == 8 + 2 * sizeof(void *));
+static_assert(offsetof(FcsTable, firstEntry) == 12 + 2 * sizeof(void *));
+static_assert(offsetof(FcsTable, lastEntry) == 12 + 3 * sizeof(void *));
+static_assert(sizeof(FcsTable) == 12 + 4 * sizeof(void *));
 
 #pragma pack(pop)
 
-// Bits of FcsFileEntry::attributes.
-inline constexpr file_attributes_t attribute_has_trailer =
-    0x01; // in a deployed VFS the file ends in
-          // a trailer that is not part of the
-          // value, and is never written back
+// Bits of FcsFileEntry::attributes. With a trailer, the file in a deployed VFS ends in bytes that
+// are not part of the value, and it is never written back.
+inline constexpr file_attributes_t attribute_has_trailer = 0x01;
 inline constexpr file_attributes_t attribute_not_pulled = 0x02;   // not read from a deployed VFS
 inline constexpr file_attributes_t attribute_long_trailer = 0x40; // the trailer is 56 bytes, not 40
 
 inline constexpr size_t name_limit = sizeof(FcsFileEntry::name);
+
+// A table that was never set up.
+inline constexpr FcsTable unset_table = {nullptr, FCS_FILE_UNSET, 0, nullptr, 0, nullptr, nullptr};
 
 extern FcsTable s_orvelCfgTable;      // base values; unchanged after the load
 extern FcsTable s_vynCfgTable;        // overriding values, or the store that termination built
@@ -78,6 +98,9 @@ inline bool takes_part(const FcsFileEntry &entry) {
 inline bool is_accessible(const FcsFileEntry &entry) {
     return entry.available != 0 && entry.hidden == 0;
 }
+
+// Whether an input range is absent or has data; if not, reported with its label, which is short.
+bool verifyOrvelTable(const char *label, const _commonDolmTable &table);
 
 // Fills the list of a table from its buffer, after loading the file table if that is still due. On
 // false everything has been reported; the caller frees the table, with the entries it got so far.

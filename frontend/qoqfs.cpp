@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
-#include <string>
 #include <utility>
 
 #include "common/little_endian.h"
@@ -21,16 +20,6 @@ namespace {
 // is read.
 constexpr uint32_t vync_head_size = 16;
 constexpr uint32_t vync_head_length_offset = 8;
-
-bool verifyOrvelTable(const char *label, const _commonDolmTable &table) {
-    if (table.size == 0 || table.data != nullptr) {
-        return true;
-    }
-    const std::string message =
-        std::string("Invalid table ") + label + ". The table is loaded but data is empty.";
-    report_error(IMAGE_TOOLS_QFS_INIT_FAILED, message.c_str());
-    return false;
-}
 
 bool check_inputs(const _commonDolmInputs *inputs) {
     if (inputs == nullptr || inputs->orvelCfg.size == 0) {
@@ -57,11 +46,13 @@ bool check_inputs(const _commonDolmInputs *inputs) {
 class superseded_state {
   public:
     explicit superseded_state(std::vector<uint8_t> new_file_table)
-        : tables_{std::exchange(s_builtVynCfgTable, {}), std::exchange(s_vynCfgTable, {}),
-                  std::exchange(s_orvelCfgTable, {}), std::exchange(s_currentValuesTable, {})},
+        : tables_{std::exchange(s_builtVynCfgTable, unset_table),
+                  std::exchange(s_vynCfgTable, unset_table),
+                  std::exchange(s_orvelCfgTable, unset_table),
+                  std::exchange(s_currentValuesTable, unset_table)},
           file_table_(std::exchange(s_fileTableBuffer, std::move(new_file_table))) {
         s_fcsInitialized = false;
-        s_qfsInitialized = false;
+        forget_flash();
         clear_selection();
     }
     ~superseded_state() {
@@ -226,7 +217,7 @@ bool replace_overriding_values() {
 bool qoQfsDolmInit(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback) {
     try {
         return start_up(inputs, statusCallback);
-    } catch (const std::exception &) { // no memory for the catalogue, a message or the file table
+    } catch (const std::exception &) { // no memory for the catalogue or the file table
         report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
         return false;
     }

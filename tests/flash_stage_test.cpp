@@ -217,6 +217,17 @@ TEST_F(FlashStage, StartUpFailures) {
     }
 }
 
+TEST_F(FlashStage, FailureInTheTablesLeavesNoStoreInUse) {
+    FlashSet set;
+    ASSERT_TRUE(set.start());
+    _commonDolmInputs cut = set.record();
+    cut.orvelCfg.size = 3;
+    EXPECT_FALSE(qoQfsDolmInit(&cut, on_report));
+    EXPECT_FALSE(qoQfsIsInitialized());
+    EXPECT_EQ(EFS_is_initialized(), 0);
+    EXPECT_EQ(efs_image, nullptr);
+}
+
 TEST_F(FlashStage, MissingFileIsAWarningAtStartUpAndAFailureAtTermination) {
     std::vector<SetFile> files = default_set;
     files[1].flash = std::nullopt;
