@@ -27,7 +27,7 @@ inline constexpr uint32_t AFS_FLAG_FTL = 0x4;            // must be set
 inline constexpr uint32_t AFS_FLAG_NO_CHUNK_MAP = 0x8;   // read only: no chunk map
 inline constexpr uint32_t AFS_FLAG_CREATE_FS = 0x10;     // no header found: write one
 inline constexpr uint32_t AFS_FLAG_MOUNT_FTL = 0x20;     // else the context's mounted FTL is used
-inline constexpr uint32_t AFS_FLAG_ZERO_CONTEXT = 0x40;  // clear the context first, as it is
+inline constexpr uint32_t AFS_FLAG_ZERO_CONTEXT = 0x40;  // forget what the context holds
 inline constexpr uint32_t AFS_FLAG_PRELOAD_CACHE = 0x80; // fill the cache at the end
 inline constexpr uint32_t AFS_FLAG_FORCE_FORMAT = 0x100; // format in any case, and create
 inline constexpr uint32_t AFS_FLAG_FORMAT_IF_BAD = 0x40000;   // format, without erase, what is bad
@@ -65,7 +65,8 @@ DOLM_EXTERN_C_BEGIN
 //   12  no memory
 //   22  an argument or the flags are wrong, or no FTL to go on with
 // or from below. After a failure the context holds no mounted store, and afs_free_context releases
-// what was allocated. Nothing is written without a format or create flag.
+// what was allocated. Without a format or create flag nothing is written but the cleared slots of
+// zombies, and those only when the cache replaces or flushes their page.
 DOLM_API uint32_t afs_init(afs_context *context, void *image, uint32_t page_size,
                            uint32_t cache_lines, uint32_t file_count, uint32_t device_offset,
                            uint32_t size, uint32_t flags, uint8_t version_low,

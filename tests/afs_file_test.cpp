@@ -15,9 +15,12 @@
 #include "AfsPhysical.h"
 #include "afs/fat_access.h"
 #include "common/little_endian.h"
+#include "device_double.h"
 #include "host/afs_build.h"
 
 using namespace dolm;
+using dolm_test::DeviceAccess;
+using dolm_test::DeviceDouble;
 
 namespace {
 
@@ -145,7 +148,7 @@ class Store {
     }
 
     afs_context *context() { return &context_; }
-    const Bytes &image() const { return image_; }
+    Bytes &image() { return image_; }
     uint32_t status = 0;
 
   private:
@@ -329,6 +332,26 @@ TEST(AfsFiles, ReadsEveryRange) {
                     << size << " bytes, from " << offset << ", " << wanted;
             }
         }
+    }
+}
+
+TEST(AfsFiles, ReadsARunOfChunksAtOnce) {
+    Store store(empty_image());
+    ASSERT_EQ(store.write(1, 0, some_bytes(122 * 64)), AFS_RC_OK);
+    const struct {
+        uint32_t offset;
+        uint32_t length;
+        uint32_t reads;
+    } cases[] = {{0, 1, 1}, {60, 100, 1}, {0, 61 * 64, 1}, {63, 3800, 1}, {0, 122 * 64, 2}};
+    Bytes buffer(122 * 64);
+    for (const auto &test : cases) {
+        uint32_t length = test.length;
+        ASSERT_EQ(store.read(1), some_bytes(122 * 64)); // brings the FAT into the cache
+        DeviceDouble &device = DeviceDouble::instance();
+        device.attach(store.image());
+        EXPECT_EQ(afs_readfile(store.context(), 1, test.offset, &length, buffer.data()), AFS_RC_OK);
+        EXPECT_EQ(device.count(DeviceAccess::read), test.reads) << test.length;
+        device.detach();
     }
 }
 
