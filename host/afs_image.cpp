@@ -311,7 +311,7 @@ class Reader {
                 enter_page(last, eu, slot);
                 end = ++slot;
                 if (next == entry_commit_mark) {
-                    break;
+                    return is_erased_behind(eu, slot) ? slot : log_slots;
                 }
             } else if (log_entry(eu, slot) == entry_empty) {
                 ++slot;
@@ -322,6 +322,17 @@ class Reader {
             }
         }
         return end;
+    }
+
+    // Entries behind the mark, left by a cut run of them, would commit what is written before them;
+    // such a log is full.
+    bool is_erased_behind(uint32_t eu, uint32_t slot) const {
+        for (uint32_t i = slot + 1; i <= log_slots; ++i) {
+            if (log_entry(eu, i) != entry_empty) {
+                return false;
+            }
+        }
+        return true;
     }
 
     void enter_page(uint32_t page, uint32_t eu, uint32_t slot) {

@@ -250,9 +250,11 @@ std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const
         return "a torn header passes its checksum";
     }
     // Each entry of a run commits the page before it. Entries have no checksum of their own, so
-    // that a later one which landed before an earlier one leads astray.
+    // that a later one which landed before an earlier one leads astray. Only where nothing of the
+    // first one stands behind a commit mark, the log still shows its end.
     const bool run = k > 0 && same_log_slot(event, events[k - 1]) && event.length > 2;
-    if (run && tear.kind != Tear::Kind::prefix) {
+    const bool mark_stands = dolm::load_le16(&torn_image[event.address]) == 0x7FFF;
+    if (run && tear.kind != Tear::Kind::prefix && !mark_stands) {
         return "entries of a run landed out of order";
     }
     return "";
