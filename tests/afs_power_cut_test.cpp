@@ -452,6 +452,17 @@ TEST_P(AfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
     std::cout << "AFS " << test.name << ": " << power_cut.counts() << "\n";
 }
 
+// Cuts follow each other without end, over stores that wear and fill up.
+TEST(AfsPowerCutChain, HoldsFromCutToCut) {
+    AfsStore store;
+    PowerCut power_cut(store);
+    for (uint64_t seed = 1; seed <= 40; ++seed) {
+        const Base base = populated(seed % 2 == 0 ? two_log_eus : three_log_eus);
+        power_cut.chain({"chain", base.image, base.files, {}}, seed, 250);
+    }
+    std::cout << "AFS chain: " << power_cut.counts().chained << " cuts\n";
+}
+
 INSTANTIATE_TEST_SUITE_P(All, AfsPowerCut, testing::ValuesIn(cases),
                          [](const auto &test) { return std::string(test.param.name); });
 

@@ -179,9 +179,10 @@ std::vector<Change> AfsStore::further_changes(uint32_t choice, const Files &file
     const auto known = files.find(file);
     const auto size = static_cast<uint32_t>(known == files.end() ? 0 : known->second.size());
     const Change overwrite = write(file, size / 2, pattern(choice, 10));
-    switch (choice % 10) {
+    const uint32_t other = choice / 64 % AFS_MIN_FILE_COUNT;
+    switch (choice % 14) {
     case 0:
-        return {write(file, size, pattern(choice, 70))};
+        return {write(file, size, pattern(choice, 70), size > 2000 ? AFS_WRITE_TRUNCATE : 0)};
     case 1:
         return {write(file, 0, pattern(choice, 65), AFS_WRITE_TRUNCATE)};
     case 2:
@@ -200,6 +201,12 @@ std::vector<Change> AfsStore::further_changes(uint32_t choice, const Files &file
     case 8:
         return {maintain("full reclaim", afs_force_full_reclaim),
                 maintain("full reclaim", afs_force_full_reclaim), overwrite};
+    case 9:
+        return {files.contains(file) ? remove(file) : overwrite, write(other, 0, {}),
+                write(other, 5, pattern(choice, 200))};
+    case 10:
+        return {files.contains(other) ? overwrite : mark_zombie(other),
+                write(other, 0, {}, AFS_WRITE_TRUNCATE)};
     default:
         return {overwrite};
     }

@@ -259,6 +259,66 @@ void PowerCut::cut_everywhere(const Image &start, const Recording &recording, co
     }
 }
 
+void PowerCut::chain(const Workload &workload, uint64_t seed, unsigned cuts) {
+    const std::string name = workload.name + "." + std::to_string(seed);
+    if (!replay_.empty() && !replay_.starts_with(name + "/")) {
+        return;
+    }
+    failures_ = 0;
+    Image image = workload.start;
+    Files before = workload.files;
+    Files after = workload.files;
+    State state{"", &before, &after, "", false};
+    uint64_t random = mix(hash_start, seed);
+    for (unsigned step = 0; step < cuts && failures_ == 0; ++step) {
+        state.id = name + "/" + std::to_string(step);
+        Image work = image;
+        try {
+            random = mix(random, step);
+            const auto choice = static_cast<uint32_t>(random >> 16);
+            const Recording recording = run_and_check(work, state, [&](const Files &files) {
+                return store_.further_changes(choice, files);
+            });
+            random = mix(random, step);
+            if (!cut_somewhere(image, recording, state, before, after, random >> 8)) {
+                image = work;
+                before = after = recording.segments.back().after;
+            }
+            ++counts_.chained;
+        } catch (const std::runtime_error &error) {
+            fail(state, error.what());
+        }
+    }
+}
+
+// False if the cut that was drawn is one that the format cannot stand, or there was nothing to cut.
+bool PowerCut::cut_somewhere(Image &image, const Recording &recording, State &state, Files &before,
+                             Files &after, uint64_t random) const {
+    if (recording.events.empty()) {
+        return false;
+    }
+    const size_t k = random % recording.events.size();
+    const DeviceEvent &event = recording.events[k];
+    const std::vector<Tear> all = tears(event);
+    const Tear tear = all[(random >> 24) % all.size()];
+    Image reached = image;
+    for (size_t i = 0; i < k; ++i) {
+        apply(reached, recording.events[i], 0, recording.events[i].length);
+    }
+    reached = torn(reached, event, tear);
+    if (!store_.limit(recording.events, k, tear, reached).empty()) {
+        return false;
+    }
+    const auto segment = std::find_if(recording.segments.begin(), recording.segments.end(),
+                                      [k](const Segment &candidate) { return k < candidate.end; });
+    image = std::move(reached);
+    before = segment->before;
+    after = segment->after;
+    state.unclaimed_bytes =
+        state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);
+    return true;
+}
+
 // A state counts once, but is visited again with fewer cuts behind it: from there it goes further.
 bool PowerCut::is_new(uint64_t hash, unsigned level) {
     if (!visited_[level].insert(hash).second) {
@@ -363,7 +423,7 @@ bool PowerCut::is_chosen(const std::string &id, uint64_t stride) const {
 
 void PowerCut::fail(const State &state, const std::string &what) {
     if (++failures_ <= max_reported_failures) {
-        ADD_FAILURE() << what << "\nThis state alone: DOLM_POWER_CUT=" << state.id;
+        ADD_FAILURE() << what << "\nThis alone: DOLM_POWER_CUT=" << state.id;
     }
 }
 

@@ -86,6 +86,7 @@ class PowerCutStore {
 struct PowerCutCounts {
     uint64_t first_level = 0;  // distinct states after one cut
     uint64_t second_level = 0; // distinct states after two
+    uint64_t chained = 0;      // steps from cut to cut
     uint64_t rewrites = 0;     // states in which unclaimed bytes were written over
 
     // States behind a limit of the format, by its name.
@@ -114,6 +115,9 @@ class PowerCut {
     // Visits the states of a workload. Every state that fails is a failure of the running test.
     void explore(const Workload &workload);
 
+    // Goes on from cut to cut: the changes after each cut are cut at a random place in turn.
+    void chain(const Workload &workload, uint64_t seed, unsigned cuts);
+
     const PowerCutCounts &counts() const { return counts_; }
 
   private:
@@ -140,6 +144,8 @@ class PowerCut {
     Recording run_and_check(Image &image, const State &state, const Changes &changes);
     void cut_everywhere(const Image &start, const Recording &recording, const State &parent,
                         unsigned level);
+    bool cut_somewhere(Image &image, const Recording &recording, State &state, Files &before,
+                       Files &after, uint64_t random) const;
     void visit(const Image &image, const State &state, unsigned level);
     std::vector<Tear> tears(const DeviceEvent &event) const;
     Image torn(const Image &before, const DeviceEvent &event, const Tear &tear) const;
