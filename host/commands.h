@@ -47,4 +47,15 @@ struct ChangeOptions : SetOptions {
 };
 void set_nvars(const ChangeOptions &options);
 
+struct InspectOptions {
+    std::filesystem::path image;
+    std::optional<std::filesystem::path> ftbl;
+    std::optional<uint32_t> sku;
+    bool json = false;
+};
+void inspect_image(const InspectOptions &options);
+
+// Throws Failure if something is wrong with the set.
+void check_set(const SetOptions &options);
+
 } // namespace dolm

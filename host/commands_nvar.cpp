@@ -2,11 +2,11 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <set>
 
 #include "host/commands.h"
 #include "host/errors.h"
+#include "host/json_output.h"
 #include "host/library.h"
 #include "host/set_files.h"
 #include "host/tables.h"
@@ -16,22 +16,7 @@ namespace dolm {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr size_t preview_width = 28;
-
-void print_json(const Json &json) {
-    std::cout << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
-}
-
-Json value_to_json(const Bytes &value) {
-    Json json{{"size", value.size()}};
-    if (is_printable(value)) {
-        json["text"] = std::string(value.begin(), value.end());
-    }
-    json["hex"] = to_hex(value);
-    return json;
-}
 
 Json to_json(const Nvar &nvar) {
     Json json{{"name", nvar.name}};

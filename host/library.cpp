@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iostream>
 #include <set>
+#include <sstream>
 
 #include "dfs.h"
 #include "efs_tools_utils.h"
@@ -21,15 +22,21 @@ constexpr std::string_view home_prefix = "/home/";
 // Every report, in one line: what it is, its number and level, the catalogue's text, the message.
 void print_report(ErrorLevel level, ImageToolsErrorName number, const char *text,
                   const char *message) {
-    std::cerr << "dolm: " << (level >= ERROR_LEVEL_ERROR ? "error " : "warning ") << number
-              << " (level " << level << "):";
+    const bool is_error = level >= ERROR_LEVEL_ERROR;
+    std::ostringstream line;
+    line << "dolm: " << (is_error ? "error " : "warning ") << number << " (level " << level << "):";
     if (*text != '\0') {
-        std::cerr << ' ' << text;
+        line << ' ' << text;
     }
     if (*message != '\0') {
-        std::cerr << (*message == ' ' ? "" : " ") << message;
+        line << (*message == ' ' ? "" : " ") << message;
     }
-    std::cerr << '\n';
+    line << '\n';
+    // A command may start up more than once, and each start-up warns of the same missing files.
+    static std::set<std::string> warnings;
+    if (is_error || warnings.insert(line.str()).second) {
+        std::cerr << line.str();
+    }
 }
 
 void require(bool success, const std::string &otherwise) {

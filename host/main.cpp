@@ -94,6 +94,28 @@ void add_set(CLI::App &app) {
     });
 }
 
+void add_inspect(CLI::App &app) {
+    auto *command = app.add_subcommand("inspect", "Show what lies on an AFS or EFS image");
+    auto options = std::make_shared<dolm::InspectOptions>();
+    command->add_option("IMAGE", options->image, "The image; it is not changed")->required();
+    command->add_option("--ftbl", options->ftbl,
+                        "File table with the geometry of an EFS image and the names of files; "
+                        "without it the ftbl.bin beside the image");
+    command->add_option("--sku", options->sku,
+                        "SKU in the file table; without it and --ftbl the "
+                        "one in set.json beside the image");
+    command->add_flag("--json", options->json, "As JSON");
+    command->callback([options] { dolm::inspect_image(*options); });
+}
+
+void add_check(CLI::App &app) {
+    auto *command = app.add_subcommand("check", "Say what is wrong with a set");
+    auto options = std::make_shared<dolm::SetOptions>();
+    add_set_options(*command, *options);
+    command->add_flag("--json", options->json, "As JSON");
+    command->callback([options] { dolm::check_set(*options); });
+}
+
 int run(int argc, char **argv) {
     CLI::App app("Builds, reads and changes sets of firmware storage inputs: configuration tables "
                  "and flash images.");
@@ -104,6 +126,8 @@ int run(int argc, char **argv) {
     add_list(app);
     add_get(app);
     add_set(app);
+    add_inspect(app);
+    add_check(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -31,20 +31,6 @@ constexpr Member members[] = {
     {"efs.img", &SetFiles::efs_image, false},
 };
 
-std::optional<uint32_t> read_settings(const fs::path &path) {
-    if (!fs::exists(path)) {
-        return std::nullopt;
-    }
-    const Bytes content = read_file(path);
-    const auto settings = nlohmann::json::parse(content, nullptr, false);
-    const auto sku = settings.is_object() ? settings.find("sku") : settings.end();
-    if (sku == settings.end() || !sku->is_number_unsigned() ||
-        sku->get<uint64_t>() > std::numeric_limits<uint32_t>::max()) {
-        throw Failure(path.string() + ": not of the form {\"sku\": NUMBER}");
-    }
-    return sku->get<uint32_t>();
-}
-
 Bytes make_settings(uint32_t sku) {
     const std::string text = nlohmann::json{{"sku", sku}}.dump() + "\n";
     return Bytes(text.begin(), text.end());
@@ -155,6 +141,21 @@ Bytes read_file(const fs::path &path) {
     return content;
 }
 
+std::optional<uint32_t> read_sku(const fs::path &folder) {
+    const fs::path path = folder / settings_name;
+    if (!fs::exists(path)) {
+        return std::nullopt;
+    }
+    const Bytes content = read_file(path);
+    const auto settings = nlohmann::json::parse(content, nullptr, false);
+    const auto sku = settings.is_object() ? settings.find("sku") : settings.end();
+    if (sku == settings.end() || !sku->is_number_unsigned() ||
+        sku->get<uint64_t>() > std::numeric_limits<uint32_t>::max()) {
+        throw Failure(path.string() + ": not of the form {\"sku\": NUMBER}");
+    }
+    return sku->get<uint32_t>();
+}
+
 bool holds_set(const fs::path &folder) {
     for (const Member &member : members) {
         if (fs::exists(folder / member.name)) {
@@ -172,7 +173,7 @@ SetFiles load_set(const fs::path &folder) {
             set.*member.content = read_file(path);
         }
     }
-    set.sku = read_settings(folder / settings_name);
+    set.sku = read_sku(folder);
     return set;
 }
 

@@ -28,6 +28,9 @@ Bytes read_file(const std::filesystem::path &path);
 
 SetFiles load_set(const std::filesystem::path &folder);
 
+// The SKU that "set.json" in the folder names, if there is one.
+std::optional<uint32_t> read_sku(const std::filesystem::path &folder);
+
 // True if the folder holds any file that a set consists of.
 bool holds_set(const std::filesystem::path &folder);
 

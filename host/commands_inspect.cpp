@@ -1,0 +1,93 @@
+#include <algorithm>
+#include <iostream>
+
+#include "host/commands.h"
+#include "host/efs_layout.h"
+#include "host/errors.h"
+#include "host/inspect.h"
+#include "host/set_files.h"
+#include "host/table_entries.h"
+
+namespace dolm {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The table that belongs to an image: the one that was named, or that of the set which the image
+// lies in.
+struct Table {
+    Bytes ftbl; // empty if there is none
+    std::optional<uint32_t> sku;
+};
+
+Table find_table(const InspectOptions &options) {
+    Table table;
+    const fs::path folder = options.image.parent_path();
+    if (options.ftbl) {
+        table.ftbl = read_file(*options.ftbl);
+    } else if (fs::exists(folder / "ftbl.bin")) {
+        table.ftbl = read_file(folder / "ftbl.bin");
+    }
+    table.sku = options.sku;
+    if (!table.sku && !options.ftbl) {
+        table.sku = read_sku(folder);
+    }
+    return table;
+}
+
+FileNames names_from(const Table &table, Store store) {
+    return table.ftbl.empty() || !table.sku ? FileNames{}
+                                            : names_in_store(table.ftbl, *table.sku, store);
+}
+
+// An AFS image has headers of its own; an EFS image can only be told from noise with its geometry.
+bool is_afs(const AfsImage &image) {
+    return std::any_of(image.eus.begin(), image.eus.end(), [](const AfsEu &eu) {
+        return eu.role == AfsRole::log || eu.role == AfsRole::data;
+    });
+}
+
+void print_with_damages(const InspectOptions &options, Json json,
+                        const std::vector<std::string> &broken, auto &&print_text) {
+    if (options.json) {
+        json["broken"] = broken;
+        print_json(json);
+    } else {
+        print_text();
+    }
+    if (!broken.empty()) {
+        std::string text = options.image.string() + " breaks its format:";
+        for (const std::string &rule : broken) {
+            text += "\n  " + rule;
+        }
+        std::cout.flush();
+        throw Failure(text);
+    }
+}
+
+} // namespace
+
+void inspect_image(const InspectOptions &options) {
+    const Bytes bytes = read_file(options.image);
+    const Table table = find_table(options);
+    const AfsImage afs = read_afs_image(bytes);
+    if (is_afs(afs)) {
+        const FileNames names = names_from(table, Store::afs);
+        print_with_damages(options, afs_to_json(afs, names), check_invariants(afs),
+                           [&] { print_afs(afs, bytes.size(), names); });
+        return;
+    }
+    if (table.ftbl.empty() || !table.sku) {
+        throw UsageError(options.image.string() +
+                         " is no AFS image; for an EFS image give its file table with --ftbl and "
+                         "--sku");
+    }
+    const EfsLayout layout = read_efs_layout(table.ftbl, *table.sku);
+    const EfsImage efs = read_efs_image(bytes, layout);
+    const FileNames names = names_from(table, Store::efs);
+    print_with_damages(options, efs_to_json(efs, layout, names), efs.damages,
+                       [&] { print_efs(efs, layout, names); });
+}
+
+} // namespace dolm

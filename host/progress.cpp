@@ -1,0 +1,29 @@
+#include "host/progress.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+namespace dolm {
+
+Progress::Progress(std::string what, size_t total)
+    : what_(std::move(what)), total_(total), on_terminal_(isatty(STDERR_FILENO) != 0) {}
+
+Progress::~Progress() {
+    clear();
+}
+
+void Progress::step() {
+    ++done_;
+    if (on_terminal_) {
+        std::cerr << '\r' << what_ << ' ' << done_ << " of " << total_ << std::flush;
+    }
+}
+
+void Progress::clear() const {
+    if (on_terminal_) {
+        std::cerr << "\r\033[K" << std::flush;
+    }
+}
+
+} // namespace dolm

@@ -1,0 +1,52 @@
+#include "host/table_entries.h"
+
+#include <cstring>
+
+#include "efs_tools_utils.h"
+
+namespace dolm {
+
+namespace {
+
+constexpr uint16_t id_mask = 0x7FF;
+
+TableEntry read_entry(const file_table_entry_t &entry) {
+    Bytes bytes(sizeof entry);
+    std::memcpy(bytes.data(), &entry, sizeof entry);
+    const auto u16 = [&](size_t at) {
+        return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
+    };
+    TableEntry read;
+    read.name.assign(entry.name, strnlen(entry.name, sizeof entry.name));
+    read.number = get_le32(bytes, offsetof(file_table_entry_t, fileno));
+    read.attributes = u16(offsetof(file_table_entry_t, attributes));
+    read.id = u16(offsetof(file_table_entry_t, file_id)) & id_mask;
+    read.store = entry.store;
+    read.max_size = get_le32(bytes, offsetof(file_table_entry_t, max_size));
+    return read;
+}
+
+} // namespace
+
+std::vector<TableEntry> selected_entries() {
+    std::vector<TableEntry> entries;
+    for (int32_t i = 0; i < g_table_num_files; ++i) {
+        entries.push_back(read_entry(g_table_buf[i]));
+    }
+    return entries;
+}
+
+std::map<uint32_t, std::string> names_in_store(const Bytes &ftbl, uint32_t sku, Store store) {
+    std::map<uint32_t, std::string> names;
+    if (load_file_table(ftbl.data(), sku, static_cast<uint32_t>(ftbl.size())) != 0) {
+        return names;
+    }
+    for (const TableEntry &entry : selected_entries()) {
+        if (entry.store == static_cast<uint8_t>(store)) {
+            names.emplace(entry.id, entry.name);
+        }
+    }
+    return names;
+}
+
+} // namespace dolm

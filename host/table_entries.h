@@ -1,0 +1,28 @@
+// The entries of a file table as plain records.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/manifest.h"
+
+namespace dolm {
+
+struct TableEntry {
+    std::string name;
+    uint32_t number = 0;
+    uint16_t attributes = 0;
+    uint16_t id = 0;   // inside its store
+    uint8_t store = 0; // as the table has it: Store, or a value without a meaning
+    uint32_t max_size = 0;
+};
+
+// The entries of the table that the library has selected, in their order.
+std::vector<TableEntry> selected_entries();
+
+// Names by id of the files of one store, for the display of an image. Loads the table into the
+// library; empty if the library refuses it. The library looks into ftbl from then on.
+std::map<uint32_t, std::string> names_in_store(const Bytes &ftbl, uint32_t sku, Store store);
+
+} // namespace dolm
