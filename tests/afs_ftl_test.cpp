@@ -352,7 +352,9 @@ TEST(AfsLogScan, DoesNotWriteInFrontOfLeftOverEntries) {
     Store store(eus, data_eus);
     store.format();
     put_log(store, 0, {1, 2}, 0x7FFF);
-    store_le16(store.at(0, log_entry_offset(4)), 0x0123);
+    for (const uint32_t slot : {3u, 4u}) {
+        store_le16(store.at(0, log_entry_offset(slot)), 0x0123);
+    }
     ASSERT_EQ(store.mount(), AFS_RC_OK);
     for (uint32_t i = 0; i < 3; ++i) {
         ASSERT_EQ(store.write_log(3, i), AFS_RC_OK);
@@ -552,6 +554,14 @@ TEST(AfsAllocator, TellsDeadSlotsFromFreeOnes) {
     uint16_t cid = 0;
     ASSERT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_OK);
     EXPECT_EQ(cid, file_count + 2 * 122) << "the newest EU with an erased slot";
+    // A dead slot in the middle of the range is passed over.
+    ASSERT_EQ(store.write(store.chunk_va(2 * 122 + 2), 1), AFS_RC_OK);
+    store.trim(store.chunk_va(2 * 122 + 2));
+    ASSERT_EQ(store.mount(), AFS_RC_OK);
+    for (const int chunk : {0, 1, 3}) {
+        ASSERT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_OK);
+        EXPECT_EQ(cid, file_count + 2 * 122 + chunk);
+    }
     // A live chunk whose page is not complete.
     *store.at(6, data_status_offset) = slot_being_written;
     EXPECT_EQ(store.mount(), AFS_RC_IO);
