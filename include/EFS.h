@@ -114,7 +114,7 @@ DOLM_API uint32_t EFS_do_format(void);
 // Finds the erase count of every block and the state of every spare, and repairs the one spare that
 // may have been caught in an erase. EFS_write, EFS_delete and EFS_idle_reclaim call it when needed.
 //   0, 1 if not mounted, 41 for a valid block or more than one spare without a good header, or a
-//   physical code; after a failure scan_done stays as it was.
+//   physical code; scan_done is set only by success.
 DOLM_API uint32_t EFS_scan_for_Data_Blocks_status_and_EC(void);
 
 // Bytes of an image of the geometry in force now: all blocks times 4096.

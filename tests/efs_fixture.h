@@ -19,7 +19,7 @@ using builders::Geometry;
 // record that goes on in a third, one at the last offset, and one beyond the last block.
 inline const std::vector<builders::EfsRecord> efs_sample_files = {
     {0, 0, 0, 4068}, {5, 0, 4072, 0},    {1, 1, 0, 1000},   {2, 1, 1004, 500}, {8, 2, 100, 3972},
-    {3, 3, 0, 5000}, {9, 4, 1000, 7000}, {4, 6, 0, 0xFFFF}, {7, 7, 0, 10},
+    {3, 3, 0, 5000}, {9, 4, 1000, 7144}, {4, 6, 0, 0xFFFF}, {7, 7, 0, 10},
 };
 
 inline Bytes efs_pattern(uint32_t length, uint32_t seed) {

@@ -194,7 +194,10 @@ TEST_F(EfsTest, MountFindsTheNewestCompleteMapping) {
 
 TEST_F(EfsTest, MountReadsUnsteadyBlockMapsAgain) {
     using Effect = DeviceFault::Effect;
-    put_bme(0, 1);
+    // The double flips a bit in the middle of a read: of a whole BM, in its slot 92.
+    for (uint32_t slot = 1; slot < 92; ++slot) {
+        put_bme(0, slot);
+    }
     const struct {
         const char *name;
         uint32_t skip, count;
@@ -202,10 +205,11 @@ TEST_F(EfsTest, MountReadsUnsteadyBlockMapsAgain) {
         uint32_t status, offset;
     } cases[] = {
         // Reads 0 and 1 are the headers, read 2 the whole BM.
-        {"header good at last", 0, 6, Effect::flip_bit, 0, 38},
+        {"header good at last", 0, 6, Effect::flip_bit, 0, 2018},
         {"header never good", 0, 7, Effect::flip_bit, 41, 0},
         {"header unreadable", 0, 1, Effect::fail, 41, 0},
         {"BM unreadable", 2, 1, Effect::fail, 5, 0},
+        {"erased slot seems used", 2, 1, Effect::flip_bit, 0, 2018},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -213,6 +217,7 @@ TEST_F(EfsTest, MountReadsUnsteadyBlockMapsAgain) {
         fault(DeviceAccess::read, c.skip, c.count, c.effect);
         EXPECT_EQ(EFS_init_tools(image.data()), c.status);
         EXPECT_EQ(efs_ctx.bme_offset, c.offset);
+        EXPECT_EQ(efs_ctx.bm_switch_pending, 0);
     }
 }
 
