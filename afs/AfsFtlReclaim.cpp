@@ -1,4 +1,4 @@
-// Reclaim: getting the space of dead pages back, and the wear policy that picks the EU.
+// Reclaim: getting the space of dead pages back. Which EU gives it is decided in AfsFtlWear.cpp.
 #include <algorithm>
 #include <memory>
 #include <new>
@@ -11,17 +11,6 @@ using namespace dolm;
 
 namespace {
 
-// The wear rule fires when the erase counts are further apart than this, and then only at every
-// tenth erase of the most worn EU.
-constexpr uint32_t max_wear_spread = 100;
-constexpr uint32_t wear_rule_period = 10;
-
-// The idle check wants more room than this: slots in the log, and in the data EUs if these hold
-// more dirt than data_dirt_worth_reclaim.
-constexpr uint32_t short_log = 29;
-constexpr uint32_t short_data = 63;
-constexpr uint32_t data_dirt_worth_reclaim = 96;
-
 // Stands for "no live page" in a list of the pages of a log EU.
 constexpr uint16_t no_page = 0xFFFF;
 
@@ -30,54 +19,10 @@ struct work_area {
     uint8_t readback[run_buffer_size];
 };
 
-bool is_of_kind(const afs_eu_info &row, uint32_t kind) {
-    return (row.va_base != 0) == (kind == AFS_FTL_KIND_DATA);
-}
-
 void move_log_head(afs_ftl_state &ftl, uint32_t eu) {
     ftl.write_eu = eu;
     ftl.write_slot = 0;
     ftl.last_page = 0;
-}
-
-// What decides between the EUs of one kind.
-struct wear_survey {
-    uint32_t least_worn = AFS_FTL_NONE;
-    uint32_t highest_erase_count = 0;
-    uint32_t dirtiest = AFS_FTL_NONE; // of equals the least worn, of those the first
-};
-
-wear_survey survey_kind(const afs_ftl_state &ftl, uint32_t kind) {
-    wear_survey survey;
-    for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
-        const afs_eu_info &row = ftl.eu_table[eu];
-        if (eu == ftl.spare_eu || !is_of_kind(row, kind)) {
-            continue;
-        }
-        survey.highest_erase_count = std::max(survey.highest_erase_count, row.erase_count);
-        if (survey.dirtiest == AFS_FTL_NONE) {
-            survey.least_worn = survey.dirtiest = eu;
-            continue;
-        }
-        if (row.erase_count < ftl.eu_table[survey.least_worn].erase_count) {
-            survey.least_worn = eu;
-        }
-        const afs_eu_info &best = ftl.eu_table[survey.dirtiest];
-        if (row.dirty_pages > best.dirty_pages ||
-            (row.dirty_pages == best.dirty_pages && row.erase_count < best.erase_count)) {
-            survey.dirtiest = eu;
-        }
-    }
-    return survey;
-}
-
-// An EU that holds nothing live and has nothing erased: to reclaim it costs an erase and no copy.
-bool is_entirely_dead(const afs_context *context, uint32_t eu) {
-    const afs_ftl_state &ftl = *context->ftl;
-    const afs_eu_info &row = ftl.eu_table[eu];
-    const uint32_t slots = row.va_base != 0 ? usable_slots(context, eu) : AFS_FTL_EU_PAGES;
-    return row.free_pages == 0 && row.dirty_pages == slots &&
-           (row.va_base != 0 || eu != ftl.write_eu);
 }
 
 // Copies the live pages of a data EU to the same slots of the erased target, from the last slot to
@@ -326,39 +271,6 @@ bool reclaim_failed(uint32_t rc) {
 
 } // namespace
 
-uint32_t choose_eu_to_reclaim(afs_context *context, uint32_t kind, uint32_t wear, uint32_t *mode,
-                              uint8_t idle) {
-    if (!ftl_is_mounted(context) || mode == nullptr) {
-        return AFS_FTL_NONE;
-    }
-    const afs_ftl_state &ftl = *context->ftl;
-    *mode = AFS_FTL_MODE_MOVE;
-    uint32_t candidate = AFS_FTL_NONE;
-    if (idle != 0) {
-        if (afs_physical_ftl_idle_reclaim_needed(context, &candidate, &kind) == 0) {
-            return AFS_FTL_NONE;
-        }
-    } else {
-        const uint32_t with_room = find_oldest_eu(ftl, [kind](uint32_t, const afs_eu_info &row) {
-            return is_of_kind(row, kind) && row.free_pages != 0;
-        });
-        if (with_room != AFS_FTL_NONE) {
-            return with_room;
-        }
-    }
-    const wear_survey survey = survey_kind(ftl, kind);
-    if (survey.dirtiest == AFS_FTL_NONE) {
-        return AFS_FTL_NONE;
-    }
-    *mode = AFS_FTL_MODE_RECLAIM;
-    const uint32_t lowest = ftl.eu_table[survey.least_worn].erase_count;
-    if (wear == 1 && survey.highest_erase_count - lowest > max_wear_spread &&
-        survey.highest_erase_count % wear_rule_period == 0) {
-        return survey.least_worn;
-    }
-    return candidate != AFS_FTL_NONE ? candidate : survey.dirtiest;
-}
-
 uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
     if (!ftl_is_mounted(context)) {
         return AFS_RC_INVALID;
@@ -467,51 +379,6 @@ uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address, uint32_t 
     }
     return verified_write(target_address + data_status_offset + first_slot, complete, count,
                           readback);
-}
-
-uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu, uint32_t *kind) {
-    if (!ftl_is_mounted(context) || eu == nullptr || kind == nullptr) {
-        return 0;
-    }
-    const afs_ftl_state &ftl = *context->ftl;
-    uint32_t log_free = 0;
-    uint32_t data_free = 0;
-    uint32_t data_dirty = 0;
-    uint32_t candidate = AFS_FTL_NONE;
-    for (uint32_t i = 0; i < ftl.eu_count; ++i) {
-        const afs_eu_info &row = ftl.eu_table[i];
-        if (i == ftl.spare_eu) {
-            continue;
-        }
-        if (row.va_base != 0) {
-            data_free += row.free_pages;
-            data_dirty += row.dirty_pages;
-        } else if (i == ftl.write_eu) {
-            log_free += AFS_FTL_EU_PAGES - ftl.write_slot;
-        } else if (row.free_pages != 0) {
-            log_free += AFS_FTL_EU_PAGES;
-        }
-        if (is_entirely_dead(context, i) &&
-            (candidate == AFS_FTL_NONE || row.erase_count < ftl.eu_table[candidate].erase_count)) {
-            candidate = i;
-        }
-    }
-    if (log_free <= short_log) {
-        *kind = AFS_FTL_KIND_LOG;
-        *eu = AFS_FTL_NONE;
-        return 1;
-    }
-    if (data_free <= short_data && data_dirty > data_dirt_worth_reclaim) {
-        *kind = AFS_FTL_KIND_DATA;
-        *eu = AFS_FTL_NONE;
-        return 1;
-    }
-    if (candidate != AFS_FTL_NONE) {
-        *kind = ftl.eu_table[candidate].va_base != 0 ? AFS_FTL_KIND_DATA : AFS_FTL_KIND_LOG;
-        *eu = candidate;
-        return 1;
-    }
-    return 0;
 }
 
 uint32_t afs_physical_ftl_idle_reclaim(afs_context *context) {

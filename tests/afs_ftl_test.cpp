@@ -1,137 +1,23 @@
-// The flash translation layer of AFS on a device that is watched: what a format puts on the flash,
-// what a mount makes of whatever it finds there, in which order pages and reclaims are written, and
-// which EU is picked.
+// The translation layer of AFS: what a format puts on the flash, what a mount makes of whatever it
+// finds there, in which order pages are written, and which chunks are handed out.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <functional>
-#include <numeric>
-#include <sstream>
-#include <string>
 #include <tuple>
 #include <vector>
 
-#include "AfsFtl.h"
 #include "AfsPhysical.h"
-#include "afs/ftl_access.h"
 #include "afs/ftl_format.h"
-#include "device_double.h"
+#include "ftl_store.h"
 
 namespace {
 
 using namespace dolm;
 using namespace dolm_test;
 
-using Bytes = std::vector<uint8_t>;
-using Page = std::array<uint8_t, AFS_PAGE_SIZE>;
-
-constexpr uint32_t file_count = 1024;
-
-Page make_page(uint32_t seed) {
-    Page page;
-    std::iota(page.begin(), page.end(), static_cast<uint8_t>(seed * 7 + 1));
-    return page;
-}
-
-// A store of its own geometry on an image that starts erased, with the device double attached.
-class Store {
-  public:
-    Store(uint32_t eus, uint32_t data_eus, uint32_t missing_chunks = 0)
-        : image_(eus * AFS_EU_SIZE, 0xFF) {
-        const uint32_t chunks = data_eus * AFS_DATA_EU_PAGES - missing_chunks;
-        context_.chunk_count = static_cast<uint16_t>(chunks);
-        context_.file_count = file_count;
-        context_.data_va_start = (14 + 2 * (chunks + file_count) + 63) / 64 * 64;
-        context_.total_va_size =
-            context_.data_va_start + data_eus * AFS_DATA_EU_PAGES * AFS_PAGE_SIZE;
-        context_.device_size = static_cast<uint32_t>(image_.size());
-        chunk_map_.resize(chunks / 32 + 1);
-        attach();
-    }
-    ~Store() {
-        release_ftl_state(&context_);
-        DeviceDouble::instance().detach();
-    }
-    Store(const Store &) = delete;
-    Store &operator=(const Store &) = delete;
-
-    // An empty store, mounted, with its allocator set up.
-    Store &format() {
-        EXPECT_EQ(mount_ftl(), AFS_RC_IO);
-        EXPECT_EQ(afs_physical_ftl_format(&context_, 1), AFS_RC_OK);
-        EXPECT_EQ(mount(), AFS_RC_OK);
-        return *this;
-    }
-    // As a fresh process would.
-    uint32_t mount() {
-        const uint32_t rc = mount_ftl();
-        return rc != AFS_RC_OK ? rc : afs_physical_ftl_set_allocation_map(&context_);
-    }
-    uint32_t mount_ftl() {
-        attach();
-        context_.chunk_map = chunk_map_.data();
-        context_.image = image_.data();
-        return afs_physical_ftl_init(&context_, context_.device_size,
-                                     AFS_FTL_ALLOCATE_TABLES | AFS_FLAG_ATTACH_DEVICE);
-    }
-    void attach() { DeviceDouble::instance().attach(image_); }
-
-    afs_context *context() { return &context_; }
-    afs_ftl_state &ftl() { return *context_.ftl; }
-    afs_eu_info &row(uint32_t eu) { return ftl().eu_table[eu]; }
-    Bytes &image() { return image_; }
-    uint8_t *at(uint32_t eu, uint32_t offset = 0) { return &image_[eu * AFS_EU_SIZE + offset]; }
-    uint32_t chunk_va(uint32_t chunk) { return context_.data_va_start + chunk * AFS_PAGE_SIZE; }
-
-    uint32_t write(uint32_t va, uint32_t seed) {
-        return afs_physical_ftl_write_page(&context_, va, 0, make_page(seed).data(), 0);
-    }
-    uint32_t write_log(uint32_t page, uint32_t seed) { return write(page * AFS_PAGE_SIZE, seed); }
-    uint32_t trim(uint32_t va) { return afs_physical_ftl_trim_page(&context_, va, 0, 0); }
-    void fill_data_eu(uint32_t index) {
-        for (uint32_t i = 0; i < AFS_DATA_EU_PAGES; ++i) {
-            ASSERT_EQ(write(chunk_va(index * AFS_DATA_EU_PAGES + i), i), AFS_RC_OK);
-        }
-    }
-    bool holds(uint32_t va, uint32_t seed) {
-        Page page;
-        return afs_physical_ftl_read_page(&context_, va, 0, page.data(), 0) == AFS_RC_OK &&
-               page == make_page(seed);
-    }
-    bool is_zero(uint32_t va) {
-        Page page = make_page(99);
-        return afs_physical_ftl_read_page(&context_, va, 0, page.data(), 0) == AFS_RC_OK &&
-               page == Page{};
-    }
-    // Writes and erases since the attach: "w3:18+2" writes 2 bytes at offset 18 of EU 3, "e3:0"
-    // erases the block there.
-    std::string events() {
-        std::ostringstream text;
-        for (const DeviceEvent &event : DeviceDouble::instance().log()) {
-            const bool is_write = event.kind == DeviceEvent::Kind::write;
-            text << (is_write ? " w" : " e") << event.address / AFS_EU_SIZE << ':'
-                 << event.address % AFS_EU_SIZE;
-            if (is_write) {
-                text << '+' << event.length;
-            }
-        }
-        return text.str();
-    }
-
-  private:
-    Bytes image_;
-    std::vector<uint32_t> chunk_map_;
-    afs_context context_{};
-};
-
-// 3 log EUs (0 to 2), 4 data EUs (3 to 6), the spare (7).
-constexpr uint32_t eus = 8;
-constexpr uint32_t data_eus = 4;
-constexpr uint32_t first_data_eu = 3;
-constexpr uint32_t spare = 7;
-
 TEST(AfsFormat, WritesHeadersOfLogDataAndSpareInOrder) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     ASSERT_EQ(store.mount_ftl(), AFS_RC_IO);
     store.attach();
     ASSERT_EQ(afs_physical_ftl_format(store.context(), 1), AFS_RC_OK);
@@ -167,7 +53,7 @@ TEST(AfsFormat, WritesHeadersOfLogDataAndSpareInOrder) {
 }
 
 TEST(AfsFormat, WithoutEraseKeepsWhatLiesBehindTheHeaders) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     *store.at(2, 5000) = 0x12;
     ASSERT_EQ(afs_physical_ftl_format(store.context(), 0), AFS_RC_OK);
@@ -176,7 +62,7 @@ TEST(AfsFormat, WithoutEraseKeepsWhatLiesBehindTheHeaders) {
 
 TEST(AfsMount, CountsErasureUnitsInEightBits) {
     for (const auto &[count, expected] : {std::pair{255u, AFS_RC_OK}, {256u, AFS_RC_IO}}) {
-        Store store(count, 20);
+        FtlStore store(count, 20);
         store.mount_ftl();
         ASSERT_EQ(afs_physical_ftl_format(store.context(), 1), AFS_RC_OK);
         EXPECT_EQ(store.mount_ftl(), expected) << count;
@@ -205,7 +91,7 @@ struct Edit {
     uint32_t value;
 };
 
-void apply(Store &store, const Edit &edit) {
+void apply(FtlStore &store, const Edit &edit) {
     uint8_t value[4];
     store_le32(value, edit.value);
     std::copy_n(value, edit.field.width, store.at(edit.eu, edit.field.offset));
@@ -260,7 +146,7 @@ TEST(AfsMount, SettlesWhatTheHeadersShow) {
     };
     for (const MountCase &c : cases) {
         SCOPED_TRACE(c.name);
-        Store store(eus, data_eus);
+        FtlStore store(eus, data_eus);
         store.format();
         ASSERT_EQ(store.context()->data_va_start, base * 64);
         for (const Edit &edit : c.edits) {
@@ -282,7 +168,7 @@ TEST(AfsMount, SettlesWhatTheHeadersShow) {
 }
 
 // Writes a log of its own: page entries in their chain, then what closes it.
-void put_log(Store &store, uint32_t eu, const std::vector<uint16_t> &pages, uint16_t close) {
+void put_log(FtlStore &store, uint32_t eu, const std::vector<uint16_t> &pages, uint16_t close) {
     uint16_t last = 0;
     uint32_t slot = 0;
     for (const uint16_t page : pages) {
@@ -318,7 +204,7 @@ TEST(AfsLogScan, FindsTheEndOfTheLog) {
     };
     for (const LogCase &c : cases) {
         SCOPED_TRACE(c.name);
-        Store store(eus, data_eus);
+        FtlStore store(eus, data_eus);
         store.format();
         std::vector<uint16_t> pages(c.pages);
         for (size_t i = 0; i < pages.size(); ++i) {
@@ -340,7 +226,7 @@ TEST(AfsLogScan, FindsTheEndOfTheLog) {
 }
 
 TEST(AfsLogScan, RefusesAPagePastTheMap) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     put_log(store, 1, {static_cast<uint16_t>(store.context()->data_va_start / 64)}, 0x7FFF);
     EXPECT_EQ(store.mount(), AFS_RC_IO);
@@ -349,7 +235,7 @@ TEST(AfsLogScan, RefusesAPagePastTheMap) {
 // A run of entries of which only the later ones reached the flash would commit whatever is written
 // before them: the log must not go on there.
 TEST(AfsLogScan, DoesNotWriteInFrontOfLeftOverEntries) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     put_log(store, 0, {1, 2}, 0x7FFF);
     for (const uint32_t slot : {3u, 4u}) {
@@ -365,7 +251,7 @@ TEST(AfsLogScan, DoesNotWriteInFrontOfLeftOverEntries) {
 
 TEST(AfsLogScan, HigherSequenceWinsWhicheverComesFirst) {
     for (const bool newer_first : {false, true}) {
-        Store store(eus, data_eus);
+        FtlStore store(eus, data_eus);
         store.format();
         const uint32_t newer = newer_first ? 0 : 1;
         const uint32_t older = 1 - newer;
@@ -383,7 +269,7 @@ TEST(AfsLogScan, HigherSequenceWinsWhicheverComesFirst) {
 }
 
 TEST(AfsPages, LogPageIsEntryThenPageThenCommit) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     EXPECT_TRUE(store.is_zero(7 * 64));
     store.attach();
@@ -406,7 +292,7 @@ TEST(AfsPages, LogPageIsEntryThenPageThenCommit) {
 }
 
 TEST(AfsPages, DataPageIsOpenedWrittenAndClosedOnce) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     EXPECT_TRUE(store.is_zero(store.chunk_va(125)));
     store.attach();
@@ -425,7 +311,7 @@ TEST(AfsPages, DataPageIsOpenedWrittenAndClosedOnce) {
 }
 
 TEST(AfsPages, PlacesThatNoEuCoversAreRefused) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     store.row(4).va_base = 0; // as if the EU of chunks 122 to 243 did not exist
     store.attach();
@@ -446,7 +332,7 @@ TEST(AfsPages, PlacesThatNoEuCoversAreRefused) {
 }
 
 TEST(AfsPages, BatchCrossesIntoTheNextEuWhereverThatLies) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     for (uint32_t chunk = 120; chunk < 124; ++chunk) {
         ASSERT_EQ(store.write(store.chunk_va(chunk), chunk), AFS_RC_OK);
@@ -467,7 +353,7 @@ TEST(AfsPages, BatchCrossesIntoTheNextEuWhereverThatLies) {
 struct FaultCase {
     const char *name;
     DeviceFault fault;
-    std::function<uint32_t(Store &)> run;
+    std::function<uint32_t(FtlStore &)> run;
     uint32_t result;
     uint32_t reads;
     uint32_t writes;
@@ -475,16 +361,16 @@ struct FaultCase {
 
 TEST(AfsPages, ReadsAreRepeatedUpToSevenTimesAndWritesNever) {
     using Effect = DeviceFault::Effect;
-    const auto read = [](Store &store) {
+    const auto read = [](FtlStore &store) {
         Page page;
         return afs_physical_ftl_read_page(store.context(), 64, 0, page.data(), 0);
     };
-    const auto batch = [](Store &store) {
+    const auto batch = [](FtlStore &store) {
         Bytes buffer(2 * 66);
         return afs_physical_ftl_read_data_pages(store.context(), buffer.data(), store.chunk_va(0),
                                                 2);
     };
-    const auto write = [](Store &store) { return store.write_log(2, 1); };
+    const auto write = [](FtlStore &store) { return store.write_log(2, 1); };
     const FaultCase cases[] = {
         {"read, six bad", {DeviceAccess::read, 0, 6, Effect::flip_bit}, read, 0, 7, 0},
         {"read, seven bad", {DeviceAccess::read, 0, 7, Effect::flip_bit}, read, 5, 7, 0},
@@ -498,7 +384,7 @@ TEST(AfsPages, ReadsAreRepeatedUpToSevenTimesAndWritesNever) {
     };
     for (const FaultCase &c : cases) {
         SCOPED_TRACE(c.name);
-        Store store(eus, data_eus);
+        FtlStore store(eus, data_eus);
         store.format();
         ASSERT_EQ(store.write_log(1, 1), AFS_RC_OK);
         ASSERT_EQ(store.write(store.chunk_va(0), 1), AFS_RC_OK);
@@ -513,7 +399,7 @@ TEST(AfsPages, ReadsAreRepeatedUpToSevenTimesAndWritesNever) {
 }
 
 // Allocates and writes until the allocator has to be asked twice.
-uint32_t allocate_all(Store &store) {
+uint32_t allocate_all(FtlStore &store) {
     uint32_t count = 0;
     uint16_t cid;
     while (afs_physical_ftl_allocate_page(store.context(), &cid) == AFS_RC_OK) {
@@ -525,7 +411,7 @@ uint32_t allocate_all(Store &store) {
 }
 
 TEST(AfsAllocator, FillsTheNewestEuThenTheOldestWithRoomAndThenGivesUp) {
-    Store store(eus, data_eus, 30);
+    FtlStore store(eus, data_eus, 30);
     store.format();
     uint16_t cid = 0;
     ASSERT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_OK);
@@ -544,7 +430,7 @@ TEST(AfsAllocator, FillsTheNewestEuThenTheOldestWithRoomAndThenGivesUp) {
 }
 
 TEST(AfsAllocator, TellsDeadSlotsFromFreeOnes) {
-    Store store(eus, data_eus);
+    FtlStore store(eus, data_eus);
     store.format();
     store.fill_data_eu(3);
     store.trim(store.chunk_va(3 * 122 + 5));
@@ -558,7 +444,7 @@ TEST(AfsAllocator, TellsDeadSlotsFromFreeOnes) {
     ASSERT_EQ(store.write(store.chunk_va(2 * 122 + 2), 1), AFS_RC_OK);
     store.trim(store.chunk_va(2 * 122 + 2));
     ASSERT_EQ(store.mount(), AFS_RC_OK);
-    for (const int chunk : {0, 1, 3}) {
+    for (const uint32_t chunk : {0u, 1u, 3u}) {
         ASSERT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_OK);
         EXPECT_EQ(cid, file_count + 2 * 122 + chunk);
     }
@@ -568,7 +454,7 @@ TEST(AfsAllocator, TellsDeadSlotsFromFreeOnes) {
 }
 
 TEST(AfsAllocator, StoreWithoutDataEusHasNoSpace) {
-    Store store(eus, 0);
+    FtlStore store(eus, 0);
     store.context()->chunk_count = 100;
     std::vector<uint32_t> map(4);
     store.format();
@@ -578,308 +464,6 @@ TEST(AfsAllocator, StoreWithoutDataEusHasNoSpace) {
     EXPECT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_FLUSH_FIRST);
     EXPECT_EQ(afs_physical_ftl_allocate_page(store.context(), &cid), AFS_RC_NO_SPACE);
     EXPECT_TRUE(store.events().empty());
-}
-
-// Erase, copies, header, magic of the source, commit.
-std::string reclaim_events(uint32_t source, uint32_t target, const std::string &copies) {
-    const std::string to = std::to_string(target);
-    return " e" + to + ":0 e" + to + ":4096" + copies + " w" + to + ":0+17 w" +
-           std::to_string(source) + ":0+4 w" + to + ":17+1";
-}
-
-TEST(AfsReclaim, FullDataEuIsCopiedInTwoRunsAndGainsNothing) {
-    Store store(eus, data_eus);
-    store.format();
-    store.fill_data_eu(1);
-    store.ftl().alloc_cursor = AFS_FTL_NONE;
-    store.attach();
-    ASSERT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_NOT_RECLAIMED);
-    EXPECT_EQ(store.events(),
-              reclaim_events(4, spare, " w7:4100+4092 w7:78+62 w7:140+3960 w7:18+60"));
-    EXPECT_EQ(store.ftl().spare_eu, 4);
-    EXPECT_EQ(store.row(spare).dirty_pages, 0);
-    EXPECT_EQ(store.row(spare).free_pages, 0);
-    EXPECT_EQ(store.row(spare).erase_count, 2u);
-    EXPECT_EQ(store.row(spare).sequence, 8u);
-    EXPECT_EQ(store.row(4).sequence, 0u);
-    ASSERT_EQ(store.mount(), AFS_RC_OK);
-    for (uint32_t i = 0; i < 122; ++i) {
-        EXPECT_TRUE(store.holds(store.chunk_va(122 + i), i));
-    }
-}
-
-TEST(AfsReclaim, DeadDataEuCostsOnlyTheHeader) {
-    Store store(eus, data_eus);
-    store.format();
-    store.ftl().alloc_cursor = store.ftl().alloc_end;
-    store.attach();
-    ASSERT_EQ(reclaim_eu(store.context(), 5, 1), AFS_RC_OK);
-    EXPECT_EQ(store.events(), reclaim_events(5, spare, ""));
-    EXPECT_EQ(store.ftl().alloc_cursor, 2u * 122);
-    EXPECT_EQ(store.ftl().alloc_end, 3u * 122);
-    EXPECT_EQ(store.row(spare).free_pages, 122);
-}
-
-TEST(AfsReclaim, RunsEndAtDeadSlotsAndTheCursorAtTheLowest) {
-    Store store(eus, data_eus);
-    store.format();
-    store.fill_data_eu(0);
-    for (const uint32_t chunk : {2u, 100u, 121u}) {
-        store.trim(store.chunk_va(chunk));
-    }
-    const uint32_t cursor = store.ftl().alloc_cursor;
-    store.attach();
-    ASSERT_EQ(reclaim_eu(store.context(), 3, 1), AFS_RC_OK);
-    EXPECT_EQ(store.events(), reclaim_events(3, spare,
-                                             " w7:6806+1320 w7:119+20 w7:2648+4092 w7:56+62"
-                                             " w7:338+2310 w7:21+35 w7:140+132 w7:18+2"));
-    EXPECT_EQ(store.ftl().alloc_cursor, cursor) << "a range that is left is kept";
-    EXPECT_EQ(store.row(spare).dirty_pages, 3);
-    EXPECT_EQ(store.row(spare).free_pages, 3);
-    store.ftl().alloc_cursor = AFS_FTL_NONE;
-    ASSERT_EQ(reclaim_eu(store.context(), spare, 1), AFS_RC_OK);
-    EXPECT_EQ(store.ftl().alloc_cursor, 2u);
-}
-
-// Fills log EU 0 with pages 0 to 39 alive in its first slots, and the head (EU 1) up to 100.
-void prepare_log(Store &store) {
-    store.format();
-    for (uint32_t i = 0; i < 40; ++i) {
-        ASSERT_EQ(store.write_log(i, i), AFS_RC_OK);
-    }
-    for (uint32_t i = 40; i < 220; ++i) {
-        ASSERT_EQ(store.write_log(40 + i % 7, i), AFS_RC_OK);
-    }
-    ASSERT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(1u, 100u));
-    ASSERT_EQ(store.row(0).dirty_pages, 80);
-}
-
-bool log_is_intact(Store &store) {
-    bool intact = true;
-    for (uint32_t i = 0; i < 40; ++i) {
-        intact = intact && store.holds(i * 64, i);
-    }
-    for (uint32_t i = 213; i < 220; ++i) {
-        intact = intact && store.holds((40 + i % 7) * 64, i);
-    }
-    return intact;
-}
-
-TEST(AfsReclaim, LogPagesFillTheHeadAndGoOnInTheNextEu) {
-    Store store(eus, data_eus);
-    prepare_log(store);
-    store.attach();
-    ASSERT_EQ(reclaim_eu(store.context(), 0, 1), AFS_RC_OK);
-    EXPECT_EQ(store.events(), reclaim_events(0, spare,
-                                             " w1:6860+1320 w1:218+40 w1:259+1"
-                                             " w2:260+1320 w2:18+40 w2:59+1"));
-    EXPECT_TRUE(DeviceDouble::instance().breaches().empty());
-    EXPECT_EQ(load_le16(store.at(1, log_entry_offset(120))), 0x7FFF);
-    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(2u, 20u));
-    EXPECT_EQ(store.row(spare).free_pages, 1);
-    EXPECT_TRUE(log_is_intact(store));
-    ASSERT_EQ(store.mount(), AFS_RC_OK);
-    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(2u, 20u));
-    EXPECT_TRUE(log_is_intact(store));
-}
-
-TEST(AfsReclaim, HeadLeavesTheEuThatIsGivenUp) {
-    Store store(eus, data_eus);
-    prepare_log(store);
-    ASSERT_EQ(reclaim_eu(store.context(), 1, 1), AFS_RC_OK);
-    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(2u, 7u));
-    // No blank EU but the one that is now reclaimed: the head moves onto the spare itself.
-    ASSERT_EQ(reclaim_eu(store.context(), spare, 1), AFS_RC_OK);
-    ASSERT_EQ(store.ftl().spare_eu, spare);
-    ASSERT_EQ(reclaim_eu(store.context(), 2, 1), AFS_RC_OK);
-    EXPECT_TRUE(log_is_intact(store));
-    ASSERT_EQ(store.mount(), AFS_RC_OK);
-    EXPECT_TRUE(log_is_intact(store));
-}
-
-// Once a mount had rolled a reclaim forward, the next one left two uncommitted headers behind when
-// it was cut, and the store never mounted again.
-TEST(AfsReclaim, CommitsWhatTheMountRolledForwardBeforeAnythingElse) {
-    Store store(eus, data_eus);
-    store.format();
-    ASSERT_EQ(reclaim_eu(store.context(), 5, 1), AFS_RC_OK);
-    *store.at(spare, eu_state_offset) = eu_state_pending;
-    ASSERT_EQ(store.mount(), AFS_RC_OK);
-    store.attach();
-    ASSERT_EQ(reclaim_eu(store.context(), 4, 0), AFS_RC_OK);
-    EXPECT_TRUE(store.events().empty()) << "mode 0 touches no flash";
-    ASSERT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_OK);
-    EXPECT_EQ(store.events(), " w7:17+1" + reclaim_events(4, 5, ""));
-    store.attach();
-    ASSERT_EQ(reclaim_eu(store.context(), 3, 1), AFS_RC_OK);
-    EXPECT_EQ(store.events(), reclaim_events(3, 4, "")) << "only once";
-}
-
-TEST(AfsReclaim, RolledForwardLogThatWasCutInItsFirstWriteStartsItsChainAnew) {
-    Store store(eus, data_eus);
-    prepare_log(store);
-    ASSERT_EQ(reclaim_eu(store.context(), 0, 1), AFS_RC_OK);
-    *store.at(spare, eu_state_offset) = eu_state_pending;
-    store_le16(store.at(spare, log_entry_offset(0)), log_chain(0, 3));
-    ASSERT_EQ(store.mount(), AFS_RC_OK);
-    EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(spare, 2u));
-    ASSERT_EQ(store.write_log(47, 3), AFS_RC_OK);
-    ASSERT_EQ(store.mount(), AFS_RC_OK);
-    EXPECT_TRUE(store.holds(47 * 64, 3));
-}
-
-TEST(AfsReclaim, FailureHalfWayStopsWritesUntilTheNextMount) {
-    for (uint32_t write = 0; write < 9; ++write) {
-        Store store(eus, data_eus);
-        prepare_log(store);
-        store.attach();
-        DeviceDouble::instance().add_fault(
-            {DeviceAccess::write, write, 1, DeviceFault::Effect::fail});
-        ASSERT_EQ(reclaim_eu(store.context(), 0, 1), AFS_RC_IO);
-        EXPECT_EQ(store.write_log(47, 3), AFS_RC_IO) << write;
-        EXPECT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_IO) << write;
-        ASSERT_EQ(store.mount(), AFS_RC_OK) << write;
-        EXPECT_TRUE(log_is_intact(store)) << write;
-        EXPECT_EQ(store.write_log(47, 3), AFS_RC_OK) << write;
-    }
-}
-
-TEST(AfsReclaim, TouchesNothingWhereItCannotRun) {
-    Store store(eus, data_eus);
-    store.format();
-    store.attach();
-    EXPECT_EQ(reclaim_eu(store.context(), spare, 1), AFS_RC_NO_SPACE);
-    EXPECT_EQ(reclaim_eu(store.context(), spare, 0), AFS_RC_NO_SPACE);
-    EXPECT_EQ(reclaim_eu(store.context(), AFS_FTL_NONE, 1), AFS_RC_NO_SPACE);
-    store.context()->chunk_map = nullptr;
-    EXPECT_EQ(reclaim_eu(store.context(), 4, 1), AFS_RC_BAD_STATE);
-    EXPECT_TRUE(store.events().empty());
-}
-
-// The rows of data EUs 3 to 6: dirty and free pages, erase counts.
-struct ChoiceCase {
-    const char *name;
-    uint8_t dirty[4];
-    uint8_t free_pages[4];
-    uint32_t erase_count[4];
-    uint32_t wear;
-    uint32_t eu;
-    uint32_t mode;
-};
-
-TEST(AfsChoice, TakesRoomThenDirtUnlessTheWearRuleFires) {
-    const ChoiceCase cases[] = {
-        {"oldest with room", {9, 9, 9, 9}, {0, 1, 0, 2}, {1, 1, 1, 1}, 1, 4, 0},
-        {"most dirt", {1, 5, 9, 2}, {}, {1, 1, 1, 1}, 1, 5, 1},
-        {"of equals the least worn", {9, 9, 9, 2}, {}, {7, 6, 6, 1}, 1, 4, 1},
-        {"nothing dirty", {}, {}, {7, 6, 5, 6}, 1, 5, 1},
-        {"spread of 101 at a multiple of 10", {9, 0, 0, 0}, {}, {1000, 950, 899, 899}, 1, 5, 1},
-        {"the same without the rule", {9, 0, 0, 0}, {}, {1000, 950, 899, 899}, 0, 3, 1},
-        {"spread of 100", {9, 0, 0, 0}, {}, {1000, 950, 900, 900}, 1, 3, 1},
-        {"no multiple of 10", {9, 0, 0, 0}, {}, {1005, 950, 899, 899}, 1, 3, 1},
-    };
-    Store store(eus, data_eus);
-    store.format();
-    store.row(spare).erase_count = 1; // never counts, even with the rule's eyes
-    store.row(spare).dirty_pages = 122;
-    for (const ChoiceCase &c : cases) {
-        SCOPED_TRACE(c.name);
-        for (uint32_t i = 0; i < 4; ++i) {
-            store.row(first_data_eu + i).dirty_pages = c.dirty[i];
-            store.row(first_data_eu + i).free_pages = c.free_pages[i];
-            store.row(first_data_eu + i).erase_count = c.erase_count[i];
-        }
-        uint32_t mode = 99;
-        EXPECT_EQ(choose_eu_to_reclaim(store.context(), AFS_FTL_KIND_DATA, c.wear, &mode, 0), c.eu);
-        EXPECT_EQ(mode, c.mode);
-    }
-}
-
-TEST(AfsChoice, WrapperChoosesAgainIfTheWearRuleGainedNothing) {
-    Store store(eus, data_eus);
-    store.format();
-    for (uint32_t index = 0; index < data_eus; ++index) {
-        store.fill_data_eu(index);
-    }
-    store.trim(store.chunk_va(7));
-    store.row(5).erase_count = 1;
-    store.row(3).erase_count = 1000;
-    store.ftl().alloc_cursor = AFS_FTL_NONE;
-    ASSERT_EQ(reclaim_eu_wrapper(store.context(), AFS_FTL_KIND_DATA), AFS_RC_OK);
-    EXPECT_EQ(store.ftl().alloc_cursor, 7u);
-    EXPECT_EQ(store.ftl().spare_eu, 3) << "EU 5 went to EU 7, then EU 3 to EU 5";
-}
-
-TEST(AfsIdle, WantsRoomInTheLogThenInTheDataThenDeadUnits) {
-    struct IdleCase {
-        const char *name;
-        uint32_t write_slot; // of the only log EU with room
-        uint8_t data_free;   // of one data EU
-        uint8_t data_dirty;
-        bool dead_eu; // EU 5
-        uint32_t needed;
-        uint32_t kind;
-        uint32_t eu;
-    };
-    const IdleCase cases[] = {
-        {"29 slots left", 91, 0, 97, true, 1, AFS_FTL_KIND_LOG, AFS_FTL_NONE},
-        {"30 slots left, clean", 90, 0, 0, false, 0, 77, 77},
-        {"63 free, 97 dirty", 90, 63, 97, false, 1, AFS_FTL_KIND_DATA, AFS_FTL_NONE},
-        {"63 free, 96 dirty", 90, 63, 96, false, 0, 77, 77},
-        {"64 free, a dead EU", 90, 64, 97, true, 1, AFS_FTL_KIND_DATA, 5},
-    };
-    Store store(eus, data_eus);
-    store.format();
-    for (const IdleCase &c : cases) {
-        SCOPED_TRACE(c.name);
-        for (uint32_t eu = 0; eu < spare; ++eu) {
-            store.row(eu).free_pages = 0;
-            store.row(eu).dirty_pages = 0;
-        }
-        store.ftl().write_slot = c.write_slot;
-        store.row(4).free_pages = c.data_free;
-        store.row(4).dirty_pages = c.data_dirty;
-        store.row(5).dirty_pages = c.dead_eu ? 122 : 0;
-        uint32_t eu = 77;
-        uint32_t kind = 77;
-        EXPECT_EQ(afs_physical_ftl_idle_reclaim_needed(store.context(), &eu, &kind), c.needed);
-        EXPECT_EQ(std::tuple(kind, eu), std::tuple(c.kind, c.eu));
-    }
-    store.attach();
-    EXPECT_EQ(afs_physical_ftl_idle_reclaim(store.context()), AFS_RC_OK);
-    EXPECT_EQ(store.events(), reclaim_events(5, spare, ""));
-}
-
-TEST(AfsForced, FullReclaimWalksAllDataEusAndEndReservedTheFirstTwo) {
-    Store store(eus, data_eus);
-    store.format();
-    for (const uint32_t cursor : {4u, 5u, 6u, 7u}) {
-        EXPECT_EQ(afs_physical_ftl_force_full_reclaim(store.context()), AFS_RC_AGAIN);
-        EXPECT_EQ(store.ftl().reclaim_cursor, cursor);
-    }
-    EXPECT_EQ(afs_physical_ftl_force_full_reclaim(store.context()), AFS_RC_OK);
-    EXPECT_EQ(store.ftl().reclaim_cursor, 0);
-    ASSERT_EQ(afs_physical_ftl_end_reserved_files_mode(store.context()), AFS_RC_OK);
-    EXPECT_EQ(store.ftl().spare_eu, 1);
-    EXPECT_EQ(store.mount(), AFS_RC_OK);
-}
-
-TEST(AfsForced, DirtyEraseZerosDeadAndSpareSlotsAlone) {
-    Store store(eus, data_eus);
-    store.format();
-    store.fill_data_eu(1);
-    ASSERT_EQ(store.write(store.chunk_va(0), 1), AFS_RC_OK);
-    store.trim(store.chunk_va(122 + 9));
-    store.attach();
-    ASSERT_EQ(afs_physical_ftl_force_dirty_erase(store.context()), AFS_RC_OK);
-    EXPECT_EQ(DeviceDouble::instance().count(DeviceAccess::read), 5u) << "no read-back";
-    std::string expected = " w4:734+66";
-    for (uint32_t slot = 0; slot < 122; ++slot) {
-        expected += " w7:" + std::to_string(140 + slot * 66) + "+66";
-    }
-    EXPECT_EQ(store.events(), expected);
-    EXPECT_EQ(store.row(4).dirty_pages, 1);
-    EXPECT_EQ(store.mount(), AFS_RC_OK);
 }
 
 TEST(AfsFtl, OffersDataSpaceBesideSpareAndLog) {
