@@ -8,7 +8,7 @@
 
 namespace {
 
-// The entry of that name if the host may see it; otherwise null, and reported.
+// The entry of that name; null, and reported, if there is none.
 FcsFileEntry *find_reported(FcsFileName fileName, const char *path) {
     FcsFileEntry *entry = qoQfsFindFileEntryInTable(fileName, path);
     if (entry == nullptr) {
