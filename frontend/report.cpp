@@ -1,10 +1,6 @@
 #include "frontend/report.h"
 
 #include <cstdio>
-#include <new>
-#include <string>
-
-#include "vynerrors.h"
 
 DolmStatusCallback s_mDolmStatusCallback = nullptr;
 
@@ -12,15 +8,8 @@ void qoQfsLogMessage(ErrorLevel level, ImageToolsErrorName number, const char *m
     if (s_mDolmStatusCallback == nullptr) {
         return;
     }
-    std::string text;
-    if (number != IMAGE_TOOLS_NO_ERROR) {
-        try {
-            text = VynErrors::getErrorNameString(number);
-        } catch (const std::bad_alloc &) {
-            // The number and the message still reach the host.
-        }
-    }
-    s_mDolmStatusCallback(level, number, text.c_str(), message);
+    const char *text = number == IMAGE_TOOLS_NO_ERROR ? "" : catalogue_text(number);
+    s_mDolmStatusCallback(level, number, text, message);
 }
 
 void setLibError(ImageToolsErrorName number, int32_t status) noexcept {

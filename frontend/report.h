@@ -6,6 +6,10 @@
 // The callback of the latest start-up, also after termination; null drops every report.
 extern DolmStatusCallback s_mDolmStatusCallback;
 
+// The text behind VynErrors::getErrorNameString, good until the maps are filled anew. It costs no
+// memory, so that a report of exhausted memory has its text.
+const char *catalogue_text(ImageToolsErrorName number) noexcept;
+
 // Hands a report to the host with the catalogue text of number (empty for number 0). Does nothing
 // without a callback.
 void qoQfsLogMessage(ErrorLevel level, ImageToolsErrorName number, const char *message) noexcept;

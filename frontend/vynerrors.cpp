@@ -1,5 +1,7 @@
 #include "vynerrors.h"
 
+#include "frontend/report.h"
+
 std::map<ImageToolsErrorName, std::string> VynErrors::s_imageToolsErrorNameStringMap;
 std::map<ImageToolsErrorType, std::string> VynErrors::s_imageToolsErrorTypeStringMap;
 
@@ -103,6 +105,11 @@ void VynErrors::initStringMaps() {
 }
 
 std::string VynErrors::getErrorNameString(ImageToolsErrorName number) {
-    const auto row = s_imageToolsErrorNameStringMap.find(number);
-    return row == s_imageToolsErrorNameStringMap.end() ? "General Error" : row->second;
+    return catalogue_text(number);
+}
+
+const char *catalogue_text(ImageToolsErrorName number) noexcept {
+    const auto &texts = VynErrors::s_imageToolsErrorNameStringMap;
+    const auto row = texts.find(number);
+    return row == texts.end() ? "General Error" : row->second.c_str();
 }
