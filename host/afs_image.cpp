@@ -184,6 +184,7 @@ class Reader {
         }
         image_.eu_count = static_cast<uint32_t>(count);
         image_.eus.resize(count);
+        image_.sequence = image_.eu_count - 1; // a format leaves no lower one
         return true;
     }
 
@@ -230,7 +231,9 @@ class Reader {
                 return;
             }
             make_spare(invalid_.front());
-            if (newest_ && image_.eus[*newest_].next_spare != *image_.spare) {
+            if (!newest_) {
+                damage("no header is as new as a format leaves them");
+            } else if (image_.eus[*newest_].next_spare != *image_.spare) {
                 damage("the newest header names EU " + number(image_.eus[*newest_].next_spare) +
                        " as the spare, but EU " + number(*image_.spare) + " is");
             }

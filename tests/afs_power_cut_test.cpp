@@ -2,14 +2,14 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "Afs.h"
-#include "AfsCrc.h"
 #include "AfsFtl.h"
+#include "afs/ftl_format.h"
 #include "afs_store.h"
-#include "common/little_endian.h"
 #include "host/afs_image.h"
 
 namespace dolm_test {
@@ -109,12 +109,12 @@ Predicate erased_slots_left(uint32_t slots) {
 }
 
 void set_erase_count(Image &image, uint32_t eu, uint32_t count) {
-    uint8_t *header = &image[size_t{eu} * AFS_EU_SIZE];
-    const uint32_t magic = dolm::load_le32(header);
-    dolm::store_le32(header + 8, count);
-    dolm::store_le32(header, 0xAA557887);
-    header[16] = static_cast<uint8_t>(crc8(header, 16));
-    dolm::store_le32(header, magic);
+    uint8_t *bytes = &image[size_t{eu} * AFS_EU_SIZE];
+    dolm::afs_eu_header header = dolm::load_eu_header(bytes);
+    const uint32_t magic = std::exchange(header.magic, dolm::eu_magic); // 0 in the spare
+    header.erase_count = count;
+    dolm::store_eu_header(bytes, header);
+    dolm::store_le32(bytes, magic);
 }
 
 // Leaves the EU of a kind that has least to give far behind the others in wear, so that only the

@@ -4,22 +4,13 @@
 #include <stdexcept>
 
 #include "Afs.h"
-#include "AfsCrc.h"
 #include "AfsFtl.h"
+#include "afs/ftl_format.h"
 #include "common/little_endian.h"
 #include "host/afs_image.h"
 
 namespace dolm_test {
 namespace {
-
-constexpr uint32_t header_length = 17; // as written; the state byte follows on its own
-constexpr uint32_t log_map_offset = 18;
-constexpr uint32_t log_records_offset = 260;
-constexpr uint32_t data_records_offset = 140;
-constexpr uint32_t record_size = 66;
-constexpr uint32_t eu_magic = 0xAA557887;
-constexpr uint32_t eu_magic_alt = 0x82416801;
-constexpr uint32_t eu_magic_partial = 0xAA050887;
 
 uint32_t offset_in_eu(const DeviceEvent &event) {
     return event.address % AFS_EU_SIZE;
@@ -32,42 +23,29 @@ bool is_write(const DeviceEvent &event) {
 bool are_records(const DeviceEvent &event, uint32_t first_record) {
     const uint32_t offset = offset_in_eu(event);
     return is_write(event) && offset >= first_record &&
-           (offset - first_record) % record_size == 0 && event.length % record_size == 0;
+           (offset - first_record) % dolm::page_slot_size == 0 &&
+           event.length % dolm::page_slot_size == 0;
 }
 
 // A run of pages that goes to the log. Those of a data EU start at other offsets.
 bool are_log_records(const DeviceEvent &event) {
-    return are_records(event, log_records_offset);
+    return are_records(event, dolm::log_slots_offset);
 }
 
 uint32_t log_slot_of_records(const DeviceEvent &event) {
-    return (offset_in_eu(event) - log_records_offset) / record_size;
+    return (offset_in_eu(event) - dolm::log_slots_offset) / dolm::page_slot_size;
 }
 
 bool could_be_entries(const DeviceEvent &event) {
     const uint32_t offset = offset_in_eu(event);
-    return is_write(event) && offset >= log_map_offset && offset < log_records_offset &&
+    return is_write(event) && offset >= dolm::log_map_offset && offset < dolm::log_slots_offset &&
            offset % 2 == 0 && event.length % 2 == 0;
 }
 
 bool same_log_slot(const DeviceEvent &entries, const DeviceEvent &records) {
     return could_be_entries(entries) && are_log_records(records) &&
            entries.address / AFS_EU_SIZE == records.address / AFS_EU_SIZE &&
-           (offset_in_eu(entries) - log_map_offset) / 2 == log_slot_of_records(records);
-}
-
-bool passes_header_checksum(const uint8_t *header) {
-    std::array<uint8_t, 16> checked{};
-    std::copy_n(header, checked.size(), checked.begin());
-    const uint32_t magic = dolm::load_le32(header);
-    if (magic != eu_magic && magic != eu_magic_alt && magic != eu_magic_partial) {
-        return false;
-    }
-    if (crc8(checked.data(), checked.size()) == header[16]) {
-        return true;
-    }
-    dolm::store_le32(checked.data(), eu_magic);
-    return crc8(checked.data(), checked.size()) == header[16];
+           (offset_in_eu(entries) - dolm::log_map_offset) / 2 == log_slot_of_records(records);
 }
 
 std::vector<uint8_t> le32_bytes(uint32_t value) {
@@ -217,16 +195,16 @@ std::vector<uint32_t> AfsStore::boundaries(const DeviceEvent &event) const {
     if (event.kind == DeviceEvent::Kind::erase) {
         // The fields at the head of an EU lie in its lower block.
         if (offset == 0) {
-            return {4, 8, 17, 18, data_records_offset, log_records_offset, 2048};
+            return {4, 8, 17, 18, dolm::data_slots_offset, dolm::log_slots_offset, 2048};
         }
-        return {record_size, 2048};
+        return {dolm::page_slot_size, 2048};
     }
     if (offset == 0) {
         return {4, 8, 12, 14, 16};
     }
     std::vector<uint32_t> result;
-    if (are_log_records(event) || are_records(event, data_records_offset)) {
-        for (uint32_t at = 0; at < event.length; at += record_size) {
+    if (are_log_records(event) || are_records(event, dolm::data_slots_offset)) {
+        for (uint32_t at = 0; at < event.length; at += dolm::page_slot_size) {
             result.insert(result.end(), {at, at + AFS_PAGE_SIZE});
         }
         return result;
@@ -243,7 +221,7 @@ std::vector<std::vector<uint8_t>> AfsStore::torn_values(const DeviceEvent &event
     if (!gives_up) {
         return {};
     }
-    return {le32_bytes(eu_magic_alt), le32_bytes(eu_magic_partial)};
+    return {le32_bytes(dolm::eu_magic_alt), le32_bytes(dolm::eu_magic_partial)};
 }
 
 std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
@@ -252,15 +230,16 @@ std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const
     if (tear.kind == Tear::Kind::whole || !is_write(event)) {
         return "";
     }
-    if (offset_in_eu(event) == 0 && event.length == header_length &&
-        passes_header_checksum(&torn_image[event.address])) {
+    if (offset_in_eu(event) == 0 && event.length == dolm::eu_header_written_size &&
+        dolm::eu_header_is_valid(&torn_image[event.address])) {
         return "a torn header passes its checksum";
     }
     // Each entry of a run commits the page before it. Entries have no checksum of their own, so
     // that a later one which landed before an earlier one leads astray. Only where nothing of the
     // first one stands behind a commit mark, the log still shows its end.
     const bool run = k > 0 && same_log_slot(event, events[k - 1]) && event.length > 2;
-    const bool mark_stands = dolm::load_le16(&torn_image[event.address]) == 0x7FFF;
+    const bool mark_stands =
+        dolm::load_le16(&torn_image[event.address]) == dolm::log_entry_commit_mark;
     if (run && tear.kind != Tear::Kind::prefix && !mark_stands) {
         return "entries of a run landed out of order";
     }
