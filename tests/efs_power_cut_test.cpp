@@ -286,10 +286,19 @@ TEST_P(EfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
     }
     PowerCut power_cut(store);
     power_cut.explore({GetParam().name, image, files, GetParam().cut});
-    const PowerCutCounts &counts = power_cut.counts();
-    std::cout << "EFS " << GetParam().name << ": " << counts.states() << " states, "
-              << counts.first_level << " after one cut and " << counts.second_level
-              << " after two\n";
+    std::cout << "EFS " << GetParam().name << ": " << power_cut.counts() << "\n";
+}
+
+// Cuts follow each other without end, over stores that wear.
+TEST(EfsPowerCutChain, HoldsFromCutToCut) {
+    for (const uint32_t threshold : {3u, 100u}) {
+        EfsStore store(threshold);
+        PowerCut power_cut(store);
+        for (uint64_t seed = 1; seed <= 20; ++seed) {
+            power_cut.chain({"chain", formatted(store), {}, {}}, seed, 250);
+        }
+        std::cout << "EFS chain: " << power_cut.counts().chained << " cuts\n";
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(All, EfsPowerCut, testing::ValuesIn(cases),
