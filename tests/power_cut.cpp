@@ -199,7 +199,7 @@ PowerCut::Recording PowerCut::run_and_check(Image &image, const State &state,
     expect_sound(store_, image, files);
     mount(store_, image, "the second mount");
     expect_files(store_, files, "the second mount");
-    recording.segments.push_back({log.size(), *state.before, *state.after});
+    recording.segments.push_back({log.size(), *state.before, *state.after, true});
 
     for (const Change &change : changes(files)) {
         Files before = files;
@@ -223,6 +223,14 @@ PowerCut::Recording PowerCut::run_and_check(Image &image, const State &state,
     return recording;
 }
 
+// What a cut may throw the store back to. Once the last write of a change has landed, the change is
+// acknowledged before anything else is written: then only the new files will do.
+const Files &PowerCut::oldest_allowed(const Segment &segment, size_t k, const Tear &tear) {
+    const bool acknowledged =
+        !segment.is_mount && tear.kind == Tear::Kind::whole && k + 1 == segment.end;
+    return acknowledged ? segment.after : segment.before;
+}
+
 void PowerCut::cut_everywhere(const Image &start, const Recording &recording, const State &parent,
                               unsigned level) {
     uint64_t stride = sample_stride;
@@ -240,10 +248,10 @@ void PowerCut::cut_everywhere(const Image &start, const Recording &recording, co
             ++segment;
         }
         const DeviceEvent &event = recording.events[k];
-        const uint64_t oracle = hash_files(hash_files(hash_start, segment->before), segment->after);
         for (const Tear &tear : tears(event)) {
-            State state{parent.id + "/" + std::to_string(k) + tear.name(), &segment->before,
-                        &segment->after, "", parent.unclaimed_bytes};
+            State state{parent.id + "/" + std::to_string(k) + tear.name(),
+                        &oldest_allowed(*segment, k, tear), &segment->after, "",
+                        parent.unclaimed_bytes};
             if (failures_ >= max_reported_failures || !is_chosen(state.id, stride)) {
                 continue;
             }
@@ -251,6 +259,7 @@ void PowerCut::cut_everywhere(const Image &start, const Recording &recording, co
             state.limit = store_.limit(recording.events, k, tear, image);
             state.unclaimed_bytes =
                 state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);
+            const uint64_t oracle = hash_files(hash_files(hash_start, *state.before), *state.after);
             if (is_new(mix(hash_bytes(oracle, image), state.limit.size()), level)) {
                 visit(image, state, level);
             }
@@ -312,7 +321,7 @@ bool PowerCut::cut_somewhere(Image &image, const Recording &recording, State &st
     const auto segment = std::find_if(recording.segments.begin(), recording.segments.end(),
                                       [k](const Segment &candidate) { return k < candidate.end; });
     image = std::move(reached);
-    before = segment->before;
+    before = oldest_allowed(*segment, k, tear);
     after = segment->after;
     state.unclaimed_bytes =
         state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);

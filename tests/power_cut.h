@@ -126,6 +126,7 @@ class PowerCut {
         size_t end = 0; // index behind its last event
         Files before;
         Files after;
+        bool is_mount = false; // acknowledges nothing
     };
     struct Recording {
         std::vector<DeviceEvent> events;
@@ -149,6 +150,7 @@ class PowerCut {
     void visit(const Image &image, const State &state, unsigned level);
     std::vector<Tear> tears(const DeviceEvent &event) const;
     Image torn(const Image &before, const DeviceEvent &event, const Tear &tear) const;
+    static const Files &oldest_allowed(const Segment &segment, size_t k, const Tear &tear);
     bool is_chosen(const std::string &id, uint64_t stride) const;
     bool is_new(uint64_t hash, unsigned level);
     void fail(const State &state, const std::string &what);
