@@ -1,6 +1,9 @@
 #include "host/library.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <set>
@@ -44,6 +47,27 @@ void require(bool success, const std::string &otherwise) {
         throw Failure(otherwise);
     }
 }
+
+// The library tells of a failed mount on standard output, which belongs to a command's results.
+class OutputToErrors {
+  public:
+    OutputToErrors() : results_(dup(STDOUT_FILENO)) { point_output_at(STDERR_FILENO); }
+    ~OutputToErrors() {
+        point_output_at(results_);
+        close(results_);
+    }
+    OutputToErrors(const OutputToErrors &) = delete;
+    OutputToErrors &operator=(const OutputToErrors &) = delete;
+
+  private:
+    static void point_output_at(int descriptor) {
+        std::cout.flush();
+        std::fflush(stdout);
+        dup2(descriptor, STDOUT_FILENO);
+    }
+
+    int results_;
+};
 
 _commonDolmTable range_of(Bytes &bytes) {
     return {bytes.empty() ? nullptr : bytes.data(), static_cast<uint32_t>(bytes.size())};
@@ -116,6 +140,7 @@ Library::Library(SetFiles &set, uint32_t sku) {
     inputs.ftbl = range_of(set.ftbl);
     inputs.afsSkuId = sku;
     inputs.efsImage = range_of(set.efs_image);
+    const OutputToErrors guard;
     if (!qoQfsDolmInit(&inputs, print_report)) {
         // The tables may be up although the flash stores are not.
         if (qoFcsIsInitialized()) {

@@ -17,7 +17,6 @@
 #include "host/progress.h"
 #include "host/table_entries.h"
 #include "host/tables.h"
-#include "miniVfs.h"
 
 namespace dolm {
 
@@ -57,6 +56,11 @@ class SetCheck {
         read_tables_of_all_skus();
         check_records("orvel.cfg", set_.orvel_cfg, 0);
         check_records("vync.cfg", set_.vync_cfg, vync_head_size);
+        check_stray_files();
+        if (load_table(sku_)) {
+            check_table();
+            check_deployed_files();
+        }
         try {
             check_running();
         } catch (const Failure &failure) {
@@ -76,7 +80,7 @@ class SetCheck {
     void read_images() {
         if (!set_.qfs_image.empty()) {
             afs_ = read_afs_image(set_.qfs_image);
-            for (const std::string &rule : check_invariants(*afs_)) {
+            for (const std::string &rule : check_invariants(afs_)) {
                 error("qfs.img", rule);
             }
         }
@@ -90,15 +94,21 @@ class SetCheck {
             return;
         }
         efs_ = read_efs_image(set_.efs_image, *layout_);
-        for (const std::string &rule : efs_->damages) {
+        for (const std::string &rule : efs_.damages) {
             error("efs.img", rule);
         }
+    }
+
+    bool load_table(uint32_t sku) const {
+        return load_file_table(set_.ftbl.data(), sku, static_cast<uint32_t>(set_.ftbl.size())) == 0;
     }
 
     // What any SKU knows is no stray, although the SKU at hand may not see it.
     void read_tables_of_all_skus() {
         for (const uint32_t sku : skus_of(set_.ftbl)) {
-            load_file_table(set_.ftbl.data(), sku, static_cast<uint32_t>(set_.ftbl.size()));
+            if (!load_table(sku)) {
+                continue;
+            }
             for (const TableEntry &entry : selected_entries()) {
                 known_numbers_.insert(entry.number);
                 known_files_.insert({entry.store, entry.id});
@@ -120,8 +130,6 @@ class SetCheck {
         std::map<std::string, Bytes> values;
         {
             Library library(copy, sku_);
-            check_table();
-            check_stray_files();
             read_all_files();
             for (const std::string &name : library.override_only_names()) {
                 note(name, "stands in vync.cfg alone and has no effect");
@@ -174,19 +182,80 @@ class SetCheck {
         return false;
     }
 
+    // The size of a file where the dispatch by file number would look for it; nothing if it is not
+    // there.
+    std::optional<size_t> size_in_flash(const TableEntry &entry) const {
+        if (entry.store == static_cast<uint8_t>(Store::efs)) {
+            for (const EfsFile &file : efs_.files) {
+                if (file.place.number == entry.id && file.kind == EfsFile::Kind::contents) {
+                    return file.contents.size();
+                }
+            }
+            return std::nullopt;
+        }
+        const bool reads_as_no_file = entry.id == 0 && entry.number >> 28 == 0;
+        for (const AfsFile &file : afs_.files) {
+            if (file.number == entry.id && file.kind != AfsFile::Kind::zombie &&
+                !reads_as_no_file) {
+                return file.contents.size();
+            }
+        }
+        return std::nullopt;
+    }
+
+    bool is_deployed(const std::vector<TableEntry> &entries) const {
+        for (const TableEntry &entry : entries) {
+            if (entry.name == deploy_marker) {
+                return !set_.qfs_image.empty() && size_in_flash(entry).value_or(0) != 0;
+            }
+        }
+        return false;
+    }
+
+    // In a deployed VFS start-up and termination stand or fall with the files of the NVARs.
+    void check_deployed_files() {
+        const std::vector<TableEntry> entries = selected_entries();
+        if (!is_deployed(entries)) {
+            return;
+        }
+        const std::set<uint32_t> nvars = numbers_in_store(set_.orvel_cfg, 0);
+        for (const TableEntry &entry : entries) {
+            if (nvars.contains(entry.number)) {
+                check_deployed_file(entry);
+            }
+        }
+    }
+
+    void check_deployed_file(const TableEntry &entry) {
+        const bool has_trailer = (entry.attributes & attribute_trailer) != 0;
+        const bool is_pulled = (entry.attributes & attribute_not_pulled) == 0;
+        const uint32_t trailer = trailer_length(entry.attributes);
+        const std::optional<size_t> size = size_in_flash(entry);
+        if (entry.store == static_cast<uint8_t>(Store::efs) && set_.efs_image.empty()) {
+            error(entry.name, "lies in EFS, and the set has no efs.img");
+        } else if (!size && has_trailer) {
+            note(entry.name, "is not in flash; the value of the tables stands");
+        } else if (!size) {
+            error(entry.name, "is not in flash and has no trailer: every termination fails");
+        } else if (is_pulled && *size < trailer) {
+            error(entry.name, "has " + bytes(*size) + " in flash, less than its trailer of " +
+                                  bytes(trailer) + ": start-up fails");
+        }
+    }
+
     bool is_known(Store store, uint32_t id) const {
         return known_files_.contains({static_cast<uint8_t>(store), static_cast<uint16_t>(id)});
     }
 
     void check_stray_files() {
-        for (const AfsFile &file : afs_ ? afs_->files : std::vector<AfsFile>{}) {
+        for (const AfsFile &file : afs_.files) {
             if (file.kind != AfsFile::Kind::zombie && !is_known(Store::afs, file.number) &&
                 !is_known(Store::none, file.number)) {
                 note("qfs.img", "file " + std::to_string(file.number) + ", " +
                                     bytes(file.contents.size()) + ", is in no file table");
             }
         }
-        for (const EfsFile &file : efs_ ? efs_->files : std::vector<EfsFile>{}) {
+        for (const EfsFile &file : efs_.files) {
             if (file.kind == EfsFile::Kind::contents && !is_known(Store::efs, file.place.number)) {
                 note("efs.img", "file " + std::to_string(file.place.number) + ", " +
                                     bytes(file.contents.size()) + ", is in no file table");
@@ -196,15 +265,14 @@ class SetCheck {
 
     // Every file through the library, held against what the image says by itself.
     void read_all_files() {
-        Progress progress("reading files",
-                          (afs_ ? afs_->files.size() : 0) + (efs_ ? efs_->files.size() : 0));
-        for (const AfsFile &file : afs_ ? afs_->files : std::vector<AfsFile>{}) {
+        Progress progress("reading files", afs_.files.size() + efs_.files.size());
+        for (const AfsFile &file : afs_.files) {
             progress.step();
             if (file.kind != AfsFile::Kind::zombie) {
                 compare("qfs.img", file.number, file.contents, read_afs_file(file.number));
             }
         }
-        for (const EfsFile &file : efs_ ? efs_->files : std::vector<EfsFile>{}) {
+        for (const EfsFile &file : efs_.files) {
             progress.step();
             if (file.kind == EfsFile::Kind::contents) {
                 compare("efs.img", file.place.number, file.contents,
@@ -254,9 +322,6 @@ class SetCheck {
             error(nvar.name, "its value has " + bytes(nvar.value.size()) + ", over the limit of " +
                                  bytes(nvar.max_size) + ": every termination fails");
         }
-        if (qoQfsIsVfsDeployed()) {
-            check_in_flash(nvar);
-        }
         if (nvar.origin != Origin::flash) {
             return;
         }
@@ -268,29 +333,15 @@ class SetCheck {
         }
     }
 
-    void check_in_flash(const Nvar &nvar) {
-        uint32_t number = 0;
-        uint32_t size = 0;
-        if (pathToFileNumber(nvar.name.c_str(), &number) == 0 && number != 0 &&
-            dfs_getsize(number, &size) == DFS_OK) {
-            return;
-        }
-        if ((nvar.attributes & attribute_trailer) != 0) {
-            note(nvar.name, "is not in flash; the value of the tables stands");
-        } else {
-            error(nvar.name, "is not in flash and has no trailer: every termination fails");
-        }
-    }
-
     // What a termination left has to start up with the same values, on sound images.
     void check_result(SetFiles &result, const std::map<std::string, Bytes> &values) {
         const char *where = "the set after a trial termination";
-        if (afs_) {
+        if (!set_.qfs_image.empty()) {
             for (const std::string &rule : check_invariants(result.qfs_image)) {
                 error(where, "qfs.img: " + rule);
             }
         }
-        if (efs_) {
+        if (layout_) {
             for (const std::string &rule : read_efs_image(result.efs_image, *layout_).damages) {
                 error(where, "efs.img: " + rule);
             }
@@ -305,9 +356,9 @@ class SetCheck {
 
     const SetFiles &set_;
     const uint32_t sku_;
-    std::optional<AfsImage> afs_;
+    AfsImage afs_; // of an absent image: without files
+    EfsImage efs_;
     std::optional<EfsLayout> layout_;
-    std::optional<EfsImage> efs_;
     std::set<uint32_t> known_numbers_;                   // by any SKU
     std::set<std::pair<uint8_t, uint16_t>> known_files_; // store and id, by any SKU
     std::vector<Finding> findings_;

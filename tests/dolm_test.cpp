@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <string>
@@ -143,6 +144,135 @@ TEST_F(Dolm, OutputLeavesTheSetAsItWasAndMakesAWholeOne) {
     const Outcome list = run("list other/new --against set");
     EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 2) << list.out;
     EXPECT_NE(list.out.find("\n/home/net/hostname "), std::string::npos) << list.out;
+}
+
+// Changes bytes of a file behind the place where `text` stands in it.
+void patch(const fs::path &path, const std::string &text, size_t offset, const std::string &with) {
+    std::string content = read_whole(path);
+    const size_t found = content.find(text);
+    ASSERT_NE(found, std::string::npos) << path;
+    content.replace(found + offset, with.size(), with);
+    write_whole(path, content);
+}
+
+// The attribute word of a name in the file table, for both SKUs.
+void set_attributes(const fs::path &ftbl, const std::string &name, char attributes) {
+    std::string content = read_whole(ftbl);
+    for (size_t at = content.find(name); at != std::string::npos; at = content.find(name, at + 1)) {
+        content[at + 52] = attributes;
+    }
+    write_whole(ftbl, content);
+}
+
+TEST_F(Dolm, SetBringsValuesIntoBothImagesAndTheRebuiltStore) {
+    make_sample();
+    const Folder before = snapshot(set);
+    ASSERT_EQ(run("set set net/hostname flashed radio/cal/trim hex:0102 net/certificate x").code,
+              0);
+    const Folder after = snapshot(set);
+    EXPECT_NE(after.at("qfs.img"), before.at("qfs.img"));
+    EXPECT_NE(after.at("efs.img"), before.at("efs.img"));
+    EXPECT_EQ(after.at("orvel.cfg"), before.at("orvel.cfg"));
+    EXPECT_EQ(value("net/hostname"), "flashed\n");
+    EXPECT_EQ(value("radio/cal/trim"), "hex:0102\n");
+    EXPECT_EQ(value("--table override radio/cal/trim"), "hex:0102\n");
+    // A file with a trailer is not written back, so the next start-up has the old value.
+    EXPECT_EQ(value("--table override net/certificate"), "x\n");
+    EXPECT_EQ(value("net/certificate").size(), std::string("hex:\n").size() + 2 * 930);
+    // Without the images the tables' values stand.
+    fs::remove(set / "qfs.img");
+    fs::remove(set / "efs.img");
+    EXPECT_EQ(value("net/certificate"), "x\n");
+}
+
+// Nothing reaches the images in the folder if a termination fails after it has written some files.
+TEST_F(Dolm, AFailedTerminationLeavesTheImagesAsTheyWere) {
+    make_sample();
+    set_attributes(set / "ftbl.bin", "/home/radio/thermal_table", 0);
+    const Folder before = snapshot(set);
+    const Outcome outcome = run("set set mca/version changed");
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.err.find("error 339 (level 4): Failed to get file size from QFS."),
+              std::string::npos)
+        << outcome.err;
+    EXPECT_NE(outcome.err.find("error 348"), std::string::npos);
+    EXPECT_EQ(snapshot(set), before);
+}
+
+TEST_F(Dolm, InspectShowsBothImages) {
+    make_sample();
+    const Outcome afs = run("inspect set/qfs.img");
+    EXPECT_EQ(afs.code, 0) << afs.err;
+    EXPECT_NE(afs.out.find("32 EUs of 8192 bytes, 24 data, 7 log, 1 spare"), std::string::npos);
+    EXPECT_NE(afs.out.find(" 131    6000      94  contents  /home/audio/boot_sound"),
+              std::string::npos)
+        << afs.out;
+    const Outcome efs = run("inspect set/efs.img --ftbl set/ftbl.bin --sku 2");
+    EXPECT_EQ(efs.code, 0) << efs.err;
+    EXPECT_NE(efs.out.find("   2      1       0   5000   6000  contents  /home/radio/cal/sweep"),
+              std::string::npos)
+        << efs.out;
+    EXPECT_NE(run("inspect set/qfs.img --json").out.find("\"used_chunks\": 262"),
+              std::string::npos);
+    EXPECT_NE(run("inspect set/efs.img --json").out.find("\"bm_in_force\": 0"), std::string::npos);
+    fs::rename(set / "efs.img", folder / "efs.img");
+    EXPECT_EQ(run("inspect efs.img").code, 2);
+}
+
+struct Damage {
+    const char *what;
+    std::function<void(const fs::path &set)> make;
+    const char *found; // part of what check prints
+};
+
+TEST_F(Dolm, CheckPassesTheSampleAndNamesEachDamage) {
+    make_sample();
+    const Folder before = snapshot(set);
+    for (const char *sku : {"1", "2"}) {
+        const Outcome sound = run(std::string("check set --sku ") + sku);
+        EXPECT_EQ(sound.code, 0) << sound.out << sound.err;
+        EXPECT_NE(sound.out.find("0 errors"), std::string::npos);
+    }
+    EXPECT_EQ(snapshot(set), before);
+    const std::string sweep("\x00\x11\x22\x33\x44\x55\x66\x77", 8);
+    const Damage damages[] = {
+        {"a byte of an AFS file",
+         [](const fs::path &s) { patch(s / "qfs.img", "carrier board B", 0, "K"); },
+         "error: qfs.img: "},
+        {"a byte of an EFS file", [&](const fs::path &s) { patch(s / "efs.img", sweep, 3, "x"); },
+         "error: efs.img: file 2 is damaged"},
+        {"the geometry of EFS",
+         [](const fs::path &s) { patch(s / "ftbl.bin", "EFST", 16 + 20, "\x08"); },
+         "error: efs.img: "},
+        {"a short AFS image", [](const fs::path &s) { fs::resize_file(s / "qfs.img", 8192 * 20); },
+         "error: qfs.img: "},
+        {"no EFS image", [](const fs::path &s) { fs::remove(s / "efs.img"); },
+         "error: /home/radio/cal/rx: lies in EFS, and the set has no efs.img"},
+        {"a value that its limit no longer allows",
+         [](const fs::path &s) { patch(s / "ftbl.bin", "/home/net/hostname", 64, "\x02"); },
+         "error: /home/net/hostname: its value has 10 bytes, over the limit of 2"},
+        {"a name twice",
+         [](const fs::path &s) { patch(s / "ftbl.bin", "/home/net/dns", 0, "/home/net/ntp"); },
+         "error: /home/net/ntp: the name stands twice"},
+        {"a file table that is none", [](const fs::path &s) { write_whole(s / "ftbl.bin", "no"); },
+         "error: the set: start-up failed"},
+        {"a record without a file",
+         [](const fs::path &s) { patch(s / "orvel.cfg", std::string("\xa2\0\0\0", 4), 2, "\1"); },
+         "note: orvel.cfg: file number 65698 is in no file table"},
+    };
+    for (const Damage &damage : damages) {
+        const fs::path copy = folder / "copy";
+        fs::copy(set, copy, fs::copy_options::recursive);
+        damage.make(copy);
+        const Folder damaged = snapshot(copy);
+        const Outcome outcome = run("check copy");
+        EXPECT_NE(outcome.out.find(damage.found), std::string::npos) << damage.what << ":\n"
+                                                                     << outcome.out << outcome.err;
+        EXPECT_EQ(outcome.code, std::string(damage.found).starts_with("note") ? 0 : 1);
+        EXPECT_TRUE(run("check copy --json").out.starts_with("{")) << damage.what;
+        EXPECT_EQ(snapshot(copy), damaged) << damage.what;
+        fs::remove_all(copy);
+    }
 }
 
 struct Failing {
