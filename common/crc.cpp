@@ -36,18 +36,81 @@ constexpr slicing_tables<uint32_t> make_crc32_tables() {
 constexpr slicing_tables<uint16_t> crc16_tables = make_crc16_tables();
 constexpr slicing_tables<uint32_t> crc32_tables = make_crc32_tables();
 
+// Folding. The polynomial is P = x^16 + x^12 + x^5 + 1, and over bits a square only spreads the
+// terms: x^16n + x^12n + x^5n + 1 is a multiple of P for every power of two n. With W = 4n, modulo
+// P
+//
+//     x^4W = x^3W + x^(5W/4) + 1
+//
+// so a word of W bits can go from the front of a message into those behind it: into the next one,
+// into the one four behind, and shifted into the two between. Eight words, the first one in front,
+// become the last four.
+template <typename Word>
+void fold_words(Word (&words)[8]) {
+    constexpr unsigned width = sizeof(Word) * 8;
+    for (size_t i = 0; i < 4; ++i) {
+        words[i + 1] ^= words[i];
+        words[i + 2] ^= words[i] >> (width - width / 4);
+        words[i + 3] ^= words[i] << width / 4;
+        words[i + 4] ^= words[i];
+    }
+}
+
+constexpr uint32_t load_be32(const uint8_t *bytes) {
+    return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
+           static_cast<uint32_t>(bytes[2]) << 8 | static_cast<uint32_t>(bytes[3]);
+}
+
+constexpr uint64_t load_be64(const uint8_t *bytes) {
+    return static_cast<uint64_t>(load_be32(bytes)) << 32 | load_be32(bytes + 4);
+}
+
+// The register after 16 bytes, in words with the first byte in front, from a register of zero. A
+// register of another value is XORed into the first two bytes beforehand.
+uint16_t crc16_of_words(const uint32_t *words) {
+    unsigned crc = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        crc ^= crc16_tables[15 - 4 * i][words[i] >> 24] ^
+               crc16_tables[14 - 4 * i][words[i] >> 16 & 0xFF] ^
+               crc16_tables[13 - 4 * i][words[i] >> 8 & 0xFF] ^
+               crc16_tables[12 - 4 * i][words[i] & 0xFF];
+    }
+    return static_cast<uint16_t>(crc);
+}
+
+constexpr size_t folded_block = 64;
+
+uint16_t crc16_of_block(uint16_t crc, const uint8_t *data) {
+    uint64_t words[8];
+    for (size_t i = 0; i < 8; ++i) {
+        words[i] = load_be64(data + 8 * i);
+    }
+    words[0] ^= static_cast<uint64_t>(crc) << 48;
+    fold_words(words);
+    uint32_t halves[8];
+    for (size_t i = 0; i < 4; ++i) {
+        halves[2 * i] = static_cast<uint32_t>(words[4 + i] >> 32);
+        halves[2 * i + 1] = static_cast<uint32_t>(words[4 + i]);
+    }
+    fold_words(halves);
+    return crc16_of_words(halves + 4);
+}
+
 } // namespace
 
 uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length) {
-    for (; length >= slices; data += slices, length -= slices) {
-        unsigned next =
-            crc16_tables[15][data[0] ^ crc >> 8] ^ crc16_tables[14][data[1] ^ (crc & 0xFF)];
-        for (size_t i = 2; i < slices; ++i) {
-            next ^= crc16_tables[slices - 1 - i][data[i]];
-        }
-        crc = static_cast<uint16_t>(next);
+    for (; length >= folded_block; data += folded_block, length -= folded_block) {
+        crc = crc16_of_block(crc, data);
     }
-    for (; length > 0; ++data, --length) {
+    for (; length >= slices; data += slices, length -= slices) {
+        const uint32_t words[4] = {load_be32(data) ^ static_cast<uint32_t>(crc) << 16,
+                                   load_be32(data + 4), load_be32(data + 8), load_be32(data + 12)};
+        crc = crc16_of_words(words);
+    }
+    for (; length >= 2; data += 2, length -= 2) {
+        crc = crc16_tables[1][crc >> 8 ^ data[0]] ^ crc16_tables[0][(crc & 0xFF) ^ data[1]];
+    }
+    if (length > 0) {
         crc = static_cast<uint16_t>(crc << 8 ^ crc16_tables[0][crc >> 8 ^ *data]);
     }
     return crc;

@@ -1,8 +1,9 @@
 // Every checksum against published or hand-worked values, and against a bit-wise version of
-// itself: the sliced engines must agree with it at every length and cut.
+// itself: the fast engines must agree with it at every length and cut.
 #include <gtest/gtest.h>
 
-#include <numeric>
+#include <algorithm>
+#include <random>
 #include <vector>
 
 #include "AfsCrc.h"
@@ -31,9 +32,10 @@ uint32_t bitwise_crc32(uint32_t crc, const std::vector<uint8_t> &data) {
 }
 
 TEST(Crc, EnginesAgreeWithBitwiseAtEveryLengthAndSeed) {
-    for (size_t length = 0; length < 100; ++length) {
+    std::mt19937 random(1);
+    for (size_t length = 0; length < 200; ++length) {
         std::vector<uint8_t> data(length);
-        std::iota(data.begin(), data.end(), static_cast<uint8_t>(length * 37));
+        std::generate(data.begin(), data.end(), [&] { return static_cast<uint8_t>(random()); });
         for (const uint32_t seed : {0u, 0xFFFFu, 0x1D0Fu, 0xFFFFFFFFu, 0x12345678u}) {
             const auto seed16 = static_cast<uint16_t>(seed);
             EXPECT_EQ(dolm::crc16_ccitt(seed16, data.data(), length), bitwise_crc16(seed16, data));
