@@ -42,30 +42,37 @@ uint8_t *bytes_of(const afs_context *context, uint16_t line) {
     return context->cache_data + static_cast<size_t>(line) * context->page_size;
 }
 
-// The line that matches, or end_of_list. The records lie side by side: looking at all of them,
-// without a branch that depends on where the line is, takes less time than following the links.
-template <typename Match>
-uint16_t find_line(const afs_context *context, Match matches) {
-    uint16_t found = end_of_list;
-    for (uint16_t line = 0; line < context->cache_line_count; ++line) {
-        found = matches(context->cache_lines[line]) ? line : found;
-    }
-    return found;
+bool holds_page(const afs_context *context, uint16_t line, uint16_t page) {
+    const afs_cache_line control = context->cache_lines[line];
+    return (control.page == page) & ((control.flags_and_link & flag_valid) != 0);
 }
 
-uint16_t line_linked_to(const afs_context *context, uint16_t next) {
-    return find_line(context, [next](const afs_cache_line &line) {
-        return line.flags_and_link >> link_shift == next;
-    });
+// A place in the list.
+struct list_place {
+    uint16_t before; // the line that links to it; without meaning for the head
+    uint16_t line;
+};
+
+void move_to_head(afs_context *context, list_place place) {
+    if (place.line != context->cache_head) {
+        set_link(context, place.before, link_of(context, place.line));
+        set_link(context, place.line, context->cache_head);
+        context->cache_head = place.line;
+    }
 }
 
-void move_to_head(afs_context *context, uint16_t line) {
-    if (line == context->cache_head) {
-        return;
+// The first line from the head on that matches, or else the last line.
+template <typename Matches>
+list_place find_line(const afs_context *context, Matches matches) {
+    list_place place{end_of_list, context->cache_head};
+    while (!matches(place.line)) {
+        const uint16_t next = link_of(context, place.line);
+        if (next == end_of_list) {
+            break;
+        }
+        place = {place.line, next};
     }
-    set_link(context, line_linked_to(context, line), link_of(context, line));
-    set_link(context, line, context->cache_head);
-    context->cache_head = line;
+    return place;
 }
 
 // The dirty line used longest ago, or end_of_list.
@@ -147,19 +154,11 @@ uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
     if (!has_cache(context) || line == nullptr) {
         return AFS_RC_INVALID;
     }
-    const auto holds_page = [page](const afs_cache_line &candidate) {
-        return (candidate.page == page) & ((candidate.flags_and_link & flag_valid) != 0);
-    };
-    uint16_t index = context->cache_head;
-    bool hit = holds_page(context->cache_lines[index]);
-    if (!hit) {
-        index = find_line(context, holds_page);
-        hit = index != end_of_list;
-        if (!hit) {
-            index = line_linked_to(context, end_of_list); // the one used longest ago
-        }
-        move_to_head(context, index);
-    }
+    const list_place place =
+        find_line(context, [=](uint16_t i) { return holds_page(context, i, page); });
+    const uint16_t index = place.line;
+    const bool hit = holds_page(context, index, page);
+    move_to_head(context, place);
     if (!hit) {
         const uint32_t status = load(context, index, page);
         if (status != AFS_RC_OK) {
@@ -181,7 +180,7 @@ void cache_line_written(afs_context *context, const void *pointer) {
         return;
     }
     const auto line = static_cast<uint16_t>(index);
-    move_to_head(context, line);
+    move_to_head(context, find_line(context, [line](uint16_t i) { return i == line; }));
     context->cache_lines[line].flags_and_link |= flag_dirty;
 }
 

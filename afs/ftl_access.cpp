@@ -90,6 +90,28 @@ bool erase_eu(uint32_t address) {
     return SpiDrvEraseBlock(address) == 0 && SpiDrvEraseBlock(address + SPI_ERASE_BLOCK_SIZE) == 0;
 }
 
+namespace {
+
+// A page slot is compared by words: bytes that were just copied are only at hand for loads no wider
+// than the stores.
+bool same_slot(const uint8_t *a, const uint8_t *b) {
+    uint64_t difference = load_le16(a + page_crc_offset) ^ load_le16(b + page_crc_offset);
+    for (uint32_t at = 0; at < AFS_PAGE_SIZE; at += sizeof(uint64_t)) {
+        uint64_t word_a;
+        uint64_t word_b;
+        std::memcpy(&word_a, a + at, sizeof word_a);
+        std::memcpy(&word_b, b + at, sizeof word_b);
+        difference |= word_a ^ word_b;
+    }
+    return difference == 0;
+}
+
+bool same_bytes(const uint8_t *a, const uint8_t *b, uint32_t length) {
+    return length == page_slot_size ? same_slot(a, b) : std::memcmp(a, b, length) == 0;
+}
+
+} // namespace
+
 uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uint8_t *readback) {
     if (SpiDrvWrite(address, length, data) != 0) {
         return AFS_RC_IO;
@@ -98,7 +120,7 @@ uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uin
         if (SpiDrvRead(address, length, readback) != 0) {
             return AFS_RC_IO;
         }
-        if (std::memcmp(readback, data, length) == 0) {
+        if (same_bytes(readback, static_cast<const uint8_t *>(data), length)) {
             return AFS_RC_OK;
         }
     }
