@@ -47,13 +47,15 @@ malloc_block allocate(size_t size) {
     return block;
 }
 
-bool same_name(const FcsFileEntry &entry, const char *name) {
-    return std::strncmp(entry.name, name, name_limit) == 0;
-}
-
+// The entry of that name; the first name_limit characters count.
 FcsFileEntry *find_in_list(const FcsTable &table, const char *name) {
+    // Names of a table tend to begin alike, so their ends are compared first.
+    const size_t length = strnlen(name, name_limit);
+    const size_t last = length > 0 ? length - 1 : 0;
     for (FcsFileEntry *entry = table.firstEntry; entry != nullptr; entry = entry->next) {
-        if (same_name(*entry, name)) {
+        if (entry->name[last] == name[last] &&
+            (length == name_limit || entry->name[length] == '\0') &&
+            std::memcmp(entry->name, name, length) == 0) {
             return entry;
         }
     }
