@@ -143,7 +143,9 @@ struct StoreFile {
 
 // Record and payload, as addNewFile takes them.
 inline Bytes block_of(const StoreFile &file, uint32_t offset = 0) {
-    Bytes block(12);
+    Bytes block;
+    block.reserve(12 + file.payload.size());
+    block.resize(12);
     put32(block, 0, file.fileno);
     put32(block, 4, offset);
     put16(block, 8, static_cast<uint32_t>(file.payload.size()));
