@@ -1,7 +1,6 @@
 // The mount: finds the newest complete mapping on an image that may have lost power at any
 // instant. It reads the BMs alone and writes nothing.
 #include <array>
-#include <optional>
 
 #include "efs/efs_internal.h"
 
