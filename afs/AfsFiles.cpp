@@ -12,10 +12,10 @@ using namespace dolm;
 
 namespace {
 
-// A run is read as records of 66 bytes into file_buffer; these bounds keep it inside.
-constexpr uint32_t record_size = 66;
-constexpr uint32_t run_limit = AFS_FILE_BUFFER_SIZE - record_size; // may grow by one page from here
-constexpr uint32_t drain_limit = 3766; // with more than this buffered no further run is begun
+// A run is read as whole page slots into file_buffer; these bounds keep it inside.
+constexpr uint32_t run_limit =
+    AFS_FILE_BUFFER_SIZE - page_slot_size; // may grow by one page from here
+constexpr uint32_t drain_limit = 3766;     // with more than this buffered no further run is begun
 
 bool has_file(const afs_context *context, int32_t file) {
     return is_mounted(context) && file >= 0 && file < context->file_count;
@@ -52,7 +52,7 @@ bool can_extend(const read_job &job, const chunk_run &run) {
     const afs_context *context = job.context;
     return run.entry == run.last + 1 &&
            chunk_is_live(context, run.entry - uint32_t{context->file_count}) &&
-           (run.count() == 1 || run.count() * record_size + job.buffered <= run_limit) &&
+           (run.count() == 1 || run.count() * page_slot_size + job.buffered <= run_limit) &&
            run.bytes() - job.skip <= job.wanted;
 }
 

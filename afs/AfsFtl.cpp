@@ -74,6 +74,8 @@ void reset_state(afs_context *context, uint32_t device_size) {
     ftl.reclaim_cursor = 0;
     ftl.needs_mount = 0;
     ftl.last_data_eu = 0;
+    ftl.head_closed = 0;
+    ftl.chain_starts = 0;
 }
 
 void mark_blank_log(afs_eu_info &row) {
@@ -156,10 +158,15 @@ uint32_t roll_forward(afs_context *context, const header_scan &scan) {
         mark_blank_log(row);
         return AFS_RC_OK;
     }
-    // If nothing in it is committed (its first write was cut in a later session), the link starts
-    // at 0 like that of any EU: the next mount would not find a page chained to another EU's log.
     ftl.write_eu = scan.pending;
-    return ftl_process_pages(context, scan.pending, 1);
+    const uint32_t rc = ftl_process_pages(context, scan.pending, 1);
+    if (rc == AFS_RC_OK && row.dirty_pages == AFS_FTL_EU_PAGES && ftl.last_page == 0) {
+        // Its first write was cut, in a later session. The newest entry is still that of the log
+        // before, but a page chained to it would be lost: each EU is read with a chain of its own.
+        ftl.last_page = scan.log_head_page;
+        ftl.chain_starts = 1;
+    }
+    return rc;
 }
 
 uint32_t settle_interrupted_reclaim(afs_context *context, const header_scan &scan) {
@@ -267,8 +274,11 @@ uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current) {
         return AFS_RC_IO;
     }
     const auto entry = [&log](uint32_t slot) { return load_le16(log + slot * log_entry_size); };
-    const auto set_write_slot = [&ftl, current](uint32_t slot) {
-        ftl.write_slot = current != 0 ? slot : ftl.write_slot;
+    const auto set_head = [&ftl, current](uint32_t slot, bool closed) {
+        if (current != 0) {
+            ftl.write_slot = slot;
+            ftl.head_closed = closed ? 1 : 0;
+        }
     };
     const uint32_t pages = std::min(log_page_count(context), ftl.page_count);
 
@@ -285,15 +295,15 @@ uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current) {
             if (next == log_entry_commit_mark) {
                 const uint32_t end = slot + 1;
                 // A reclaim that was cut while it wrote a run of entries can have left some behind
-                // the mark. They would commit what is written before them, so such a log is full.
+                // the mark. They would commit what is written before them.
                 const bool clean_behind =
                     std::all_of(log + (end + 1) * log_entry_size, std::end(log), is_erased_byte);
-                set_write_slot(clean_behind ? end : AFS_FTL_EU_PAGES);
+                set_head(end, !clean_behind);
                 row.dirty_pages = static_cast<uint8_t>(row.dirty_pages + AFS_FTL_EU_PAGES - end);
                 return AFS_RC_OK;
             }
             // Until the end of the log shows, nothing behind a committed entry is free.
-            set_write_slot(AFS_FTL_EU_PAGES);
+            set_head(ftl.write_slot, true);
             continue;
         }
         ++row.dirty_pages;
@@ -306,7 +316,7 @@ uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current) {
             ++slot;
             ++row.dirty_pages;
         }
-        set_write_slot(slot + 1);
+        set_head(slot + 1, false);
     }
     return AFS_RC_OK;
 }
@@ -336,14 +346,17 @@ uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint3
 }
 
 uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first) {
-    if (!ftl_has_tables(context)) {
+    if (context == nullptr) {
         return AFS_RC_INVALID;
     }
-    const afs_ftl_state &ftl = *context->ftl;
     const uint32_t eu_count = context->device_size / AFS_EU_SIZE;
     if (eu_count == 0) {
         return AFS_RC_OK;
     }
+    if (!ftl_has_tables(context)) {
+        return AFS_RC_INVALID;
+    }
+    const afs_ftl_state &ftl = *context->ftl;
     if (data_eu_count(context) >= eu_count) {
         return AFS_RC_IO;
     }

@@ -28,7 +28,7 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
     if (copy == nullptr) {
         return AFS_RC_IO;
     }
-    if (ftl.write_slot == AFS_FTL_EU_PAGES) {
+    if (log_head_is_full(ftl)) {
         const uint32_t rc = reclaim_eu_wrapper(context, AFS_FTL_KIND_LOG);
         if (rc != AFS_RC_OK) {
             return rc;
@@ -38,7 +38,7 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
     const uint32_t address = eu_address(context, ftl.write_eu);
     const uint32_t slot = ftl.write_slot;
     uint8_t entry[log_entry_size];
-    store_le16(entry, log_chain(ftl.last_page, page));
+    store_le16(entry, log_chain(log_link(ftl), page));
     const page_slot record = make_page_slot(data, page);
 
     head.free_pages = 0;
@@ -52,7 +52,7 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
     }
     *copy = {static_cast<uint8_t>(ftl.write_eu), static_cast<uint8_t>(slot)};
     ++ftl.write_slot;
-    ftl.last_page = static_cast<uint16_t>(page);
+    set_log_link(ftl, page);
     --head.dirty_pages;
     return AFS_RC_OK;
 }

@@ -22,7 +22,8 @@ struct work_area {
 void move_log_head(afs_ftl_state &ftl, uint32_t eu) {
     ftl.write_eu = eu;
     ftl.write_slot = 0;
-    ftl.last_page = 0;
+    ftl.head_closed = 0;
+    set_log_link(ftl, 0);
 }
 
 // Copies the live pages of a data EU to the same slots of the erased target, from the last slot to
@@ -134,8 +135,8 @@ uint32_t append_log_run(afs_context *context, const log_move &move, uint32_t fir
     }
     uint8_t entries[max_run * log_entry_size];
     for (uint32_t i = 0; i < count; ++i) {
-        store_le16(entries + i * log_entry_size, log_chain(ftl.last_page, pages[i]));
-        ftl.last_page = pages[i];
+        store_le16(entries + i * log_entry_size, log_chain(log_link(ftl), pages[i]));
+        set_log_link(ftl, pages[i]);
     }
     if (verified_write(head_address + log_entry_offset(ftl.write_slot), entries,
                        count * log_entry_size, work.readback) != 0) {
@@ -194,7 +195,7 @@ uint32_t reclaim_log_eu(afs_context *context, uint32_t source, work_area &work) 
     }
     ftl.eu_table[target].dirty_pages = AFS_FTL_EU_PAGES;
     ftl.eu_table[target].free_pages = 1;
-    if (ftl.write_slot == AFS_FTL_EU_PAGES || ftl.write_eu == source) {
+    if (log_head_is_full(ftl) || ftl.write_eu == source) {
         move_log_head(ftl, overflow_eu);
     }
     const log_move move = list_live_log_pages(ftl, source, overflow_eu);

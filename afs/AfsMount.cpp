@@ -245,7 +245,8 @@ uint32_t mount(afs_context *context, uint32_t cache_lines, uint32_t flags,
 uint32_t afs_init(afs_context *context, void *image, uint32_t page_size, uint32_t cache_lines,
                   uint32_t file_count, uint32_t device_offset, uint32_t size, uint32_t flags,
                   uint8_t version_low, uint32_t version_high) {
-    if (context == nullptr || image == nullptr || !valid_cache_size(page_size, cache_lines) ||
+    if (context == nullptr || !valid_cache_size(page_size, cache_lines) ||
+        (image == nullptr && has_flag(flags, AFS_FLAG_ATTACH_DEVICE)) ||
         file_count < AFS_MIN_FILE_COUNT || file_count > AFS_MAX_FILE_COUNT ||
         size < AFS_MIN_DEVICE_SIZE || size > AFS_MAX_DEVICE_SIZE) {
         return AFS_RC_INVALID;

@@ -42,6 +42,21 @@ inline afs_page_loc *find_log_page(const afs_context *context, uint32_t page) {
     return page < context->ftl->page_count ? &context->ftl->page_map[page] : nullptr;
 }
 
+// Whether the log has to go on in another EU.
+inline bool log_head_is_full(const afs_ftl_state &ftl) {
+    return ftl.write_slot == AFS_FTL_EU_PAGES || ftl.head_closed != 0;
+}
+
+// What the next entry of the log is chained to.
+inline uint16_t log_link(const afs_ftl_state &ftl) {
+    return ftl.chain_starts != 0 ? uint16_t{0} : ftl.last_page;
+}
+
+inline void set_log_link(afs_ftl_state &ftl, uint32_t page) {
+    ftl.last_page = static_cast<uint16_t>(page);
+    ftl.chain_starts = 0;
+}
+
 // A slot of slot number slot_none has no copy of a page.
 inline constexpr uint8_t slot_none = 0xFF;
 

@@ -56,8 +56,9 @@ DOLM_EXTERN_C_BEGIN
 // has cleared the context before its first use, owns it and the image, and gives it a file_buffer
 // of AFS_FILE_BUFFER_SIZE bytes for reads. Pages of the cache have `page_size` bytes (a multiple of
 // 64 up to 65535; only 64 fits the pages of the flash translation layer), `cache_lines` of them (2
-// to 1000). A store that has a header defines its own file count and sizes; `file_count` (65 to
-// 2048) and the version values (8 and 12 bits) only go into a header that is created.
+// to 1000). The image may be null if it is attached already. A store that has a header defines its
+// own file count and sizes; `file_count` (65 to 2048) and the version values (8 and 12 bits) only
+// go into a header that is created.
 //   0   mounted
 //   5   no store, or a damaged one: mount failed without a format flag, no header without a flag to
 //       create one, a header with impossible numbers, a bad FAT entry or a loop in a chain, a live

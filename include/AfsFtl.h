@@ -75,7 +75,7 @@ struct afs_page_loc {
 struct afs_ftl_state {
     uint32_t sequence;     // highest sequence in use
     uint32_t write_eu;     // log EU that is written to; AFS_FTL_NONE while nothing is mounted
-    uint32_t write_slot;   // its next slot; 120 means full
+    uint32_t write_slot;   // its next slot; 120 means full (see also head_closed)
     uint32_t alloc_cursor; // next chunk that the allocator tries, or AFS_FTL_NONE
     uint32_t alloc_end;    // chunk at which its range ends
     afs_eu_info *eu_table; // eu_count rows in use, room for AFS_MAX_EU_COUNT
@@ -84,7 +84,8 @@ struct afs_ftl_state {
     uint32_t uncommitted_eu; // EU that the mount rolled forward and whose header is still to be
                              // committed by the next real reclaim, or AFS_FTL_NONE
     uint16_t spare_eu;
-    uint16_t last_page;         // link for the next log entry of write_eu; 0 at its start
+    uint16_t last_page;         // page of the newest log entry, the link for the next one; 0 at the
+                                // start of an EU (see also chain_starts)
     uint8_t alloc_checks_flash; // 1: a clear chunk bit alone does not make a slot free
     uint8_t reclaim_armed;      // 1: the caller was told to flush, the allocator may reclaim
     uint8_t eu_count;
@@ -93,6 +94,9 @@ struct afs_ftl_state {
     uint8_t needs_mount;  // 1: a reclaim failed half-way and left the tables ahead of the flash;
                           // writes and reclaims give 5 until the next mount
     uint8_t last_data_eu; // the data EU found last; only a hint
+    uint8_t head_closed;  // 1: write_eu takes no more pages, even if write_slot is below 120
+    uint8_t chain_starts; // 1: write_eu holds no committed entry, so that its next one is linked
+                          // to 0, whatever last_page says
 };
 
 // Control record of one line of the page cache.
@@ -143,8 +147,9 @@ DOLM_API uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_si
 
 // Writes the headers of an empty store: log EUs, data EUs in VA order, spare. erase_first erases
 // every EU before, otherwise headers are written over what is there. Uses the EU counts of the last
-// afs_physical_ftl_init, successful or not, and leaves the tables as they are: mount again. 0; 5
-// for a failed device operation or more data EUs than fit.
+// afs_physical_ftl_init, successful or not, and leaves the tables as they are: mount again. 0, also
+// if the device has not even one EU; 5 for a failed device operation or more data EUs than fit; 22
+// without tables.
 DOLM_API uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first);
 
 // Takes the log of one EU into page_map and the dirty counts; current also sets write_slot. 0; 5 if

@@ -200,7 +200,7 @@ TEST(AfsLogScan, FindsTheEndOfTheLog) {
         {"full", 120, 0x7FFF, 120, 9, 110},
         {"full, the last one cut", 120, 0xFFFF, 120, 8, 110},
         {"cut in the last slot but one", 119, 0xFFFF, 120, 7, 110},
-        {"full without a mark", 120, 0x0000, 120, 9, 110},
+        {"full without a mark", 120, 0x0000, 0, 9, 110},
     };
     for (const LogCase &c : cases) {
         SCOPED_TRACE(c.name);
@@ -242,6 +242,7 @@ TEST(AfsLogScan, DoesNotWriteInFrontOfLeftOverEntries) {
         store_le16(store.at(0, log_entry_offset(slot)), 0x0123);
     }
     ASSERT_EQ(store.mount(), AFS_RC_OK);
+    EXPECT_EQ(std::tuple(store.ftl().write_slot, store.row(0).dirty_pages), std::tuple(2u, 118));
     for (uint32_t i = 0; i < 3; ++i) {
         ASSERT_EQ(store.write_log(3, i), AFS_RC_OK);
         ASSERT_EQ(store.mount(), AFS_RC_OK);
@@ -478,6 +479,7 @@ TEST(AfsFtl, OffersDataSpaceBesideSpareAndLog) {
 
 TEST(AfsFtl, AnswersWithoutAStore) {
     afs_context unmounted{};
+    unmounted.device_size = 65536;
     Page page;
     uint16_t cid;
     uint32_t out;

@@ -156,9 +156,12 @@ TEST(AfsReclaim, RolledForwardLogThatWasCutInItsFirstWriteStartsItsChainAnew) {
     store_le16(store.at(spare, log_entry_offset(0)), log_chain(0, 3));
     ASSERT_EQ(store.mount(), AFS_RC_OK);
     EXPECT_EQ(std::tuple(store.ftl().write_eu, store.ftl().write_slot), std::tuple(spare, 2u));
+    EXPECT_NE(store.ftl().last_page, 0) << "that of the log before";
     ASSERT_EQ(store.write_log(47, 3), AFS_RC_OK);
+    ASSERT_EQ(store.write_log(46, 4), AFS_RC_OK);
     ASSERT_EQ(store.mount(), AFS_RC_OK);
     EXPECT_TRUE(store.holds(47 * 64, 3));
+    EXPECT_TRUE(store.holds(46 * 64, 4));
 }
 
 TEST(AfsReclaim, FailureHalfWayStopsWritesUntilTheNextMount) {

@@ -85,7 +85,8 @@ void compare_tables(Findings &findings, const dolm::AfsImage &image, const afs_f
     expect_equal(findings, "the spare", image.spare.value_or(AFS_FTL_NONE), ftl.spare_eu);
     expect_equal(findings, "the sequence", image.sequence, ftl.sequence);
     expect_equal(findings, "the head of the log", image.head.value_or(AFS_FTL_NONE), ftl.write_eu);
-    expect_equal(findings, "the slot of the head", image.head_slot, ftl.write_slot);
+    const uint32_t next_slot = ftl.head_closed != 0 ? AFS_FTL_EU_PAGES : ftl.write_slot;
+    expect_equal(findings, "the slot of the head", image.head_slot, next_slot);
     for (uint32_t i = 0; i < image.eu_count; ++i) {
         const dolm::AfsEu &eu = image.eus[i];
         const afs_eu_info &row = ftl.eu_table[i];
