@@ -449,7 +449,7 @@ TEST_P(AfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
 
     PowerCut power_cut(store);
     power_cut.explore({test.name, base.image, base.files, changes});
-    std::cout << "AFS " << test.name << ": " << power_cut.counts() << "\n";
+    std::cout << "AFS " << test.name << ": " << power_cut.counts() << std::endl;
 }
 
 // Cuts follow each other without end, over stores that wear and fill up.

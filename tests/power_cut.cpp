@@ -14,8 +14,8 @@ namespace {
 constexpr uint32_t bit_variants = 3;
 constexpr unsigned max_reported_failures = 5;
 
-// The sample: first cuts of a long workload are thinned out to about this many, and of the states
-// after a second cut one in sample_stride is visited.
+// How many states a run visits. A workload with more first cuts than these is thinned out evenly,
+// and so is what follows each of them: a full run takes all first cuts and some 100 second ones.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr uint64_t sample_first_cuts = 60;
 constexpr uint64_t sample_stride = 80;
@@ -23,6 +23,7 @@ constexpr uint64_t sample_stride = 80;
 constexpr uint64_t sample_first_cuts = 400;
 constexpr uint64_t sample_stride = 50;
 #endif
+constexpr uint64_t full_second_cuts = 100;
 
 // A state that does not hold what was promised.
 class Broken : public std::runtime_error {
@@ -231,16 +232,20 @@ const Files &PowerCut::oldest_allowed(const Segment &segment, size_t k, const Te
     return acknowledged ? segment.after : segment.before;
 }
 
+uint64_t PowerCut::stride_for(const Recording &recording, unsigned level) const {
+    uint64_t cuts = 0;
+    for (const DeviceEvent &event : recording.events) {
+        cuts += tears(event).size();
+    }
+    if (full_) {
+        return level == 1 ? 1 : 1 + cuts / full_second_cuts;
+    }
+    return level == 1 ? 1 + cuts / sample_first_cuts : sample_stride;
+}
+
 void PowerCut::cut_everywhere(const Image &start, const Recording &recording, const State &parent,
                               unsigned level) {
-    uint64_t stride = sample_stride;
-    if (level == 1) {
-        uint64_t cuts = 0;
-        for (const DeviceEvent &event : recording.events) {
-            cuts += tears(event).size();
-        }
-        stride = 1 + cuts / sample_first_cuts;
-    }
+    const uint64_t stride = stride_for(recording, level);
     Image before = start;
     auto segment = recording.segments.begin();
     for (size_t k = 0; k < recording.events.size(); ++k) {
@@ -427,7 +432,7 @@ bool PowerCut::is_chosen(const std::string &id, uint64_t stride) const {
     if (!replay_.empty()) {
         return replay_ == id || replay_.starts_with(id + "/");
     }
-    return full_ || (hash_text(id) >> 20) % stride == 0;
+    return (hash_text(id) >> 20) % stride == 0;
 }
 
 void PowerCut::fail(const State &state, const std::string &what) {

@@ -6,7 +6,8 @@
 // that every state is two cuts deep.
 //
 // The environment variable DOLM_POWER_CUT chooses what a run visits: nothing set, a fixed sample;
-// "full", everything; or the identifier of a state as a failure prints it, that state alone.
+// "full", every first cut and a hundred second ones for each; or the identifier of a state as a
+// failure prints it, that state alone.
 #pragma once
 
 #include <cstdint>
@@ -150,6 +151,7 @@ class PowerCut {
     void visit(const Image &image, const State &state, unsigned level);
     std::vector<Tear> tears(const DeviceEvent &event) const;
     Image torn(const Image &before, const DeviceEvent &event, const Tear &tear) const;
+    uint64_t stride_for(const Recording &recording, unsigned level) const;
     static const Files &oldest_allowed(const Segment &segment, size_t k, const Tear &tear);
     bool is_chosen(const std::string &id, uint64_t stride) const;
     bool is_new(uint64_t hash, unsigned level);
