@@ -5,6 +5,7 @@
 #include <bit>
 
 #include "AfsPhysical.h"
+#include "afs/cache_lines.h"
 #include "afs/fat_access.h"
 #include "afs/ftl_access.h"
 
@@ -37,24 +38,24 @@ void trim_fat_page(afs_context *context, uint32_t page_va) {
     }
     const uint32_t first = (page_va - chunk_entries) / 2;
     const uint32_t end = std::min<uint32_t>(first + context->page_size / 2, context->chunk_count);
-    for (uint32_t chunk = first; chunk < end; ++chunk) {
-        if (chunk_is_live(context, chunk)) {
-            return;
-        }
+    if (find_chunk(context, first, end, true) == end) {
+        context->ops->trim_page(context, page_va, context->page_size, context->device_offset);
     }
-    context->ops->trim_page(context, page_va, context->page_size, context->device_offset);
 }
 
 } // namespace
 
 uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t **bytes) {
-    void *line = nullptr;
     const auto page = static_cast<uint16_t>(va >> std::countr_zero(context->page_size));
-    const uint32_t status = cache_ptr(context, page, &line);
-    if (status == AFS_RC_OK) {
-        *bytes = static_cast<uint8_t *>(line) + (va & (context->page_size - 1u));
+    if (!holds_page(context, context->cache_head, page)) {
+        void *line = nullptr; // will be the head
+        const uint32_t status = cache_ptr(context, page, &line);
+        if (status != AFS_RC_OK) {
+            return status;
+        }
     }
-    return status;
+    *bytes = line_bytes(context, context->cache_head) + (va & (context->page_size - 1u));
+    return AFS_RC_OK;
 }
 
 uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t *value) {

@@ -5,46 +5,28 @@
 #include <cstdlib>
 
 #include "AfsPhysical.h"
+#include "afs/cache_lines.h"
+
+using namespace dolm;
 
 namespace {
-
-// afs_cache_line::flags_and_link: bit 0 valid, bit 1 dirty, bits 2 to 15 the index of the next
-// less recently used line. Every line is always in the list, valid or not.
-constexpr uint16_t flag_valid = 1;
-constexpr uint16_t flag_dirty = 2;
-constexpr uint16_t flags = flag_valid | flag_dirty;
-constexpr unsigned link_shift = 2;
-constexpr uint16_t end_of_list = 0xFFF;
 
 bool has_cache(const afs_context *context) {
     return context != nullptr && context->cache_lines != nullptr &&
            context->cache_data != nullptr && context->ops != nullptr;
 }
 
-uint16_t link_of(const afs_context *context, uint16_t line) {
-    return static_cast<uint16_t>(context->cache_lines[line].flags_and_link >> link_shift);
-}
-
 void set_link(afs_context *context, uint16_t line, uint16_t next) {
     uint16_t &word = context->cache_lines[line].flags_and_link;
-    word = static_cast<uint16_t>(next << link_shift | (word & flags));
+    word = static_cast<uint16_t>(next << link_shift | (word & line_flags));
 }
 
 void set_flags(afs_cache_line &line, uint16_t value) {
-    line.flags_and_link = static_cast<uint16_t>((line.flags_and_link & ~flags) | value);
+    line.flags_and_link = static_cast<uint16_t>((line.flags_and_link & ~line_flags) | value);
 }
 
 bool is_dirty(const afs_cache_line &line) {
-    return (line.flags_and_link & flags) == flags;
-}
-
-uint8_t *bytes_of(const afs_context *context, uint16_t line) {
-    return context->cache_data + static_cast<size_t>(line) * context->page_size;
-}
-
-bool holds_page(const afs_context *context, uint16_t line, uint16_t page) {
-    const afs_cache_line control = context->cache_lines[line];
-    return (control.page == page) & ((control.flags_and_link & flag_valid) != 0);
+    return (line.flags_and_link & line_flags) == line_flags;
 }
 
 // A place in the list.
@@ -88,7 +70,7 @@ uint16_t oldest_dirty_line(const afs_context *context) {
 
 uint32_t write_back(afs_context *context, uint16_t line) {
     const uint32_t va = uint32_t{context->cache_lines[line].page} * context->page_size;
-    return context->ops->write_page(context, va, context->page_size, bytes_of(context, line),
+    return context->ops->write_page(context, va, context->page_size, line_bytes(context, line),
                                     context->device_offset);
 }
 
@@ -102,12 +84,12 @@ uint32_t load(afs_context *context, uint16_t line, uint16_t page) {
     }
     const uint32_t va = uint32_t{page} * context->page_size;
     const uint32_t status = context->ops->read_page(
-        context, va, context->page_size, bytes_of(context, line), context->device_offset);
+        context, va, context->page_size, line_bytes(context, line), context->device_offset);
     if (status != AFS_RC_OK) {
         return status;
     }
     control.page = page;
-    set_flags(control, flag_valid);
+    set_flags(control, line_valid);
     return AFS_RC_OK;
 }
 
@@ -165,7 +147,7 @@ uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
             return status;
         }
     }
-    *line = bytes_of(context, index);
+    *line = line_bytes(context, index);
     return AFS_RC_OK;
 }
 
@@ -181,7 +163,7 @@ void cache_line_written(afs_context *context, const void *pointer) {
     }
     const auto line = static_cast<uint16_t>(index);
     move_to_head(context, find_line(context, [line](uint16_t i) { return i == line; }));
-    context->cache_lines[line].flags_and_link |= flag_dirty;
+    context->cache_lines[line].flags_and_link |= line_dirty;
 }
 
 uint32_t cache_flush(afs_context *context) {
@@ -194,7 +176,7 @@ uint32_t cache_flush(afs_context *context) {
         if (status != AFS_RC_OK) {
             return status;
         }
-        set_flags(context->cache_lines[line], flag_valid);
+        set_flags(context->cache_lines[line], line_valid);
     }
     return AFS_RC_OK;
 }
@@ -204,6 +186,6 @@ void cache_invalidate(afs_context *context) {
         return;
     }
     for (uint16_t line = 0; line < context->cache_line_count; ++line) {
-        context->cache_lines[line].flags_and_link &= static_cast<uint16_t>(~flag_valid);
+        context->cache_lines[line].flags_and_link &= static_cast<uint16_t>(~line_valid);
     }
 }

@@ -194,10 +194,16 @@ uint32_t scan_files(afs_context *context) {
 
 // Trims leave no trace on the flash, so that each mount trims again.
 void trim_free_fat_pages(afs_context *context) {
-    for (uint32_t chunk = 0; chunk <= context->chunk_count; ++chunk) {
-        if (!chunk_is_live(context, chunk)) {
-            afs_trim_fat_page_if_needed(context, static_cast<uint16_t>(chunk));
-        }
+    const uint32_t end = context->chunk_count + 1u; // the bit behind the last chunk is clear
+    const uint32_t entries_per_page = context->page_size / 2u;
+    const uint32_t first_entry = fat_va(context->file_count) / 2 % entries_per_page;
+    uint32_t chunk = find_chunk(context, 0, end, false);
+    while (chunk < end) {
+        afs_trim_fat_page_if_needed(context, static_cast<uint16_t>(chunk));
+        // The others whose entries lie in the same page would change nothing.
+        const uint32_t next_page =
+            chunk + entries_per_page - (first_entry + chunk) % entries_per_page;
+        chunk = find_chunk(context, next_page, end, false);
     }
 }
 

@@ -2,6 +2,8 @@
 // way from a VA to its place.
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
 
 #include "AfsFtl.h"
@@ -83,6 +85,20 @@ inline bool chunk_is_live(const afs_context *context, uint32_t chunk) {
     return context->chunk_map == nullptr ||
            (chunk < context->chunk_count &&
             (context->chunk_map[chunk / 32] >> (chunk % 32) & 1) != 0);
+}
+
+// The first chunk from `from` on that is live, or else free, as wanted; `end` if there is none
+// below it, which is at most the chunk count plus 1. Only for a store with a chunk map.
+inline uint32_t find_chunk(const afs_context *context, uint32_t from, uint32_t end, bool live) {
+    while (from < end) {
+        const uint32_t word = context->chunk_map[from / 32];
+        const uint32_t wanted = (live ? word : ~word) >> from % 32;
+        if (wanted != 0) {
+            return std::min(from + static_cast<uint32_t>(std::countr_zero(wanted)), end);
+        }
+        from = (from / 32 + 1) * 32;
+    }
+    return end;
 }
 
 // The EU with the lowest sequence, the first of equals, that is not the spare and that is wanted;
