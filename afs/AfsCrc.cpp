@@ -7,7 +7,6 @@
 namespace {
 
 constexpr uint16_t crc14_mask = 0x3FFF;
-constexpr auto crc8_table = dolm::crc_table_msb_first<uint8_t>(0x07);
 constexpr auto crc16_table = dolm::crc_table_msb_first<uint16_t>(dolm::crc16_ccitt_polynomial);
 
 size_t byte_count(int32_t length) {
@@ -24,6 +23,7 @@ constexpr uint8_t gCrc8_high[16] = {0x00, 0x70, 0xE0, 0x90, 0xC7, 0xB7, 0x27, 0x
 namespace {
 
 constexpr bool nibbles_fit_polynomial() {
+    constexpr auto crc8_table = dolm::crc_table_msb_first<uint8_t>(dolm::crc8_polynomial);
     for (unsigned byte = 0; byte < 256; ++byte) {
         if ((gCrc8_high[byte >> 4] ^ gCrc8_low[byte & 15]) != crc8_table[byte]) {
             return false;
@@ -36,13 +36,7 @@ static_assert(nibbles_fit_polynomial());
 } // namespace
 
 uint32_t crc8(const void *data, int32_t length) {
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    uint8_t crc = 0x01;
-    for (size_t i = 0; i < byte_count(length); ++i) {
-        const unsigned v = crc ^ bytes[i];
-        crc = gCrc8_high[v >> 4] ^ gCrc8_low[v & 15];
-    }
-    return crc;
+    return dolm::crc8_msb_first(0x01, static_cast<const uint8_t *>(data), byte_count(length));
 }
 
 uint32_t crc14(const void *data, int32_t length) {

@@ -9,13 +9,15 @@ constexpr size_t slices = 16;
 template <typename T>
 using slicing_tables = std::array<std::array<T, 256>, slices>;
 
-constexpr slicing_tables<uint16_t> make_crc16_tables() {
-    slicing_tables<uint16_t> tables{};
-    tables[0] = crc_table_msb_first<uint16_t>(crc16_ccitt_polynomial);
+template <typename T>
+constexpr slicing_tables<T> make_tables_msb_first(T polynomial) {
+    constexpr unsigned top_byte = sizeof(T) * 8 - 8;
+    slicing_tables<T> tables{};
+    tables[0] = crc_table_msb_first<T>(polynomial);
     for (size_t k = 1; k < slices; ++k) {
         for (size_t i = 0; i < 256; ++i) {
-            const uint16_t reg = tables[k - 1][i];
-            tables[k][i] = static_cast<uint16_t>(reg << 8 ^ tables[0][reg >> 8]);
+            const T reg = tables[k - 1][i];
+            tables[k][i] = static_cast<T>(reg << 8 ^ tables[0][reg >> top_byte]);
         }
     }
     return tables;
@@ -33,7 +35,9 @@ constexpr slicing_tables<uint32_t> make_crc32_tables() {
     return tables;
 }
 
-constexpr slicing_tables<uint16_t> crc16_tables = make_crc16_tables();
+constexpr slicing_tables<uint8_t> crc8_tables = make_tables_msb_first<uint8_t>(crc8_polynomial);
+constexpr slicing_tables<uint16_t> crc16_tables =
+    make_tables_msb_first<uint16_t>(crc16_ccitt_polynomial);
 constexpr slicing_tables<uint32_t> crc32_tables = make_crc32_tables();
 
 // Folding. The polynomial is P = x^16 + x^12 + x^5 + 1, and over bits a square only spreads the
@@ -97,6 +101,20 @@ uint16_t crc16_of_block(uint16_t crc, const uint8_t *data) {
 }
 
 } // namespace
+
+uint8_t crc8_msb_first(uint8_t crc, const uint8_t *data, size_t length) {
+    for (; length >= slices; data += slices, length -= slices) {
+        unsigned next = crc8_tables[slices - 1][data[0] ^ crc];
+        for (size_t i = 1; i < slices; ++i) {
+            next ^= crc8_tables[slices - 1 - i][data[i]];
+        }
+        crc = static_cast<uint8_t>(next);
+    }
+    for (; length > 0; ++data, --length) {
+        crc = crc8_tables[0][crc ^ *data];
+    }
+    return crc;
+}
 
 uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length) {
     for (; length >= folded_block; data += folded_block, length -= folded_block) {

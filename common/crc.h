@@ -1,4 +1,4 @@
-// Checksum tables made from their polynomials at compile time, and the two engines that run over
+// Checksum tables made from their polynomials at compile time, and the engines that run over
 // long data. Slicing: table k holds the register after byte i and k zero bytes, so that a block
 // of bytes costs one independent look-up each instead of a chain of dependent ones. The few terms
 // of the 16-bit polynomial allow more: see fold_words.
@@ -40,6 +40,11 @@ constexpr std::array<uint32_t, 256> crc32_table_reflected(uint32_t polynomial) {
     }
     return table;
 }
+
+inline constexpr uint8_t crc8_polynomial = 0x07;
+
+// CRC-8, most significant bit first, no final XOR, continued from crc.
+uint8_t crc8_msb_first(uint8_t crc, const uint8_t *data, size_t length);
 
 inline constexpr uint16_t crc16_ccitt_polynomial = 0x1021;
 

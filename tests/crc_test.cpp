@@ -21,6 +21,16 @@ uint16_t bitwise_crc16(uint16_t crc, const std::vector<uint8_t> &data) {
     return crc;
 }
 
+uint8_t bitwise_crc8(uint8_t crc, const std::vector<uint8_t> &data) {
+    for (const uint8_t byte : data) {
+        crc ^= byte;
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = static_cast<uint8_t>(crc << 1 ^ ((crc & 0x80) != 0 ? 0x07 : 0));
+        }
+    }
+    return crc;
+}
+
 uint32_t bitwise_crc32(uint32_t crc, const std::vector<uint8_t> &data) {
     for (const uint8_t byte : data) {
         crc ^= byte;
@@ -37,7 +47,9 @@ TEST(Crc, EnginesAgreeWithBitwiseAtEveryLengthAndSeed) {
         std::vector<uint8_t> data(length);
         std::generate(data.begin(), data.end(), [&] { return static_cast<uint8_t>(random()); });
         for (const uint32_t seed : {0u, 0xFFFFu, 0x1D0Fu, 0xFFFFFFFFu, 0x12345678u}) {
+            const auto seed8 = static_cast<uint8_t>(seed);
             const auto seed16 = static_cast<uint16_t>(seed);
+            EXPECT_EQ(dolm::crc8_msb_first(seed8, data.data(), length), bitwise_crc8(seed8, data));
             EXPECT_EQ(dolm::crc16_ccitt(seed16, data.data(), length), bitwise_crc16(seed16, data));
             EXPECT_EQ(dolm::crc32_reflected(seed, data.data(), length), bitwise_crc32(seed, data));
         }
