@@ -47,12 +47,9 @@ void move_to_head(afs_context *context, list_place place) {
 template <typename Matches>
 list_place find_line(const afs_context *context, Matches matches) {
     list_place place{end_of_list, context->cache_head};
-    while (!matches(place.line)) {
-        const uint16_t next = link_of(context, place.line);
-        if (next == end_of_list) {
-            break;
-        }
-        place = {place.line, next};
+    for (uint16_t visited = 1; visited < context->cache_line_count && !matches(place.line);
+         ++visited) {
+        place = {place.line, link_of(context, place.line)};
     }
     return place;
 }
