@@ -1,5 +1,6 @@
 #include "host/set_files.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,12 +41,23 @@ fs::path beside(const fs::path &target, const char *ending) {
     return target.string() + "." + std::to_string(getpid()) + ending;
 }
 
+// A rename may reach the disk before the content that it stands for; then a cut of power would
+// leave an empty file in the place of a good one.
+bool flush_to_disk(const fs::path &path) {
+    const int descriptor = open(path.c_str(), O_RDONLY);
+    const bool done = descriptor >= 0 && fsync(descriptor) == 0;
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+    return done;
+}
+
 void write_new_file(const fs::path &path, const Bytes &content) {
     std::ofstream stream(path, std::ios::binary | std::ios::trunc);
     stream.write(reinterpret_cast<const char *>(content.data()),
                  static_cast<std::streamsize>(content.size()));
     stream.close();
-    if (!stream) {
+    if (!stream || !flush_to_disk(path)) {
         const int error = errno;
         std::error_code ignored;
         fs::remove(path, ignored);
@@ -80,6 +92,9 @@ class PendingChange {
             keep_old();
         }
         if (!removes) {
+            if (had_old) {
+                fs::permissions(fresh, fs::status(target).permissions());
+            }
             fs::rename(fresh, target);
         } else if (had_old) {
             fs::remove(target);
