@@ -1,10 +1,10 @@
 #include "dfs.h"
 
 #include <cstdlib>
-#include <cstring>
 
 #include "Afs.h"
 #include "EFS.h"
+#include "common/at_unload.h"
 
 afs_context *dfs_context = nullptr;
 uint8_t dfs_reset_needed = 0;
@@ -28,6 +28,17 @@ constexpr size_t file_buffer_size = 4096;
 constexpr uint32_t cache_size = 8192;
 
 constexpr uint32_t unknown_write_status = 562; // passed on, though no store gives it today
+
+void release_context() {
+    if (dfs_context != nullptr) {
+        afs_free_context(dfs_context);
+        std::free(dfs_context->file_buffer);
+        std::free(dfs_context);
+        dfs_context = nullptr;
+    }
+}
+
+[[maybe_unused]] const dolm::at_unload<release_context> context_release;
 
 uint32_t selector_of(uint32_t file) {
     return file >> selector_shift & selector_mask;

@@ -2,6 +2,7 @@
 // instant. It reads the BMs alone and writes nothing.
 #include <array>
 
+#include "common/at_unload.h"
 #include "efs/efs_internal.h"
 
 struct efs_ctx efs_ctx;
@@ -197,6 +198,8 @@ void drop_mounted_store() {
     mount_arrays = nullptr;
     efs_ctx = {};
 }
+
+[[maybe_unused]] const dolm::at_unload<drop_mounted_store> store_release;
 
 } // namespace
 

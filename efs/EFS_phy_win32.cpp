@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "EFS.h"
+#include "common/at_unload.h"
 #include "efs/efs_format.h"
 
 uint8_t *efs_image = nullptr;
@@ -24,9 +25,16 @@ bool inside_image(uint32_t address, uint32_t length) {
            length <= efs_size - address;
 }
 
+void release_image() {
+    std::free(own_image);
+    own_image = nullptr;
+}
+
+[[maybe_unused]] const dolm::at_unload<release_image> image_release;
+
 uint32_t allocate_image() {
     efs_size = EFS_get_efs_size();
-    std::free(own_image);
+    release_image();
     own_image = static_cast<uint8_t *>(std::malloc(efs_size + size_t{1}));
     own_image_size = efs_size;
     efs_image = own_image;

@@ -46,8 +46,8 @@ static bool save(const char *folder, const char *name, const uint8_t *head, size
     if (file == NULL) {
         return false;
     }
-    const bool written =
-        fwrite(head, 1, head_size, file) == head_size && fwrite(bytes, 1, size, file) == size;
+    const bool written = (head_size == 0 || fwrite(head, 1, head_size, file) == head_size) &&
+                         fwrite(bytes, 1, size, file) == size;
     return fclose(file) == 0 && written;
 }
 

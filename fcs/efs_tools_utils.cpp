@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/at_unload.h"
 #include "common/little_endian.h"
 #include "fcs/file_table.h"
 
@@ -103,6 +104,12 @@ void replace_file_list(EFS_file_entry *list, uint32_t slots) {
     g_efs_autogen_data_loaded = list != nullptr ? 1 : 0;
 }
 
+void release_file_list() {
+    replace_file_list(nullptr, 0);
+}
+
+[[maybe_unused]] const dolm::at_unload<release_file_list> list_release;
+
 bool lies_within(uint32_t offset, uint64_t size, uint32_t length) {
     return offset + size <= length;
 }
@@ -138,7 +145,7 @@ bool records_are_sound(const uint8_t *table, uint32_t length, const GeometryRow 
 // g_efs_files_num, also when no new list follows.
 void store_geometry(const GeometryRow &row) {
     if (row.files_num > owned_slots) {
-        replace_file_list(nullptr, 0);
+        release_file_list();
     }
     g_efs_bm_num = row.bm_num;
     g_efs_valid_block_num = row.valid_block_num;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "common/at_unload.h"
 #include "common/little_endian.h"
 #include "frontend/report.h"
 #include "memory_utils.h"
@@ -322,6 +323,17 @@ void qoQfsFreeFcsTable(FcsTable &table) {
     }
     table.firstEntry = nullptr;
 }
+
+void free_all_tables() {
+    qoQfsFreeFcsTable(s_builtVynCfgTable);
+    qoQfsFreeFcsTable(s_vynCfgTable);
+    qoQfsFreeFcsTable(s_orvelCfgTable);
+    qoQfsFreeFcsTable(s_currentValuesTable);
+    s_fcsInitialized = false;
+}
+
+// A host may end with tables up, after a start-up that failed for instance.
+[[maybe_unused]] static const dolm::at_unload<free_all_tables> release_tables;
 
 bool qoQfsGenerateFcsCurrentsTable() {
     s_currentValuesTable = {};

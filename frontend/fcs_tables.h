@@ -122,6 +122,9 @@ void qoQfsFreeFileEntry(FcsFileEntry *entry);
 // Releases what the table owns; harmless on a free table. The other fields stay as they are.
 void qoQfsFreeFcsTable(FcsTable &table);
 
+// Releases all four tables and takes them down.
+void free_all_tables();
+
 // Builds s_currentValuesTable, whose former content the caller has released: the entries of
 // s_orvelCfgTable in their order, with the entry of the same name from s_vynCfgTable where there is
 // one.

@@ -151,14 +151,6 @@ bool start_up(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback
     return bring_up_tables(*inputs) && bring_up_flash(*inputs);
 }
 
-void free_all_tables() {
-    qoQfsFreeFcsTable(s_builtVynCfgTable);
-    qoQfsFreeFcsTable(s_vynCfgTable);
-    qoQfsFreeFcsTable(s_orvelCfgTable);
-    qoQfsFreeFcsTable(s_currentValuesTable);
-    s_fcsInitialized = false;
-}
-
 void tear_down() {
     free_all_tables();
     take_afs_down();

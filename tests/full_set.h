@@ -53,7 +53,15 @@ inline const std::vector<SetFile> default_set = {
 inline const builders::Geometry geometry = {
     .sku = 1, .records = {{0, 0, 0, 1000}, {1, 1, 0, 6000}, {2, 0, 2000, 900}}};
 
+// The stores work on its images in place, so it ends the library's work on them before it goes.
 struct FlashSet : host_session::Inputs {
+    FlashSet(const FlashSet &) = default;
+    ~FlashSet() {
+        if (qoFcsIsInitialized()) {
+            qoQfsNvarTerm(false);
+        }
+    }
+
     explicit FlashSet(const std::vector<SetFile> &files = default_set) {
         builders::FileTable table;
         table.sku_rows = {{1, {}}};
