@@ -270,7 +270,7 @@ Change AfsStore::write(uint32_t file, uint32_t offset, std::vector<uint8_t> byte
         if ((flags & AFS_WRITE_TRUNCATE) != 0 || (contents.size() < end && !bytes.empty())) {
             contents.resize(end);
         }
-        std::copy(bytes.begin(), bytes.end(), contents.begin() + offset);
+        std::copy(bytes.begin(), bytes.end(), contents.begin() + (bytes.empty() ? 0 : offset));
     };
     return change;
 }
