@@ -179,7 +179,11 @@ void PowerCut::explore(const Workload &workload) {
     try {
         const Recording recording =
             run_and_check(image, start, [&](const Files &) { return workload.changes; });
+        replayed_ = false;
         cut_everywhere(workload.start, recording, start, 1);
+        if (!replay_.empty() && !replayed_) {
+            ADD_FAILURE() << "there is no state " << replay_;
+        }
     } catch (const std::runtime_error &error) {
         fail(start, error.what());
     }
@@ -348,6 +352,7 @@ bool PowerCut::is_new(uint64_t hash, unsigned level) {
 
 void PowerCut::visit(const Image &image, const State &state, unsigned level) {
     counts_.at_limit[state.limit].states += 1;
+    replayed_ = replayed_ || state.id == replay_;
     Image work = image;
     try {
         const auto choice = static_cast<uint32_t>(hash_text(state.id) >> 16);

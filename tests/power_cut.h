@@ -162,7 +162,8 @@ class PowerCut {
     PowerCutStore &store_;
     PowerCutCounts counts_;
     bool full_ = false;
-    std::string replay_;                                  // the only state to visit
+    std::string replay_; // the only state to visit
+    bool replayed_ = false;
     std::unordered_set<uint64_t> visited_[max_level + 1]; // states of each level
     unsigned failures_ = 0;
 };
