@@ -10,14 +10,12 @@ constexpr uint32_t block_size = 4096;
 
 // BM: header with checksum at 12, then entries; the last one ends at 4095 at most.
 constexpr uint32_t header_size = 16;
-constexpr uint32_t header_checked_size = 12;
 constexpr uint32_t entry_limit = 4095;
 constexpr uint32_t entry_words_size = 12; // two free words and the checksum
 
 // Data block: header, data area, checksum of the data area.
 constexpr uint32_t data_offset = 16;
 constexpr uint32_t data_size = 4076;
-constexpr uint32_t footer_offset = 4092;
 
 // Record: length or no_file, checksum, payload.
 constexpr uint32_t record_head_size = 4;
