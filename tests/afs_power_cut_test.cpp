@@ -173,6 +173,10 @@ struct Case {
     uint32_t cache_lines = dolm::afs_cache_lines;
 };
 
+std::ostream &operator<<(std::ostream &out, const Case &test) {
+    return out << test.name;
+}
+
 // A write that the store has to refuse, and that leaves everything as it was.
 Change expect_no_space(const Change &change) {
     return {change.name + " without room",
