@@ -90,47 +90,39 @@ struct FileTable {
         return bytes;
     }
 
-    static void put_entry(Bytes &bytes, size_t at, const TableEntry &entry) {
-        std::memcpy(bytes.data() + at, entry.name.data(), entry.name.size());
-        put32(bytes, at + 48, entry.fileno);
-        put16(bytes, at + 52, entry.attributes);
-        put16(bytes, at + 58, entry.file_id);
-        bytes[at + 63] = entry.store;
-        put32(bytes, at + 64, entry.max_size);
-    }
-
   private:
     static void put_entries(Bytes &bytes, size_t row, const SkuRow &source) {
-        put32(bytes, row, source.sku);
-        put32(bytes, row + 4, static_cast<uint32_t>(bytes.size()));
-        put32(bytes, row + 8, static_cast<uint32_t>(source.entries.size()));
+        put_row(bytes, row, {source.sku, bytes.size(), source.entries.size()});
         for (const TableEntry &entry : source.entries) {
-            put_entry(bytes, grow(bytes, 68), entry);
+            const size_t at = grow(bytes, 68);
+            std::memcpy(bytes.data() + at, entry.name.data(), entry.name.size());
+            put32(bytes, at + 48, entry.fileno);
+            put16(bytes, at + 52, entry.attributes);
+            put16(bytes, at + 58, entry.file_id);
+            bytes[at + 63] = entry.store;
+            put32(bytes, at + 64, entry.max_size);
         }
     }
 
     static void put_geometry(Bytes &bytes, size_t row, const Geometry &source) {
-        const auto count = static_cast<uint32_t>(source.records.size());
-        const auto records_at = static_cast<uint32_t>(bytes.size());
-        const uint32_t fields[] = {source.sku,
-                                   records_at,
-                                   count,
-                                   count * 60,
-                                   source.bm_num,
-                                   source.valid_block_num,
-                                   source.non_valid_block_num,
-                                   source.files_num,
-                                   source.wear_leveling_threshold,
-                                   source.layout_id};
-        for (size_t i = 0; i < std::size(fields); ++i) {
-            put32(bytes, row + 4 * i, fields[i]);
-        }
+        const size_t count = source.records.size();
+        put_row(bytes, row,
+                {source.sku, bytes.size(), count, count * 60, source.bm_num, source.valid_block_num,
+                 source.non_valid_block_num, source.files_num, source.wear_leveling_threshold,
+                 source.layout_id});
         for (const EfsRecord &record : source.records) {
             const size_t at = grow(bytes, 60);
             put16(bytes, at, record.file_index);
             put16(bytes, at + 50, record.block);
             put16(bytes, at + 52, record.offset);
             put16(bytes, at + 54, record.max_size);
+        }
+    }
+
+    static void put_row(Bytes &bytes, size_t at, std::initializer_list<size_t> fields) {
+        for (const size_t field : fields) {
+            put32(bytes, at, static_cast<uint32_t>(field));
+            at += 4;
         }
     }
 };
@@ -158,15 +150,14 @@ inline Bytes block_of(const StoreFile &file, uint32_t offset = 0) {
 inline Bytes store_of(const std::vector<StoreFile> &files) {
     Bytes bytes(4);
     put32(bytes, 0, static_cast<uint32_t>(files.size()));
-    size_t offset = 4 + 12 * files.size();
+    Bytes payloads;
     for (const StoreFile &file : files) {
+        const size_t offset = 4 + 12 * files.size() + payloads.size();
         const Bytes block = block_of(file, static_cast<uint32_t>(offset));
         bytes.insert(bytes.end(), block.begin(), block.begin() + 12);
-        offset += file.payload.size();
+        payloads.insert(payloads.end(), block.begin() + 12, block.end());
     }
-    for (const StoreFile &file : files) {
-        bytes.insert(bytes.end(), file.payload.begin(), file.payload.end());
-    }
+    bytes.insert(bytes.end(), payloads.begin(), payloads.end());
     return bytes;
 }
 
@@ -176,15 +167,15 @@ class GuardedBytes {
     explicit GuardedBytes(const Bytes &bytes) {
         const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         const size_t used = (bytes.size() + page - 1) / page * page;
-        mapped_size_ = used + page;
-        map_ = static_cast<uint8_t *>(mmap(nullptr, mapped_size_, PROT_READ | PROT_WRITE,
-                                           MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        map_size_ = used + page;
+        map_ = static_cast<uint8_t *>(
+            mmap(nullptr, map_size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         data_ = map_ + used - bytes.size();
         std::memcpy(data_, bytes.data(), bytes.size());
         mprotect(map_, used, PROT_READ);
         mprotect(map_ + used, page, PROT_NONE);
     }
-    ~GuardedBytes() { munmap(map_, mapped_size_); }
+    ~GuardedBytes() { munmap(map_, map_size_); }
     GuardedBytes(const GuardedBytes &) = delete;
     GuardedBytes &operator=(const GuardedBytes &) = delete;
 
@@ -193,7 +184,7 @@ class GuardedBytes {
   private:
     uint8_t *map_;
     uint8_t *data_;
-    size_t mapped_size_;
+    size_t map_size_;
 };
 
 // Takes the selection out of the process-wide file table.
