@@ -21,9 +21,8 @@ constexpr uint32_t value_size = 200;
 void check(bool good, const char *what) {
     if (!good) {
         std::fprintf(stderr, "failed: %s\n", what);
-        for (const host_session::Report &report : host_session::reports) {
-            std::fprintf(stderr, "%d %s %s\n", report.number, report.text.c_str(),
-                         report.message.c_str());
+        for (const std::string &report : host_session::reports) {
+            std::fprintf(stderr, "%s\n", report.c_str());
         }
         std::abort();
     }

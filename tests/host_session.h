@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <map>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,33 +15,22 @@ namespace host_session {
 
 using builders::Bytes;
 
-struct Report {
-    int32_t level;
-    int32_t number;
-    std::string text;
-    std::string message;
-    bool operator==(const Report &) const = default;
-};
+// What the host was told: "<number>:<message>" for each report, with the level in front of one that
+// is no error.
+using Reports = std::vector<std::string>;
 
-inline std::ostream &operator<<(std::ostream &out, const Report &report) {
-    return out << "{" << report.level << ", " << report.number << ", \"" << report.text << "\", \""
-               << report.message << "\"}";
-}
+inline Reports reports;
 
-inline std::vector<Report> reports;
-
-inline void on_report(ErrorLevel level, ImageToolsErrorName number, const char *text,
+inline void on_report(ErrorLevel level, ImageToolsErrorName number, const char *,
                       const char *message) {
-    reports.push_back({level, number, text, message});
+    const std::string prefix =
+        level == ERROR_LEVEL_ERROR ? "" : "level " + std::to_string(level) + " ";
+    reports.push_back(prefix + std::to_string(number) + ":" + message);
 }
 
-// The numbers of the reports since the last call, in their order.
-inline std::vector<int32_t> take_numbers() {
-    std::vector<int32_t> numbers;
-    for (const Report &report : std::exchange(reports, {})) {
-        numbers.push_back(report.number);
-    }
-    return numbers;
+// The reports since the last call.
+inline Reports take_reports() {
+    return std::exchange(reports, {});
 }
 
 struct Inputs {
