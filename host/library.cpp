@@ -32,7 +32,9 @@ void print_report(ErrorLevel level, ImageToolsErrorName number, const char *text
         line << ' ' << text;
     }
     if (*message != '\0') {
-        line << (*message == ' ' ? "" : " ") << message;
+        const std::string_view told = text;
+        line << (told.empty() || told.ends_with('.') ? "" : ":") << (*message == ' ' ? "" : " ")
+             << message;
     }
     line << '\n';
     // A command may start up more than once, and each start-up warns of the same missing files.

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "efs_tools_utils.h"
+#include "host/tables.h"
 
 namespace dolm {
 
@@ -37,13 +38,18 @@ std::vector<TableEntry> selected_entries() {
 }
 
 std::map<uint32_t, std::string> names_in_store(const Bytes &ftbl, uint32_t sku, Store store) {
+    std::vector<uint32_t> skus{sku};
+    const std::vector<uint32_t> others = skus_of(ftbl);
+    skus.insert(skus.end(), others.begin(), others.end());
     std::map<uint32_t, std::string> names;
-    if (load_file_table(ftbl.data(), sku, static_cast<uint32_t>(ftbl.size())) != 0) {
-        return names;
-    }
-    for (const TableEntry &entry : selected_entries()) {
-        if (entry.store == static_cast<uint8_t>(store)) {
-            names.emplace(entry.id, entry.name);
+    for (const uint32_t each : skus) {
+        if (load_file_table(ftbl.data(), each, static_cast<uint32_t>(ftbl.size())) != 0) {
+            continue;
+        }
+        for (const TableEntry &entry : selected_entries()) {
+            if (entry.store == static_cast<uint8_t>(store)) {
+                names.emplace(entry.id, entry.name);
+            }
         }
     }
     return names;

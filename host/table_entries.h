@@ -21,8 +21,9 @@ struct TableEntry {
 // The entries of the table that the library has selected, in their order.
 std::vector<TableEntry> selected_entries();
 
-// Names by id of the files of one store, for the display of an image. Loads the table into the
-// library; empty if the library refuses it. The library looks into ftbl from then on.
+// Names by id of the files of one store, for the display of an image: those of the SKU, and of
+// others where it has none. Loads the table into the library, which looks into ftbl from then on;
+// empty if the library refuses it.
 std::map<uint32_t, std::string> names_in_store(const Bytes &ftbl, uint32_t sku, Store store);
 
 } // namespace dolm
