@@ -118,6 +118,12 @@ void rewrite(benchmark::State &state) {
 void read_file(benchmark::State &state) {
     const auto size = static_cast<uint32_t>(state.range(0));
     Store store(64, size);
+    for (uint32_t i = 0; i < 20 * small_files; ++i) {
+        store.write(i * 211 % small_files, contents(64, i));
+        if (i % small_files == 0) {
+            store.write(tested_file, contents(size, tested_file));
+        }
+    }
     Bytes bytes(size);
     bench::show_time(state, size, [&] { store.read(tested_file, bytes); });
     if (bytes != contents(size, tested_file)) {

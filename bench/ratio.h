@@ -5,7 +5,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
@@ -86,13 +85,12 @@ class Stopwatch {
   public:
     explicit Stopwatch(const benchmark::State &state) : state_(state) {}
     double seconds_per_iteration() const {
-        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start_;
-        return elapsed.count() / static_cast<double>(state_.iterations());
+        return (cpu_seconds() - start_) / static_cast<double>(state_.iterations());
     }
 
   private:
     const benchmark::State &state_;
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    double start_ = cpu_seconds();
 };
 
 } // namespace bench
