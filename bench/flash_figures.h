@@ -39,12 +39,12 @@ void show_change(benchmark::State &state, uint32_t payload, uint64_t steady_eras
         operation();
         ++calls;
     } while (device_counts.block_erases - start < steady_erases);
-    show_time(state, payload, operation);
     const DeviceCounts counts = counts_of([&] {
         for (uint32_t i = 0; i < calls; ++i) {
             operation();
         }
     });
+    show_time(state, payload, operation);
     const auto erases = static_cast<double>(counts.block_erases);
     const double bytes = static_cast<double>(payload) * calls;
     state.counters["programmed_per_byte"] = static_cast<double>(counts.bytes_programmed) / bytes;
