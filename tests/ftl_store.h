@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <numeric>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,26 +20,34 @@ using Page = std::array<uint8_t, AFS_PAGE_SIZE>;
 
 inline constexpr uint32_t file_count = 1024;
 
+// 3 log EUs (0 to 2), 4 data EUs (3 to 6), the spare (7).
+inline constexpr uint32_t eus = 8;
+inline constexpr uint32_t data_eus = 4;
+inline constexpr uint32_t first_data_eu = 3;
+inline constexpr uint32_t spare = 7;
+
 inline Page make_page(uint32_t seed) {
     Page page;
     std::iota(page.begin(), page.end(), static_cast<uint8_t>(seed * 7 + 1));
     return page;
 }
 
-// A store of its own geometry on an image that starts erased, with the device double attached.
+// An empty store, formatted and mounted, on an image of its own with the device double attached.
 class FtlStore {
   public:
-    FtlStore(uint32_t eus, uint32_t data_eus, uint32_t missing_chunks = 0)
-        : image_(eus * AFS_EU_SIZE, 0xFF) {
+    explicit FtlStore(uint32_t missing_chunks = 0) : image_(eus * AFS_EU_SIZE, 0xFF) {
         const uint32_t chunks = data_eus * AFS_DATA_EU_PAGES - missing_chunks;
         context_.chunk_count = static_cast<uint16_t>(chunks);
         context_.file_count = file_count;
         context_.data_va_start = (14 + 2 * (chunks + file_count) + 63) / 64 * 64;
-        context_.total_va_size =
-            context_.data_va_start + data_eus * AFS_DATA_EU_PAGES * AFS_PAGE_SIZE;
+        context_.total_va_size = context_.data_va_start + data_eus * AFS_DATA_EU_BYTES;
         context_.device_size = static_cast<uint32_t>(image_.size());
         chunk_map_.resize(chunks / 32 + 1);
-        attach();
+        context_.chunk_map = chunk_map_.data();
+        context_.image = image_.data();
+        EXPECT_EQ(mount_ftl(), AFS_RC_IO);
+        EXPECT_EQ(afs_physical_ftl_format(&context_, 1), AFS_RC_OK);
+        EXPECT_EQ(mount(), AFS_RC_OK);
     }
     ~FtlStore() {
         dolm::release_ftl_state(&context_);
@@ -49,13 +56,6 @@ class FtlStore {
     FtlStore(const FtlStore &) = delete;
     FtlStore &operator=(const FtlStore &) = delete;
 
-    // An empty store, mounted, with its allocator set up.
-    FtlStore &format() {
-        EXPECT_EQ(mount_ftl(), AFS_RC_IO);
-        EXPECT_EQ(afs_physical_ftl_format(&context_, 1), AFS_RC_OK);
-        EXPECT_EQ(mount(), AFS_RC_OK);
-        return *this;
-    }
     // As a fresh process would.
     uint32_t mount() {
         const uint32_t rc = mount_ftl();
@@ -63,8 +63,6 @@ class FtlStore {
     }
     uint32_t mount_ftl() {
         attach();
-        context_.chunk_map = chunk_map_.data();
-        context_.image = image_.data();
         return afs_physical_ftl_init(&context_, context_.device_size,
                                      AFS_FTL_ALLOCATE_TABLES | AFS_FLAG_ATTACH_DEVICE);
     }
@@ -87,29 +85,28 @@ class FtlStore {
             ASSERT_EQ(write(chunk_va(index * AFS_DATA_EU_PAGES + i), i), AFS_RC_OK);
         }
     }
-    bool holds(uint32_t va, uint32_t seed) {
+    // What a read gives; a page of 0xEE if it fails.
+    Page read(uint32_t va) {
         Page page;
-        return afs_physical_ftl_read_page(&context_, va, 0, page.data(), 0) == AFS_RC_OK &&
-               page == make_page(seed);
+        if (afs_physical_ftl_read_page(&context_, va, 0, page.data(), 0) != AFS_RC_OK) {
+            page.fill(0xEE);
+        }
+        return page;
     }
-    bool is_zero(uint32_t va) {
-        Page page = make_page(99);
-        return afs_physical_ftl_read_page(&context_, va, 0, page.data(), 0) == AFS_RC_OK &&
-               page == Page{};
-    }
+    bool holds(uint32_t va, uint32_t seed) { return read(va) == make_page(seed); }
+    bool is_zero(uint32_t va) { return read(va) == Page{}; }
+
     // Writes and erases since the attach: "w3:18+2" writes 2 bytes at offset 18 of EU 3, "e3:0"
     // erases the block there.
-    std::string events() {
-        std::ostringstream text;
+    static std::string events() {
+        std::string text;
         for (const DeviceEvent &event : DeviceDouble::instance().log()) {
             const bool is_write = event.kind == DeviceEvent::Kind::write;
-            text << (is_write ? " w" : " e") << event.address / AFS_EU_SIZE << ':'
-                 << event.address % AFS_EU_SIZE;
-            if (is_write) {
-                text << '+' << event.length;
-            }
+            text += (is_write ? " w" : " e") + std::to_string(event.address / AFS_EU_SIZE) + ':' +
+                    std::to_string(event.address % AFS_EU_SIZE) +
+                    (is_write ? '+' + std::to_string(event.length) : "");
         }
-        return text.str();
+        return text;
     }
 
   private:
@@ -117,11 +114,5 @@ class FtlStore {
     std::vector<uint32_t> chunk_map_;
     afs_context context_{};
 };
-
-// 3 log EUs (0 to 2), 4 data EUs (3 to 6), the spare (7).
-inline constexpr uint32_t eus = 8;
-inline constexpr uint32_t data_eus = 4;
-inline constexpr uint32_t first_data_eu = 3;
-inline constexpr uint32_t spare = 7;
 
 } // namespace dolm_test
