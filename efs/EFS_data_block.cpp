@@ -48,13 +48,14 @@ bool footer_is_good(const uint8_t *block) {
 
 // The checksum word goes first, so that an erase cut short at any point is recognisable.
 uint32_t invalidate_header(uint32_t address) {
-    uint8_t word[4] = {};
-    const uint32_t status = EFS_physical_write(address + block_header::crc32, sizeof word, word);
+    const uint8_t zero[4] = {};
+    const uint32_t status = EFS_physical_write(address + block_header::crc32, sizeof zero, zero);
     if (status != EFS_OK) {
         return status;
     }
-    return read_until(address + block_header::crc32, sizeof word, word,
-                      [&word] { return load_le32(word) == 0; });
+    uint8_t *const word = efs_ctx.verify_buffer;
+    return read_until(address + block_header::crc32, sizeof zero, word,
+                      [word] { return load_le32(word) == 0; });
 }
 
 uint32_t erase_and_stamp(uint32_t block, uint32_t erase_count) {
@@ -173,12 +174,12 @@ uint32_t EFS_write_data_footer(uint32_t block, const void *data) {
 }
 
 uint32_t EFS_bme_swap_and_write_new_block(EFS_bme *bme, uint32_t logical, const void *data) {
-    if (!is_mounted()) {
-        return EFS_NOT_MOUNTED;
-    }
     if (bme == nullptr || bme->valid_map == nullptr || bme->non_valid_map == nullptr ||
         data == nullptr || logical >= g_efs_valid_block_num) {
         return EFS_INVALID;
+    }
+    if (!is_mounted()) {
+        return EFS_NOT_MOUNTED;
     }
     uint32_t slot = 0;
     if (const uint32_t status = EFS_select_free_page_for_write(&slot); status != EFS_OK) {

@@ -66,7 +66,7 @@ uint32_t EFS_do_format() {
     if (geometry_changed() || g_efs_autogen_data_loaded == 0 || EFS_files == nullptr) {
         return EFS_NOT_MOUNTED;
     }
-    if (!geometry_is_possible()) {
+    if (!geometry_fits() || g_efs_bm_num == 0) {
         return EFS_BAD_DATA;
     }
     working_bme bme;

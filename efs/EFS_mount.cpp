@@ -207,13 +207,6 @@ bool dolm::efs::geometry_changed() {
     return efs_ctx.initialized != 0 && current_geometry() != mounted_geometry;
 }
 
-// Also for a host that sets the geometry variables itself.
-bool dolm::efs::geometry_is_possible() {
-    return g_efs_bm_num >= 1 && g_efs_bm_num <= max_count && g_efs_valid_block_num <= max_count &&
-           g_efs_non_valid_block_num <= max_count && data_block_num() >= 2 &&
-           data_block_num() <= max_data_blocks;
-}
-
 uint32_t EFS_init_tools(void *image) {
     if (image == nullptr) {
         return EFS_INVALID;
@@ -227,7 +220,7 @@ uint32_t EFS_init(uint8_t format) {
     if (g_efs_autogen_data_loaded == 0) {
         return EFS_NOT_MOUNTED;
     }
-    if (!geometry_is_possible()) {
+    if (!geometry_fits()) {
         return EFS_BAD_DATA;
     }
     if (!allocate_arrays()) {

@@ -13,7 +13,7 @@ uint32_t EFS_write_with_read_check(uint32_t address, uint32_t length, const void
     if (length > sizeof efs_ctx.verify_buffer) {
         return EFS_BAD_DATA;
     }
-    if (data == nullptr) {
+    if (data == nullptr || length == 0) {
         return EFS_INVALID;
     }
     uint8_t *const target = efs_ctx.verify_buffer;

@@ -44,6 +44,14 @@ inline constexpr uint32_t bme_limit = 4095;            // a slot must end at or 
 // Block numbers and counts travel in single bytes.
 inline constexpr uint32_t max_count = 255;
 inline constexpr uint32_t max_data_blocks = 256;
+// A lost erase count is made up from those of the other data blocks, so there is more than one.
+inline constexpr uint32_t min_data_blocks = 2;
+
+constexpr bool block_counts_fit(uint32_t bm_num, uint32_t valid, uint32_t non_valid) {
+    return bm_num <= max_count && valid <= max_count && non_valid <= max_count &&
+           valid + non_valid >= min_data_blocks && valid + non_valid <= max_data_blocks;
+}
+
 // The largest entry still leaves room for two, so every BM has a slot behind its first.
 static_assert(first_bme + 2 * (max_data_blocks + bme_overhead) <= bme_limit);
 

@@ -50,8 +50,10 @@ inline uint32_t next_bm() {
     return (efs_ctx.current_bm + 1) % g_efs_bm_num;
 }
 
-// Whether an image of the geometry variables can exist.
-bool geometry_is_possible();
+// For a host that sets the geometry variables itself.
+inline bool geometry_fits() {
+    return block_counts_fit(g_efs_bm_num, g_efs_valid_block_num, g_efs_non_valid_block_num);
+}
 
 // Whether a store is mounted whose arrays and image no longer fit the geometry variables.
 bool geometry_changed();

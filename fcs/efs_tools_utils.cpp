@@ -5,6 +5,7 @@
 
 #include "common/at_unload.h"
 #include "common/little_endian.h"
+#include "efs/efs_format.h"
 #include "fcs/file_table.h"
 
 using dolm::load_le16;
@@ -114,18 +115,10 @@ bool lies_within(uint32_t offset, uint64_t size, uint32_t length) {
     return offset + size <= length;
 }
 
-// A block-map header holds each count in one byte and a map holds a block number in one byte. With
-// at most 256 blocks an entry of the map always fits into its block, so that needs no test.
+// Without a BM the geometry loads all the same; it is the store that will not mount.
 bool geometry_can_work(const GeometryRow &row) {
-    constexpr uint32_t max_count = 255;
-    constexpr uint32_t max_blocks = 256;
-    static_assert(16 + max_blocks + 12 <= 4095, "header and one map entry fit into a block");
-    if (row.bm_num > max_count || row.valid_block_num > max_count ||
-        row.non_valid_block_num > max_count || row.files_num == 0) {
-        return false;
-    }
-    const uint32_t blocks = row.valid_block_num + row.non_valid_block_num;
-    return blocks >= 2 && blocks <= max_blocks;
+    return row.files_num != 0 && dolm::efs::block_counts_fit(row.bm_num, row.valid_block_num,
+                                                             row.non_valid_block_num);
 }
 
 bool records_are_sound(const uint8_t *table, uint32_t length, const GeometryRow &row) {

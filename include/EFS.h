@@ -223,7 +223,7 @@ DOLM_API uint32_t EFS_write_data_footer(uint32_t block, const void *data);
 
 // Writes `data` to the least worn free block and, in `bme` alone, swaps that block with the one
 // behind `logical`. The spent slot counts as dirty, whatever the result; needs scan_done.
-// Also 1 if not mounted and 22 for a `logical` that is too high; `bme` then stays as it was.
+// Also 22 for a `logical` that is too high and 1 if not mounted; `bme` then stays as it was.
 DOLM_API uint32_t EFS_bme_swap_and_write_new_block(struct EFS_bme *bme, uint32_t logical,
                                                    const void *data);
 
