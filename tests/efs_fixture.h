@@ -4,7 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <numeric>
+#include <cstdio>
+#include <string>
 
 #include "EFS.h"
 #include "builders.h"
@@ -69,31 +70,32 @@ class EfsTest : public testing::Test {
     }
 
     Bytes read(uint32_t file, uint32_t offset = 0, uint32_t length = 0x10000) {
-        Bytes content(length, 0);
+        Bytes content(length + 1); // never null
         last_status = EFS_read(file, offset, &length, content.data());
         content.resize(length);
         return content;
     }
 
-    // A write ('W') or an erase ('E') that the device saw.
-    struct Step {
-        char kind;
-        uint32_t address;
-        uint32_t length;
-        bool operator==(const Step &) const = default;
-        friend void PrintTo(const Step &step, std::ostream *out) {
-            *out << step.kind << std::hex << " 0x" << step.address << "+0x" << step.length;
-        }
-    };
-    using Steps = std::vector<Step>;
-    static Steps take_steps() {
-        Steps steps;
-        for (const DeviceEvent &event : device().log()) {
-            const char kind = event.kind == DeviceEvent::Kind::write ? 'W' : 'E';
-            steps.push_back({kind, event.address, event.length});
+    // "W9010+4076 " is a write of 4076 bytes at 0x9010; 'E' is an erase.
+    static std::string event(char kind, uint32_t address, uint32_t length) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%c%X+%u ", kind, address, length);
+        return text;
+    }
+    // The erase of a data block.
+    std::string erase_events(uint32_t number) const {
+        const uint32_t at = (geometry.bm_num + number) * 4096;
+        return event('W', at + 12, 4) + event('E', at, 4096) + event('W', at, 16);
+    }
+    // What the device saw since the last call.
+    static std::string take_events() {
+        std::string text;
+        for (const DeviceEvent &seen : device().log()) {
+            const bool is_write = seen.kind == DeviceEvent::Kind::write;
+            text += event(is_write ? 'W' : 'E', seen.address, seen.length);
         }
         device().log().clear();
-        return steps;
+        return text;
     }
 
     // Makes `count` accesses of a kind go wrong, after `skip` more good ones.
@@ -109,21 +111,6 @@ class EfsTest : public testing::Test {
 
     static void seal(uint8_t *bytes, uint32_t length) {
         dolm::store_le32(bytes + length, EFS_crc32(0, bytes, length));
-    }
-
-    void put_header(uint32_t index, uint32_t sequence) {
-        uint8_t *const header = bm(index);
-        std::copy_n(bm(0), 16, header);
-        dolm::store_le32(header + 4, sequence);
-        seal(header, 12);
-    }
-
-    // An entry that maps every block to its own number.
-    void put_bme(uint32_t index, uint32_t slot) {
-        uint8_t *const entry = bme(index, slot);
-        std::iota(entry, entry + blocks(), uint8_t{0});
-        std::fill_n(entry + blocks(), 8, uint8_t{0});
-        seal(entry, blocks() + 8);
     }
 
     void put_block_header(uint32_t number, uint32_t erase_count) {

@@ -1,12 +1,9 @@
 // Every kind of change of an EFS store, cut at every write and erase, two cuts deep.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <iostream>
 #include <stdexcept>
 
-#include "EFS.h"
-#include "builders.h"
+#include "efs_fixture.h"
 #include "host/efs_image.h"
 #include "power_cut.h"
 
@@ -29,14 +26,8 @@ const dolm::EfsLayout layout{2,
                               {large_file, 1, 0, 10000},
                               {shared_end, 3, 2000, 1000}}};
 
-std::vector<uint8_t> content(uint32_t length, uint32_t seed) {
-    std::vector<uint8_t> bytes(length);
-    for (uint32_t i = 0; i < length; ++i) {
-        bytes[i] = static_cast<uint8_t>((i * 7 + 3) * (seed + 1) >> 2);
-    }
-    return bytes;
-}
-
+// Everything that counts is under a checksum, and every target is erased or checked before it is
+// written, so that the format has no limits here.
 class EfsStore : public PowerCutStore {
   public:
     explicit EfsStore(uint32_t threshold) {
@@ -97,25 +88,19 @@ class EfsStore : public PowerCutStore {
         return findings;
     }
 
-    std::vector<Change> further_changes(uint32_t choice, const Files &files) override {
-        const Change overwrite = write(choice / 8 % 4, 1 + choice % 300, choice);
-        switch (choice % 8) {
-        case 0:
-            return {write(large_file, 9000, choice), overwrite};
-        case 1:
-            return {idle_reclaim(), overwrite};
-        case 2:
-            return {overwrite, idle_reclaim(), idle_reclaim()};
-        case 3:
-            return {switch_bm(), overwrite};
-        case 4:
-            return {overwrite, remove(choice / 8 % 4)};
-        case 5:
-            return files.contains(large_file) ? std::vector{remove(large_file), overwrite}
-                                              : std::vector{overwrite};
-        default:
-            return {overwrite};
-        }
+    std::vector<Change> further_changes(uint32_t choice, const Files &) override {
+        const uint32_t file = choice / 8 % 4;
+        const Change overwrite = write(file, 1 + choice % 300, choice);
+        const std::vector<Change> sequels[] = {
+            {overwrite},
+            {write(large_file, 9000, choice), overwrite},
+            {write(large_file, choice % 10000, choice), remove(large_file), overwrite},
+            {overwrite, remove(file)},
+            {idle_reclaim(), overwrite},
+            {overwrite, idle_reclaim(), idle_reclaim()},
+            {switch_bm(), overwrite},
+        };
+        return sequels[choice % std::size(sequels)];
     }
 
     std::vector<uint32_t> boundaries(const DeviceEvent &event) const override {
@@ -134,24 +119,13 @@ class EfsStore : public PowerCutStore {
         }
     }
 
-    // Everything that counts is under a checksum, and every target is erased or checked before it
-    // is written, so that the format has no limits here.
-    std::vector<std::vector<uint8_t>> torn_values(const DeviceEvent &) const override { return {}; }
-    std::string limit(std::span<const DeviceEvent>, size_t, const Tear &,
-                      std::span<const uint8_t>) const override {
-        return "";
-    }
-    bool leaves_unclaimed_bytes(std::span<const DeviceEvent>, size_t) const override {
-        return false;
-    }
-
     static Change write(uint32_t file, uint32_t length, uint32_t seed) {
         return {"the write of file " + std::to_string(file),
                 [=] {
-                    const std::vector<uint8_t> bytes = content(length + 1, seed);
+                    const std::vector<uint8_t> bytes = efs_pattern(length + 1, seed);
                     return EFS_write(file, 0, length, bytes.data());
                 },
-                [=](Files &files) { files[file] = content(length, seed); }};
+                [=](Files &files) { files[file] = efs_pattern(length, seed); }};
     }
     static Change remove(uint32_t file) {
         return {"the delete of file " + std::to_string(file), [=] { return EFS_delete(file); },
@@ -181,26 +155,33 @@ class EfsStore : public PowerCutStore {
                 },
                 {}};
     }
+    // What has become of the image meanwhile, under the store.
+    static Change damage(uint32_t at) {
+        return {"damage", [at] { return efs_image[at] = 0, EFS_OK; }, {}};
+    }
+    static Change set_erase_count(uint32_t block, uint32_t count) {
+        return {"wear",
+                [=] {
+                    uint8_t *const header = efs_image + (layout.bm_num + block) * block_size;
+                    dolm::store_le32(header, count);
+                    dolm::store_le32(header + 12, EFS_crc32(0, header, 12));
+                    return EFS_OK;
+                },
+                {}};
+    }
 };
 
 using Changes = std::vector<Change>;
+using S = EfsStore;
 
 struct Case {
     const char *name;
     Changes before; // on a formatted store
     Changes cut;
     uint32_t threshold = 100;
-    std::function<void(Image &)> damage = {}; // done to the image in between
 };
 
-void set_erase_count(Image &image, uint32_t block, uint32_t count) {
-    uint8_t *const header = &image[(layout.bm_num + block) * block_size];
-    dolm::store_le32(header, count);
-    dolm::store_le32(header + 12, EFS_crc32(0, header, 12));
-}
-
-constexpr auto write = EfsStore::write;
-constexpr auto erase_file = EfsStore::remove;
+constexpr auto write = S::write;
 constexpr uint32_t slots = (4095 - 16) / 19;
 
 const Case cases[] = {
@@ -215,45 +196,35 @@ const Case cases[] = {
      {write(large_file, 0, 3), write(shared_end, 0, 3)}},
     {"delete",
      {write(large_file, 9000, 1), write(neighbour, 30, 2), write(small_file, 9, 1)},
-     {erase_file(large_file), erase_file(neighbour), write(large_file, 4073, 5)}},
-    {"last_slot",
-     {EfsStore::fill_bm(slots - 1)},
-     {write(small_file, 9, 1), write(small_file, 8, 2)}},
-    {"switch_at_slot_limit", {EfsStore::fill_bm(slots)}, {write(large_file, 5000, 1)}},
+     {S::remove(large_file), S::remove(neighbour), write(large_file, 4073, 5)}},
+    {"switch_at_slot_limit",
+     {S::fill_bm(slots - 1)},
+     {write(small_file, 9, 1), write(large_file, 5000, 2)}},
     {"switch_into_used_bm",
-     {EfsStore::switch_bm(), write(neighbour, 7, 7), EfsStore::fill_bm(slots)},
-     {write(small_file, 100, 1), EfsStore::switch_bm()}},
+     {S::switch_bm(), write(neighbour, 7, 7), S::fill_bm(slots)},
+     {write(small_file, 100, 1), S::switch_bm()}},
     {"switch_after_torn_entry",
-     {write(small_file, 100, 1), write(neighbour, 5, 5)},
-     {write(small_file, 200, 2), write(small_file, 300, 2)},
-     100,
-     [](Image &image) { image[16 + 3 * 19] = 0; }},
+     {write(small_file, 100, 1), write(neighbour, 5, 5), S::damage(16 + 3 * 19)},
+     {write(small_file, 200, 2), write(small_file, 300, 2)}},
     {"wear_onto_free",
-     {write(large_file, 100, 1)},
+     {write(large_file, 100, 1), S::set_erase_count(6, 51)},
      {write(small_file, 100, 2)},
-     50,
-     [](Image &image) { set_erase_count(image, 6, 51); }},
+     50},
     {"wear_onto_dirty",
-     {write(large_file, 100, 1)},
+     {write(large_file, 100, 1), S::set_erase_count(1, 80)},
      {write(small_file, 100, 2), write(small_file, 90, 3)},
-     50,
-     [](Image &image) { set_erase_count(image, 1, 80); }},
+     50},
     {"wear_again_and_again",
      {write(large_file, 9000, 1)},
-     {write(small_file, 9, 2), EfsStore::idle_reclaim(), write(neighbour, 9, 3)},
+     {write(small_file, 9, 2), S::idle_reclaim(), write(neighbour, 9, 3)},
      0},
-    {"dirty_erase",
-     {write(large_file, 9000, 1)},
-     {EfsStore::dirty_erase(), EfsStore::dirty_erase()}},
+    {"dirty_erase", {write(large_file, 9000, 1)}, {S::dirty_erase(), S::dirty_erase()}},
     {"idle_erase_of_next_bm",
-     {EfsStore::switch_bm(), EfsStore::switch_bm(), write(small_file, 4, 4),
-      EfsStore::fill_bm(160)},
-     {EfsStore::idle_reclaim(), EfsStore::idle_reclaim(), EfsStore::switch_bm()}},
+     {S::switch_bm(), S::switch_bm(), write(small_file, 4, 4), S::fill_bm(160)},
+     {S::idle_reclaim(), S::idle_reclaim(), S::switch_bm()}},
     {"repair",
-     {write(small_file, 100, 1)},
-     {write(small_file, 200, 2)},
-     100,
-     [](Image &image) { image[(2 + 5) * block_size + 12] ^= 1; }},
+     {write(small_file, 100, 1), S::damage((2 + 5) * block_size + 12)},
+     {write(small_file, 200, 2)}},
 };
 
 void run(const Changes &changes, Files &files) {
@@ -279,11 +250,7 @@ TEST_P(EfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
     EfsStore store(GetParam().threshold);
     Image image = formatted(store);
     Files files;
-    ASSERT_EQ(store.mount(image), EFS_OK);
     run(GetParam().before, files);
-    if (GetParam().damage) {
-        GetParam().damage(image);
-    }
     PowerCut power_cut(store);
     power_cut.explore({GetParam().name, image, files, GetParam().cut});
     std::cout << "EFS " << GetParam().name << ": " << power_cut.counts() << "\n";
@@ -311,8 +278,7 @@ TEST(EfsWipe, EveryCutLeavesTheOldFilesOrNoStore) {
     for (const auto wipe : {EFS_erase, EFS_do_format}) {
         Image start = formatted(store);
         Files files;
-        ASSERT_EQ(store.mount(start), EFS_OK);
-        run({write(large_file, 9000, 1), EfsStore::switch_bm(), write(small_file, 5, 2)}, files);
+        run({write(large_file, 9000, 1), S::switch_bm(), write(small_file, 5, 2)}, files);
         Image image = start;
         ASSERT_EQ(store.mount(image), EFS_OK);
         DeviceDouble::instance().attach(image);

@@ -72,16 +72,21 @@ class PowerCutStore {
     virtual std::vector<uint32_t> boundaries(const DeviceEvent &event) const = 0;
 
     // Special bytes that a torn write can leave; Tear::Kind::value numbers them.
-    virtual std::vector<std::vector<uint8_t>> torn_values(const DeviceEvent &event) const = 0;
+    virtual std::vector<std::vector<uint8_t>> torn_values(const DeviceEvent &) const { return {}; }
 
     // The limits of a format that has no checksum over everything. Why such a tear of event
     // number k can leave a state that nobody could tell from a good one; empty if it cannot.
-    virtual std::string limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
-                              std::span<const uint8_t> torn_image) const = 0;
+    virtual std::string limit(std::span<const DeviceEvent> /*events*/, size_t /*k*/, const Tear &,
+                              std::span<const uint8_t> /*torn_image*/) const {
+        return "";
+    }
 
     // Whether a cut of event k leaves bytes that are programmed although no record claims them, so
     // that a later write to them breaks the discipline of a flash device.
-    virtual bool leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const = 0;
+    virtual bool leaves_unclaimed_bytes(std::span<const DeviceEvent> /*events*/,
+                                        size_t /*k*/) const {
+        return false;
+    }
 };
 
 struct PowerCutCounts {
