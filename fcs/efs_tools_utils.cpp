@@ -117,8 +117,8 @@ bool lies_within(uint32_t offset, uint64_t size, uint32_t length) {
 
 // Without a BM the geometry loads all the same; it is the store that will not mount.
 bool geometry_can_work(const GeometryRow &row) {
-    return row.files_num != 0 && dolm::efs::block_counts_fit(row.bm_num, row.valid_block_num,
-                                                             row.non_valid_block_num);
+    return row.files_num != 0 &&
+           dolm::efs::block_counts_fit(row.bm_num, row.valid_block_num, row.non_valid_block_num);
 }
 
 bool records_are_sound(const uint8_t *table, uint32_t length, const GeometryRow &row) {
