@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
-#include <utility>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -48,14 +48,9 @@ Base populated(const dolm::AfsLayout &layout) {
     return base;
 }
 
-void run(AfsStore &store, Base &base, const std::vector<Change> &changes) {
-    run_changes(store, base.image, base.files, changes);
-}
-
-using Predicate = std::function<bool(const afs_ftl_state &)>;
-
 // Repeats a change until the tables look as wanted.
-void repeat_until(AfsStore &store, Base &base, const Predicate &reached,
+void repeat_until(AfsStore &store, Base &base,
+                  const std::function<bool(const afs_ftl_state &)> &reached,
                   const std::function<Change(uint32_t)> &change) {
     ASSERT_EQ(store.mount(base.image), 0U);
     for (uint32_t i = 0; !reached(store.ftl()); ++i) {
@@ -67,11 +62,12 @@ void repeat_until(AfsStore &store, Base &base, const Predicate &reached,
     store.unmount();
 }
 
-// Each step writes one page to the log.
-void fill_log(AfsStore &store, Base &base, const Predicate &reached) {
-    repeat_until(store, base, reached, [&store](uint32_t i) {
-        return i % 2 == 0 ? store.write(toggled_file, 0, {}) : store.remove(toggled_file);
-    });
+uint32_t erased_data_slots(const afs_ftl_state &ftl) {
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < ftl.eu_count; ++i) {
+        sum += ftl.eu_table[i].va_base != 0 ? ftl.eu_table[i].free_pages : 0U;
+    }
+    return sum;
 }
 
 bool has_blank_log_eu(const afs_ftl_state &ftl) {
@@ -84,97 +80,123 @@ bool has_blank_log_eu(const afs_ftl_state &ftl) {
     return false;
 }
 
-Predicate head_at(uint32_t slot, bool with_blank_eu) {
-    return [=](const afs_ftl_state &ftl) {
-        return ftl.write_slot == slot && has_blank_log_eu(ftl) == with_blank_eu;
-    };
-}
+// How full a store is to be made, as far as it is said.
+struct Filling {
+    std::optional<uint32_t> erased_data_slots = {}; // left
+    std::optional<uint32_t> head_slot = {};         // the next one of the log
+    bool blank_log_eu = false;                      // beside the head
+};
 
-uint32_t erased_data_slots(const afs_ftl_state &ftl) {
-    uint32_t sum = 0;
-    for (uint32_t i = 0; i < ftl.eu_count; ++i) {
-        sum += ftl.eu_table[i].va_base != 0 ? ftl.eu_table[i].free_pages : 0U;
-    }
-    return sum;
-}
-
-// Each step takes one chunk.
-void fill_data(AfsStore &store, Base &base, const Predicate &reached) {
-    repeat_until(store, base, reached,
-                 [&store](uint32_t i) { return store.write(small_file, 0, pattern(i, 64)); });
-}
-
-Predicate erased_slots_left(uint32_t slots) {
-    return [=](const afs_ftl_state &ftl) { return erased_data_slots(ftl) == slots; };
-}
-
-void set_erase_count(Image &image, uint32_t eu, uint32_t count) {
-    uint8_t *bytes = &image[size_t{eu} * AFS_EU_SIZE];
-    dolm::afs_eu_header header = dolm::load_eu_header(bytes);
-    const uint32_t magic = std::exchange(header.magic, dolm::eu_magic); // 0 in the spare
-    header.erase_count = count;
-    dolm::store_eu_header(bytes, header);
-    dolm::store_le32(bytes, magic);
-}
-
-// Leaves the EU of a kind that has least to give far behind the others in wear, so that only the
-// wear rule chooses it.
-uint32_t wear_out_all_but_the_fullest(Image &image, dolm::AfsRole role) {
-    const dolm::AfsImage found = dolm::read_afs_image(image);
-    uint32_t fullest = *found.head;
-    for (uint32_t eu = 0; eu < found.eu_count; ++eu) {
-        const dolm::AfsEu &row = found.eus[eu];
-        const bool first = found.eus[fullest].role != role;
-        if (row.role == role && (first || row.live > found.eus[fullest].live)) {
-            fullest = eu;
-        }
-    }
-    for (uint32_t eu = 0; eu < found.eu_count; ++eu) {
-        set_erase_count(image, eu, eu == fullest ? 100 : 210);
-    }
-    return fullest;
-}
-
-// A step that changes nothing and fails if another EU is the spare by then.
-Change expect_spare(AfsStore &store, uint32_t eu) {
-    return {"the choice of EU " + std::to_string(eu),
-            [&store, eu]() -> uint32_t { return store.ftl().spare_eu == eu ? 0 : 1; },
-            {}};
-}
-
-// Runs a change up to the given number of writes before its end.
-void run_all_but(AfsStore &store, Base &base, const Change &change, size_t left_out) {
-    Image image = base.image;
-    ASSERT_EQ(store.mount(image), 0U);
-    DeviceDouble &device = DeviceDouble::instance();
-    device.attach(image);
-    ASSERT_EQ(change.run(), 0U);
-    const std::vector<DeviceEvent> events = device.log();
-    device.detach();
-    store.unmount();
-    ASSERT_GT(events.size(), left_out);
-    for (size_t k = 0; k + left_out < events.size(); ++k) {
-        const auto to = base.image.begin() + events[k].address;
-        if (events[k].kind == DeviceEvent::Kind::erase) {
-            std::fill_n(to, events[k].length, uint8_t{0xFF});
-        } else {
-            std::copy(events[k].bytes.begin(), events[k].bytes.end(), to);
-        }
-    }
+void fill(AfsStore &store, Base &base, const Filling &filling) {
+    // Each step takes one chunk.
+    repeat_until(
+        store, base,
+        [&](const afs_ftl_state &ftl) {
+            return erased_data_slots(ftl) ==
+                   filling.erased_data_slots.value_or(erased_data_slots(ftl));
+        },
+        [&](uint32_t i) { return store.write(small_file, 0, pattern(i, 64)); });
+    // Each step writes one page to the log.
+    repeat_until(
+        store, base,
+        [&](const afs_ftl_state &ftl) {
+            return !filling.head_slot || (ftl.write_slot == *filling.head_slot &&
+                                          has_blank_log_eu(ftl) == filling.blank_log_eu);
+        },
+        [&](uint32_t i) {
+            return i % 2 == 0 ? store.write(toggled_file, 0, {}) : store.remove(toggled_file);
+        });
 }
 
 using Changes = std::vector<Change>;
+using Prepare = std::function<Changes(AfsStore &, Base &)>; // on a populated store
 
-struct Case {
-    const char *name;
-    unsigned erased_eus;                                // in a run without a cut
-    std::function<Changes(AfsStore &, Base &)> prepare; // on a populated store
-    dolm::AfsLayout layout = two_log_eus;
-    uint32_t cache_lines = dolm::afs_cache_lines;
-};
+Prepare small_changes(const Filling &filling) {
+    return [=](AfsStore &store, Base &base) {
+        fill(store, base, filling);
+        return Changes{store.write(medium_file, 0, pattern(9, 300)), store.remove(last_file),
+                       store.write(small_file, 0, pattern(8, 20))};
+    };
+}
 
-std::ostream &operator<<(std::ostream &out, const Case &test) {
-    return out << test.name;
+Prepare maintenance(const Filling &filling, uint32_t (*operation)(afs_context *),
+                    size_t times = 1) {
+    return [=](AfsStore &store, Base &base) {
+        fill(store, base, filling);
+        return Changes(times, store.maintain("maintenance", operation));
+    };
+}
+
+uint32_t reclaim_the_head(afs_context *context) {
+    return reclaim_eu(context, context->ftl->write_eu, AFS_FTL_MODE_RECLAIM);
+}
+
+// The log's first EU keeps metadata pages of all slots, while the head is close to the end of
+// another EU: these pages do not fit behind it.
+Prepare head_overflow(bool blank_log_eu) {
+    return [=](AfsStore &store, Base &base) {
+        Changes changes;
+        for (uint32_t file = 100; file < 512; file += 31) {
+            changes.push_back(store.write(file, 0, {}));
+        }
+        run_changes(store, base.image, base.files, changes);
+        fill(store, base, {.head_slot = 120, .blank_log_eu = true});
+        fill(store, base, {.head_slot = 115, .blank_log_eu = blank_log_eu});
+        return Changes{store.reclaim(0), store.write(300, 0, pattern(9, 70))};
+    };
+}
+
+// Leaves the EU of a kind that has most live pages far behind the others in wear, so that only the
+// wear rule chooses it.
+uint32_t wear_out_all_but_the_fullest(Image &image, dolm::AfsRole role) {
+    const dolm::AfsImage found = dolm::read_afs_image(image);
+    const auto live = [role](const dolm::AfsEu &eu) { return eu.role == role ? eu.live : 0; };
+    const auto fullest = std::ranges::max_element(found.eus, {}, live) - found.eus.begin();
+    for (uint32_t eu = 0; eu < found.eu_count; ++eu) {
+        uint8_t *bytes = &image[size_t{eu} * AFS_EU_SIZE];
+        dolm::afs_eu_header header = dolm::load_eu_header(bytes);
+        header.erase_count = eu == fullest ? 100 : 210;
+        dolm::store_eu_header(bytes, header);
+    }
+    return static_cast<uint32_t>(fullest);
+}
+
+Prepare wear_rule(dolm::AfsRole role, const Filling &filling) {
+    return [=](AfsStore &store, Base &base) {
+        fill(store, base, filling);
+        const uint32_t eu = wear_out_all_but_the_fullest(base.image, role);
+        const auto eu_is_spare = [eu](afs_context *context) -> uint32_t {
+            return context->ftl->spare_eu == eu ? 0 : 1;
+        };
+        return Changes{store.write(small_file, 0, pattern(9, 64)),
+                       store.maintain("the choice of EU " + std::to_string(eu), eu_is_spare)};
+    };
+}
+
+// Runs a change up to the given number of writes before its end.
+void run_all_but(AfsStore &store, Image &image, const Change &change, size_t left_out) {
+    Image copy = image;
+    ASSERT_EQ(store.mount(copy), 0U);
+    DeviceDouble &device = DeviceDouble::instance();
+    device.attach(copy);
+    ASSERT_EQ(change.run(), 0U);
+    const size_t events = device.log().size();
+    device.detach();
+    ASSERT_EQ(store.mount(image), 0U);
+    device.cut_after(events - left_out);
+    ASSERT_NE(change.run(), 0U);
+    device.restore_power();
+    store.unmount();
+}
+
+// Both kinds of reclaim on a store that was cut inside one.
+Prepare after_a_cut(Change (AfsStore::*reclaim)(), size_t left_out, const Filling &filling = {}) {
+    return [=](AfsStore &store, Base &base) {
+        fill(store, base, filling);
+        run_all_but(store, base.image, (store.*reclaim)(), left_out);
+        return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_data(),
+                       store.reclaim_log(), store.reclaim_data()};
+    };
 }
 
 // A write that the store has to refuse, and that leaves everything as it was.
@@ -184,72 +206,39 @@ Change expect_no_space(const Change &change) {
             {}};
 }
 
-// The EU that holds the metadata pages which are written rarely.
-Change reclaim_fullest_log_eu(AfsStore &store) {
-    return store.maintain("a reclaim of the log EU with most live pages", [](afs_context *context) {
-        const afs_ftl_state &ftl = *context->ftl;
-        uint32_t fullest = AFS_FTL_NONE;
-        for (uint32_t i = 0; i < ftl.eu_count; ++i) {
-            const afs_eu_info &eu = ftl.eu_table[i];
-            if (i != ftl.spare_eu && i != ftl.write_eu && eu.va_base == 0 &&
-                (fullest == AFS_FTL_NONE || eu.dirty_pages < ftl.eu_table[fullest].dirty_pages)) {
-                fullest = i;
-            }
-        }
-        return reclaim_eu(context, fullest, AFS_FTL_MODE_RECLAIM);
-    });
-}
-
-// All slots of many_slots in use, then the head of the log close to its end in another EU.
-void scatter_pages(AfsStore &store, Base &base, uint32_t head_slot, bool with_blank_eu) {
-    Changes changes;
-    for (uint32_t file = 100; file < 512; file += 31) {
-        changes.push_back(store.write(file, 0, {}));
-    }
-    run(store, base, changes);
-    ASSERT_EQ(store.mount(base.image), 0U);
-    const uint32_t first_eu = store.ftl().write_eu;
-    store.unmount();
-    fill_log(store, base, [=](const afs_ftl_state &ftl) {
-        return ftl.write_eu != first_eu && head_at(head_slot, with_blank_eu)(ftl);
-    });
-}
+struct Case {
+    const char *name;
+    unsigned erased_eus; // in a run without a cut
+    Prepare prepare;     // gives the changes; a last write follows them
+    dolm::AfsLayout layout = two_log_eus;
+    uint32_t cache_lines = dolm::afs_cache_lines;
+};
 
 const Case cases[] = {
-    {"overwrite", 0,
+    {"writes", 0,
      [](AfsStore &store, Base &) {
          return Changes{store.write(medium_file, 100, pattern(9, 70)),
-                        store.write(last_file, 0, pattern(10, 130))};
-     }},
-    {"grow", 0,
-     [](AfsStore &store, Base &) {
-         return Changes{store.write(medium_file, 300, pattern(9, 200)),
-                        store.write(empty_file, 0, pattern(10, 1))};
-     }},
-    {"gap", 0,
-     [](AfsStore &store, Base &) {
-         return Changes{store.write(last_file, 400, pattern(9, 30)),
+                        store.write(medium_file, 300, pattern(9, 200)),
+                        store.write(empty_file, 0, pattern(10, 1)),
+                        store.write(last_file, 400, pattern(9, 30)),
                         store.write(new_file, 100, pattern(10, 5))};
      }},
     {"truncate", 0,
      [](AfsStore &store, Base &) {
          return Changes{store.write(large_file, 500, pattern(9, 7), AFS_WRITE_TRUNCATE),
                         store.write(medium_file, 128, {}, AFS_WRITE_TRUNCATE),
-                        store.write(last_file, 129, {}, AFS_WRITE_TRUNCATE)};
+                        store.write(last_file, 129, {}, AFS_WRITE_TRUNCATE),
+                        store.write(large_file, 0, {}, AFS_WRITE_TRUNCATE)};
      }},
-    {"empty", 0,
+    {"create_and_delete", 0,
      [](AfsStore &store, Base &) {
-         return Changes{store.write(large_file, 0, {}, AFS_WRITE_TRUNCATE),
-                        store.write(new_file, 0, {}), store.write(new_file, 0, pattern(1, 64))};
-     }},
-    {"delete", 0,
-     [](AfsStore &store, Base &) {
-         return Changes{store.remove(large_file), store.remove(empty_file),
+         return Changes{store.write(new_file, 0, {}), store.write(new_file, 0, pattern(1, 64)),
+                        store.remove(large_file), store.remove(empty_file),
                         store.write(large_file, 0, pattern(9, 100))};
      }},
     {"zombie", 0,
      [](AfsStore &store, Base &base) {
-         run(store, base, {store.mark_zombie(2)});
+         run_changes(store, base.image, base.files, {store.mark_zombie(2)});
          return Changes{store.mark_zombie(new_file), store.write(new_file, 0, pattern(9, 65)),
                         store.mark_zombie(40), store.remove(40)};
      }},
@@ -263,47 +252,22 @@ const Case cases[] = {
      two_log_eus, 2},
     {"write_without_room", 2,
      [](AfsStore &store, Base &base) {
-         run(store, base, {store.write(40, 0, pattern(9, 13000))});
+         run_changes(store, base.image, base.files, {store.write(40, 0, pattern(9, 13000))});
          return Changes{expect_no_space(store.write(new_file, 0, pattern(10, 1200))),
                         store.remove(40), store.write(new_file, 0, pattern(11, 1200))};
      }},
     {"allocation_pages_given_up", 1,
      [](AfsStore &store, Base &base) {
-         run(store, base, {store.write(new_file, 0, pattern(9, 6400))});
+         run_changes(store, base.image, base.files, {store.write(new_file, 0, pattern(9, 6400))});
          return Changes{store.remove(new_file), store.reclaim_log(),
                         store.write(new_file, 0, pattern(10, 1000))};
      }},
-    {"log_moves_to_blank_eu", 0,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(118, true));
-         return Changes{store.write(medium_file, 100, pattern(9, 70)), store.remove(small_file),
-                        store.write(small_file, 0, pattern(8, 20))};
-     },
+    {"log_moves_to_blank_eu", 0, small_changes({.head_slot = 118, .blank_log_eu = true}),
      three_log_eus},
-    {"log_reclaim_on_demand", 1,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(118, false));
-         return Changes{store.write(medium_file, 100, pattern(9, 70)), store.remove(small_file),
-                        store.write(small_file, 0, pattern(8, 20))};
-     }},
-    {"log_reclaim_on_demand_third_eu", 1,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(119, false));
-         return Changes{store.write(medium_file, 100, pattern(9, 70)), store.remove(small_file)};
-     },
-     three_log_eus},
-    {"data_allocator_moves", 0,
-     [](AfsStore &store, Base &base) {
-         fill_data(store, base, erased_slots_left(AFS_DATA_EU_PAGES + 2));
-         return Changes{store.write(medium_file, 0, pattern(9, 300)),
-                        store.write(small_file, 0, pattern(8, 64))};
-     }},
-    {"data_reclaim_on_demand", 1,
-     [](AfsStore &store, Base &base) {
-         fill_data(store, base, erased_slots_left(2));
-         return Changes{store.write(medium_file, 0, pattern(9, 300)),
-                        store.write(small_file, 0, pattern(8, 64))};
-     }},
+    {"log_reclaim_on_demand", 1, small_changes({.head_slot = 118})},
+    {"log_reclaim_on_demand_third_eu", 1, small_changes({.head_slot = 119}), three_log_eus},
+    {"data_allocator_moves", 0, small_changes({.erased_data_slots = AFS_DATA_EU_PAGES + 2})},
+    {"data_reclaim_on_demand", 1, small_changes({.erased_data_slots = 2})},
     {"data_reclaim_of_scattered_chunks", 1,
      [](AfsStore &store, Base &base) {
          Changes changes;
@@ -311,119 +275,31 @@ const Case cases[] = {
              changes.push_back(store.write(40 + i, 0, pattern(i, 100)));
              changes.push_back(store.write(medium_file, 0, pattern(i, 300)));
          }
-         run(store, base, changes);
-         fill_data(store, base, erased_slots_left(1));
+         run_changes(store, base.image, base.files, changes);
+         fill(store, base, {.erased_data_slots = 1});
          return Changes{store.write(large_file, 200, pattern(9, 300))};
      }},
-    {"both_reclaims_on_demand", 2,
-     [](AfsStore &store, Base &base) {
-         fill_data(store, base, erased_slots_left(1));
-         fill_log(store, base, head_at(118, false));
-         return Changes{store.write(medium_file, 0, pattern(9, 300)),
-                        store.write(small_file, 0, pattern(8, 64))};
-     }},
-    {"idle_reclaim_of_log", 1,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(100, false));
-         return Changes{store.maintain("idle reclaim", afs_idle_reclaim),
-                        store.write(medium_file, 10, pattern(9, 70))};
-     }},
-    {"idle_reclaim_of_data", 1,
-     [](AfsStore &store, Base &base) {
-         fill_data(store, base, erased_slots_left(20));
-         return Changes{store.maintain("idle reclaim", afs_idle_reclaim),
-                        store.maintain("idle reclaim", afs_idle_reclaim),
-                        store.write(medium_file, 10, pattern(9, 70))};
-     }},
-    {"force_full_reclaim", 3,
-     [](AfsStore &store, Base &base) {
-         run(store, base, {store.write(large_file, 300, pattern(9, 70))});
-         const Change step = store.maintain("full reclaim", afs_force_full_reclaim);
-         return Changes{step, step, step, store.write(medium_file, 10, pattern(9, 70))};
-     }},
+    {"both_reclaims_on_demand", 2, small_changes({.erased_data_slots = 1, .head_slot = 118})},
+    {"idle_reclaim_of_log", 1, maintenance({.head_slot = 100}, afs_idle_reclaim)},
+    {"idle_reclaim_of_data", 1, maintenance({.erased_data_slots = 20}, afs_idle_reclaim, 2)},
+    {"force_full_reclaim", 3, maintenance({}, afs_force_full_reclaim, 3)},
     {"dirty_erase", 0,
      [](AfsStore &store, Base &base) {
-         run(store, base, {store.write(large_file, 300, pattern(9, 200)), store.reclaim_data()});
-         return Changes{store.maintain("dirty erase", afs_force_dirty_erase),
-                        store.write(medium_file, 10, pattern(9, 70))};
+         run_changes(store, base.image, base.files,
+                     {store.write(large_file, 300, pattern(9, 200)), store.reclaim_data()});
+         return Changes{store.maintain("dirty erase", afs_force_dirty_erase)};
      }},
-    {"end_of_reserved_files_mode", 2,
-     [](AfsStore &store, Base &) {
-         return Changes{
-             store.maintain("end of reserved files mode", afs_physical_ftl_end_reserved_files_mode),
-             store.write(medium_file, 10, pattern(9, 70))};
-     }},
-    {"head_overflows_to_blank_eu", 1,
-     [](AfsStore &store, Base &base) {
-         scatter_pages(store, base, 115, true);
-         return Changes{reclaim_fullest_log_eu(store), store.write(300, 0, pattern(9, 70))};
-     },
-     many_slots},
-    {"head_overflows_to_spare", 1,
-     [](AfsStore &store, Base &base) {
-         scatter_pages(store, base, 115, false);
-         return Changes{reclaim_fullest_log_eu(store), store.write(300, 0, pattern(9, 70))};
-     },
-     many_slots},
-    {"reclaim_of_the_head", 1,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(60, false));
-         return Changes{store.maintain("a reclaim of the head",
-                                       [](afs_context *context) {
-                                           return reclaim_eu(context, context->ftl->write_eu,
-                                                             AFS_FTL_MODE_RECLAIM);
-                                       }),
-                        store.write(medium_file, 10, pattern(9, 70))};
-     }},
-    {"wear_rule_on_data", 1,
-     [](AfsStore &store, Base &base) {
-         fill_data(store, base, erased_slots_left(0));
-         const uint32_t eu = wear_out_all_but_the_fullest(base.image, dolm::AfsRole::data);
-         return Changes{store.write(small_file, 0, pattern(9, 64)), expect_spare(store, eu),
-                        store.write(medium_file, 10, pattern(9, 70))};
-     }},
-    {"wear_rule_on_log", 1,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(120, false));
-         const uint32_t eu = wear_out_all_but_the_fullest(base.image, dolm::AfsRole::log);
-         return Changes{store.remove(small_file), expect_spare(store, eu),
-                        store.write(medium_file, 10, pattern(9, 70))};
-     }},
-    {"rolled_forward_data", 2,
-     [](AfsStore &store, Base &base) {
-         run(store, base, {store.write(large_file, 300, pattern(9, 200))});
-         run_all_but(store, base, store.reclaim_data(), 1);
-         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_log(),
-                        store.reclaim_data(), store.write(medium_file, 0, pattern(8, 300))};
-     }},
-    {"rolled_forward_log", 2,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(70, false));
-         run_all_but(store, base, store.reclaim_log(), 1);
-         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_data(),
-                        store.reclaim_log(), store.write(medium_file, 0, pattern(8, 300))};
-     }},
-    {"rolled_forward_head", 2,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(120, false));
-         run_all_but(store, base, store.reclaim_log(), 1);
-         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_log(),
-                        store.reclaim_data(), store.write(medium_file, 0, pattern(8, 300))};
-     }},
-    {"rolled_back_data", 2,
-     [](AfsStore &store, Base &base) {
-         run(store, base, {store.write(large_file, 300, pattern(9, 200))});
-         run_all_but(store, base, store.reclaim_data(), 2);
-         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_log(),
-                        store.reclaim_data()};
-     }},
-    {"rolled_back_log", 3,
-     [](AfsStore &store, Base &base) {
-         fill_log(store, base, head_at(120, false));
-         run_all_but(store, base, store.reclaim_log(), 2);
-         return Changes{store.write(medium_file, 10, pattern(9, 70)), store.reclaim_data(),
-                        store.reclaim_log()};
-     }},
+    {"end_of_reserved_files_mode", 2, maintenance({}, afs_physical_ftl_end_reserved_files_mode)},
+    {"reclaim_of_the_head", 1, maintenance({.head_slot = 60}, reclaim_the_head)},
+    {"head_overflows_to_blank_eu", 1, head_overflow(true), many_slots},
+    {"head_overflows_to_spare", 1, head_overflow(false), many_slots},
+    {"wear_rule_on_data", 1, wear_rule(dolm::AfsRole::data, {.erased_data_slots = 0})},
+    {"wear_rule_on_log", 1, wear_rule(dolm::AfsRole::log, {.head_slot = 120})},
+    {"rolled_forward_data", 3, after_a_cut(&AfsStore::reclaim_data, 1)},
+    {"rolled_forward_log", 3, after_a_cut(&AfsStore::reclaim_log, 1, {.head_slot = 70})},
+    {"rolled_forward_head", 3, after_a_cut(&AfsStore::reclaim_log, 1, {.head_slot = 120})},
+    {"rolled_back_data", 3, after_a_cut(&AfsStore::reclaim_data, 2)},
+    {"rolled_back_log", 4, after_a_cut(&AfsStore::reclaim_log, 2, {.head_slot = 120})},
 };
 
 class AfsPowerCut : public testing::TestWithParam<Case> {};
@@ -446,7 +322,8 @@ TEST_P(AfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
     const Case &test = GetParam();
     AfsStore store(test.cache_lines);
     Base base = populated(test.layout);
-    const Changes changes = test.prepare(store, base);
+    Changes changes = test.prepare(store, base);
+    changes.push_back(store.write(medium_file, 10, pattern(9, 70)));
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_EQ(dolm::check_invariants(base.image), std::vector<std::string>{});
     expect_erased_eus(store, base, changes, test.erased_eus);
