@@ -32,10 +32,6 @@ bool are_log_records(const DeviceEvent &event) {
     return are_records(event, dolm::log_slots_offset);
 }
 
-uint32_t log_slot_of_records(const DeviceEvent &event) {
-    return (offset_in_eu(event) - dolm::log_slots_offset) / dolm::page_slot_size;
-}
-
 bool could_be_entries(const DeviceEvent &event) {
     const uint32_t offset = offset_in_eu(event);
     return is_write(event) && offset >= dolm::log_map_offset && offset < dolm::log_slots_offset &&
@@ -45,39 +41,35 @@ bool could_be_entries(const DeviceEvent &event) {
 bool same_log_slot(const DeviceEvent &entries, const DeviceEvent &records) {
     return could_be_entries(entries) && are_log_records(records) &&
            entries.address / AFS_EU_SIZE == records.address / AFS_EU_SIZE &&
-           (offset_in_eu(entries) - dolm::log_map_offset) / 2 == log_slot_of_records(records);
+           offset_in_eu(records) ==
+               dolm::log_slot_offset((offset_in_eu(entries) - dolm::log_map_offset) / 2);
 }
 
-std::vector<uint8_t> le32_bytes(uint32_t value) {
-    std::vector<uint8_t> bytes(4);
-    dolm::store_le32(bytes.data(), value);
-    return bytes;
+void throw_unless_done(uint32_t status, const std::string &what) {
+    if (status != 0) {
+        throw std::runtime_error(what + " gives " + std::to_string(status));
+    }
 }
 
 using Findings = std::vector<std::string>;
 
-template <typename A, typename B>
-void expect_equal(Findings &findings, const std::string &what, const A &reader, const B &store) {
-    if (static_cast<uint64_t>(reader) != static_cast<uint64_t>(store)) {
+void expect_equal(Findings &findings, const std::string &what, uint64_t reader, uint64_t store) {
+    if (reader != store) {
         findings.push_back(what + " is " + std::to_string(reader) + " for the reader and " +
                            std::to_string(store) + " for the store");
     }
 }
 
 void compare_files(Findings &findings, const dolm::AfsImage &image, const Files &files) {
-    size_t shown = 0;
+    Files shown;
     for (const dolm::AfsFile &file : image.files) {
-        if (file.kind == dolm::AfsFile::Kind::zombie) {
-            continue;
-        }
-        ++shown;
-        const auto known = files.find(file.number);
-        if (known == files.end() || known->second != file.contents) {
-            findings.push_back("the reader finds other contents of file " +
-                               std::to_string(file.number) + " than the store");
+        if (file.kind != dolm::AfsFile::Kind::zombie) {
+            shown[file.number] = file.contents;
         }
     }
-    expect_equal(findings, "the number of files", shown, files.size());
+    if (shown != files) {
+        findings.push_back("the reader finds other files than the store");
+    }
 }
 
 // Fresh from a mount, the tables of the store say what the reader finds.
@@ -121,26 +113,25 @@ uint32_t AfsStore::mount(std::span<uint8_t> image) {
 
 Files AfsStore::read_files() {
     Files files;
-    for (uint32_t f = 0; f < context()->file_count; ++f) {
-        const auto file = static_cast<int32_t>(f);
+    for (uint32_t number = 0; number < context()->file_count; ++number) {
+        const auto file = static_cast<int32_t>(number);
         uint32_t size = 0;
-        if (const uint32_t status = afs_getfilesize(context(), file, &size); status != 0) {
-            if (status == AFS_RC_NO_FILE) {
-                continue;
-            }
-            throw std::runtime_error("the size of file " + std::to_string(f) + " gives " +
-                                     std::to_string(status));
+        const uint32_t status = afs_getfilesize(context(), file, &size);
+        if (status == AFS_RC_NO_FILE) {
+            continue;
         }
+        throw_unless_done(status, "the size of file " + std::to_string(number));
         std::vector<uint8_t> contents(size + 1);
         uint32_t length = size + 1;
-        const uint32_t status = afs_readfile(context(), file, 0, &length, contents.data());
-        if (status != 0 || length != size) {
-            throw std::runtime_error("the read of file " + std::to_string(f) + " gives " +
-                                     std::to_string(status) + " and " + std::to_string(length) +
-                                     " of " + std::to_string(size) + " bytes");
+        throw_unless_done(afs_readfile(context(), file, 0, &length, contents.data()),
+                          "the read of file " + std::to_string(number));
+        contents.resize(length);
+        if (length != size) {
+            throw std::runtime_error("file " + std::to_string(number) + " has " +
+                                     std::to_string(size) + " bytes and " + std::to_string(length) +
+                                     " of them can be read");
         }
-        contents.resize(size);
-        files.emplace(f, std::move(contents));
+        files.emplace(number, std::move(contents));
     }
     return files;
 }
@@ -159,36 +150,26 @@ std::vector<Change> AfsStore::further_changes(uint32_t choice, const Files &file
     const auto size = static_cast<uint32_t>(known == files.end() ? 0 : known->second.size());
     const Change overwrite = write(file, size / 2, pattern(choice, 10));
     const uint32_t other = choice / 64 % AFS_MIN_FILE_COUNT;
-    switch (choice % 14) {
-    case 0:
-        return {write(file, size, pattern(choice, 70), size > 2000 ? AFS_WRITE_TRUNCATE : 0)};
-    case 1:
-        return {write(file, 0, pattern(choice, 65), AFS_WRITE_TRUNCATE)};
-    case 2:
-        return {reclaim_data(), overwrite};
-    case 3:
-        return {reclaim_log(), overwrite};
-    case 4:
-        return {maintain("end of reserved files mode", afs_physical_ftl_end_reserved_files_mode),
-                overwrite};
-    case 5:
-        return {maintain("idle reclaim", afs_idle_reclaim), overwrite};
-    case 6:
-        return {maintain("dirty erase", afs_force_dirty_erase), overwrite};
-    case 7:
-        return {reclaim_log(), reclaim_data(), overwrite};
-    case 8:
-        return {maintain("full reclaim", afs_force_full_reclaim),
-                maintain("full reclaim", afs_force_full_reclaim), overwrite};
-    case 9:
-        return {files.contains(file) ? remove(file) : overwrite, write(other, 0, {}),
-                write(other, 5, pattern(choice, 200))};
-    case 10:
-        return {files.contains(other) ? overwrite : mark_zombie(other),
-                write(other, 0, {}, AFS_WRITE_TRUNCATE)};
-    default:
-        return {overwrite};
-    }
+    const Change full_reclaim = maintain("full reclaim", afs_force_full_reclaim);
+    const std::vector<Change> variants[] = {
+        {write(file, size, pattern(choice, 70), size > 2000 ? AFS_WRITE_TRUNCATE : 0)},
+        {write(file, 0, pattern(choice, 65), AFS_WRITE_TRUNCATE)},
+        {reclaim_data(), overwrite},
+        {reclaim_log(), overwrite},
+        {maintain("end of reserved files mode", afs_physical_ftl_end_reserved_files_mode),
+         overwrite},
+        {maintain("idle reclaim", afs_idle_reclaim), overwrite},
+        {maintain("dirty erase", afs_force_dirty_erase), overwrite},
+        {reclaim_log(), reclaim_data(), overwrite},
+        {full_reclaim, full_reclaim, overwrite},
+        {files.contains(file) ? remove(file) : overwrite, write(other, 0, {}),
+         write(other, 5, pattern(choice, 200))},
+        {files.contains(other) ? overwrite : mark_zombie(other),
+         write(other, 0, {}, AFS_WRITE_TRUNCATE)},
+        {overwrite},
+        {overwrite},
+        {overwrite}};
+    return variants[choice % std::size(variants)];
 }
 
 std::vector<uint32_t> AfsStore::boundaries(const DeviceEvent &event) const {
@@ -222,7 +203,10 @@ std::vector<std::vector<uint8_t>> AfsStore::torn_values(const DeviceEvent &event
     if (!gives_up) {
         return {};
     }
-    return {le32_bytes(dolm::eu_magic_alt), le32_bytes(dolm::eu_magic_partial)};
+    std::vector<std::vector<uint8_t>> magics(2, std::vector<uint8_t>(4));
+    dolm::store_le32(magics[0].data(), dolm::eu_magic_alt);
+    dolm::store_le32(magics[1].data(), dolm::eu_magic_partial);
+    return magics;
 }
 
 std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
@@ -320,13 +304,9 @@ Change AfsStore::reclaim(uint32_t eu) {
 }
 
 void run_changes(AfsStore &store, Image &image, Files &files, const std::vector<Change> &changes) {
-    if (const uint32_t status = store.mount(image); status != 0) {
-        throw std::runtime_error("the mount fails with " + std::to_string(status));
-    }
+    throw_unless_done(store.mount(image), "the mount");
     for (const Change &change : changes) {
-        if (const uint32_t status = change.run(); status != 0) {
-            throw std::runtime_error(change.name + " fails with " + std::to_string(status));
-        }
+        throw_unless_done(change.run(), change.name);
         if (change.effect) {
             change.effect(files);
         }
