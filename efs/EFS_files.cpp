@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "efs/efs_internal.h"
+#include "fcs/file_table.h"
 
 namespace {
 
@@ -10,7 +11,7 @@ using dolm::load_le16;
 
 // Null for a slot that is too high, not present, or placed where no record fits.
 const EFS_file_entry *find_file(uint32_t file) {
-    if (file >= g_efs_files_num || EFS_files == nullptr) {
+    if (file >= dolm::efs_file_slots()) {
         return nullptr;
     }
     const EFS_file_entry *const entry = &EFS_files[file];

@@ -1,6 +1,7 @@
 // A fresh image from the file list. The header of BM 0 is the last thing written: until it has
 // landed the image has no BM and does not mount.
 #include "efs/efs_internal.h"
+#include "fcs/file_table.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ uint32_t erase_all_blocks() {
 uint32_t write_empty_records(uint32_t logical) {
     uint8_t *const data = efs_ctx.page_buffer;
     std::memset(data, 0xFF, block_size);
-    for (uint32_t file = 0; file < g_efs_files_num; ++file) {
+    for (uint32_t file = 0; file < dolm::efs_file_slots(); ++file) {
         const EFS_file_entry &entry = EFS_files[file];
         if (entry.present == 0 || entry.block != logical) {
             continue;
@@ -63,7 +64,7 @@ uint32_t write_first_bm(EFS_bme &bme, uint8_t *entry) {
 } // namespace
 
 uint32_t EFS_do_format() {
-    if (geometry_changed() || g_efs_autogen_data_loaded == 0 || EFS_files == nullptr) {
+    if (geometry_changed() || g_efs_autogen_data_loaded == 0) {
         return EFS_NOT_MOUNTED;
     }
     if (!geometry_fits() || g_efs_bm_num == 0) {

@@ -1,5 +1,6 @@
 #include "efs_tools_utils.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -213,6 +214,13 @@ file_table_entry_t *find_entry(Matches matches) {
 }
 
 } // namespace
+
+uint32_t dolm::efs_file_slots() {
+    if (EFS_files == nullptr) {
+        return 0;
+    }
+    return EFS_files == owned_list ? std::min(g_efs_files_num, owned_slots) : g_efs_files_num;
+}
 
 uint32_t load_file_table(const void *buffer, uint32_t sku, uint32_t length) {
     const auto *table = static_cast<const uint8_t *>(buffer);

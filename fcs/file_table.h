@@ -1,4 +1,4 @@
-// Fields of a file table entry as values. The entries lie in the FTBL as the host gave it, so
+// What the library reads of the file table. The entries lie in the FTBL as the host gave it, so
 // their integers are little-endian bytes on every machine.
 #pragma once
 
@@ -26,5 +26,9 @@ inline uint16_t entry_file_id(const file_table_entry_t &entry) {
 inline uint32_t entry_max_size(const file_table_entry_t &entry) {
     return load_le32(entry_bytes(entry) + offsetof(file_table_entry_t, max_size));
 }
+
+// Slots of EFS_files: g_efs_files_num, but no more than a list of the library's own has, whatever a
+// host sets that variable to; 0 without a list.
+uint32_t efs_file_slots();
 
 } // namespace dolm

@@ -71,6 +71,9 @@ TEST_F(EfsTest, FileOperationsGiveTheirResults) {
     EXPECT_EQ(EFS_delete(1), 0u);
     EXPECT_EQ(EFS_delete(1), 2u);
 
+    g_efs_files_num = 0xFFFFFFFF;
+    EXPECT_EQ(write(0x10000000, {}), 22u) << "beyond the list, whatever the variable says";
+
     start({.non_valid_block_num = 0});
     EXPECT_EQ(write(0, efs_pattern(4, 1)), 28u);
     EXPECT_EQ(EFS_delete(0), 28u);
