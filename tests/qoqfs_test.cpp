@@ -141,7 +141,7 @@ TEST_F(FrontEnd, NvarAccess) {
     EXPECT_EQ(std::string(reinterpret_cast<char *>(data), size), "nine");
     EXPECT_TRUE(writable) << "without a deployed VFS";
     EXPECT_EQ(max_size, 8u);
-    ASSERT_TRUE(qoQfsNvarGet("d", &data, &size, current, nullptr, nullptr));
+    ASSERT_TRUE(qoQfsNvarGet("d", &data, &size, FCS_FILE_ORVEL_CFG, nullptr, nullptr));
     EXPECT_EQ(data, nullptr) << "an empty value";
     EXPECT_FALSE(qoQfsNvarGet(nullptr, &data, &size, current, nullptr, nullptr));
     EXPECT_FALSE(qoQfsNvarGet("b", nullptr, nullptr, current, nullptr, nullptr));
