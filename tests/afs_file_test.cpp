@@ -243,8 +243,8 @@ TEST(AfsFiles, EveryFailedWriteIsUndone) {
     ops.write_page = failing_write;
     for (const Change &change :
          {store.write(1, 500, pattern(5, 1500)), store.write(1, 2990, pattern(5, 900)),
-          store.write(2, 0, {}, AFS_WRITE_TRUNCATE), store.write(3, 0, {}), store.remove(1),
-          store.mark_zombie(3)}) {
+          store.write(2, 64, {}, AFS_WRITE_TRUNCATE), store.write(2, 0, {}, AFS_WRITE_TRUNCATE),
+          store.write(3, 0, {}), store.remove(1), store.mark_zombie(3)}) {
         uint32_t status = AFS_RC_IO;
         for (int64_t failing = 0; status == AFS_RC_IO; ++failing) {
             SCOPED_TRACE(testing::Message() << change.name << ", write " << failing);

@@ -154,8 +154,6 @@ TEST(AfsChoice, TakesRoomThenDirtUnlessTheWearRuleFires) {
         {"no multiple of 10", {9, 0, 0, 0}, {}, {1005, 950, 899, 899}, 1, 3, 1},
     };
     FtlStore store;
-    store.row(spare).erase_count = 1; // never counts, even with the rule's eyes
-    store.row(spare).dirty_pages = 122;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         for (uint32_t i = 0; i < data_eus; ++i) {
