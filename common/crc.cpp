@@ -1,5 +1,7 @@
 #include "common/crc.h"
 
+#include <cstring>
+
 namespace dolm {
 
 namespace {
@@ -41,12 +43,12 @@ constexpr slicing_tables<uint16_t> crc16_tables =
 constexpr slicing_tables<uint32_t> crc32_tables = make_crc32_tables();
 
 // Folding. The polynomial is P = x^16 + x^12 + x^5 + 1, and over bits a square only spreads the
-// terms: x^16n + x^12n + x^5n + 1 is a multiple of P for every power of two n. With W = 4n, modulo
-// P
+// terms: x^16n + x^12n + x^5n + 1 is a multiple of P for every power of two n. So, with W = 4n and
+// modulo P,
 //
 //     x^4W = x^3W + x^(5W/4) + 1
 //
-// so a word of W bits can go from the front of a message into those behind it: into the next one,
+// and a word of W bits can go from the front of a message into those behind it: into the next one,
 // into the one four behind, and shifted into the two between. Eight words, the first one in front,
 // become the last four.
 template <typename Word>
@@ -82,7 +84,7 @@ uint16_t crc16_of_words(const uint32_t *words) {
     return static_cast<uint16_t>(crc);
 }
 
-constexpr size_t folded_block = 64;
+constexpr size_t folded_block = 64; // bytes
 
 uint16_t crc16_of_block(uint16_t crc, const uint8_t *data) {
     uint64_t words[8];
@@ -98,6 +100,33 @@ uint16_t crc16_of_block(uint16_t crc, const uint8_t *data) {
     }
     fold_words(halves);
     return crc16_of_words(halves + 4);
+}
+
+// With n = 64 the terms lie whole words of 64 bits apart, x^1024 = x^768 + x^320 + 1, so that words
+// go 4, 11 and 16 places on as they are, whatever the byte order of the host. The last 16 stay.
+constexpr size_t window_words = 16;
+constexpr size_t window_size = window_words * sizeof(uint64_t);
+
+// The register after whole windows.
+uint16_t crc16_of_windows(uint16_t crc, const uint8_t *data, size_t windows) {
+    uint8_t bytes[window_size] = {static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)};
+    uint64_t words[window_words]; // each as it is when all before it have gone on
+    uint64_t next[window_words];
+    std::memcpy(words, bytes, window_size);
+    for (; windows > 1; --windows, data += window_size) {
+        std::memcpy(next, data, window_size);
+        for (size_t i = 0; i < window_words; ++i) {
+            words[i] ^= next[i] ^ words[(i + window_words - 4) % window_words] ^
+                        words[(i + window_words - 11) % window_words];
+        }
+    }
+    std::memcpy(next, data, window_size);
+    for (size_t i = 0; i < window_words; ++i) {
+        words[i] ^= next[i] ^ (i < 4 ? words[i + window_words - 4] : 0) ^
+                    (i < 11 ? words[i + window_words - 11] : 0);
+    }
+    std::memcpy(bytes, words, window_size);
+    return crc16_of_block(crc16_of_block(0, bytes), bytes + folded_block);
 }
 
 } // namespace
@@ -117,6 +146,12 @@ uint8_t crc8_msb_first(uint8_t crc, const uint8_t *data, size_t length) {
 }
 
 uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length) {
+    if (length >= 2 * window_size) {
+        const size_t windows = length / window_size;
+        crc = crc16_of_windows(crc, data, windows);
+        data += windows * window_size;
+        length %= window_size;
+    }
     for (; length >= folded_block; data += folded_block, length -= folded_block) {
         crc = crc16_of_block(crc, data);
     }
@@ -136,12 +171,14 @@ uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length) {
 
 uint32_t crc32_reflected(uint32_t crc, const uint8_t *data, size_t length) {
     for (; length >= slices; data += slices, length -= slices) {
-        const uint32_t head = crc ^ load_le32(data);
-        crc = crc32_tables[15][head & 0xFF] ^ crc32_tables[14][head >> 8 & 0xFF] ^
-              crc32_tables[13][head >> 16 & 0xFF] ^ crc32_tables[12][head >> 24];
+        // What does not wait for the register comes first.
+        uint32_t rest = 0;
         for (size_t i = 4; i < slices; ++i) {
-            crc ^= crc32_tables[slices - 1 - i][data[i]];
+            rest ^= crc32_tables[slices - 1 - i][data[i]];
         }
+        const uint32_t head = crc ^ load_le32(data);
+        crc = rest ^ (crc32_tables[15][head & 0xFF] ^ crc32_tables[14][head >> 8 & 0xFF]) ^
+              (crc32_tables[13][head >> 16 & 0xFF] ^ crc32_tables[12][head >> 24]);
     }
     for (; length > 0; ++data, --length) {
         crc = crc >> 8 ^ crc32_tables[0][(crc ^ *data) & 0xFF];
