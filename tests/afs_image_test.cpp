@@ -3,7 +3,8 @@
 
 #include <functional>
 #include <string>
-#include <utility>
+#include <type_traits>
+#include <vector>
 
 #include "Afs.h"
 #include "AfsFtl.h"
@@ -13,11 +14,8 @@
 
 namespace {
 
-using dolm::AfsBuildError;
-using dolm::AfsImage;
 using dolm::AfsLayout;
-using dolm::AfsRole;
-using dolm::AfsSlot;
+using Header = dolm::afs_eu_header;
 using Image = std::vector<uint8_t>;
 
 // EU 0 and 1 hold the log, 2 and 3 data, 4 is the spare.
@@ -29,103 +27,57 @@ Image populated() {
     return dolm::build_afs_image(layout, files);
 }
 
-TEST(AfsBuild, NumbersFollowFromTheLayout) {
-    const dolm::AfsGeometry geometry = dolm::afs_geometry({32 * AFS_EU_SIZE, 24, 1024});
-    EXPECT_EQ(geometry.chunk_count, 2928U);
-    EXPECT_EQ(geometry.data_va_start, 7936U);
-    EXPECT_EQ(geometry.total_va_size, 195328U);
-    EXPECT_EQ(geometry.log_eus, 7U);
-}
-
 TEST(AfsBuild, SaysWhatDoesNotFit) {
-    const std::pair<AfsLayout, const char *> cases[] = {
-        {{5 * AFS_EU_SIZE + 1, 2, 65}, "no multiple"},
-        {{3 * AFS_EU_SIZE, 1, 65}, "is not from 32768"},
-        {{256 * AFS_EU_SIZE, 2, 65}, "to 2088960"},
-        {{5 * AFS_EU_SIZE, 2, 64}, "64 AFS file slots"},
-        {{5 * AFS_EU_SIZE, 2, 2049}, "2049 AFS file slots"},
-        {{5 * AFS_EU_SIZE, 0, 65}, "0 data EUs"},
-        {{5 * AFS_EU_SIZE, 3, 65}, "they need 49152 bytes"},
+    const std::vector<uint8_t> byte(1);
+    const struct {
+        AfsLayout layout;
+        std::vector<dolm::AfsFileInput> files;
+        const char *message;
+    } cases[] = {
+        {{5 * AFS_EU_SIZE + 1, 2, 65}, {}, "no multiple"},
+        {{3 * AFS_EU_SIZE, 1, 65}, {}, "is not from 32768"},
+        {{256 * AFS_EU_SIZE, 2, 65}, {}, "to 2088960"},
+        {{5 * AFS_EU_SIZE, 2, 64}, {}, "64 AFS file slots"},
+        {{5 * AFS_EU_SIZE, 0, 65}, {}, "0 data EUs"},
         // 121 metadata pages take two EUs, and the log one more.
-        {{27 * AFS_EU_SIZE, 24, 930}, "3 EUs for their log and a spare they need 229376 bytes"},
+        {{27 * AFS_EU_SIZE, 24, 930}, {}, "3 EUs for their log and a spare they need 229376 bytes"},
+        {layout, {{65, byte}}, "AFS file 65"},
+        {layout, {{1, std::vector<uint8_t>(15617)}}, "need 245 chunks of 64 bytes; 2 data EUs"},
     };
-    for (const auto &[wrong, message] : cases) {
+    for (const auto &wrong : cases) {
         try {
-            dolm::afs_geometry(wrong);
-            ADD_FAILURE() << message;
-        } catch (const AfsBuildError &error) {
-            EXPECT_NE(std::string(error.what()).find(message), std::string::npos) << error.what();
+            dolm::build_afs_image(wrong.layout, wrong.files);
+            ADD_FAILURE() << wrong.message;
+        } catch (const dolm::AfsBuildError &error) {
+            EXPECT_NE(std::string(error.what()).find(wrong.message), std::string::npos)
+                << error.what();
         }
     }
     EXPECT_EQ(dolm::afs_geometry({28 * AFS_EU_SIZE, 24, 930}).log_eus, 3U);
-    const std::vector<uint8_t> byte(1);
-    const std::pair<std::vector<dolm::AfsFileInput>, const char *> files[] = {
-        {{{65, byte}}, "AFS file 65"},
-        {{{1, std::vector<uint8_t>(262145)}}, "262145 bytes"},
-        {{{1, std::vector<uint8_t>(15617)}}, "need 245 chunks of 64 bytes; 2 data EUs have 244"},
-    };
-    for (const auto &[wrong, message] : files) {
-        try {
-            dolm::build_afs_image(layout, wrong);
-            ADD_FAILURE() << message;
-        } catch (const AfsBuildError &error) {
-            EXPECT_NE(std::string(error.what()).find(message), std::string::npos) << error.what();
-        }
-    }
 }
 
-TEST(AfsImage, ShowsWhatWasBuilt) {
-    const AfsImage image = dolm::read_afs_image(populated());
-    EXPECT_EQ(dolm::check_invariants(image), std::vector<std::string>{});
-    EXPECT_EQ(image.spare, 4U);
-    EXPECT_EQ(image.head, 0U);
-    EXPECT_EQ(image.sequence, 4U);
-    EXPECT_EQ(image.used_chunks, 3U);
-    EXPECT_EQ(image.free_chunks, 241U);
-    ASSERT_EQ(image.files.size(), 3U);
-    EXPECT_EQ(image.files[0].number, 3U);
-    EXPECT_EQ(image.files[0].contents, std::vector<uint8_t>(100, 0xA5));
-    EXPECT_EQ(image.files[1].kind, dolm::AfsFile::Kind::empty);
-    EXPECT_EQ(image.files[2].contents.size(), 64U);
-    const AfsRole roles[] = {AfsRole::log, AfsRole::log, AfsRole::data, AfsRole::data,
-                             AfsRole::spare};
-    for (uint32_t eu = 0; eu < image.eu_count; ++eu) {
-        EXPECT_EQ(image.eus[eu].role, roles[eu]) << eu;
-    }
-    EXPECT_EQ(image.eus[1].free, AFS_FTL_EU_PAGES);
-    EXPECT_EQ(image.eus[0].live + image.eus[0].dead + image.eus[0].free, AFS_FTL_EU_PAGES);
-    EXPECT_EQ(image.eus[0].slots[image.head_slot], AfsSlot::free);
-}
+using Damage = std::function<void(Image &)>;
 
 uint8_t *eu_at(Image &image, uint32_t eu, uint32_t offset = 0) {
     return &image[size_t{eu} * AFS_EU_SIZE + offset];
 }
 
-// A field of a header, with a checksum that fits.
-std::function<void(Image &)> header(uint32_t eu, uint32_t dolm::afs_eu_header::*field,
-                                    uint32_t value) {
-    return [=](Image &image) {
-        dolm::afs_eu_header changed = dolm::load_eu_header(eu_at(image, eu));
-        changed.*field = value;
-        dolm::store_eu_header(eu_at(image, eu), changed);
-    };
-}
-
-std::function<void(Image &)> header(uint32_t eu, uint16_t dolm::afs_eu_header::*field,
-                                    uint16_t value) {
-    return [=](Image &image) {
-        dolm::afs_eu_header changed = dolm::load_eu_header(eu_at(image, eu));
-        changed.*field = value;
-        dolm::store_eu_header(eu_at(image, eu), changed);
-    };
-}
-
-std::function<void(Image &)> byte(uint32_t eu, uint32_t offset, uint8_t value) {
+Damage byte(uint32_t eu, uint32_t offset, uint8_t value) {
     return [=](Image &image) { *eu_at(image, eu, offset) = value; };
 }
 
+// A field of a header, with a checksum that fits.
+template <typename T>
+Damage header(uint32_t eu, T Header::*field, std::type_identity_t<T> value) {
+    return [=](Image &image) {
+        Header changed = dolm::load_eu_header(eu_at(image, eu));
+        changed.*field = value;
+        dolm::store_eu_header(eu_at(image, eu), changed);
+    };
+}
+
 // The newest copy of a metadata page.
-std::function<void(Image &)> spoil_page(uint32_t page) {
+Damage spoil_page(uint32_t page) {
     return [=](Image &image) {
         const dolm::AfsPagePlace place = dolm::read_afs_image(image).pages[page].value();
         *eu_at(image, place.eu, dolm::log_slot_offset(place.slot)) ^= 1;
@@ -133,7 +85,7 @@ std::function<void(Image &)> spoil_page(uint32_t page) {
 }
 
 // Two bytes of the metadata, written through the store with all their checksums.
-std::function<void(Image &)> metadata(uint32_t va, uint16_t value) {
+Damage metadata(uint32_t va, uint16_t value) {
     return [=](Image &image) {
         dolm::AfsMount mount(image);
         uint8_t page[AFS_PAGE_SIZE];
@@ -143,21 +95,20 @@ std::function<void(Image &)> metadata(uint32_t va, uint16_t value) {
     };
 }
 
-std::function<void(Image &)> entry(uint32_t id, uint32_t value) {
-    return metadata(14 + 2 * id, static_cast<uint16_t>(value));
+Damage entry(uint32_t id, uint16_t value) {
+    return metadata(14 + 2 * id, value);
 }
 
-// The reader names every damage. The store refuses those that it has to see at the mount.
+// The reader names every damage. The store refuses those that it has to see at the mount. What the
+// reader shows of sound images is held against the store in every state of the power-cut runs.
 TEST(AfsImage, NamesWhatIsBroken) {
-    using Header = dolm::afs_eu_header;
-    const uint32_t first_chunk = 65 + 122; // of file 3: the newest data EU is filled first
-    struct Case {
+    EXPECT_EQ(dolm::check_invariants(populated()), std::vector<std::string>{});
+    const uint16_t first_chunk = 65 + 122; // of file 3: the newest data EU is filled first
+    const struct {
         const char *message;
-        std::function<void(Image &)> damage;
+        Damage damage;
         uint32_t mount_status;
-    };
-    const Case cases[] = {
-        {"2 EUs without a valid header", byte(1, 0, 0), 5},
+    } cases[] = {
         {"2 EUs without a valid header", byte(3, dolm::eu_crc_offset, 0), 5},
         {"no EU is the spare", header(4, &Header::magic, dolm::eu_magic), 5},
         {"names EU 2 as the spare", header(3, &Header::next_spare, 2), 5},
@@ -174,12 +125,11 @@ TEST(AfsImage, NamesWhatIsBroken) {
         {"no size for this device", metadata(10, 0xFFFF), 5},
         {"leads to 64, which is no chunk", entry(5, 64), 5},
         {"leads to 309, which is no chunk", entry(first_chunk, 65 + 244), 5},
-        {"already belongs to file 3", entry(first_chunk + 1, first_chunk), 5},
         {"already belongs to file 3", entry(64, first_chunk + 1), 0},
         {"was not written to its end", byte(3, dolm::data_status_offset, 0x7F), 5},
         {"fails its checksum", byte(3, dolm::data_slot_offset(0), 0), 0},
     };
-    for (const Case &test : cases) {
+    for (const auto &test : cases) {
         Image image = populated();
         test.damage(image);
         std::string all;

@@ -50,7 +50,6 @@ void DeviceDouble::check_discipline(uint32_t address, uint32_t length, const uin
 }
 
 void DeviceDouble::note(uint32_t address, uint32_t length, const uint8_t *written) {
-    bytes_written_ += written != nullptr ? length : 0;
     if (!keep_log_) {
         return;
     }

@@ -66,7 +66,6 @@ class DeviceDouble {
     void allow_rewrites(bool allow) { allow_rewrites_ = allow; }
 
     uint32_t count(DeviceAccess access) const { return counts_[static_cast<size_t>(access)]; }
-    uint64_t bytes_written() const { return bytes_written_; }
     const std::vector<DisciplineBreach> &breaches() const { return breaches_; }
     const std::vector<std::string> &out_of_range() const { return out_of_range_; }
 
@@ -91,7 +90,6 @@ class DeviceDouble {
     std::vector<DisciplineBreach> breaches_;
     std::vector<std::string> out_of_range_;
     uint32_t counts_[3] = {};
-    uint64_t bytes_written_ = 0;
 };
 
 } // namespace dolm_test

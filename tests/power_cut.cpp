@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <ostream>
+#include <set>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -69,23 +71,21 @@ uint64_t hash_files(uint64_t hash, const Files &files) {
 }
 
 std::string describe(const Files &shown, const Files &before, const Files &after) {
-    const auto text = [](const Files &files, uint32_t number) {
+    const auto get = [](const Files &files, uint32_t number) {
         const auto file = files.find(number);
-        return file == files.end() ? "none" : std::to_string(file->second.size()) + " bytes";
+        return file == files.end() ? std::nullopt : std::optional(file->second);
+    };
+    const auto text = [](const auto &file) {
+        return file ? std::to_string(file->size()) + " bytes" : "none";
     };
     std::string result = "files that are neither the old nor the new ones:";
     for (uint32_t number = 0; number <= 0xFFFF; ++number) {
-        const auto get = [number](const Files &files) {
-            const auto file = files.find(number);
-            return file == files.end() ? nullptr : &file->second;
-        };
-        const auto *is = get(shown);
-        const auto differs = [is](const std::vector<uint8_t> *other) {
-            return (is == nullptr) != (other == nullptr) || (is != nullptr && *is != *other);
-        };
-        if (differs(get(before)) || differs(get(after))) {
-            result += " file " + std::to_string(number) + " is " + text(shown, number) + ", was " +
-                      text(before, number) + ", becomes " + text(after, number) + ";";
+        const auto is = get(shown, number);
+        const auto was = get(before, number);
+        const auto becomes = get(after, number);
+        if (is != was || is != becomes) {
+            result += " file " + std::to_string(number) + " is " + text(is) + ", was " + text(was) +
+                      ", becomes " + text(becomes) + ";";
         }
     }
     return result;
@@ -115,16 +115,12 @@ void mount(PowerCutStore &store, Image &image, const char *which) {
     }
 }
 
-void expect_sound(PowerCutStore &store, const Image &image, const Files &files) {
-    const auto broken = store.check(image, files);
-    if (!broken.empty()) {
-        throw Broken(broken.front());
-    }
-}
-
-void expect_files(PowerCutStore &store, const Files &files, const char *when) {
+void expect_sound(PowerCutStore &store, const Image &image, const Files &files, const char *when) {
     if (const Files shown = store.read_files(); shown != files) {
         throw Broken(std::string(when) + " shows " + describe(shown, files, files));
+    }
+    if (const auto broken = store.check(image, files); !broken.empty()) {
+        throw Broken(std::string(when) + " leaves " + broken.front());
     }
 }
 
@@ -201,9 +197,9 @@ PowerCut::Recording PowerCut::run_and_check(Image &image, const State &state,
     if (files != *state.before && files != *state.after) {
         throw Broken("the mount shows " + describe(files, *state.before, *state.after));
     }
-    expect_sound(store_, image, files);
+    expect_sound(store_, image, files, "the mount");
     mount(store_, image, "the second mount");
-    expect_files(store_, files, "the second mount");
+    expect_sound(store_, image, files, "the second mount");
     recording.segments.push_back({log.size(), *state.before, *state.after, true});
 
     for (const Change &change : changes(files)) {
@@ -216,11 +212,9 @@ PowerCut::Recording PowerCut::run_and_check(Image &image, const State &state,
         }
         recording.segments.push_back({log.size(), std::move(before), files});
     }
-    expect_files(store_, files, "the store after its changes");
-    expect_sound(store_, image, files);
+    expect_sound(store_, image, files, "the store after its changes");
     mount(store_, image, "the mount after the changes");
-    expect_files(store_, files, "the mount after the changes");
-    expect_sound(store_, image, files);
+    expect_sound(store_, image, files, "the mount after the changes");
     recording.segments.push_back({log.size(), files, files});
 
     counts_.rewrites += expect_discipline(state.unclaimed_bytes) ? 1 : 0;
@@ -373,16 +367,14 @@ void PowerCut::visit(const Image &image, const State &state, unsigned level) {
 }
 
 std::vector<Tear> PowerCut::tears(const DeviceEvent &event) const {
-    std::vector<uint32_t> cuts;
+    std::set<uint32_t> cuts;
     for (const uint32_t boundary : store_.boundaries(event)) {
         for (const uint32_t cut : {boundary - 1, boundary, boundary + 1}) {
             if (cut > 0 && cut < event.length) {
-                cuts.push_back(cut);
+                cuts.insert(cut);
             }
         }
     }
-    std::sort(cuts.begin(), cuts.end());
-    cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
 
     std::vector<Tear> result{{Tear::Kind::whole, 0}};
     for (const uint32_t cut : cuts) {
