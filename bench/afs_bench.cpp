@@ -10,7 +10,7 @@
 #include "AfsCrc.h"
 #include "EFS.h"
 #include "flash_figures.h"
-#include "host/afs_build.h"
+#include "proof/afs_build.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include "EFS.h"
 #include "flash_figures.h"
-#include "host/afs_build.h"
-#include "tests/host_session.h"
+#include "proof/afs_build.h"
+#include "proof/host_session.h"
 
 namespace {
 

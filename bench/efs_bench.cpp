@@ -6,7 +6,7 @@
 
 #include "EFS.h"
 #include "flash_figures.h"
-#include "tests/builders.h"
+#include "proof/builders.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "proof/host_session.h"
 #include "ratio.h"
-#include "tests/host_session.h"
 
 namespace {
 

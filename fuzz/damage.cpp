@@ -7,7 +7,7 @@
 #include "afs/ftl_format.h"
 #include "efs/efs_format.h"
 #include "efs_tools_utils.h"
-#include "host/afs_image.h"
+#include "image/afs_image.h"
 
 namespace damage {
 

@@ -9,9 +9,9 @@
 
 #include "Afs.h"
 #include "damage.h"
-#include "host/afs_build.h"
-#include "host/afs_image.h"
-#include "tests/device_double.h"
+#include "image/afs_image.h"
+#include "proof/afs_build.h"
+#include "proof/device.h"
 
 namespace {
 
@@ -65,9 +65,9 @@ void read_all(afs_context *context) {
 
 Image after_changes(Image image, uint32_t seed, uint32_t count, uint64_t events) {
     dolm::AfsMount mount(image);
-    dolm_test::DeviceDouble::instance().cut_after(events);
+    dolm::proof::DeviceDouble::instance().cut_after(events);
     change(mount.context(), seed, count);
-    dolm_test::DeviceDouble::instance().restore_power();
+    dolm::proof::DeviceDouble::instance().restore_power();
     return image;
 }
 

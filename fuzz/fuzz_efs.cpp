@@ -11,8 +11,8 @@
 #include "EFS_phy_win32.h"
 #include "damage.h"
 #include "efs_tools_utils.h"
-#include "tests/builders.h"
-#include "tests/device_double.h"
+#include "proof/builders.h"
+#include "proof/device.h"
 
 namespace {
 
@@ -83,9 +83,9 @@ Image make_base(uint8_t seed, uint8_t cut) {
     }
     change(seed, 10);
     if (cut != 0) {
-        dolm_test::DeviceDouble::instance().cut_after(cut);
+        dolm::proof::DeviceDouble::instance().cut_after(cut);
         change(seed + 1u, 10);
-        dolm_test::DeviceDouble::instance().restore_power();
+        dolm::proof::DeviceDouble::instance().restore_power();
     }
     return {efs_image, efs_image + efs_size};
 }

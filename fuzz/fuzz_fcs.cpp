@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "FCS.h"
-#include "tests/builders.h"
+#include "proof/builders.h"
 
 using builders::Bytes;
 

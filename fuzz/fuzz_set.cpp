@@ -10,7 +10,7 @@
 
 #include "damage.h"
 #include "frontend/fcs_tables.h"
-#include "tests/full_set.h"
+#include "proof/full_set.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 #include <iostream>
 
 #include "host/commands.h"
-#include "host/efs_layout.h"
 #include "host/errors.h"
 #include "host/inspect.h"
 #include "host/set_files.h"
 #include "host/table_entries.h"
+#include "image/efs_layout.h"
 
 namespace dolm {
 

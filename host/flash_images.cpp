@@ -4,8 +4,8 @@
 
 #include "EFS.h"
 #include "efs_tools_utils.h"
-#include "host/afs_build.h"
 #include "host/errors.h"
+#include "proof/afs_build.h"
 
 namespace dolm {
 

@@ -4,9 +4,9 @@
 #include <map>
 #include <string>
 
-#include "host/afs_image.h"
-#include "host/efs_image.h"
 #include "host/json_output.h"
+#include "image/afs_image.h"
+#include "image/efs_image.h"
 
 namespace dolm {
 

@@ -3,8 +3,8 @@
 #include <iomanip>
 #include <iostream>
 
-#include "host/afs_image.h"
 #include "host/inspect.h"
+#include "image/afs_image.h"
 
 namespace dolm {
 

@@ -3,8 +3,8 @@
 #include <iomanip>
 #include <iostream>
 
-#include "host/efs_image.h"
 #include "host/inspect.h"
+#include "image/efs_image.h"
 
 namespace dolm {
 

@@ -3,7 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/bytes.h"
+#include "image/bytes.h"
 
 namespace dolm {
 

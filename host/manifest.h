@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "host/afs_build.h"
-#include "host/bytes.h"
+#include "image/bytes.h"
+#include "proof/afs_build.h"
 
 namespace dolm {
 

@@ -8,15 +8,15 @@
 #include "EFS.h"
 #include "dfs.h"
 #include "efs_tools_utils.h"
-#include "host/afs_image.h"
-#include "host/efs_image.h"
-#include "host/efs_layout.h"
 #include "host/errors.h"
 #include "host/library.h"
 #include "host/manifest.h"
 #include "host/progress.h"
 #include "host/table_entries.h"
 #include "host/tables.h"
+#include "image/afs_image.h"
+#include "image/efs_image.h"
+#include "image/efs_layout.h"
 
 namespace dolm {
 
@@ -89,7 +89,7 @@ class SetCheck {
         }
         try {
             layout_ = read_efs_layout(set_.ftbl, sku_);
-        } catch (const Failure &failure) {
+        } catch (const std::runtime_error &failure) {
             error("efs.img", failure.what());
             return;
         }

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/bytes.h"
+#include "image/bytes.h"
 
 namespace dolm {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/bytes.h"
+#include "image/bytes.h"
 
 namespace dolm {
 

@@ -9,8 +9,8 @@
 #include "Afs.h"
 #include "AfsFtl.h"
 #include "afs/ftl_format.h"
-#include "host/afs_build.h"
-#include "host/afs_image.h"
+#include "image/afs_image.h"
+#include "proof/afs_build.h"
 
 namespace {
 

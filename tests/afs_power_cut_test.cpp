@@ -10,7 +10,7 @@
 #include "AfsFtl.h"
 #include "afs/ftl_format.h"
 #include "afs_store.h"
-#include "host/afs_image.h"
+#include "image/afs_image.h"
 
 namespace dolm_test {
 namespace {

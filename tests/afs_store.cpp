@@ -7,7 +7,7 @@
 #include "AfsFtl.h"
 #include "afs/ftl_format.h"
 #include "common/little_endian.h"
-#include "host/afs_image.h"
+#include "image/afs_image.h"
 
 namespace dolm_test {
 namespace {

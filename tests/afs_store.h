@@ -4,8 +4,8 @@
 #include <memory>
 #include <optional>
 
-#include "host/afs_build.h"
 #include "power_cut.h"
+#include "proof/afs_build.h"
 
 namespace dolm_test {
 

@@ -8,10 +8,12 @@
 #include <string>
 
 #include "EFS.h"
-#include "builders.h"
-#include "device_double.h"
+#include "proof/builders.h"
+#include "proof/device.h"
 
 namespace dolm_test {
+
+using namespace dolm::proof;
 
 using builders::Bytes;
 using builders::Geometry;

@@ -4,7 +4,7 @@
 #include <stdexcept>
 
 #include "efs_fixture.h"
-#include "host/efs_image.h"
+#include "image/efs_image.h"
 #include "power_cut.h"
 
 namespace dolm_test {

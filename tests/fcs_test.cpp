@@ -6,8 +6,8 @@
 #include <map>
 #include <random>
 
-#include "builders.h"
 #include "failing_new.h"
+#include "proof/builders.h"
 
 using namespace builders;
 

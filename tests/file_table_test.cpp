@@ -4,7 +4,7 @@
 
 #include <tuple>
 
-#include "builders.h"
+#include "proof/builders.h"
 
 using namespace builders;
 

@@ -6,7 +6,7 @@
 #include "Directory.h"
 #include "File.h"
 #include "FileIterator.h"
-#include "builders.h"
+#include "proof/builders.h"
 
 using namespace builders;
 using namespace image_editor;

@@ -11,14 +11,14 @@
 
 #include "EFS.h"
 #include "EFS_phy_win32.h"
-#include "device_double.h"
 #include "dfs.h"
-#include "full_set.h"
 #include "miniVfs.h"
+#include "proof/device.h"
+#include "proof/full_set.h"
 
 using namespace full_set;
 using namespace host_session;
-using dolm_test::DeviceDouble;
+using dolm::proof::DeviceDouble;
 
 namespace {
 

@@ -11,9 +11,11 @@
 
 #include "AfsFtl.h"
 #include "afs/ftl_access.h"
-#include "device_double.h"
+#include "proof/device.h"
 
 namespace dolm_test {
+
+using namespace dolm::proof;
 
 using Bytes = std::vector<uint8_t>;
 using Page = std::array<uint8_t, AFS_PAGE_SIZE>;

@@ -19,9 +19,11 @@
 #include <unordered_set>
 #include <vector>
 
-#include "device_double.h"
+#include "proof/device.h"
 
 namespace dolm_test {
+
+using namespace dolm::proof;
 
 using Image = std::vector<uint8_t>;
 using Files = std::map<uint32_t, std::vector<uint8_t>>;

@@ -7,8 +7,8 @@
 
 #include "frontend/fcs_tables.h"
 #include "frontend/report.h"
-#include "host_session.h"
 #include "memory_utils.h"
+#include "proof/host_session.h"
 #include "vynerrors.h"
 
 using namespace host_session;

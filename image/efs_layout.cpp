@@ -1,6 +1,6 @@
-#include "host/efs_layout.h"
+#include "image/efs_layout.h"
 
-#include "host/errors.h"
+#include <stdexcept>
 
 namespace dolm {
 
@@ -21,7 +21,7 @@ class Fields {
 
     void require(uint64_t offset, uint64_t length) const {
         if (offset + length > bytes_.size()) {
-            throw Failure("the EFS section of the file table runs past its end");
+            throw std::runtime_error("the EFS section of the file table runs past its end");
         }
     }
     uint32_t u32(uint64_t offset) const {
@@ -40,11 +40,11 @@ class Fields {
 
 uint64_t find_section(const Fields &table) {
     if (table.u32(0) != ftbl_magic) {
-        throw Failure("the file table does not begin with FTBL");
+        throw std::runtime_error("the file table does not begin with FTBL");
     }
     const uint64_t section = (uint64_t{table.u32(row_count_offset)} + 1) * head_size;
     if (table.u32(section) != efst_magic) {
-        throw Failure("the file table has no section for EFS");
+        throw std::runtime_error("the file table has no section for EFS");
     }
     return section;
 }
@@ -58,7 +58,7 @@ uint64_t find_row(const Fields &table, uint64_t section, uint32_t sku) {
             return row;
         }
     }
-    throw Failure("the file table has no EFS row for SKU " + std::to_string(sku));
+    throw std::runtime_error("the file table has no EFS row for SKU " + std::to_string(sku));
 }
 
 } // namespace
@@ -75,7 +75,8 @@ EfsLayout read_efs_layout(const Bytes &ftbl, uint32_t sku) {
     if (layout.bm_num == 0 || layout.bm_num > 255 || layout.valid_blocks > 255 ||
         layout.spare_blocks > 255 || layout.data_blocks() < 2 || layout.data_blocks() > 256 ||
         file_count > max_files) {
-        throw Failure("the EFS geometry of the file table is none that an image can have");
+        throw std::runtime_error(
+            "the EFS geometry of the file table is none that an image can have");
     }
     const uint64_t records = table.u32(row + 4);
     const uint32_t count = table.u32(row + 8);
@@ -83,8 +84,9 @@ EfsLayout read_efs_layout(const Bytes &ftbl, uint32_t sku) {
     for (uint32_t i = 0; i < count; ++i) {
         const uint64_t at = records + i * record_size;
         if (table.u16(at) >= file_count) {
-            throw Failure("the EFS file list names file " + std::to_string(table.u16(at)) + " of " +
-                          std::to_string(file_count));
+            throw std::runtime_error("the EFS file list names file " +
+                                     std::to_string(table.u16(at)) + " of " +
+                                     std::to_string(file_count));
         }
         layout.files.push_back(
             {table.u16(at), table.u16(at + 50) & 0xFF, table.u16(at + 52), table.u16(at + 54)});

@@ -1,4 +1,4 @@
-#include "host/afs_build.h"
+#include "proof/afs_build.h"
 
 #include <algorithm>
 #include <string>

@@ -1,4 +1,5 @@
-// A reader of EFS images that shares no code with the store. It takes the bytes as they lie on the
+// A reader of EFS images that shares no code and no header with the store, on purpose: so
+// a mistake of the one is not the other's as well. It takes the bytes as they lie on the
 // flash, interrupted operations included, and says what a mount and a scan would find: the block
 // maps, the mapping in force, the part that each block plays, and the files with their contents.
 // Nothing that the bytes say is trusted: what does not fit goes into a list of damages and the

@@ -1,4 +1,4 @@
-#include "host/efs_image.h"
+#include "image/efs_image.h"
 
 #include <algorithm>
 #include <array>

@@ -8,8 +8,8 @@
 
 #include "EFS.h"
 #include "EFS_phy_win32.h"
-#include "host/afs_build.h"
-#include "host_session.h"
+#include "proof/afs_build.h"
+#include "proof/host_session.h"
 
 namespace full_set {
 

@@ -1,9 +1,9 @@
-#include "device_double.h"
+#include "proof/device.h"
 
 #include <array>
 #include <cstring>
 
-namespace dolm_test {
+namespace dolm::proof {
 namespace {
 
 constexpr uint32_t device_failure = 5;
@@ -61,9 +61,9 @@ void DeviceDouble::note(uint32_t address, uint32_t length, const uint8_t *writte
     log_.push_back(std::move(event));
 }
 
-template <typename Real>
 uint32_t DeviceDouble::access(DeviceAccess kind, uint32_t address, uint32_t length,
-                              const uint8_t *written, uint8_t *seen, Real real) {
+                              const uint8_t *written, uint8_t *seen,
+                              const std::function<uint32_t()> &real) {
     if (kind != DeviceAccess::read && events_left_ != UINT64_MAX) {
         if (events_left_ == 0) {
             return 0;
@@ -94,57 +94,4 @@ uint32_t DeviceDouble::access(DeviceAccess kind, uint32_t address, uint32_t leng
     return result;
 }
 
-} // namespace dolm_test
-
-using dolm_test::DeviceAccess;
-
-static dolm_test::DeviceDouble &device() {
-    return dolm_test::DeviceDouble::instance();
-}
-
-// The linker sends every call of a device function here, and __real_ names to the library's own.
-extern "C" {
-
-uint32_t __real_SpiDrvRead(uint32_t address, uint32_t length, void *buffer);
-uint32_t __real_SpiDrvWrite(uint32_t address, uint32_t length, const void *buffer);
-uint32_t __real_SpiDrvEraseBlock(uint32_t address);
-uint32_t __real_EFS_physical_read(uint32_t address, uint32_t length, void *destination);
-uint32_t __real_EFS_physical_write(uint32_t address, uint32_t length, const void *source);
-uint32_t __real_EFS_physical_erase(uint32_t address, uint32_t length);
-
-uint32_t __wrap_SpiDrvRead(uint32_t address, uint32_t length, void *buffer) {
-    return device().access(DeviceAccess::read, address, length, nullptr,
-                           static_cast<uint8_t *>(buffer),
-                           [=] { return __real_SpiDrvRead(address, length, buffer); });
-}
-
-uint32_t __wrap_SpiDrvWrite(uint32_t address, uint32_t length, const void *buffer) {
-    return device().access(DeviceAccess::write, address, length,
-                           static_cast<const uint8_t *>(buffer), nullptr,
-                           [=] { return __real_SpiDrvWrite(address, length, buffer); });
-}
-
-uint32_t __wrap_SpiDrvEraseBlock(uint32_t address) {
-    constexpr uint32_t block_size = 4096;
-    return device().access(DeviceAccess::erase, address, block_size, nullptr, nullptr,
-                           [=] { return __real_SpiDrvEraseBlock(address); });
-}
-
-uint32_t __wrap_EFS_physical_read(uint32_t address, uint32_t length, void *destination) {
-    return device().access(DeviceAccess::read, address, length, nullptr,
-                           static_cast<uint8_t *>(destination),
-                           [=] { return __real_EFS_physical_read(address, length, destination); });
-}
-
-uint32_t __wrap_EFS_physical_write(uint32_t address, uint32_t length, const void *source) {
-    return device().access(DeviceAccess::write, address, length,
-                           static_cast<const uint8_t *>(source), nullptr,
-                           [=] { return __real_EFS_physical_write(address, length, source); });
-}
-
-uint32_t __wrap_EFS_physical_erase(uint32_t address, uint32_t length) {
-    return device().access(DeviceAccess::erase, address, length, nullptr, nullptr,
-                           [=] { return __real_EFS_physical_erase(address, length); });
-}
-
-} // extern "C"
+} // namespace dolm::proof

@@ -1,4 +1,5 @@
-// A reader of AFS images that shares no code with the store. It takes the bytes as they lie on the
+// A reader of AFS images that shares no code and no header with the store, on purpose: so
+// a mistake of the one is not the other's as well. It takes the bytes as they lie on the
 // flash, interrupted operations included, and says what a mount would find: geometry, the part
 // that each erase unit plays, every page slot, and the files with their contents. Nothing that the
 // bytes say is trusted: what does not fit goes into a list of damages and the reader goes on with

@@ -1,14 +1,16 @@
-// One double for the devices of both stores. Linked in with --wrap (see add_device_test in
-// CMakeLists.txt), it stands between a store and its device functions: it logs what is written and
-// erased, checks that the store treats its memory as flash, and can make any access go wrong.
+// One double for the devices of both stores. It stands between a store and its device functions: it
+// logs what is written and erased, checks that the store treats its memory as flash, and can make
+// any access go wrong. Linked with dolm_wrapped_device, a program has it in place of the static
+// library's device functions.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
 
-namespace dolm_test {
+namespace dolm::proof {
 
 struct DeviceEvent {
     enum class Kind : uint8_t { write, erase };
@@ -69,11 +71,10 @@ class DeviceDouble {
     const std::vector<DisciplineBreach> &breaches() const { return breaches_; }
     const std::vector<std::string> &out_of_range() const { return out_of_range_; }
 
-    // For the wrapped functions: one access. written is what a write puts down, seen where a read
-    // puts its bytes; real carries the access out.
-    template <typename Real>
+    // For the functions that stand in for the device's: one access. written is what a write puts
+    // down, seen where a read puts its bytes; real carries the access out.
     uint32_t access(DeviceAccess kind, uint32_t address, uint32_t length, const uint8_t *written,
-                    uint8_t *seen, Real real);
+                    uint8_t *seen, const std::function<uint32_t()> &real);
 
   private:
     bool is_in_range(DeviceAccess kind, uint32_t address, uint32_t length);
@@ -92,4 +93,4 @@ class DeviceDouble {
     uint32_t counts_[3] = {};
 };
 
-} // namespace dolm_test
+} // namespace dolm::proof

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "builders.h"
+#include "proof/builders.h"
 #include "qoqfs.h"
 
 namespace host_session {

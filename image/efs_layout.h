@@ -4,12 +4,13 @@
 
 #include <string>
 
-#include "host/bytes.h"
-#include "host/efs_image.h"
+#include "image/bytes.h"
+#include "image/efs_image.h"
 
 namespace dolm {
 
-// The row of a SKU. Throws Failure if the table has none, or none that an image can have.
+// The row of a SKU. Throws std::runtime_error if the table has none, or none that an image can
+// have.
 EfsLayout read_efs_layout(const Bytes &ftbl, uint32_t sku);
 
 } // namespace dolm

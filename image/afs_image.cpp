@@ -1,4 +1,4 @@
-#include "host/afs_image.h"
+#include "image/afs_image.h"
 
 #include <algorithm>
 #include <array>
