@@ -1,15 +1,10 @@
-# What cmake --install puts down: the library, its headers in a folder of their own, the program, a
-# CMake package and a pkg-config file.
-include(GNUInstallDirs)
+# What cmake --install puts down: the library in both forms, its headers in a folder of their own,
+# the program, a CMake package and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
-set(DOLM_HEADER_DIR ${CMAKE_INSTALL_INCLUDEDIR}/DolmStorageLib)
 set(DOLM_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/DolmStorageLib)
 
-target_include_directories(DolmStorageLib INTERFACE
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-    $<INSTALL_INTERFACE:${DOLM_HEADER_DIR}>)
-install(TARGETS DolmStorageLib EXPORT DolmStorageLibTargets)
+install(TARGETS DolmStorageLib dolm_static EXPORT DolmStorageLibTargets)
 install(DIRECTORY include/ DESTINATION ${DOLM_HEADER_DIR} FILES_MATCHING PATTERN *.h)
 install(EXPORT DolmStorageLibTargets NAMESPACE DolmStorageLib:: DESTINATION ${DOLM_PACKAGE_DIR})
 
@@ -22,6 +17,11 @@ install(FILES
     DESTINATION ${DOLM_PACKAGE_DIR})
 
 file(RELATIVE_PATH DOLM_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+# What a C program must name beside the static library: the C++ run time.
+set(run_time ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
+list(REMOVE_ITEM run_time ${CMAKE_C_IMPLICIT_LINK_LIBRARIES})
+list(TRANSFORM run_time PREPEND -l)
+list(JOIN run_time " " DOLM_PC_RUN_TIME)
 configure_file(cmake/DolmStorageLib.pc.in DolmStorageLib.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/DolmStorageLib.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
