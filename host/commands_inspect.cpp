@@ -25,9 +25,9 @@ Table find_table(const InspectOptions &options) {
     Table table;
     const fs::path folder = options.image.parent_path();
     if (options.ftbl) {
-        table.ftbl = read_file(*options.ftbl);
+        table.ftbl = read_file(*options.ftbl, max_table_size);
     } else if (fs::exists(folder / "ftbl.bin")) {
-        table.ftbl = read_file(folder / "ftbl.bin");
+        table.ftbl = read_file(folder / "ftbl.bin", max_table_size);
     }
     table.sku = options.sku;
     if (!table.sku && !options.ftbl) {
@@ -69,7 +69,7 @@ void print_with_damages(const InspectOptions &options, Json json,
 } // namespace
 
 void inspect_image(const InspectOptions &options) {
-    const Bytes bytes = read_file(options.image);
+    const Bytes bytes = read_file(options.image, max_image_size);
     const Table table = find_table(options);
     const AfsImage afs = read_afs_image(bytes);
     if (is_afs(afs)) {

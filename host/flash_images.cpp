@@ -29,7 +29,7 @@ void format_efs(Bytes &image) {
 } // namespace
 
 Bytes flash_content(const ManifestFile &file) {
-    Bytes content = *file.flash;
+    Bytes content = file.flash->bytes();
     content.resize(content.size() + trailer_length(file.attributes), trailer_filler);
     return content;
 }

@@ -19,7 +19,8 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr uint32_t max_u32 = 0xFFFFFFFF;
-constexpr uint32_t max_content = 262144; // of any file in flash
+constexpr uint32_t max_content = 262144;                 // of any file in flash
+constexpr uint64_t max_value_files = uint64_t{64} << 20; // bytes of all of them together
 constexpr uint32_t default_efs_files = 16;
 constexpr uint32_t default_afs_files = 1024;
 
@@ -40,6 +41,7 @@ std::optional<uint64_t> to_number(const Json &value) {
 }
 
 // One JSON object under reading: hands out its members, and knows which ones nobody asked for.
+// Keys are literals.
 class Object {
   public:
     Object(const Json &object, std::string where, Problems &found)
@@ -50,18 +52,18 @@ class Object {
     }
 
     // Null if the member is absent.
-    const Json *member(const std::string &key) {
-        known.insert(key);
+    const Json *member(std::string_view key) {
+        known.push_back(key);
         const auto found = json.is_object() ? json.find(key) : json.end();
         return found == json.end() ? nullptr : &*found;
     }
 
-    uint32_t number(const std::string &key, uint32_t low, uint32_t high,
+    uint32_t number(std::string_view key, uint32_t low, uint32_t high,
                     std::optional<uint32_t> fallback) {
         const Json *value = member(key);
         if (value == nullptr) {
             if (!fallback && json.is_object()) {
-                problems.add(place, "'" + key + "' is missing");
+                problems.add(place, "'" + std::string(key) + "' is missing");
             }
             return fallback.value_or(low);
         }
@@ -74,14 +76,14 @@ class Object {
         return static_cast<uint32_t>(*number);
     }
 
-    std::string at(const std::string &key) const { return place + "/" + key; }
+    std::string at(std::string_view key) const { return place + "/" + std::string(key); }
 
     void refuse_unknown_members() {
         if (!json.is_object()) {
             return;
         }
         for (const auto &item : json.items()) {
-            if (!known.contains(item.key())) {
+            if (std::find(known.begin(), known.end(), item.key()) == known.end()) {
                 problems.add(at(item.key()), "unknown member");
             }
         }
@@ -92,7 +94,7 @@ class Object {
     Problems &problems;
 
   private:
-    std::set<std::string> known;
+    std::vector<std::string_view> known;
 };
 
 class Reader {
@@ -130,7 +132,7 @@ class Reader {
     }
 
   private:
-    std::vector<uint32_t> skus(Object &object, const std::string &key) {
+    std::vector<uint32_t> skus(Object &object, std::string_view key) {
         std::vector<uint32_t> skus;
         const Json *list = object.member(key);
         if (list == nullptr) {
@@ -140,10 +142,12 @@ class Reader {
             problems.add(object.at(key), "an array of SKU numbers is needed here");
             return skus;
         }
-        for (const Json &item : *list) {
-            const auto number = to_number(item);
+        for (size_t i = 0; i < list->size(); ++i) {
+            const auto number = to_number((*list)[i]);
             if (!number || *number > max_u32) {
-                problems.add(object.at(key), item.dump() + " is no SKU number");
+                problems.add(object.at(key) + "/" + std::to_string(i), "a whole number from 0 to " +
+                                                                           std::to_string(max_u32) +
+                                                                           " is needed here");
             } else if (std::find(skus.begin(), skus.end(), *number) != skus.end()) {
                 problems.add(object.at(key), "SKU " + std::to_string(*number) + " stands twice");
             } else {
@@ -281,29 +285,34 @@ class Reader {
         return place;
     }
 
-    std::optional<Bytes> value(Object &object, const std::string &key) {
+    std::optional<Content> value(Object &object, std::string_view key) {
         const Json *json = object.member(key);
         if (json == nullptr) {
             return std::nullopt;
         }
         if (json->is_string()) {
-            return to_bytes(json->get_ref<const std::string &>());
+            const auto &text = json->get_ref<const std::string &>();
+            return Content(to_bytes(text), text.size());
         }
         Object form(*json, object.at(key), problems);
-        std::optional<Bytes> content = content_of(form);
-        const Json *size = form.member("size");
-        if (size != nullptr && content) {
-            fill_to(form, *content);
-        }
+        std::optional<Bytes> period = content_of(form);
+        const size_t size =
+            form.number("size", 0, max_content, period ? static_cast<uint32_t>(period->size()) : 0);
         form.refuse_unknown_members();
-        return content;
+        if (!period) {
+            return std::nullopt;
+        }
+        if (period->empty() && size > 0) {
+            problems.add(form.at("size"), "an empty content cannot be repeated");
+        }
+        return Content(std::move(*period), size);
     }
 
     // The one member that says what the content is.
     std::optional<Bytes> content_of(Object &form) {
         std::optional<Bytes> content;
         int forms = 0;
-        for (const std::string key : {"text", "hex", "file"}) {
+        for (const std::string_view key : {"text", "hex", "file"}) {
             const Json *json = form.member(key);
             if (json == nullptr) {
                 continue;
@@ -321,7 +330,7 @@ class Reader {
         return content;
     }
 
-    std::optional<Bytes> content_from(const std::string &place, const std::string &key,
+    std::optional<Bytes> content_from(const std::string &place, std::string_view key,
                                       const std::string &text) {
         if (key == "text") {
             return to_bytes(text);
@@ -334,24 +343,12 @@ class Reader {
             return content;
         }
         try {
-            return read_file(folder / text);
+            Bytes content = read_file(folder / text, std::min<uint64_t>(max_content, room));
+            room -= content.size();
+            return content;
         } catch (const Failure &failure) {
             problems.add(place, failure.what());
             return std::nullopt;
-        }
-    }
-
-    // Repeats the content until it has the size asked for.
-    void fill_to(Object &form, Bytes &content) {
-        const uint32_t size = form.number("size", 0, max_content, 0);
-        if (content.empty() && size > 0) {
-            problems.add(form.at("size"), "an empty content cannot be repeated");
-            return;
-        }
-        const size_t period = content.size();
-        content.resize(size);
-        for (size_t i = period; i < content.size(); ++i) {
-            content[i] = content[i - period];
         }
     }
 
@@ -371,34 +368,121 @@ class Reader {
 
     std::filesystem::path folder;
     Problems &problems;
+    uint64_t room = max_value_files; // for the value files to come
 };
 
-// Parses, and refuses an object that names a member twice, of which the parser by itself would
-// silently keep the last.
-Json parse_strictly(std::string_view text, const std::string &source) {
-    std::vector<std::set<std::string>> open;
-    const auto watch = [&](int, Json::parse_event_t event, Json &parsed) {
-        if (event == Json::parse_event_t::object_start) {
-            open.emplace_back();
-        } else if (event == Json::parse_event_t::object_end) {
-            open.pop_back();
-        } else if (event == Json::parse_event_t::key) {
-            const auto key = parsed.get<std::string>();
-            if (!open.back().insert(key).second) {
-                throw Failure(source + ": the member '" + key + "' stands twice in an object");
-            }
+// Reads a text without keeping it, and refuses what no manifest can have: deep nesting, long lists,
+// wide objects and long texts, which would take far more memory than the text once they are kept.
+// Refuses an object that names a member twice too, of which a parser would silently keep the last.
+class FormCheck : public nlohmann::json_sax<Json> {
+  public:
+    explicit FormCheck(const std::string &source) : source_(source) {}
+
+    bool null() override { return begin_item(); }
+    bool boolean(bool) override { return begin_item(); }
+    bool number_integer(int64_t) override { return begin_item(); }
+    bool number_unsigned(uint64_t) override { return begin_item(); }
+    bool number_float(double, const std::string &) override { return begin_item(); }
+    bool binary(Json::binary_t &) override { return begin_item(); }
+    bool string(std::string &text) override {
+        if (text.size() > max_text) {
+            refuse("a text of " + std::to_string(text.size()) + " bytes; at most " +
+                   std::to_string(max_text) + " fit");
+        }
+        return begin_item();
+    }
+    bool start_object(size_t) override { return begin_container(false); }
+    bool start_array(size_t) override { return begin_container(true); }
+    bool end_object() override { return end_container(); }
+    bool end_array() override { return end_container(); }
+
+    bool key(std::string &key) override {
+        Container &object = open_.back();
+        object.key = key.substr(0, max_key);
+        if (key.size() > max_key) {
+            refuse("a name of " + std::to_string(key.size()) + " bytes; at most " +
+                   std::to_string(max_key) + " fit");
+        }
+        if (object.keys.size() == max_members) {
+            refuse("at most " + std::to_string(max_members) + " members fit into an object");
+        }
+        if (!object.keys.insert(key).second) {
+            refuse("the member '" + key + "' stands twice in an object");
         }
         return true;
-    };
-    try {
-        return Json::parse(text, watch, true, true);
-    } catch (const Json::exception &error) {
-        // "[json.exception.parse_error.101] parse error at line 1, column 2: ..."
-        const std::string message = error.what();
-        const size_t head = message.find("] ");
-        throw Failure(source + ": " +
-                      (head == std::string::npos ? message : message.substr(head + 2)));
     }
+
+    bool parse_error(size_t, const std::string &,
+                     const nlohmann::detail::exception &error) override {
+        // "[json.exception.parse_error.101] parse error at line 1, column 2: ..."
+        const std::string_view message = error.what();
+        const size_t head = message.find("] ");
+        constexpr size_t most_shown = 300; // it ends with the last thing read, however long
+        throw Failure(source_ + ": " +
+                      std::string(message.substr(head == message.npos ? 0 : head + 2, most_shown)));
+    }
+
+  private:
+    static constexpr size_t max_depth = 64;
+    static constexpr size_t max_members = 64; // of an object
+    static constexpr size_t max_key = 256;
+    static constexpr size_t max_text = size_t{1} << 20; // the longest content in hexadecimal
+
+    struct Container {
+        bool is_array;
+        size_t count;    // items of an array so far
+        std::string key; // the member of an object that is being read
+        std::set<std::string> keys;
+    };
+
+    // A member of an object has begun with its key.
+    bool begin_item() {
+        if (open_.empty() || !open_.back().is_array) {
+            return true;
+        }
+        const std::string &key = open_.size() > 1 ? open_[open_.size() - 2].key : open_.back().key;
+        const bool lists_files = open_.size() == 2 && key == "files";
+        const size_t most = lists_files ? max_files : max_sku_rows;
+        if (++open_.back().count > most) {
+            const char *items = lists_files ? "files" : key == "skus" ? "SKUs" : "items";
+            open_.pop_back();
+            refuse("at most " + std::to_string(most) + " " + items + " fit");
+        }
+        return true;
+    }
+
+    bool begin_container(bool is_array) {
+        begin_item();
+        if (open_.size() == max_depth) {
+            refuse("nested more than " + std::to_string(max_depth) + " deep");
+        }
+        open_.push_back({is_array, 0, {}, {}});
+        return true;
+    }
+
+    bool end_container() {
+        open_.pop_back();
+        return true;
+    }
+
+    [[noreturn]] void refuse(const std::string &why) const {
+        std::string place;
+        for (const Container &container : open_) {
+            place += "/";
+            place += container.is_array ? std::to_string(container.count - 1) : container.key;
+        }
+        throw Failure(source_ + ": " + (place.empty() ? "/" : place) + ": " + why);
+    }
+
+    const std::string &source_;
+    std::vector<Container> open_;
+};
+
+Json parse_strictly(std::string_view text, const std::string &source) {
+    FormCheck check(source);
+    const bool with_comments = true;
+    Json::sax_parse(text, &check, Json::input_format_t::json, true, with_comments);
+    return Json::parse(text, nullptr, true, with_comments);
 }
 
 } // namespace
@@ -425,7 +509,7 @@ Manifest parse_manifest(std::string_view text, const std::string &source,
 }
 
 Manifest load_manifest(const std::filesystem::path &path) {
-    const Bytes text = read_file(path);
+    const Bytes text = read_file(path, max_table_size);
     return parse_manifest({reinterpret_cast<const char *>(text.data()), text.size()}, path.string(),
                           path.parent_path());
 }

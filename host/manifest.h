@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "image/bytes.h"
@@ -20,6 +21,7 @@ inline constexpr std::string_view deploy_marker = "/home/mca/deploy";
 inline constexpr uint32_t max_name_length = 48;
 inline constexpr uint32_t max_value_size = 65523; // of a value in a configuration store
 inline constexpr uint32_t max_sku_rows = 10;      // of a file table
+inline constexpr size_t max_files = 65536;        // whose entries for all SKUs fit a table file
 
 // Attribute bits with a meaning.
 inline constexpr uint16_t attribute_trailer = 0x01;
@@ -28,6 +30,28 @@ inline constexpr uint16_t attribute_long_trailer = 0x40;
 
 // As the file table encodes them.
 enum class Store : uint8_t { none = 0, afs = 1, efs = 2 };
+
+// A content that a manifest asks for: a few bytes, repeated up to a size. A short text can ask for
+// very much, so it is made only when the whole manifest has been found good.
+class Content {
+  public:
+    Content(Bytes period, size_t size) : period_(std::move(period)), size_(size) {}
+
+    size_t size() const { return size_; }
+
+    // The period must not be empty if the size is not 0.
+    Bytes bytes() const {
+        Bytes filled(size_);
+        for (size_t i = 0; i < size_; ++i) {
+            filled[i] = i < period_.size() ? period_[i] : filled[i - period_.size()];
+        }
+        return filled;
+    }
+
+  private:
+    Bytes period_;
+    size_t size_;
+};
 
 // Where a file has its fixed place in EFS.
 struct EfsPlacement {
@@ -45,10 +69,10 @@ struct ManifestFile {
     uint16_t id = 0; // inside its store
     uint32_t max_size = 0;
     std::vector<uint32_t> skus; // that have the file
-    std::optional<Bytes> base;
-    std::optional<Bytes> override_value;
-    std::optional<Bytes> flash; // content in its store, without the trailer
-    EfsPlacement efs;           // for a file of EFS
+    std::optional<Content> base;
+    std::optional<Content> override_value;
+    std::optional<Content> flash; // in its store, without the trailer
+    EfsPlacement efs;             // for a file of EFS
 };
 
 struct EfsGeometry {

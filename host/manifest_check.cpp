@@ -5,6 +5,9 @@
 #include <string>
 #include <utility>
 
+#include "FCS.h"
+#include "host/set_files.h"
+
 namespace dolm {
 
 namespace {
@@ -19,7 +22,8 @@ constexpr uint32_t record_head = 4;
 constexpr uint32_t block_payload = 4072;
 
 std::string quoted(const std::string &name) {
-    return "\"" + name + "\"";
+    constexpr size_t most_shown = 2 * max_name_length;
+    return "\"" + name.substr(0, most_shown) + (name.size() > most_shown ? "...\"" : "\"");
 }
 
 std::string bytes(uint64_t count) {
@@ -75,7 +79,7 @@ void check_name(const ManifestFile &file, Problems &problems) {
     }
 }
 
-void check_value(const ManifestFile &file, const char *member, const std::optional<Bytes> &value,
+void check_value(const ManifestFile &file, const char *member, const std::optional<Content> &value,
                  Problems &problems) {
     if (!value) {
         return;
@@ -91,9 +95,6 @@ void check_skus(const Manifest &manifest, Problems &problems) {
     const auto known = [&](uint32_t sku) {
         return std::find(manifest.skus.begin(), manifest.skus.end(), sku) != manifest.skus.end();
     };
-    if (manifest.skus.size() > max_sku_rows) {
-        problems.add("/skus", "at most " + std::to_string(max_sku_rows) + " SKUs fit");
-    }
     if (!known(manifest.default_sku)) {
         problems.add("/default_sku", "not one of the SKUs in /skus");
     }
@@ -104,6 +105,19 @@ void check_skus(const Manifest &manifest, Problems &problems) {
                              "SKU " + std::to_string(sku) + " is not one of those in /skus");
             }
         }
+    }
+}
+
+// All values of one table, which is refused when it is read back if it is over the limit.
+void check_table_size(const Manifest &manifest, const char *member,
+                      std::optional<Content> ManifestFile::*value, Problems &problems) {
+    uint64_t size = 0;
+    for (const ManifestFile &file : manifest.files) {
+        size += file.*value ? sizeof(_cfg_file_entry_t) + (file.*value)->size() : 0;
+    }
+    if (size > max_table_size) {
+        problems.add("/files", std::string("the '") + member + "' values take " + bytes(size) +
+                                   " together, over the limit of " + bytes(max_table_size));
     }
 }
 
@@ -306,6 +320,8 @@ void check_manifest(const Manifest &manifest, Problems &problems) {
             check_value(file, "flash", file.flash, problems);
         }
     }
+    check_table_size(manifest, "base", &ManifestFile::base, problems);
+    check_table_size(manifest, "override", &ManifestFile::override_value, problems);
     check_stores(manifest, problems);
     check_deployed(manifest, problems);
 }

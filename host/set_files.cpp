@@ -24,13 +24,17 @@ struct Member {
     const char *name;
     Bytes SetFiles::*content;
     bool mandatory;
+    uint64_t max_size;
 };
 
 constexpr Member members[] = {
-    {"orvel.cfg", &SetFiles::orvel_cfg, true}, {"vync.cfg", &SetFiles::vync_cfg, false},
-    {"ftbl.bin", &SetFiles::ftbl, true},       {"qfs.img", &SetFiles::qfs_image, false},
-    {"efs.img", &SetFiles::efs_image, false},
+    {"orvel.cfg", &SetFiles::orvel_cfg, true, max_table_size},
+    {"vync.cfg", &SetFiles::vync_cfg, false, max_table_size},
+    {"ftbl.bin", &SetFiles::ftbl, true, max_table_size},
+    {"qfs.img", &SetFiles::qfs_image, false, max_image_size},
+    {"efs.img", &SetFiles::efs_image, false, max_image_size},
 };
+constexpr uint64_t max_settings_size = 65536;
 
 Bytes make_settings(uint32_t sku) {
     const std::string text = nlohmann::json{{"sku", sku}}.dump() + "\n";
@@ -70,7 +74,8 @@ bool holds_already(const fs::path &path, const std::optional<Bytes> &content) {
     if (!fs::is_regular_file(path)) {
         return !content && !fs::exists(path);
     }
-    return content && fs::file_size(path) == content->size() && read_file(path) == *content;
+    return content && fs::file_size(path) == content->size() &&
+           read_file(path, content->size()) == *content;
 }
 
 // One change under way. The old file stays reachable under a name of its own until all changes
@@ -138,14 +143,15 @@ class PendingChange {
 
 } // namespace
 
-Bytes read_file(const fs::path &path) {
+Bytes read_file(const fs::path &path, uint64_t max_size) {
     std::error_code error;
     const uintmax_t size = fs::file_size(path, error);
     if (error) {
         throw Failure("cannot read " + path.string() + ": " + error.message());
     }
-    if (size > std::numeric_limits<uint32_t>::max()) {
-        throw Failure(path.string() + " is too long: files of 4 GiB and more are refused");
+    if (size > max_size) {
+        throw Failure(path.string() + " has " + std::to_string(size) + " bytes; at most " +
+                      std::to_string(max_size) + " are plausible here");
     }
     Bytes content(static_cast<size_t>(size));
     std::ifstream stream(path, std::ios::binary);
@@ -161,7 +167,7 @@ std::optional<uint32_t> read_sku(const fs::path &folder) {
     if (!fs::exists(path)) {
         return std::nullopt;
     }
-    const Bytes content = read_file(path);
+    const Bytes content = read_file(path, max_settings_size);
     const auto settings = nlohmann::json::parse(content, nullptr, false);
     const auto sku = settings.is_object() ? settings.find("sku") : settings.end();
     if (sku == settings.end() || !sku->is_number_unsigned() ||
@@ -185,7 +191,7 @@ SetFiles load_set(const fs::path &folder) {
     for (const Member &member : members) {
         const fs::path path = folder / member.name;
         if (member.mandatory || fs::exists(path)) {
-            set.*member.content = read_file(path);
+            set.*member.content = read_file(path, member.max_size);
         }
     }
     set.sku = read_sku(folder);

@@ -23,8 +23,14 @@ struct SetFiles {
     std::optional<uint32_t> sku; // from "set.json"
 };
 
-// Throws Failure if the file cannot be read or is too long for the library's 32-bit sizes.
-Bytes read_file(const std::filesystem::path &path);
+// The largest sizes that make sense, so that a file of another kind is refused by its size alone.
+// An AFS image has up to 255 units of 8192 bytes, an EFS image up to 511 blocks of 4096; both may
+// be followed by what is left of the flash. The largest table is that of 65536 files and 10 SKUs.
+inline constexpr uint64_t max_image_size = uint64_t{2} << 20;
+inline constexpr uint64_t max_table_size = uint64_t{64} << 20;
+
+// Throws Failure if the file cannot be read or is longer than max_size.
+Bytes read_file(const std::filesystem::path &path, uint64_t max_size);
 
 SetFiles load_set(const std::filesystem::path &folder);
 

@@ -177,12 +177,12 @@ void load_table_of_all_files(const Manifest &manifest) {
     table = std::move(fresh); // which moves no bytes
 }
 
-Bytes make_store(const Manifest &manifest, std::optional<Bytes> ManifestFile::*value) {
+Bytes make_store(const Manifest &manifest, std::optional<Content> ManifestFile::*value) {
     load_table_of_all_files(manifest);
     StoreHandle store;
     for (const ManifestFile &file : manifest.files) {
         if (file.*value) {
-            store.add(file, *(file.*value));
+            store.add(file, (file.*value)->bytes());
         }
     }
     return store.bytes();

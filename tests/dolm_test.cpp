@@ -129,6 +129,8 @@ TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
     fs::copy(set, folder / "unnamed");
     fs::remove(folder / "unnamed/set.json");
     fs::copy(set / "efs.img", folder);
+    fs::copy(set, folder / "long");
+    fs::resize_file(folder / "long/qfs.img", (2 << 20) + 1);
     // The termination fails over a file that is not there, after others were written.
     fs::copy(set, folder / "halted");
     patch(folder / "halted/ftbl.bin", "/home/radio/thermal_table", 52, std::string(1, '\0'));
@@ -150,6 +152,7 @@ TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
         {"set set net/ntp a net/none b", 1, "error 39 (level 4): File not found."},
         {"set set net/ntp a net/mac hex:00112233445566", 1, "7 bytes, over the limit of 6"},
         {"list set --sku 7", 1, "no row for SKU 7, only for 1, 2"},
+        {"list long", 1, "long/qfs.img has 2097153 bytes; at most 2097152 are plausible here"},
         {"list torn", 1, "Failed to create FCS handle. Library status code: 10"},
         {"set halted mca/version new", 1, "Failed to get file size from QFS."},
         {"set set --output half net/ntp x", 1, "half/set.json"},

@@ -45,7 +45,7 @@ m: /nvars: unknown member)";
 }
 
 TEST(Manifest, RefusesWhatDoesNotFitTogether) {
-    const char *manifest = R"({"skus": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11], "default_sku": 12,
+    const char *manifest = R"({"skus": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10], "default_sku": 12,
         "afs": {"size": 65536, "data_units": 4}, "efs": {"files_num": 16}, "files": [
         {"name": "/home/a", "number": 1, "max_size": 4, "base": "abcd", "skus": [12, 1]},
         {"name": "/home/a", "number": 1, "max_size": 4, "override": "abcde"},
@@ -71,8 +71,7 @@ TEST(Manifest, RefusesWhatDoesNotFitTogether) {
          "store": "efs", "id": 16, "efs": {"block": 2, "max_size": 40}},
         {"name": "/home/mca/deploy", "number": 14, "max_size": 4,
          "store": "afs", "id": 9, "flash": "1"}]})";
-    const char *problems = R"(m: /skus: at most 10 SKUs fit
-m: /default_sku: not one of the SKUs in /skus
+    const char *problems = R"(m: /default_sku: not one of the SKUs in /skus
 m: /files/0/skus: SKU 12 is not one of those in /skus
 m: /files/1: the name "/home/a" is taken by "/home/a" at /files/0
 m: /files/1: the file number 1 is taken by "/home/a" at /files/0
@@ -115,6 +114,43 @@ TEST(Manifest, RefusesWhatStandsAloneInTheWay) {
     }
 }
 
+// What would take far more memory or time than its text is refused while it is read.
+TEST(Manifest, RefusesWhatIsTooMuchAtItsFirstItemTooMany) {
+    const auto repeated = [](const char *item, size_t count) {
+        std::string text;
+        for (size_t i = 0; i < count; ++i) {
+            text += item;
+        }
+        return text;
+    };
+    std::string large_values;
+    for (int i = 1; i <= 1100; ++i) {
+        const std::string number = std::to_string(i);
+        large_values += (i == 1 ? R"({"name": "/home/)" : R"(, {"name": "/home/)") + number +
+                        R"(", "number": )" + number +
+                        R"(, "max_size": 65523, "base": {"hex": "00", "size": 65523}})";
+    }
+    const std::pair<std::string, const char *> cases[] = {
+        {R"({"skus": [)" + repeated("[", 50000), "m: /skus/0/0/0"},
+        {R"({"skus": [1], "files": [)" + repeated("{\"comment\": [", 63), "nested more than 64"},
+        {R"({"skus": [)" + repeated("1,", 200000), "m: /skus: at most 10 SKUs fit"},
+        {R"({"files": [{"skus": [)" + repeated("1,", 11), "m: /files/0/skus: at most 10 SKUs"},
+        {R"({"files": [)" + repeated("1,", 65537), "m: /files: at most 65536 files fit"},
+        {R"({"comment": [)" + repeated("1,", 11), "m: /comment: at most 10 items fit"},
+        {"{\"" + std::string(257, 'a'), "m: parse error"},
+        {"{\"" + std::string(257, 'a') + "\": 1}", ": a name of 257 bytes; at most 256 fit"},
+        {R"({"description": ")" + std::string((1 << 20) + 1, 'a') + "\"}",
+         "m: /description: a text"},
+        {R"({"skus": [1], "files": [)" + large_values + "]}",
+         "m: /files: the 'base' values take 72088500 bytes together, over the limit of 67108864"},
+        {R"({"skus": [1], "files": [)" + repeated("{},", 400) + "1]}", "m: and 202 more problems"},
+    };
+    for (const auto &[manifest, message] : cases) {
+        const std::string problems = problems_of(manifest);
+        EXPECT_NE(problems.find(message), std::string::npos) << message << ", got " << problems;
+    }
+}
+
 TEST(Manifest, AcceptsWhatIsJustWithinTheLimits) {
     const Manifest manifest = parse_manifest(
         R"({"skus": [1],
@@ -129,7 +165,7 @@ TEST(Manifest, AcceptsWhatIsJustWithinTheLimits) {
          "store": "afs", "id": 1023, "flash": {"text": "x", "size": 31232}}]})",
         "m", {});
     EXPECT_EQ(manifest.files[0].number, 0xFFFFFFFF);
-    EXPECT_EQ(manifest.files[0].base->back(), 1);
+    EXPECT_EQ(manifest.files[0].base->bytes().back(), 1);
     EXPECT_EQ(make_orvel_cfg(manifest).size(), 4u + 12 + 65523);
     EXPECT_EQ(manifest.efs->files_num, 17u);
 }
