@@ -86,7 +86,7 @@ void inspect_image(const InspectOptions &options) {
     const EfsLayout layout = read_efs_layout(table.ftbl, *table.sku);
     const EfsImage efs = read_efs_image(bytes, layout);
     const FileNames names = names_from(table, Store::efs);
-    print_with_damages(options, efs_to_json(efs, layout, names), efs.damages,
+    print_with_damages(options, efs_to_json(efs, layout, names), efs_damages(efs),
                        [&] { print_efs(efs, layout, names); });
 }
 

@@ -94,7 +94,7 @@ class SetCheck {
             return;
         }
         efs_ = read_efs_image(set_.efs_image, *layout_);
-        for (const std::string &rule : efs_.damages) {
+        for (const std::string &rule : efs_damages(efs_)) {
             error("efs.img", rule);
         }
     }
@@ -342,7 +342,8 @@ class SetCheck {
             }
         }
         if (layout_) {
-            for (const std::string &rule : read_efs_image(result.efs_image, *layout_).damages) {
+            for (const std::string &rule :
+                 efs_damages(read_efs_image(result.efs_image, *layout_))) {
                 error(where, "efs.img: " + rule);
             }
         }

@@ -4,138 +4,12 @@
 #include <array>
 #include <map>
 
+#include "image/afs_records.h"
+
 namespace dolm {
 namespace {
 
-constexpr uint32_t eu_size = 8192;
-constexpr uint32_t max_eu_count = 255;
-constexpr uint32_t page_size = 64;
-constexpr uint32_t record_size = 66; // a page and its checksum
-
-// EU header: magic, sequence, erase count, next spare, first page, checksum of these, state.
-constexpr uint32_t header_size = 18;
-constexpr uint32_t header_checked_size = 16;
-constexpr uint32_t magic_written = 0xAA557887;
-constexpr uint32_t magic_alternative = 0x82416801; // on the way from magic_written to zero
-constexpr uint32_t magic_partial = 0xAA050887;     // the same
-constexpr uint8_t state_uncommitted = 0xFF;
-
-// Log EU: 121 entries of 16 bits, then 120 page records.
-constexpr uint32_t log_slots = 120;
-constexpr uint32_t log_records_offset = 260;
-constexpr uint16_t entry_empty = 0xFFFF;
-constexpr uint16_t entry_commit_mark = 0x7FFF;
-constexpr uint16_t entry_uncommitted_bit = 0x8000;
-
-// Data EU: 122 status bytes, then 122 page records.
-constexpr uint32_t data_slots = 122;
-constexpr uint32_t data_records_offset = 140;
-constexpr uint8_t status_free = 0xFF;
-constexpr uint8_t status_complete = 0;
-
-// File system: header in page 0, then one 16-bit entry for each file and each chunk.
-constexpr uint32_t fs_magic = 0x724F6201;
-constexpr uint32_t fs_header_size = 14;
-constexpr uint32_t min_file_count = 65; // chunk ids start above the byte counts 1 to 64
-constexpr uint16_t slot_zombie = 0xFFFE;
-constexpr uint16_t slot_empty_file = 0xFFFF;
-
-uint16_t le16(const uint8_t *bytes) {
-    return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
-}
-
-uint32_t le32(const uint8_t *bytes) {
-    return le16(bytes) | static_cast<uint32_t>(le16(bytes + 2)) << 16;
-}
-
-template <typename T, T polynomial>
-constexpr std::array<T, 256> make_crc_table() {
-    constexpr unsigned top_bit = sizeof(T) * 8 - 1;
-    std::array<T, 256> table{};
-    for (unsigned i = 0; i < 256; ++i) {
-        unsigned reg = i << (top_bit - 7);
-        for (int bit = 0; bit < 8; ++bit) {
-            reg = (reg << 1) ^ ((reg >> top_bit & 1) != 0 ? polynomial : 0U);
-        }
-        table[i] = static_cast<T>(reg);
-    }
-    return table;
-}
-
-constexpr auto crc8_table = make_crc_table<uint8_t, 0x07>();
-constexpr auto crc16_table = make_crc_table<uint16_t, 0x1021>();
-
-uint8_t header_crc(std::span<const uint8_t> data) {
-    uint8_t crc = 1;
-    for (const uint8_t byte : data) {
-        crc = crc8_table[crc ^ byte];
-    }
-    return crc;
-}
-
-uint16_t crc16_step(uint16_t crc, uint8_t byte) {
-    return static_cast<uint16_t>(crc << 8 ^ crc16_table[(crc >> 8 ^ byte) & 0xFF]);
-}
-
-// Links an entry of a log to the page number of the entry before it.
-uint16_t link_of(uint16_t page) {
-    uint16_t reg = 0x3FFF;
-    reg = crc16_step(reg, static_cast<uint8_t>(page)) & 0x3FFF;
-    return crc16_step(reg, static_cast<uint8_t>(page >> 8)) & 0x3FFF;
-}
-
-// Every page carries its own number in its checksum, so that one in the wrong place fails.
-bool page_is_good(const uint8_t *record, uint32_t page) {
-    uint16_t crc = 0xFFFF;
-    for (uint32_t i = 0; i < page_size; ++i) {
-        crc = crc16_step(crc, record[i]);
-    }
-    crc = crc16_step(crc, static_cast<uint8_t>(page));
-    crc = crc16_step(crc, static_cast<uint8_t>(page >> 8));
-    return crc == le16(record + page_size);
-}
-
-enum class HeaderState { invalid, pending, committed };
-
-struct Header {
-    HeaderState state = HeaderState::invalid;
-    bool erase_count_known = false;
-};
-
-bool crc_matches_with(const uint8_t *header, uint32_t magic) {
-    std::array<uint8_t, header_checked_size> copy{};
-    std::copy_n(header, copy.size(), copy.begin());
-    for (unsigned i = 0; i < 4; ++i) {
-        copy[i] = static_cast<uint8_t>(magic >> (8 * i));
-    }
-    return header_crc(copy) == header[header_checked_size];
-}
-
-bool magic_and_crc_are_good(const uint8_t *header) {
-    switch (le32(header)) {
-    case magic_written:
-        return crc_matches_with(header, magic_written);
-    case magic_alternative:
-        return crc_matches_with(header, magic_alternative) ||
-               crc_matches_with(header, magic_written);
-    case magic_partial:
-        return crc_matches_with(header, magic_written);
-    default:
-        return false;
-    }
-}
-
-Header judge_header(const uint8_t *header) {
-    const uint32_t sequence = le32(header + 4);
-    const uint32_t erase_count = le32(header + 8);
-    if (sequence != 0 && erase_count != 0 && magic_and_crc_are_good(header)) {
-        const bool pending = header[header_size - 1] == state_uncommitted;
-        return {pending ? HeaderState::pending : HeaderState::committed, true};
-    }
-    const bool given_up = le32(header) == 0 && (crc_matches_with(header, magic_written) ||
-                                                crc_matches_with(header, magic_alternative));
-    return {HeaderState::invalid, given_up};
-}
+using namespace afs;
 
 std::string number(uint64_t value) {
     return std::to_string(value);
@@ -164,22 +38,20 @@ class Reader {
     }
 
   private:
-    void damage(std::string text) { image_.damages.push_back(std::move(text)); }
+    using Rule = AfsDamage::Rule;
 
-    const uint8_t *eu_bytes(uint32_t eu) const { return bytes_.data() + size_t{eu} * eu_size; }
+    void damage(AfsDamage damage) { image_.damages.push_back(std::move(damage)); }
+
+    const uint8_t *at(size_t offset) const { return bytes_.data() + offset; }
 
     uint16_t log_entry(uint32_t eu, uint32_t index) const {
-        return le16(eu_bytes(eu) + header_size + 2 * index);
-    }
-
-    const uint8_t *log_record(const AfsPagePlace &place) const {
-        return eu_bytes(place.eu) + log_records_offset + place.slot * record_size;
+        return le16(at(log_entry_at(eu, index)));
     }
 
     bool count_eus() {
         const size_t count = bytes_.size() / eu_size;
         if (count == 0 || count > max_eu_count) {
-            damage("the image has " + number(count) + " EUs; a store has 1 to 255");
+            damage({Rule::size, "the image has " + number(count) + " EUs; a store has 1 to 255"});
             return false;
         }
         image_.eu_count = static_cast<uint32_t>(count);
@@ -191,7 +63,7 @@ class Reader {
     // Fills in the rows and notes the EUs whose part is not plain from the header alone.
     void read_headers() {
         for (uint32_t i = 0; i < image_.eu_count; ++i) {
-            const uint8_t *header = eu_bytes(i);
+            const uint8_t *header = at(header_at(i));
             const Header judged = judge_header(header);
             AfsEu &eu = image_.eus[i];
             eu.erase_count = le32(header + 8);
@@ -220,22 +92,25 @@ class Reader {
     // header. So at most one EU has no header and at most one has an uncommitted one.
     void settle_roles() {
         if (invalid_.size() > 1 || pending_.size() > 1) {
-            damage(number(invalid_.size()) + " EUs without a valid header and " +
-                   number(pending_.size()) +
-                   " with an uncommitted one; at most one of each can be");
+            damage({Rule::headers, number(invalid_.size()) + " EUs without a valid header and " +
+                                       number(pending_.size()) +
+                                       " with an uncommitted one; at most one of each can be"});
             return;
         }
         if (pending_.empty()) {
             if (invalid_.empty()) {
-                damage("no EU is the spare");
+                damage({Rule::spare, "no EU is the spare"});
                 return;
             }
             make_spare(invalid_.front());
             if (!newest_) {
-                damage("no header is as new as a format leaves them");
+                damage({Rule::spare, "no header is as new as a format leaves them"});
             } else if (image_.eus[*newest_].next_spare != *image_.spare) {
-                damage("the newest header names EU " + number(image_.eus[*newest_].next_spare) +
-                       " as the spare, but EU " + number(*image_.spare) + " is");
+                damage({.rule = Rule::spare,
+                        .text = "the newest header names EU " +
+                                number(image_.eus[*newest_].next_spare) + " as the spare, but EU " +
+                                number(*image_.spare) + " is",
+                        .eu = newest_});
             }
             return;
         }
@@ -251,9 +126,11 @@ class Reader {
         eu.role = eu.va_base == 0 ? AfsRole::log : AfsRole::data;
         image_.sequence = eu.sequence;
         if (eu.next_spare != *image_.spare) {
-            damage("the uncommitted header of EU " + number(target) + " names EU " +
-                   number(eu.next_spare) + " as the spare, but EU " + number(*image_.spare) +
-                   " is");
+            damage({.rule = Rule::spare,
+                    .text = "the uncommitted header of EU " + number(target) + " names EU " +
+                            number(eu.next_spare) + " as the spare, but EU " +
+                            number(*image_.spare) + " is",
+                    .eu = target});
         }
     }
 
@@ -307,8 +184,11 @@ class Reader {
             const uint16_t next = log_entry(eu, slot + 1);
             if ((next & entry_uncommitted_bit) == 0) {
                 if (end != slot) {
-                    damage("EU " + number(eu) + ": entry " + number(slot) +
-                           " stands behind the end of the log");
+                    damage({.rule = Rule::log_entry,
+                            .text = "EU " + number(eu) + ": entry " + number(slot) +
+                                    " stands behind the end of the log",
+                            .eu = eu,
+                            .slot = slot});
                 }
                 last = static_cast<uint16_t>(link_of(last) ^ log_entry(eu, slot));
                 enter_page(last, eu, slot);
@@ -340,8 +220,12 @@ class Reader {
 
     void enter_page(uint32_t page, uint32_t eu, uint32_t slot) {
         if (page >= image_.pages.size()) {
-            damage("EU " + number(eu) + ": the entry of slot " + number(slot) +
-                   " decodes to page " + number(page) + ", which the store does not have");
+            damage({.rule = Rule::log_entry,
+                    .text = "EU " + number(eu) + ": the entry of slot " + number(slot) +
+                            " decodes to page " + number(page) + ", which the store does not have",
+                    .eu = eu,
+                    .slot = slot,
+                    .page = page});
             return;
         }
         image_.pages[page] = AfsPagePlace{eu, slot};
@@ -351,20 +235,34 @@ class Reader {
     std::array<uint8_t, page_size> metadata_page(uint32_t page) {
         std::array<uint8_t, page_size> data{};
         if (const auto &place = image_.pages[page]) {
-            const uint8_t *record = log_record(*place);
+            const uint8_t *record = at(log_record_at(place->eu, place->slot));
             if (!page_is_good(record, page)) {
-                damage("metadata page " + number(page) + " in EU " + number(place->eu) + ", slot " +
-                       number(place->slot) + " fails its checksum");
+                damage({.rule = Rule::page,
+                        .text = "metadata page " + number(page) + " in EU " + number(place->eu) +
+                                ", slot " + number(place->slot) + " fails its checksum",
+                        .eu = place->eu,
+                        .slot = place->slot,
+                        .page = page});
             }
             std::copy_n(record, page_size, data.begin());
         }
         return data;
     }
 
+    void damage_header(std::string text) {
+        AfsDamage found{Rule::file_system, std::move(text)};
+        if (const auto &place = image_.pages[0]) {
+            found.eu = place->eu;
+            found.slot = place->slot;
+        }
+        damage(std::move(found));
+    }
+
     bool read_fs_header() {
         const auto page = metadata_page(0);
+        table_.assign(page.begin(), page.end());
         if (le32(page.data()) != fs_magic) {
-            damage("no file-system header in page 0");
+            damage_header("no file-system header in page 0");
             return false;
         }
         image_.fs_version = le32(page.data() + 4);
@@ -372,8 +270,8 @@ class Reader {
         image_.file_count = le16(page.data() + 12);
         const uint64_t slots_end = 2 * uint64_t{image_.file_count} + fs_header_size;
         if (image_.file_count < min_file_count || image_.total_va_size < slots_end) {
-            damage("the file-system header has " + number(image_.file_count) + " files in " +
-                   number(image_.total_va_size) + " bytes, which cannot be");
+            damage_header("the file-system header has " + number(image_.file_count) + " files in " +
+                          number(image_.total_va_size) + " bytes, which cannot be");
             return false;
         }
         const uint64_t chunks = (image_.total_va_size - slots_end) / record_size;
@@ -381,8 +279,8 @@ class Reader {
         const uint64_t data_start = (table_end + page_size - 1) / page_size * page_size;
         if (chunks > 0xFFFF || data_start > image_.total_va_size ||
             data_start / page_size > image_.pages.size()) {
-            damage("the file-system header has " + number(image_.total_va_size) +
-                   " bytes, which is no size for this device");
+            damage_header("the file-system header has " + number(image_.total_va_size) +
+                          " bytes, which is no size for this device");
             return false;
         }
         image_.chunk_count = static_cast<uint32_t>(chunks);
@@ -395,7 +293,11 @@ class Reader {
         const uint32_t page_count = image_.data_va_start / page_size;
         for (uint32_t page = page_count; page < image_.pages.size(); ++page) {
             if (image_.pages[page]) {
-                damage("the log holds page " + number(page) + " of " + number(page_count));
+                damage({.rule = Rule::log_entry,
+                        .text = "the log holds page " + number(page) + " of " + number(page_count),
+                        .eu = image_.pages[page]->eu,
+                        .slot = image_.pages[page]->slot,
+                        .page = page});
                 return false;
             }
         }
@@ -415,11 +317,15 @@ class Reader {
             const uint32_t row = (eu.va_base - first_page) / data_slots;
             if (eu.va_base < first_page || (eu.va_base - first_page) % data_slots != 0 ||
                 row >= wanted) {
-                damage("EU " + number(i) + " starts at page " + number(eu.va_base) +
-                       ", where no data EU starts");
+                damage({.rule = Rule::data_eu,
+                        .text = "EU " + number(i) + " starts at page " + number(eu.va_base) +
+                                ", where no data EU starts",
+                        .eu = i});
             } else if (data_eus_[row]) {
-                damage("EU " + number(*data_eus_[row]) + " and EU " + number(i) +
-                       " hold the same pages");
+                damage({.rule = Rule::data_eu,
+                        .text = "EU " + number(*data_eus_[row]) + " and EU " + number(i) +
+                                " hold the same pages",
+                        .eu = i});
             } else {
                 data_eus_[row] = i;
             }
@@ -429,14 +335,16 @@ class Reader {
                                      [](const auto &eu) { return eu.has_value(); });
         for (uint32_t row = 0; any && row < wanted; ++row) {
             if (!data_eus_[row]) {
-                damage("no EU holds the chunks from " + number(row * data_slots) + " on");
+                damage({.rule = Rule::data_eu,
+                        .text = "no EU holds the chunks from " + number(row * data_slots) + " on",
+                        .chunk = row * data_slots});
             }
         }
     }
 
     void read_allocation_table() {
         table_.reserve(image_.data_va_start);
-        for (uint32_t page = 0; page < image_.pages.size(); ++page) {
+        for (uint32_t page = 1; page < image_.pages.size(); ++page) {
             const auto data = metadata_page(page);
             table_.insert(table_.end(), data.begin(), data.end());
         }
@@ -469,41 +377,58 @@ class Reader {
     }
 
     void read_chain(AfsFile &file, uint32_t id) {
-        const std::string name = "file " + number(file.number);
+        uint32_t from = file.number; // whose entry led to id
         while (is_chunk_id(id)) {
             const uint32_t chunk = id - image_.file_count;
             if (owners_[chunk]) {
-                damage(name + ": chunk " + number(chunk) + " already belongs to file " +
-                       number(*owners_[chunk]));
+                damage_chain(file, from,
+                             "chunk " + number(chunk) + " already belongs to file " +
+                                 number(*owners_[chunk]));
                 return;
             }
             owners_[chunk] = file.number;
             file.chunks.push_back(chunk);
+            from = id;
             id = table_entry(id);
             const uint32_t bytes = std::min(id, page_size);
-            if (const uint8_t *data = chunk_data(chunk, name)) {
+            if (const uint8_t *data = chunk_data(file, chunk)) {
                 file.contents.insert(file.contents.end(), data, data + bytes);
             }
         }
         if (id > page_size || file.chunks.empty()) {
-            damage(name + ": its chain leads to " + number(id) + ", which is no chunk");
+            damage_chain(file, from, "its chain leads to " + number(id) + ", which is no chunk");
         }
     }
 
+    void damage_chain(const AfsFile &file, uint32_t from, const std::string &text) {
+        damage({.rule = Rule::chain,
+                .text = "file " + number(file.number) + ": " + text,
+                .page = (fs_header_size + 2 * from) / page_size,
+                .file = file.number});
+    }
+
     // Checks the page of a chunk that belongs to a file.
-    const uint8_t *chunk_data(uint32_t chunk, const std::string &name) {
+    const uint8_t *chunk_data(const AfsFile &file, uint32_t chunk) {
         const auto &eu = data_eus_[chunk / data_slots];
+        const uint32_t slot = chunk % data_slots;
+        const auto damage_chunk = [&](const char *text) {
+            damage({.rule = Rule::chunk,
+                    .text = "file " + number(file.number) + ": chunk " + number(chunk) + text,
+                    .eu = eu,
+                    .slot = slot,
+                    .file = file.number,
+                    .chunk = chunk});
+        };
         if (!eu) {
-            damage(name + ": chunk " + number(chunk) + " lies in no EU");
+            damage_chunk(" lies in no EU");
             return nullptr;
         }
-        const uint32_t slot = chunk % data_slots;
-        if (eu_bytes(*eu)[header_size + slot] != status_complete) {
-            damage(name + ": chunk " + number(chunk) + " was not written to its end");
+        if (*at(status_at(*eu, slot)) != status_complete) {
+            damage_chunk(" was not written to its end");
         }
-        const uint8_t *record = eu_bytes(*eu) + data_records_offset + slot * record_size;
+        const uint8_t *record = at(data_record_at(*eu, slot));
         if (!page_is_good(record, image_.data_va_start / page_size + chunk)) {
-            damage(name + ": chunk " + number(chunk) + " fails its checksum");
+            damage_chunk(" fails its checksum");
         }
         return record;
     }
@@ -523,7 +448,7 @@ class Reader {
             AfsEu &eu = image_.eus[*data_eus_[row]];
             for (uint32_t slot = 0; slot < data_slots; ++slot) {
                 const uint32_t chunk = row * data_slots + slot;
-                const uint8_t status = eu_bytes(*data_eus_[row])[header_size + slot];
+                const uint8_t status = *at(status_at(*data_eus_[row], slot));
                 if (chunk >= image_.chunk_count) {
                     add_slot(eu, AfsSlot::outside);
                 } else if (owners_[chunk]) {
@@ -583,40 +508,71 @@ class Reader {
     std::vector<std::optional<uint32_t>> owners_;   // file that each chunk belongs to
 };
 
-void check_sequences(const AfsImage &image, std::vector<std::string> &broken) {
-    std::map<uint32_t, uint32_t> seen;
-    for (uint32_t i = 0; i < image.eu_count; ++i) {
-        const AfsEu &eu = image.eus[i];
-        if (eu.role != AfsRole::log && eu.role != AfsRole::data) {
-            continue;
-        }
-        const auto [other, is_new] = seen.emplace(eu.sequence, i);
-        if (!is_new) {
-            broken.push_back("EU " + number(other->second) + " and EU " + number(i) +
-                             " have the same sequence " + number(eu.sequence));
-        }
-    }
-}
+// What holds across the EUs of an image that was read.
+class OrderCheck {
+  public:
+    explicit OrderCheck(AfsImage &image) : image_(image) {}
 
-// The log is only in order if its blank EUs come after all the written ones: a page that goes into
-// a blank EU must count as newer than every copy before it.
-void check_log_order(const AfsImage &image, std::vector<std::string> &broken) {
-    if (!image.head || !image.has_file_system) {
-        return;
+    void run() {
+        if (image_.interruption == AfsInterruption::rolled_back &&
+            image_.eus[*image_.spare].sequence != image_.sequence + 1) {
+            damage("the uncommitted header of EU " + number(*image_.spare) +
+                       " does not follow the newest one",
+                   *image_.spare);
+        }
+        if (image_.eu_count != 0 && !image_.head) {
+            image_.damages.push_back({AfsDamage::Rule::order, "no EU holds the log"});
+        }
+        check_sequences();
+        check_log_order();
     }
-    const AfsEu &head = image.eus[*image.head];
-    for (uint32_t i = 0; i < image.eu_count; ++i) {
-        const AfsEu &eu = image.eus[i];
-        if (eu.role == AfsRole::log && eu.free == log_slots && eu.sequence < head.sequence) {
-            broken.push_back("blank log EU " + number(i) + " is older than the head of the log");
+
+  private:
+    void damage(std::string text, uint32_t eu) {
+        image_.damages.push_back(
+            {.rule = AfsDamage::Rule::order, .text = std::move(text), .eu = eu});
+    }
+
+    void check_sequences() {
+        std::map<uint32_t, uint32_t> seen;
+        for (uint32_t i = 0; i < image_.eu_count; ++i) {
+            const AfsEu &eu = image_.eus[i];
+            if (eu.role != AfsRole::log && eu.role != AfsRole::data) {
+                continue;
+            }
+            const auto [other, is_new] = seen.emplace(eu.sequence, i);
+            if (!is_new) {
+                damage("EU " + number(other->second) + " and EU " + number(i) +
+                           " have the same sequence " + number(eu.sequence),
+                       i);
+            }
         }
     }
-}
+
+    // The log is only in order if its blank EUs come after all the written ones: a page that goes
+    // into a blank EU must count as newer than every copy before it.
+    void check_log_order() {
+        if (!image_.head || !image_.has_file_system) {
+            return;
+        }
+        const AfsEu &head = image_.eus[*image_.head];
+        for (uint32_t i = 0; i < image_.eu_count; ++i) {
+            const AfsEu &eu = image_.eus[i];
+            if (eu.role == AfsRole::log && eu.free == log_slots && eu.sequence < head.sequence) {
+                damage("blank log EU " + number(i) + " is older than the head of the log", i);
+            }
+        }
+    }
+
+    AfsImage &image_;
+};
 
 } // namespace
 
 AfsImage read_afs_image(std::span<const uint8_t> bytes) {
-    return Reader(bytes).run();
+    AfsImage image = Reader(bytes).run();
+    OrderCheck(image).run();
+    return image;
 }
 
 AfsWear afs_wear(const AfsImage &image) {
@@ -634,17 +590,10 @@ AfsWear afs_wear(const AfsImage &image) {
 }
 
 std::vector<std::string> check_invariants(const AfsImage &image) {
-    std::vector<std::string> broken = image.damages;
-    if (image.interruption == AfsInterruption::rolled_back &&
-        image.eus[*image.spare].sequence != image.sequence + 1) {
-        broken.push_back("the uncommitted header of EU " + number(*image.spare) +
-                         " does not follow the newest one");
+    std::vector<std::string> broken;
+    for (const AfsDamage &damage : image.damages) {
+        broken.push_back(damage.text);
     }
-    if (image.eu_count != 0 && !image.head) {
-        broken.push_back("no EU holds the log");
-    }
-    check_sequences(image, broken);
-    check_log_order(image, broken);
     return broken;
 }
 

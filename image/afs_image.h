@@ -59,6 +59,30 @@ struct AfsFile {
     std::vector<uint8_t> contents; // its size is the file's size
 };
 
+// A rule of the format that an image breaks, and where, as far as it can be placed.
+struct AfsDamage {
+    enum class Rule : uint8_t {
+        size,        // of the image
+        headers,     // too many EUs without a valid header, or with an uncommitted one
+        spare,       // no EU is the spare, or another than the headers say
+        order,       // of the sequences
+        log_entry,   // of the EU's log at the slot
+        page,        // of the metadata, in EU and slot: fails its checksum
+        file_system, // its header in page 0
+        data_eu,     // its place in the data area
+        chain,       // of the file; the entry that leads astray lies in the page
+        chunk        // of the file, in EU and slot where it has one
+    };
+
+    Rule rule = Rule::size;
+    std::string text;
+    std::optional<uint32_t> eu = {};
+    std::optional<uint32_t> slot = {};
+    std::optional<uint32_t> page = {};
+    std::optional<uint32_t> file = {};
+    std::optional<uint32_t> chunk = {};
+};
+
 // Where the newest copy of a metadata page lies.
 struct AfsPagePlace {
     uint32_t eu = 0;
@@ -85,7 +109,8 @@ struct AfsImage {
     std::vector<std::optional<AfsPagePlace>> pages; // newest copy of each metadata page
     std::vector<AfsFile> files;                     // by number, zombies included
 
-    std::vector<std::string> damages; // what the reader could not make sense of
+    std::vector<AfsDamage> damages; // every rule that is broken; none in a sound image, and an
+                                    // image that was cut at any point of any operation is sound
 };
 
 // Highest and lowest erase count over the EUs whose count is known.
@@ -98,8 +123,7 @@ AfsImage read_afs_image(std::span<const uint8_t> bytes);
 
 AfsWear afs_wear(const AfsImage &image);
 
-// Every rule of the format that the image breaks, one sentence each; empty for a sound image. An
-// image that was cut at any point of any operation is sound.
+// The damages, one sentence each.
 std::vector<std::string> check_invariants(const AfsImage &image);
 
 // The same for bytes.

@@ -1,82 +1,15 @@
 #include "image/efs_image.h"
 
 #include <algorithm>
-#include <array>
+
+#include "image/efs_records.h"
 
 namespace dolm {
 namespace {
 
-constexpr uint32_t block_size = 4096;
-
-// BM: header with checksum at 12, then entries; the last one ends at 4095 at most.
-constexpr uint32_t header_size = 16;
-constexpr uint32_t entry_limit = 4095;
-constexpr uint32_t entry_words_size = 12; // two free words and the checksum
-
-// Data block: header, data area, checksum of the data area.
-constexpr uint32_t data_offset = 16;
-constexpr uint32_t data_size = 4076;
-
-// Record: length or no_file, checksum, payload.
-constexpr uint32_t record_head_size = 4;
-constexpr uint32_t record_room = data_size - record_head_size;
-constexpr uint32_t no_file = 0xFFFF;
+using namespace efs;
 
 using Bytes = std::span<const uint8_t>;
-
-uint32_t le16(Bytes bytes, size_t at) {
-    return bytes[at] | static_cast<uint32_t>(bytes[at + 1]) << 8;
-}
-
-uint32_t le32(Bytes bytes, size_t at) {
-    return le16(bytes, at) | le16(bytes, at + 2) << 16;
-}
-
-constexpr auto crc32_table = [] {
-    std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < 256; ++i) {
-        table[i] = i;
-        for (int bit = 0; bit < 8; ++bit) {
-            table[i] = table[i] >> 1 ^ ((table[i] & 1) != 0 ? 0xEDB88320 : 0);
-        }
-    }
-    return table;
-}();
-
-constexpr auto crc16_table = [] {
-    std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < 256; ++i) {
-        table[i] = i << 8;
-        for (int bit = 0; bit < 8; ++bit) {
-            table[i] = (table[i] << 1 ^ ((table[i] & 0x8000) != 0 ? 0x1021 : 0)) & 0xFFFF;
-        }
-    }
-    return table;
-}();
-
-uint32_t crc32(Bytes bytes) {
-    uint32_t crc = 0;
-    for (const uint8_t byte : bytes) {
-        crc = crc >> 8 ^ crc32_table[(crc ^ byte) & 0xFF];
-    }
-    return crc;
-}
-
-uint32_t crc16(uint32_t crc, Bytes bytes) {
-    for (const uint8_t byte : bytes) {
-        crc = (crc << 8 & 0xFFFF) ^ crc16_table[crc >> 8 ^ byte];
-    }
-    return crc;
-}
-
-bool all(Bytes bytes, uint8_t value) {
-    return std::all_of(bytes.begin(), bytes.end(), [=](uint8_t byte) { return byte == value; });
-}
-
-// Whether the last four bytes are the checksum of those before.
-bool is_sealed(Bytes bytes) {
-    return crc32(bytes.first(bytes.size() - 4)) == le32(bytes, bytes.size() - 4);
-}
 
 class Reader {
   public:
@@ -105,7 +38,9 @@ class Reader {
         return bm(bm_index).subspan(header_size + slot * entry_size(), entry_size());
     }
 
-    void damage(std::string text) { image_.damages.push_back(std::move(text)); }
+    using Rule = EfsDamage::Rule;
+
+    void damage(EfsDamage damage) { image_.damages.push_back(std::move(damage)); }
 
     void read_bm(uint32_t index) {
         const Bytes header = bm(index).first(header_size);
@@ -120,7 +55,9 @@ class Reader {
             found.layout_id = header[11];
             if (header[8] != layout_.bm_num || header[9] != layout_.valid_blocks ||
                 header[10] != layout_.spare_blocks || header[11] != layout_.layout_id) {
-                damage("BM " + std::to_string(index) + " belongs to another geometry");
+                damage({.rule = Rule::geometry,
+                        .text = "BM " + std::to_string(index) + " belongs to another geometry",
+                        .bm = index});
             }
         }
         while (found.entries < entries_in_bm() && !all(entry(index, found.entries), 0xFF)) {
@@ -139,7 +76,7 @@ class Reader {
             }
         }
         if (!image_.bm_in_force || !image_.damages.empty()) {
-            damage("no BM can be mounted");
+            damage({Rule::mapping, "no BM can be mounted"});
             return false;
         }
         const uint32_t index = *image_.bm_in_force;
@@ -149,7 +86,10 @@ class Reader {
             --slots;
         }
         if (slots == 0 || !is_sealed(entry(index, slots - 1))) {
-            damage("BM " + std::to_string(index) + " has no good entry at its end");
+            damage({.rule = Rule::mapping,
+                    .text = "BM " + std::to_string(index) + " has no good entry at its end",
+                    .bm = index,
+                    .entry = slots == 0 ? 0 : slots - 1});
             return false;
         }
         image_.entry_in_force = slots - 1;
@@ -160,7 +100,10 @@ class Reader {
     void check_rest_of_bm(uint32_t index) {
         const uint32_t used = header_size + image_.bms[index].entries * entry_size();
         if (!all(bm(index).subspan(used), 0xFF)) {
-            damage("BM " + std::to_string(index) + " is not erased behind its entries");
+            damage({.rule = Rule::erased,
+                    .text = "BM " + std::to_string(index) + " is not erased behind its entries",
+                    .bm = index,
+                    .entry = image_.bms[index].entries});
         }
     }
 
@@ -170,7 +113,10 @@ class Reader {
         for (uint32_t i = 0; i < layout_.data_blocks(); ++i) {
             const uint32_t number = maps[i];
             if (number >= layout_.data_blocks() || seen[number]) {
-                damage("the maps name block " + std::to_string(number) + " wrongly");
+                damage({.rule = Rule::entry,
+                        .text = "the maps name block " + std::to_string(number) + " wrongly",
+                        .bm = image_.bm_in_force,
+                        .entry = image_.entry_in_force});
                 return false;
             }
             seen[number] = true;
@@ -185,7 +131,10 @@ class Reader {
             const Bytes bytes = block(image_.valid_map[i]);
             found.footer_good = is_sealed(bytes.subspan(data_offset));
             if (found.state == EfsBlockState::no_header || !found.footer_good) {
-                damage("logical block " + std::to_string(i) + " is damaged");
+                damage({.rule = Rule::block,
+                        .text = "logical block " + std::to_string(i) + " is damaged",
+                        .block = image_.valid_map[i],
+                        .logical = i});
             }
             found.state = EfsBlockState::live;
         }
@@ -195,7 +144,7 @@ class Reader {
             without_header += found.state == EfsBlockState::no_header ? 1 : 0;
         }
         if (without_header > 1) {
-            damage(std::to_string(without_header) + " spares are without a header");
+            damage({Rule::block, std::to_string(without_header) + " spares are without a header"});
         }
     }
 
@@ -240,7 +189,8 @@ class Reader {
             const auto left = length - static_cast<uint32_t>(file.contents.size());
             const auto part = read_record(logical, offset, std::min(left, record_room - offset));
             if (!part) {
-                damage("file " + std::to_string(place.number) + " is damaged");
+                damage_file(place, logical < layout_.valid_blocks ? Rule::record : Rule::place,
+                            " is damaged", logical);
                 return file;
             }
             file.contents.insert(file.contents.end(), part->begin(), part->end());
@@ -248,10 +198,17 @@ class Reader {
         }
         file.kind = size == no_file ? EfsFile::Kind::absent : EfsFile::Kind::contents;
         if (length > place.max_size) {
-            damage("file " + std::to_string(place.number) + " is longer than it may be");
+            damage_file(place, Rule::limit, " is longer than it may be", place.block);
             file.kind = EfsFile::Kind::damaged;
         }
         return file;
+    }
+
+    void damage_file(const EfsPlace &place, Rule rule, const char *text, uint32_t logical) {
+        damage({.rule = rule,
+                .text = "file " + std::to_string(place.number) + text,
+                .logical = logical,
+                .file = place.number});
     }
 
     Bytes bytes_;
@@ -264,10 +221,18 @@ class Reader {
 EfsImage read_efs_image(std::span<const uint8_t> bytes, const EfsLayout &layout) {
     if (bytes.size() < layout.image_size()) {
         EfsImage image;
-        image.damages.push_back("the image is shorter than its layout");
+        image.damages.push_back({EfsDamage::Rule::size, "the image is shorter than its layout"});
         return image;
     }
     return Reader(bytes, layout).read();
+}
+
+std::vector<std::string> efs_damages(const EfsImage &image) {
+    std::vector<std::string> texts;
+    for (const EfsDamage &damage : image.damages) {
+        texts.push_back(damage.text);
+    }
+    return texts;
 }
 
 } // namespace dolm

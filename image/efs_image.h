@@ -70,6 +70,29 @@ struct EfsFile {
     std::vector<uint8_t> contents; // its size is the file's size
 };
 
+// A rule of the format that an image breaks, and where, as far as it can be placed.
+struct EfsDamage {
+    enum class Rule : uint8_t {
+        size,     // of the image
+        geometry, // of the BM: another than the layout's
+        mapping,  // no BM, or no entry of the BM, that can be mounted
+        entry,    // of the BM: its maps are no permutation
+        erased,   // the rest of the BM is not
+        block,    // physical: header or footer of a live one, or one spare too many without header
+        record,   // of the file in the logical block: fails its checksum
+        limit,    // of the file: it is longer than its place
+        place     // of the file: it runs past the last logical block
+    };
+
+    Rule rule = Rule::size;
+    std::string text;
+    std::optional<uint32_t> bm = {};
+    std::optional<uint32_t> entry = {};
+    std::optional<uint32_t> block = {};
+    std::optional<uint32_t> logical = {};
+    std::optional<uint32_t> file = {};
+};
+
 struct EfsImage {
     std::vector<EfsBm> bms;
 
@@ -82,11 +105,14 @@ struct EfsImage {
     std::vector<EfsBlock> blocks; // by physical number
     std::vector<EfsFile> files;   // in the order of the layout's list
 
-    // Every rule of the format that the image breaks, one sentence each. An image that was cut at
-    // any point of an operation on its files breaks none.
-    std::vector<std::string> damages;
+    // Every rule of the format that the image breaks. An image that was cut at any point of an
+    // operation on its files breaks none.
+    std::vector<EfsDamage> damages;
 };
 
 EfsImage read_efs_image(std::span<const uint8_t> bytes, const EfsLayout &layout);
+
+// The damages, one sentence each.
+std::vector<std::string> efs_damages(const EfsImage &image);
 
 } // namespace dolm

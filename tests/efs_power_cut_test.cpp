@@ -68,7 +68,7 @@ class EfsStore : public PowerCutStore {
 
     std::vector<std::string> check(std::span<const uint8_t> image, const Files &files) override {
         const dolm::EfsImage found = dolm::read_efs_image(image, layout);
-        std::vector<std::string> findings = found.damages;
+        std::vector<std::string> findings = dolm::efs_damages(found);
         if (!findings.empty()) {
             return findings;
         }

@@ -1,0 +1,50 @@
+// The records of an EFS image as the readers see them: sizes, values and checksums.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace dolm::efs {
+
+constexpr uint32_t block_size = 4096;
+
+// BM: header with checksum at 12, then entries; the last one ends at 4095 at most.
+constexpr uint32_t header_size = 16;
+constexpr uint32_t entry_limit = 4095;
+constexpr uint32_t entry_words_size = 12; // two free words and the checksum
+
+// Data block: header, data area, checksum of the data area.
+constexpr uint32_t data_offset = 16;
+constexpr uint32_t data_size = 4076;
+constexpr uint32_t footer_offset = data_offset + data_size;
+
+// Record: length or no_file, checksum, payload.
+constexpr uint32_t record_head_size = 4;
+constexpr uint32_t record_room = data_size - record_head_size;
+constexpr uint32_t no_file = 0xFFFF;
+
+inline uint32_t le16(std::span<const uint8_t> bytes, size_t at) {
+    return bytes[at] | static_cast<uint32_t>(bytes[at + 1]) << 8;
+}
+
+inline uint32_t le32(std::span<const uint8_t> bytes, size_t at) {
+    return le16(bytes, at) | le16(bytes, at + 2) << 16;
+}
+
+uint32_t crc32(std::span<const uint8_t> bytes);
+
+// Of a record in a logical block: seeded with the block's number.
+uint32_t crc16(uint32_t seed, std::span<const uint8_t> bytes);
+
+inline bool all(std::span<const uint8_t> bytes, uint8_t value) {
+    return std::all_of(bytes.begin(), bytes.end(), [=](uint8_t byte) { return byte == value; });
+}
+
+// Whether the last four bytes are the checksum of those before.
+inline bool is_sealed(std::span<const uint8_t> bytes) {
+    return crc32(bytes.first(bytes.size() - 4)) == le32(bytes, bytes.size() - 4);
+}
+
+} // namespace dolm::efs
