@@ -217,6 +217,9 @@ uint32_t EFS_init_tools(void *image) {
 
 uint32_t EFS_init(uint8_t format) {
     drop_mounted_store();
+    if (format == 0) {
+        hold_image(efs_image); // which may be another than before, also where it is refused below
+    }
     if (g_efs_autogen_data_loaded == 0) {
         return EFS_NOT_MOUNTED;
     }

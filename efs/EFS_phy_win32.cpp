@@ -2,12 +2,12 @@
 // device can be put in their place.
 #include "EFS_phy_win32.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
-#include "EFS.h"
 #include "common/at_unload.h"
-#include "efs/efs_format.h"
+#include "efs/efs_internal.h"
 
 uint8_t *efs_image = nullptr;
 uint32_t efs_size = 0;
@@ -33,29 +33,33 @@ void release_image() {
 [[maybe_unused]] const dolm::at_unload<release_image> image_release;
 
 uint32_t allocate_image() {
-    efs_size = EFS_get_efs_size();
     release_image();
-    own_image = static_cast<uint8_t *>(std::malloc(efs_size + size_t{1}));
-    own_image_size = efs_size;
-    efs_image = own_image;
+    own_image_size = EFS_get_efs_size();
+    own_image = static_cast<uint8_t *>(std::malloc(own_image_size + size_t{1}));
+    dolm::efs::hold_image(own_image);
     if (own_image == nullptr) {
         return EFS_NO_MEMORY;
     }
-    std::memset(own_image, 0xFF, efs_size);
+    std::memset(own_image, 0xFF, own_image_size);
     return EFS_OK;
 }
 
 } // namespace
 
+void dolm::efs::hold_image(uint8_t *image) {
+    efs_image = image;
+    efs_size = image == nullptr ? 0 : EFS_get_efs_size();
+    if (image != nullptr && image == own_image) {
+        efs_size = std::min(efs_size, own_image_size);
+    }
+}
+
 uint32_t EFS_physical_init(uint8_t format) {
     if (format != 0) {
         return allocate_image();
     }
-    if (efs_image != nullptr && efs_image == own_image && EFS_get_efs_size() > own_image_size) {
-        return EFS_NOT_MOUNTED;
-    }
-    efs_size = EFS_get_efs_size();
-    return efs_image == nullptr ? EFS_NOT_MOUNTED : EFS_OK;
+    dolm::efs::hold_image(efs_image);
+    return efs_image == nullptr || efs_size < EFS_get_efs_size() ? EFS_NOT_MOUNTED : EFS_OK;
 }
 
 uint32_t EFS_physical_read(uint32_t address, uint32_t length, void *destination) {

@@ -63,6 +63,12 @@ inline bool is_mounted() {
     return efs_ctx.initialized != 0 && !geometry_changed();
 }
 
+// ---- Image ----
+
+// Makes `image` the one that the device functions work on, with the size that the geometry asks
+// for, or what an image of the library's own has of it. Null: no image, size 0.
+void hold_image(uint8_t *image);
+
 // ---- Memory ----
 
 struct free_deleter {

@@ -101,7 +101,8 @@ DOLM_API uint32_t EFS_init_tools(void *image);
 //   41  no usable BM or BME, an image of another geometry, or geometry variables that no image
 //       can have (each count at most 255, V + N from 2 to 256)
 //   99 or a physical code, from the format
-// After a failure the store is not mounted; without format the image is untouched.
+// After a failure the store is not mounted; without format the image is untouched, and it is held
+// with the size of EFS_get_efs_size().
 DOLM_API uint32_t EFS_init(uint8_t format);
 
 // Formats the image: every block erased, erase counts 1, an empty record for each file of the list.

@@ -12,14 +12,15 @@ DOLM_EXTERN_C_BEGIN
 // The image, normally the host's, used in place. Null until a store is given one. An image that
 // EFS_physical_init allocated belongs to the library.
 extern DOLM_API uint8_t *efs_image;
-// Size of the image in bytes; no access reaches beyond it.
+// Size of the image in bytes, 0 without one; no access reaches beyond it.
 extern DOLM_API uint32_t efs_size;
 
-// Sets efs_size from the geometry variables.
-// format 0: uses the image that efs_image points to. 0, or 1 if there is none or if it is one of
-//   the library's own and too small for the geometry (efs_size then stays as it was).
+// Sets efs_size to what the geometry variables ask for, EFS_get_efs_size() bytes.
+// format 0: uses the image that efs_image points to. 0, or 1 if there is none (efs_size is then 0)
+//   or if it is one of the library's own and too small for the geometry (efs_size is then its own).
 // format not 0: releases the image that an earlier call allocated (never a host's), allocates one
-//   of efs_size bytes and fills it with 0xFF. 0, or 12 if there is no memory: efs_image is null.
+//   of efs_size bytes and fills it with 0xFF. 0, or 12 if there is no memory: efs_image is then
+//   null and efs_size 0.
 DOLM_API uint32_t EFS_physical_init(uint8_t format);
 
 // Copies `length` bytes at `address` of the image to `destination`.

@@ -189,13 +189,36 @@ TEST_F(EfsTest, MountNeedsGeometryAndAnImageThatHoldsIt) {
     EXPECT_EQ(EFS_init(1), 0u);
     EXPECT_EQ(efs_size, host_image.size() + 4096);
 
+    // Given as a host's image it is still no larger than it is.
+    ASSERT_EQ(load({.non_valid_block_num = 5}), 0u);
+    EXPECT_EQ(EFS_init_tools(efs_image), 1u);
+    EXPECT_EQ(efs_size, host_image.size() + 4096);
+
     efs_image = nullptr;
     EXPECT_EQ(EFS_init(0), 1u);
+    EXPECT_EQ(efs_size, 0u);
     EXPECT_EQ(EFS_erase(), 1u);
     EXPECT_EQ(EFS_write_RTFD_marker(), 1u);
-    g_efs_autogen_data_loaded = 0;
-    EXPECT_EQ(EFS_init_tools(image.data()), 1u);
-    EXPECT_EQ(EFS_do_format(), 1u);
+}
+
+// The device's bounds are those of the image that it holds, whatever became of the mount.
+TEST_F(EfsTest, RefusedMountHoldsTheNewImageWithItsOwnSize) {
+    device().detach();
+    Bytes small(3 * 4096, 0xFF);
+    for (const auto &[loaded, valid, refusal] : {std::tuple(0, 1, 1u), {1, 0, 41u}}) {
+        ASSERT_EQ(load({}), 0u);
+        ASSERT_EQ(EFS_init_tools(image.data()), 0u);
+        g_efs_autogen_data_loaded = static_cast<uint8_t>(loaded);
+        g_efs_bm_num = static_cast<uint32_t>(2 - valid), g_efs_non_valid_block_num = 1;
+        g_efs_valid_block_num = static_cast<uint32_t>(valid);
+        EXPECT_EQ(EFS_init_tools(small.data()), refusal);
+        EXPECT_EQ(efs_image, small.data());
+        EXPECT_EQ(efs_size, small.size());
+        EXPECT_EQ(EFS_physical_read(3 * 4096 - 1, 1, small.data()), 0u);
+        EXPECT_EQ(EFS_physical_read(3 * 4096, 1, small.data()), 22u);
+        EXPECT_EQ(EFS_physical_write(3 * 4096, 1, small.data()), 22u);
+        EXPECT_EQ(EFS_do_format(), refusal);
+    }
 }
 
 TEST_F(EfsTest, NothingWorksOnceTheGeometryHasChanged) {
