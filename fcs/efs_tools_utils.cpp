@@ -47,6 +47,7 @@ constexpr uint32_t efst_head_size = 16;
 constexpr uint32_t efst_row_count_at = 12;
 constexpr uint32_t geometry_row_size = 40;
 constexpr uint32_t file_record_size = 60;
+constexpr uint32_t max_files = 65536; // as many as the file_index of a record can tell apart
 
 struct GeometryRow {
     uint32_t sku;
@@ -118,7 +119,7 @@ bool lies_within(uint32_t offset, uint64_t size, uint32_t length) {
 
 // Without a BM the geometry loads all the same; it is the store that will not mount.
 bool geometry_can_work(const GeometryRow &row) {
-    return row.files_num != 0 &&
+    return row.files_num != 0 && row.files_num <= max_files &&
            dolm::efs::block_counts_fit(row.bm_num, row.valid_block_num, row.non_valid_block_num);
 }
 

@@ -100,10 +100,10 @@ DOLM_API uint32_t load_file_table(const void *buffer, uint32_t sku, uint32_t len
 //
 // 0: done, or there is nothing to load (no section, no rows, no row for sku) and nothing changed.
 // 1: refused. Nothing changed if buffer is null or no FTBL, if rows or records run past length, or
-//    if the row or a record is ill-formed: records_bytes above 60 * records_count, files_num 0, a
-//    file_index at or above files_num, a geometry that cannot work (a block count above 255, or
-//    valid and spare blocks that are not 2 to 256 together). If only the row's records_offset is
-//    wrong and lies past length, the six geometry values are stored all the same.
+//    if the row or a record is ill-formed: records_bytes above 60 * records_count, files_num 0 or
+//    above 65536, a file_index at or above files_num, a geometry that cannot work (a block count
+//    above 255, or valid and spare blocks that are not 2 to 256 together). If only the row's
+//    records_offset is wrong and lies past length, the six geometry values are stored all the same.
 // 12: out of memory for EFS_files; the six values are stored.
 // Where values were stored without a new list, a list that is too short for the new
 // g_efs_files_num is released, and g_efs_autogen_data_loaded is 0.

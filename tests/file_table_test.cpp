@@ -120,6 +120,7 @@ TEST(FileTableTest, IllFormedTablesChangeNothing) {
         {"one block", section, row + 20, 0, whole},
         {"257 blocks", section, row + 24, 2, whole},
         {"no files", section, row + 28, 0, whole},
+        {"more files than slots have numbers", section, row + 28, 65537, whole},
         {"slot 3 of 3", section, row + 28, 3, whole},
     };
     ASSERT_EQ(load(good, 0x105), 0u);
@@ -143,6 +144,10 @@ TEST(FileTableTest, LoadsTheEfsGeometryAndFileList) {
                                     0, 0, 0, 0, 0, 0, 0, 0, 5, 6,    0,    7, 0, 1, 0, 0};
         EXPECT_EQ(std::memcmp(EFS_files, expected, sizeof(expected)), 0);
     }
+    Bytes many = good;
+    put32(many, source.geometry_at(1) + 28, 65536);
+    EXPECT_EQ(load(many, 0x105), 0u);
+    ASSERT_EQ(load(good, 0x105), 0u);
     // Records that start behind the end, not those that reach over it, leave the counts. A list too
     // short for them has to go.
     const size_t row = source.geometry_at(1);
