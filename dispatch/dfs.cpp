@@ -3,8 +3,10 @@
 #include <cstdlib>
 
 #include "Afs.h"
+#include "AfsPhysicalWin32Spi.h"
 #include "EFS.h"
 #include "common/at_unload.h"
+#include "dispatch/dfs_use.h"
 
 afs_context *dfs_context = nullptr;
 uint8_t dfs_reset_needed = 0;
@@ -40,6 +42,14 @@ void release_context() {
 
 [[maybe_unused]] const dolm::at_unload<release_context> context_release;
 
+// What the context held is released, but for its file_buffer, which serves every store.
+void empty_context() {
+    afs_free_context(dfs_context);
+    uint8_t *const file_buffer = dfs_context->file_buffer;
+    *dfs_context = {};
+    dfs_context->file_buffer = file_buffer;
+}
+
 uint32_t selector_of(uint32_t file) {
     return file >> selector_shift & selector_mask;
 }
@@ -59,6 +69,16 @@ uint32_t fold_write_status(uint32_t status) {
 
 } // namespace
 
+void dolm::take_afs_out_of_use() {
+    if (dfs_context == nullptr) {
+        return;
+    }
+    if (dfs_context->image == gpBuffer) { // else the device serves a context of the host's own
+        SpiFlashDrvInitialize(nullptr);
+    }
+    empty_context();
+}
+
 uint32_t dfs_init(void *image, uint32_t size) {
     if (dfs_context == nullptr) {
         dfs_context = static_cast<afs_context *>(std::calloc(1, sizeof(afs_context)));
@@ -66,16 +86,13 @@ uint32_t dfs_init(void *image, uint32_t size) {
             return DFS_NO_CONTEXT;
         }
     }
-    afs_free_context(dfs_context);
-    uint8_t *file_buffer = dfs_context->file_buffer;
-    *dfs_context = {};
-    if (file_buffer == nullptr) {
-        file_buffer = static_cast<uint8_t *>(std::malloc(file_buffer_size));
-        if (file_buffer == nullptr) {
+    empty_context();
+    if (dfs_context->file_buffer == nullptr) {
+        dfs_context->file_buffer = static_cast<uint8_t *>(std::malloc(file_buffer_size));
+        if (dfs_context->file_buffer == nullptr) {
             return DFS_OUT_OF_MEMORY;
         }
     }
-    dfs_context->file_buffer = file_buffer;
     return afs_init(dfs_context, image, page_size, cache_lines, file_count, 0, size, mount_flags, 0,
                     0);
 }

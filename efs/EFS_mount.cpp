@@ -4,6 +4,7 @@
 
 #include "common/at_unload.h"
 #include "efs/efs_internal.h"
+#include "efs/efs_use.h"
 
 struct efs_ctx efs_ctx;
 
@@ -205,6 +206,11 @@ void drop_mounted_store() {
 
 bool dolm::efs::geometry_changed() {
     return efs_ctx.initialized != 0 && current_geometry() != mounted_geometry;
+}
+
+void dolm::efs::take_out_of_use() {
+    efs_ctx.initialized = 0;
+    hold_image(nullptr);
 }
 
 uint32_t EFS_init_tools(void *image) {

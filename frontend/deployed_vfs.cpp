@@ -5,6 +5,8 @@
 #include "Afs.h"
 #include "EFS.h"
 #include "dfs.h"
+#include "dispatch/dfs_use.h"
+#include "efs/efs_use.h"
 #include "frontend/report.h"
 #include "miniVfs.h"
 
@@ -131,8 +133,8 @@ bool is_written_back(const FcsFileEntry &entry) {
 
 void forget_flash() {
     s_qfsInitialized = false;
-    efs_ctx.initialized = 0;
-    efs_image = nullptr;
+    dolm::take_afs_out_of_use();
+    dolm::efs::take_out_of_use();
 }
 
 bool bring_up_flash(const _commonDolmInputs &inputs) {

@@ -28,6 +28,7 @@ inline constexpr uint32_t DFS_NO_SPACE = 28;
 inline constexpr uint32_t DFS_NO_CONTEXT = 0xFFFFFFFF;
 
 // The one AFS store; null until dfs_init has run. Allocated once, kept for the life of the process.
+// A start-up of the front end (qoqfs.h) leaves no store in it unless it mounts one itself.
 extern DOLM_API afs_context *dfs_context;
 
 // Part of the surface for other components; the library neither reads nor writes it.

@@ -9,6 +9,7 @@
 #include <optional>
 #include <random>
 
+#include "AfsPhysical.h"
 #include "EFS.h"
 #include "EFS_phy_win32.h"
 #include "dfs.h"
@@ -172,14 +173,34 @@ TEST_F(FlashStage, StartUpFailures) {
     }
 }
 
-TEST_F(FlashStage, FailureInTheTablesLeavesNoStoreInUse) {
-    FlashSet set;
-    ASSERT_TRUE(set.start());
-    set.orvel.resize(3);
-    EXPECT_FALSE(set.start());
-    EXPECT_FALSE(qoQfsIsInitialized());
-    EXPECT_EQ(EFS_is_initialized(), 0);
-    EXPECT_EQ(efs_image, nullptr);
+// Whatever comes of a start-up past its intake: nothing is left that reads the images of the one
+// before, which the host may have released.
+TEST_F(FlashStage, StartUpTakesTheStoresBeforeOutOfUse) {
+    for (const bool failing : {false, true}) {
+        FlashSet set, next;
+        next.qfs.clear();
+        next.efs.clear();
+        next.orvel.resize(failing ? 3 : next.orvel.size());
+        ASSERT_TRUE(set.start());
+        EXPECT_EQ(next.start(), !failing);
+        EXPECT_FALSE(qoQfsIsInitialized());
+        EXPECT_EQ(EFS_is_initialized(), 0);
+        EXPECT_EQ(efs_image, nullptr);
+        EXPECT_EQ(efs_size, 0u);
+        Bytes().swap(set.qfs); // an access would be seen by the address sanitizer
+
+        uint32_t word = 4;
+        for (const uint32_t status :
+             {dfs_getsize(2, &word), dfs_read(2, 0, &word, &word), dfs_write(2, 0, 4, &word, 0),
+              dfs_delete_file(2), dfs_mark_zombie_file(100), dfs_force_full_reclaim(),
+              dfs_force_dirty_erase(), dfs_idle_reclaim(), dfs_set_page_size(64),
+              afs_sub_pt_read(dfs_context, 0, 4, &word)}) {
+            EXPECT_EQ(status, DFS_INVALID_ARGUMENT);
+        }
+        EXPECT_EQ(dfs_idle_reclaim_needed(), 0u);
+        dfs_set_idle_reclaim_enabled();
+        EXPECT_EQ(dfs_get_idle_reclaim_enabled(), 0u);
+    }
 }
 
 TEST_F(FlashStage, WriteBackFailures) {
