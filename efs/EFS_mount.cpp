@@ -183,6 +183,28 @@ uint32_t adopt_entry_in_page_buffer(uint32_t offset) {
     return EFS_OK;
 }
 
+// Looks at the rest of the BM behind the entry in force, which stands in page_buffer. A cut leaves
+// it erased. Behind anything else a later mount might not find an entry that is appended now.
+uint32_t check_rest_of_bm() {
+    if (efs_ctx.bm_switch_pending != 0) {
+        return EFS_OK;
+    }
+    const uint32_t offset = efs_ctx.bme_offset + bme_size();
+    const uint32_t length = block_size - offset;
+    uint8_t *const rest = efs_ctx.page_buffer + offset;
+    const auto erased = [rest, length] { return is_erased(rest, length); };
+    if (erased()) {
+        return EFS_OK;
+    }
+    const uint32_t status =
+        read_until(bm_address(efs_ctx.current_bm) + offset, length, rest, erased);
+    if (status != EFS_BAD_DATA) {
+        return status;
+    }
+    efs_ctx.bm_switch_pending = 1;
+    return EFS_OK;
+}
+
 uint32_t find_mapping() {
     if (const uint32_t status = find_bm_in_force(); status != EFS_OK) {
         return status;
@@ -191,7 +213,10 @@ uint32_t find_mapping() {
     if (const uint32_t status = find_current_bme(offset); status != EFS_OK) {
         return status;
     }
-    return adopt_entry_in_page_buffer(offset);
+    if (const uint32_t status = adopt_entry_in_page_buffer(offset); status != EFS_OK) {
+        return status;
+    }
+    return check_rest_of_bm();
 }
 
 void drop_mounted_store() {

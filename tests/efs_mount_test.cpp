@@ -201,6 +201,49 @@ TEST_F(EfsTest, MountNeedsGeometryAndAnImageThatHoldsIt) {
     EXPECT_EQ(EFS_write_RTFD_marker(), 1u);
 }
 
+// Rot in the erased rest of the BM in force, out of reach of the search for the last entry: two bad
+// slots behind the next free one would fail the mount after a change had gone to that one.
+TEST_F(EfsTest, CommitsPassByABmWhoseRestIsNotErased) {
+    const Bytes fresh = image;
+    const auto reads_of_mount = [&] {
+        device().attach(image);
+        EXPECT_EQ(EFS_init_tools(image.data()), 0u);
+        EXPECT_EQ(efs_ctx.bme_offset, 16u);
+        return device().count(DeviceAccess::read);
+    };
+    const uint32_t sound_reads = reads_of_mount();
+    for (const std::vector<uint32_t> &rot :
+         {std::vector<uint32_t>{16 + 2 * 22, 16 + 3 * 22}, {4095}}) {
+        image = fresh;
+        for (const uint32_t at : rot) {
+            bm(0)[at] = 0xFE;
+        }
+        const Bytes before = image;
+        EXPECT_EQ(reads_of_mount(), sound_reads + 7) << "each read has a say";
+        EXPECT_EQ(efs_ctx.bm_switch_pending, 1);
+        EXPECT_EQ(image, before);
+        ASSERT_EQ(write(0, efs_pattern(10, 1)), 0u);
+        EXPECT_EQ(efs_ctx.current_bm, 1u);
+        ASSERT_EQ(remount(), 0u);
+        EXPECT_EQ(read(0), efs_pattern(10, 1));
+    }
+    // Sound, but for the first reads of it: the double flips a bit in the middle of what is read.
+    image = fresh;
+    const auto mount_with = [&](uint32_t skip, uint32_t count, Effect effect) {
+        device().attach(image);
+        fault(DeviceAccess::read, skip, count, effect);
+        const uint32_t status = EFS_init_tools(image.data());
+        return std::tuple(status, efs_ctx.bm_switch_pending,
+                          device().count(DeviceAccess::read) - sound_reads);
+    };
+    EXPECT_EQ(mount_with(2, 1, Effect::flip_bit), std::tuple(0u, 0, 1u));
+    EXPECT_EQ(mount_with(2, 7, Effect::flip_bit), std::tuple(0u, 0, 7u));
+    EXPECT_EQ(mount_with(2, 8, Effect::flip_bit), std::tuple(0u, 1, 7u));
+    bm(0)[4095] = 0;
+    EXPECT_EQ(mount_with(3, 1, Effect::fail), std::tuple(5u, 0, 1u));
+    EXPECT_EQ(EFS_is_initialized(), 0);
+}
+
 // The device's bounds are those of the image that it holds, whatever became of the mount.
 TEST_F(EfsTest, RefusedMountHoldsTheNewImageWithItsOwnSize) {
     device().detach();
