@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 set(DOLM_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/DolmStorageLib)
 
 install(TARGETS DolmStorageLib dolm_static EXPORT DolmStorageLibTargets)
-install(DIRECTORY include/ DESTINATION ${DOLM_HEADER_DIR} FILES_MATCHING PATTERN *.h)
+install(DIRECTORY include/ DESTINATION ${DOLM_HEADER_DIR} FILES_MATCHING PATTERN *.h PATTERN *.hpp)
 install(EXPORT DolmStorageLibTargets NAMESPACE DolmStorageLib:: DESTINATION ${DOLM_PACKAGE_DIR})
 
 configure_package_config_file(cmake/DolmStorageLibConfig.cmake.in DolmStorageLibConfig.cmake
