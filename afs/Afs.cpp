@@ -146,7 +146,10 @@ uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t co
         const auto chunk = static_cast<uint16_t>(cid - context->file_count);
         uint32_t status = context->ops->trim_page(context, chunk_va(context, cid), AFS_PAGE_SIZE,
                                                   context->device_offset);
-        if (status == AFS_RC_OK && cids == nullptr) {
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+        if (cids == nullptr) {
             status = next_cid(context, cid, &cid);
         } else if (freed < count) {
             cid = cids[freed - 1];

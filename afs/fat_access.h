@@ -21,6 +21,7 @@
 #include <cstdint>
 
 #include "Afs.h"
+#include "afs/ftl_access.h"
 #include "common/little_endian.h"
 
 namespace dolm {
@@ -58,10 +59,11 @@ inline uint32_t chunk_va(const afs_context *context, uint16_t cid) {
     return context->data_va_start + AFS_PAGE_SIZE * (uint32_t{cid} - context->file_count);
 }
 
-// file_count is 0 after a mount that failed.
+// file_count is 0 after a mount that failed. The translation layer can be lost later, by a mount of
+// it alone.
 inline bool is_mounted(const afs_context *context) {
-    return context != nullptr && context->file_count != 0 && context->ftl != nullptr &&
-           context->cache_lines != nullptr && context->cache_data != nullptr;
+    return ftl_is_mounted(context) && context->file_count != 0 && context->cache_lines != nullptr &&
+           context->cache_data != nullptr;
 }
 
 // Where the bytes of a VA lie in the cache; good until the call after the next one.

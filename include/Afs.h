@@ -6,9 +6,10 @@
 // A cid numbers an entry of the FAT: below file_count a file, from there on a chunk.
 //
 // Results are AFS_RC_ numbers (AfsFtl.h). Every operation answers 22 (AFS_RC_INVALID) for a null
-// context, for one that holds no mounted store, and for a null pointer where bytes or a value would
-// go; the two that give a truth value then answer 0, those that give nothing do nothing. "From
-// below" stands for a result of the page cache or the flash translation layer, most often 5.
+// context, for one that holds no mounted store (also where the translation layer below it was
+// mounted again and failed), and for a null pointer where bytes or a value would go; the two that
+// give a truth value then answer 0, those that give nothing do nothing. "From below" stands for a
+// result of the page cache or the flash translation layer, most often 5.
 //
 // One store per context, one operation at a time in the whole process.
 #ifndef AFS_H

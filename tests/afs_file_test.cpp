@@ -222,11 +222,11 @@ TEST(AfsFiles, ReadsARunOfChunksAtOnce) {
     }
 }
 
-int64_t good_writes; // before the one that fails
+int64_t good_calls; // before the one that fails
 
 uint32_t failing_write(afs_context *context, uint32_t va, uint32_t length, const void *data,
                        uint32_t device_offset) {
-    return good_writes-- == 0
+    return good_calls-- == 0
                ? AFS_RC_IO
                : afs_physical_ftl_write_page(context, va, length, data, device_offset);
 }
@@ -252,9 +252,9 @@ TEST(AfsFiles, EveryFailedWriteIsUndone) {
             store.image = start;
             ASSERT_EQ(store.remount(), AFS_RC_OK);
             store.context()->ops = &ops;
-            good_writes = failing;
+            good_calls = failing;
             status = change.run();
-            ASSERT_EQ(status, failing == 0 || good_writes < 0 ? AFS_RC_IO : AFS_RC_OK);
+            ASSERT_EQ(status, failing == 0 || good_calls < 0 ? AFS_RC_IO : AFS_RC_OK);
             if (status == AFS_RC_IO) {
                 EXPECT_EQ(store.read_files(), old);
                 ASSERT_EQ(cache_flush(store.context()), AFS_RC_OK);
@@ -263,6 +263,41 @@ TEST(AfsFiles, EveryFailedWriteIsUndone) {
             }
         }
     }
+}
+
+uint32_t failing_trim(afs_context *context, uint32_t va, uint32_t length, uint32_t device_offset) {
+    return good_calls-- == 0 ? AFS_RC_IO
+                             : afs_physical_ftl_trim_page(context, va, length, device_offset);
+}
+
+TEST(AfsFiles, FailedTrimLeavesTheRestOfAChainAllocated) {
+    afs_physical_ops ops = afs_physical_spi_handler;
+    ops.trim_page = failing_trim;
+    Store store;
+    ASSERT_EQ(store.write(1, 0, pattern(1, 300)).run(), AFS_RC_OK);
+    const uint32_t first = store.entry(1) - file_count;
+    const auto live = [&] { return find_chunk(store.context(), first, first + 5, false) - first; };
+    store.context()->ops = &ops;
+    good_calls = 0;
+    EXPECT_EQ(store.write(1, 0, pattern(2, 300)).run(), AFS_RC_IO);
+    EXPECT_EQ(live(), 5u);
+    EXPECT_EQ(store.read_files(), (Files{{1, pattern(2, 300)}})) << "the write is complete";
+    ASSERT_EQ(store.remount(), AFS_RC_OK);
+    EXPECT_EQ(live(), 0u);
+}
+
+TEST(AfsFiles, KnowNoStoreWhoseTranslationLayerWasLost) {
+    Store store;
+    ASSERT_EQ(store.write(1, 0, pattern(1, 300)).run(), AFS_RC_OK);
+    const uint16_t first = store.entry(1);
+    ASSERT_EQ(afs_physical_ftl_init(store.context(), 0, 0), AFS_RC_IO);
+    uint32_t length = 10;
+    uint8_t bytes[10];
+    EXPECT_EQ(afs_release_resources(store.context(), first, 5, nullptr, false), AFS_RC_INVALID);
+    EXPECT_EQ(afs_getfilesize(store.context(), 1, &length), AFS_RC_INVALID);
+    EXPECT_EQ(afs_readfile(store.context(), 1, 0, &length, bytes), AFS_RC_INVALID);
+    EXPECT_EQ(store.write(1, 0, {1}).run(), AFS_RC_INVALID);
+    EXPECT_EQ(store.remove(1).run(), AFS_RC_INVALID);
 }
 
 TEST(AfsFiles, GivesUpFatPagesOfFreeChunks) {
