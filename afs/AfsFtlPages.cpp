@@ -257,7 +257,7 @@ uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, ui
         return AFS_RC_IO;
     }
     if (!chunk_is_live(context, place.chunk)) {
-        std::memset(buffer, 0, AFS_PAGE_SIZE);
+        std::memset(buffer, 0, size_t{count} * AFS_PAGE_SIZE);
         return AFS_RC_OK;
     }
     const uint32_t page = va / AFS_PAGE_SIZE;

@@ -174,8 +174,8 @@ DOLM_API uint32_t afs_physical_ftl_trim_page(afs_context *context, uint32_t va, 
                                              uint32_t device_offset);
 
 // Reads count consecutive data pages from va on, over at most two EUs. buffer has room for count
-// times 66 bytes, of which the first count times 64 are the result. If the first chunk is free, the
-// first 64 bytes are zeros and nothing else is read. 0 or 5; after 5 buffer is undefined.
+// times 66 bytes, of which the first count times 64 are the result. If the first chunk is free,
+// nothing is read and all of them are zeros. 0 or 5; after 5 buffer is undefined.
 DOLM_API uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, uint32_t va,
                                                    uint32_t count);
 

@@ -222,6 +222,20 @@ TEST(AfsFiles, ReadsARunOfChunksAtOnce) {
     }
 }
 
+// Two chains that lead to the same chunks: the mount takes them. A write to the one file frees the
+// first chunk under the other, which then reads as zeros as far as it is read in one run.
+TEST(AfsFiles, RunWithAFreedChunkReadsAsZeros) {
+    Store store;
+    ASSERT_EQ(store.write(1, 0, pattern(1, 300)).run(), AFS_RC_OK);
+    store.poke(fat_va(3), store.entry(1));
+    ASSERT_EQ(store.remount(), AFS_RC_OK);
+    ASSERT_EQ(store.write(3, 0, pattern(2, 64)).run(), AFS_RC_OK);
+    Image shared = pattern(1, 300);
+    std::ranges::copy(pattern(2, 64), shared.begin());
+    store.read_files(); // leaves other bytes in file_buffer
+    EXPECT_EQ(store.read_files(), (Files{{1, Image(300)}, {3, shared}}));
+}
+
 int64_t good_calls; // before the one that fails
 
 uint32_t failing_write(afs_context *context, uint32_t va, uint32_t length, const void *data,
