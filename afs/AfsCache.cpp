@@ -71,6 +71,16 @@ uint32_t write_back(afs_context *context, uint16_t line) {
                                     context->device_offset);
 }
 
+// The translation layer moves AFS_PAGE_SIZE bytes whatever is asked of it: in a longer line the
+// bytes of other pages would be left behind them.
+void clear_unfilled_part(const afs_context *context, uint16_t line) {
+    if (context->page_size > AFS_PAGE_SIZE &&
+        context->ops->read_page == afs_physical_ftl_read_page) {
+        std::fill_n(line_bytes(context, line) + AFS_PAGE_SIZE, context->page_size - AFS_PAGE_SIZE,
+                    uint8_t{0});
+    }
+}
+
 uint32_t load(afs_context *context, uint16_t line, uint16_t page) {
     afs_cache_line &control = context->cache_lines[line];
     if (is_dirty(control)) {
@@ -85,6 +95,7 @@ uint32_t load(afs_context *context, uint16_t line, uint16_t page) {
     if (status != AFS_RC_OK) {
         return status;
     }
+    clear_unfilled_part(context, line);
     control.page = page;
     set_flags(control, line_valid);
     return AFS_RC_OK;

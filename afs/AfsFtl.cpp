@@ -144,13 +144,23 @@ uint32_t scan_eu(afs_context *context, uint32_t eu, header_scan &scan) {
     return take_committed_header(context, eu, header, first_entry, scan);
 }
 
+// Of all headers but that of the spare. A pending header is the newest one, unless it is an old one
+// whose state byte was damaged.
+uint32_t highest_sequence(const afs_ftl_state &ftl) {
+    uint32_t highest = 0;
+    for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
+        highest = std::max(highest, eu == ftl.spare_eu ? 0 : ftl.eu_table[eu].sequence);
+    }
+    return highest;
+}
+
 // The reclaim was cut after its source had been given up: the pending EU stands in for it. Its
 // header stays uncommitted on the flash for now, since a mount writes nothing.
 uint32_t roll_forward(afs_context *context, const header_scan &scan) {
     afs_ftl_state &ftl = *context->ftl;
     afs_eu_info &row = ftl.eu_table[scan.pending];
     ftl.uncommitted_eu = scan.pending;
-    ftl.sequence = row.sequence;
+    ftl.sequence = highest_sequence(ftl);
     if (row.va_base != 0) {
         return AFS_RC_OK;
     }

@@ -124,7 +124,10 @@ class Reader {
         make_spare(invalid_.front());
         AfsEu &eu = image_.eus[target];
         eu.role = eu.va_base == 0 ? AfsRole::log : AfsRole::data;
-        image_.sequence = eu.sequence;
+        image_.sequence = eu.sequence; // the newest, unless an old header lost its state byte
+        for (const AfsEu &other : image_.eus) {
+            image_.sequence = std::max(image_.sequence, other.sequence);
+        }
         if (eu.next_spare != *image_.spare) {
             damage({.rule = Rule::spare,
                     .text = "the uncommitted header of EU " + number(target) + " names EU " +

@@ -74,8 +74,10 @@ DOLM_API uint32_t afs_init(afs_context *context, void *image, uint32_t page_size
                            uint32_t size, uint32_t flags, uint8_t version_low,
                            uint32_t version_high);
 
-// Replaces the cache, after writing what is dirty; bounds as for afs_init. 0; 22; or what
-// cache_init gives: after 12 the store is no longer mounted, otherwise the old cache stays.
+// Replaces the cache, after writing what is dirty; bounds as for afs_init. Only a page_size of 64
+// works over the flash translation layer: of a longer line it fills the first 64 bytes, the others
+// read as zeros and are never written. 0; 22; or what cache_init gives: after 12 the store is no
+// longer mounted, otherwise the old cache stays.
 DOLM_API uint32_t afs_setcache(afs_context *context, int32_t page_size, int32_t cache_lines);
 
 // Releases all that the context owns; what is dirty in the cache is lost. The context itself,

@@ -236,6 +236,19 @@ TEST(AfsFiles, RunWithAFreedChunkReadsAsZeros) {
     EXPECT_EQ(store.read_files(), (Files{{1, Image(300)}, {3, shared}}));
 }
 
+TEST(AfsMount, LongCacheLinesHoldZerosBehindTheirPage) {
+    Store store;
+    ASSERT_EQ(afs_setcache(store.context(), 128, 2), AFS_RC_OK);
+    for (const uint16_t page : std::initializer_list<uint16_t>{0, 1, 2, 0}) {
+        void *line = nullptr;
+        ASSERT_EQ(cache_ptr(store.context(), page, &line), AFS_RC_OK);
+        auto *behind = static_cast<uint8_t *>(line) + AFS_PAGE_SIZE;
+        EXPECT_EQ(Image(behind, behind + 64), Image(64));
+        std::fill_n(behind, 64, uint8_t{0xA5});
+        cache_line_written(store.context(), behind);
+    }
+}
+
 int64_t good_calls; // before the one that fails
 
 uint32_t failing_write(afs_context *context, uint32_t va, uint32_t length, const void *data,

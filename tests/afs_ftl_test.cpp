@@ -83,6 +83,7 @@ TEST(AfsMount, SettlesWhatTheHeadersShow) {
         {"sequence 0", {field(1, &Header::sequence, 0)}, refused},
         {"erase count 0", {field(1, &Header::erase_count, 0)}, refused},
         {"rolled forward", {pending(6), field(6, &Header::sequence, 40)}, 40},
+        {"an old header that lost its state", {pending(1), field(1, &Header::next_spare, 7)}, 7},
         {"pending names another spare", {pending(6), field(6, &Header::next_spare, 2)}, refused},
         {"two pending", {pending(6), pending(1)}, refused},
         {"rolled back",
@@ -109,6 +110,8 @@ TEST(AfsMount, SettlesWhatTheHeadersShow) {
         EXPECT_EQ(store.ftl().write_eu, 0u) << "never the spare, whatever its sequence";
         EXPECT_EQ(store.ftl().sequence, c.sequence);
         EXPECT_EQ(store.row(spare).erase_count, c.spare_erases);
+        EXPECT_EQ(reclaim_eu(store.context(), 5, 1), AFS_RC_OK);
+        EXPECT_EQ(store.mount_ftl(), AFS_RC_OK);
     }
 }
 
