@@ -129,6 +129,108 @@ void take_over_head(FcsFileEntry &entry) {
     entry.maxSize = dolm::load_le32(head + offsetof(FcsFileEntry, maxSize));
 }
 
+// A copy in no list, and without its value as yet; null without memory, which is not reported.
+unlinked_entry copy_without_value(const FcsFileEntry &entry) {
+    unlinked_entry copy(static_cast<FcsFileEntry *>(std::malloc(sizeof(FcsFileEntry))));
+    if (copy) {
+        qoQfsMemCpy(copy.get(), sizeof *copy, &entry, sizeof entry);
+        copy->data = nullptr;
+        copy->linked = 0;
+        copy->prev = nullptr;
+        copy->next = nullptr;
+    }
+    return copy;
+}
+
+// Gives the copy its value. False, reported, without memory.
+bool copy_value(FcsFileEntry &copy, const FcsFileEntry &entry) {
+    if (entry.data == nullptr || entry.size == 0) {
+        return true;
+    }
+    copy.data = allocate(entry.size).release();
+    return copy.data != nullptr && qoQfsMemCpy(copy.data, copy.size, entry.data, entry.size) == 0;
+}
+
+// What came of adding an entry; all but the first have been reported.
+enum class add_result { added, refused, no_memory };
+
+// Puts the entry's record and value into the table's store.
+add_result add_to_store(const FcsTable &table, const FcsFileEntry &entry, bool enforceLimit) {
+    // The store takes the length in 16 bits: a longer block would be cut short there.
+    if (entry.size > UINT16_MAX - record_size) {
+        setLibError(IMAGE_TOOLS_FCS_ADD_FILE_FAILED, FCS_FILE_TOO_LARGE);
+        return add_result::refused;
+    }
+    const auto length = static_cast<uint16_t>(entry.size + record_size);
+    const malloc_block block = allocate(length);
+    if (!block) {
+        return add_result::no_memory;
+    }
+    std::memcpy(block.get(), &entry.record, record_size);
+    if (entry.data != nullptr) {
+        std::memcpy(block.get() + record_size, entry.data, entry.size);
+    }
+    char name[name_limit + 2];
+    std::snprintf(name, sizeof name, "%.*s/", static_cast<int>(name_limit), entry.name);
+    const uint32_t status = addNewFile(table.handle, "", name, block.get(), length, enforceLimit);
+    if (status != FCS_OK) {
+        setLibError(IMAGE_TOOLS_FCS_ADD_FILE_FAILED, static_cast<int32_t>(status));
+    }
+    return status == FCS_OK             ? add_result::added
+           : status == FCS_ALLOC_FAILED ? add_result::no_memory
+                                        : add_result::refused;
+}
+
+add_result add_entry(FcsTable &table, FcsFileEntry *entry, bool enforceLimit) {
+    if (table.handle == nullptr || entry == nullptr) {
+        qoQfsAssert("Invalid FCS handle or fileEntry pointer");
+        return add_result::refused;
+    }
+    if (entry->linked != 0) {
+        report_error(IMAGE_TOOLS_FCS_ENTRY_IN_USE);
+        return add_result::refused;
+    }
+    if (find_in_list(table, entry->name) != nullptr) {
+        report_error(IMAGE_TOOLS_FCS_DUPLICATE_LABEL);
+        return add_result::refused;
+    }
+    const add_result result = add_to_store(table, *entry, enforceLimit);
+    if (result == add_result::added) {
+        append(table, entry);
+    }
+    return result;
+}
+
+// Adds the current value of a base entry: the overriding entry of that name, or else the base entry
+// itself. One that the store refuses is left out. False, reported, without memory.
+bool add_current_value(const FcsFileEntry &base) {
+    const FcsFileEntry *overriding = find_in_list(s_vynCfgTable, base.name);
+    const FcsFileEntry &entry = overriding != nullptr ? *overriding : base;
+    unlinked_entry value = copy_without_value(entry);
+    if (!value) {
+        report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
+        return false;
+    }
+    if (!copy_value(*value, entry)) {
+        return false;
+    }
+    const add_result result = add_entry(s_currentValuesTable, value.get(), false);
+    if (result == add_result::added) {
+        static_cast<void>(value.release()); // the list owns it now
+    }
+    return result != add_result::no_memory;
+}
+
+bool add_current_values() {
+    for (const FcsFileEntry *base = s_orvelCfgTable.firstEntry; base != nullptr;
+         base = base->next) {
+        if (takes_part(*base) && !add_current_value(*base)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 enum class load_step { appended, end_of_store, failed };
 
 load_step load_next_entry(FcsTable &table, bool withData) {
@@ -211,61 +313,12 @@ FcsFileEntry *copyFileEntry(const FcsFileEntry *entry) {
     if (entry == nullptr) {
         return nullptr;
     }
-    unlinked_entry copy(static_cast<FcsFileEntry *>(std::malloc(sizeof(FcsFileEntry))));
-    if (!copy) {
-        return nullptr;
-    }
-    qoQfsMemCpy(copy.get(), sizeof *copy, entry, sizeof *entry);
-    copy->data = nullptr;
-    copy->linked = 0;
-    copy->prev = nullptr;
-    copy->next = nullptr;
-    if (entry->data != nullptr && entry->size != 0) {
-        copy->data = allocate(entry->size).release();
-        if (copy->data == nullptr ||
-            qoQfsMemCpy(copy->data, copy->size, entry->data, entry->size) != 0) {
-            return nullptr;
-        }
-    }
-    return copy.release();
+    unlinked_entry copy = copy_without_value(*entry);
+    return copy && copy_value(*copy, *entry) ? copy.release() : nullptr;
 }
 
 bool qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit) {
-    if (table.handle == nullptr || entry == nullptr) {
-        qoQfsAssert("Invalid FCS handle or fileEntry pointer");
-        return false;
-    }
-    if (entry->linked != 0) {
-        report_error(IMAGE_TOOLS_FCS_ENTRY_IN_USE);
-        return false;
-    }
-    if (find_in_list(table, entry->name) != nullptr) {
-        report_error(IMAGE_TOOLS_FCS_DUPLICATE_LABEL);
-        return false;
-    }
-    // The store takes the length in 16 bits: a longer block would be cut short there.
-    if (entry->size > UINT16_MAX - record_size) {
-        setLibError(IMAGE_TOOLS_FCS_ADD_FILE_FAILED, FCS_FILE_TOO_LARGE);
-        return false;
-    }
-    const auto length = static_cast<uint16_t>(entry->size + record_size);
-    const malloc_block block = allocate(length);
-    if (!block || qoQfsMemCpy(block.get(), length, &entry->record, record_size) != 0) {
-        return false;
-    }
-    if (entry->data != nullptr &&
-        qoQfsMemCpy(block.get() + record_size, entry->size, entry->data, entry->size) != 0) {
-        return false;
-    }
-    char name[name_limit + 2];
-    std::snprintf(name, sizeof name, "%.*s/", static_cast<int>(name_limit), entry->name);
-    const uint32_t status = addNewFile(table.handle, "", name, block.get(), length, enforceLimit);
-    if (status != FCS_OK) {
-        setLibError(IMAGE_TOOLS_FCS_ADD_FILE_FAILED, static_cast<int32_t>(status));
-        return false;
-    }
-    append(table, entry);
-    return true;
+    return add_entry(table, entry, enforceLimit) == add_result::added;
 }
 
 FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path) {
@@ -340,24 +393,12 @@ bool qoQfsGenerateFcsCurrentsTable() {
     s_currentValuesTable.fileName = FCS_FILE_CURRENT_VALUES;
     if (!open_empty_store(s_currentValuesTable)) {
         report_error(IMAGE_TOOLS_CURRENT_VALUES_CREATE_FAILED);
-        return false;
+    } else if (add_current_values()) {
+        return true;
     }
-    for (const FcsFileEntry *base = s_orvelCfgTable.firstEntry; base != nullptr;
-         base = base->next) {
-        if (!takes_part(*base)) {
-            continue;
-        }
-        unlinked_entry value(copyFileEntry(base));
-        if (const FcsFileEntry *override_entry = find_in_list(s_vynCfgTable, base->name)) {
-            if (FcsFileEntry *copy = copyFileEntry(override_entry)) {
-                value.reset(copy);
-            }
-        }
-        if (qoQfsAddNewFileFcs(s_currentValuesTable, value.get(), false)) {
-            static_cast<void>(value.release());
-        }
-    }
-    return true;
+    // A part of the values would pass for all of them at the next termination.
+    qoQfsFreeFcsTable(s_currentValuesTable);
+    return false;
 }
 
 bool qoQfsSerializeFcsTable() {

@@ -127,7 +127,8 @@ void free_all_tables();
 
 // Builds s_currentValuesTable, whose former content the caller has released: the entries of
 // s_orvelCfgTable in their order, with the entry of the same name from s_vynCfgTable where there is
-// one.
+// one. An entry that the store refuses is reported and left out. False, reported, without memory:
+// the table is then free, its handle null.
 bool qoQfsGenerateFcsCurrentsTable();
 
 // Flushes the store of s_builtVynCfgTable into its buffer.

@@ -186,7 +186,7 @@ bool build_store() {
 }
 
 // The built store takes the place of the overriding values, as a list and bytes without a handle.
-bool replace_overriding_values() {
+void replace_overriding_values() {
     qoQfsFreeFcsTable(s_currentValuesTable);
     qoQfsFreeFcsTable(s_vynCfgTable);
     s_vynCfgTable = s_builtVynCfgTable;
@@ -197,6 +197,9 @@ bool replace_overriding_values() {
     closeHandle(&handle);
     s_builtVynCfgTable.handle = nullptr;
     s_vynCfgTable.handle = nullptr;
+}
+
+bool make_current_values_anew() {
     if (!qoQfsGenerateFcsCurrentsTable()) {
         report_error(IMAGE_TOOLS_CURRENT_VALUES_CREATE_FAILED);
         return false;
@@ -242,12 +245,18 @@ bool qoQfsNvarTerm(bool keepOpen) {
         report_error(IMAGE_TOOLS_FCS_NOT_INITIALIZED);
         return false;
     }
-    if (!build_store()) {
+    // Without current values, for want of memory, the termination before has written everything
+    // and left only them to be made.
+    const bool has_current_values = s_currentValuesTable.handle != nullptr;
+    if (has_current_values && !build_store()) {
         tear_down();
         return false;
     }
     if (keepOpen) {
-        return replace_overriding_values();
+        if (has_current_values) {
+            replace_overriding_values();
+        }
+        return make_current_values_anew();
     }
     if (!take_afs_down()) {
         return false;

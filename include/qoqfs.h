@@ -137,13 +137,12 @@ DOLM_EXTERN_C_BEGIN
  *   116  "vync.cfg" shorter than its head
  *   331  a store is refused (status)
  *   328  the files of a store could not be taken over (after 323, 324, or 332 or 333 with status)
- *   347  no current values (after 331 with status and 346)
- *   343  the EFS image is too short or would not mount
- *   324  no memory
- * Two kinds of reports come while start-up goes on: a warning of level 2, number 0, names a file
- * that the deployed VFS lacks, whose value stays that of the tables; and a value that cannot go
- * into the current values is left out of them, after 324, or 334 with status.
- * Once the tables are up they stay up when the flash stage fails: end with qoQfsNvarTerm(false). */
+ *   347  no memory for the current values (after 324, 334 with status 9, or 331 with status and
+ * 346) 343  the EFS image is too short or would not mount 324  no memory Two kinds of reports come
+ * while start-up goes on: a warning of level 2, number 0, names a file that the deployed VFS lacks,
+ * whose value stays that of the tables; and a value that the store of the current values refuses is
+ * left out of them, after 334 with status. Once the tables are up they stay up when the flash stage
+ * fails: end with qoQfsNvarTerm(false). */
 DOLM_API bool qoQfsDolmInit(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback);
 
 /* Whether AFS is up. */
@@ -212,8 +211,10 @@ DOLM_API bool qoQfsNvarResize(const char *path, uint8_t **data, uint32_t size);
  *   102  a value could not be written to the flash (status), then 348
  *   339  a file is missing from the deployed VFS or unreadable, then 348
  *   336  the store could not be serialised (status), then 348
- *   346  the current values could not be made anew (after 331 with status, and 346 once more); the
- *        library stays up, without them
+ *   346  no memory to make the current values anew (after 324, 334 with status 9, or 331 with
+ *        status and 346 once more). Everything has been written by then, and the library stays up
+ *        without current values. The next termination writes nothing: with keepOpen it tries again
+ *        to make them, without it releases everything
  *   338  AFS would not terminate (status); without keepOpen the tables stay up */
 DOLM_API bool qoQfsNvarTerm(bool keepOpen);
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <random>
 
-#include "failing_new.h"
+#include "failing_memory.h"
 #include "proof/builders.h"
 
 using namespace builders;
@@ -227,9 +227,9 @@ TEST_F(FcsTest, ExhaustedMemoryIsAResultAndLeavesTheStoreAsItWas) {
         const Bytes before = flushed();
         uint32_t status = FCS_ALLOC_FAILED;
         for (long allocations = 0; status != FCS_OK; ++allocations) {
-            allocations_left = allocations;
+            failing_memory::fail_from(allocations);
             status = operation();
-            allocations_left = -1;
+            failing_memory::stop();
             closeHandle(&other); // also one that is built in part
             ASSERT_TRUE(status == FCS_OK || flushed() == before);
             ASSERT_TRUE(status == FCS_OK || status == FCS_ALLOC_FAILED || status == FCS_BAD_STORE)

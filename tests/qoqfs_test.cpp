@@ -210,6 +210,19 @@ TEST_F(FrontEnd, TerminationRefusesValuesOverTheirLimit) {
     }
 }
 
+// A file of the number 0 loads by its name, but the merge adds names with a "/" behind them.
+TEST_F(FrontEnd, AValueThatTheStoreRefusesIsLeftOut) {
+    FileTable table;
+    table.sku_rows = {{1, {{"/home/a", 1}, {"/home/zero", 0}, {"/home/z", 2}}}};
+    inputs.ftbl = table.build();
+    inputs.orvel = store_of({{1, "one"}, {0, "none"}, {2, "two"}});
+    inputs.vync.clear();
+    ASSERT_TRUE(inputs.start());
+    ASSERT_TRUE(qoQfsNvarTerm(true));
+    EXPECT_EQ(take_reports(), Reports(2, "334: Library status code: 2"));
+    EXPECT_EQ(rebuilt_store(), store_of({{1, "one"}, {2, "two"}}));
+}
+
 TEST_F(FrontEnd, AddRefusesAnEntryTwiceAndANameTwice) {
     ASSERT_TRUE(inputs.start());
     FcsFileEntry *first = s_currentValuesTable.firstEntry;
