@@ -138,9 +138,8 @@ bool bring_up_tables(const _commonDolmInputs &inputs) {
     return true;
 }
 
-bool start_up(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback) {
+bool start_up(const _commonDolmInputs *inputs) {
     VynErrors::init();
-    s_mDolmStatusCallback = statusCallback;
     if (!check_inputs(inputs)) {
         return false;
     }
@@ -210,8 +209,9 @@ bool make_current_values_anew() {
 } // namespace
 
 bool qoQfsDolmInit(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback) {
+    s_mDolmStatusCallback = statusCallback; // first, so that it hears of missing memory too
     try {
-        return start_up(inputs, statusCallback);
+        return start_up(inputs);
     } catch (const std::exception &) { // no memory for the catalogue or the file table
         report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
         return false;

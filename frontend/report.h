@@ -6,8 +6,9 @@
 // The callback of the latest start-up, also after termination; null drops every report.
 extern DolmStatusCallback s_mDolmStatusCallback;
 
-// The text behind VynErrors::getErrorNameString, good until the maps are filled anew. It costs no
-// memory, so that a report of exhausted memory has its text.
+// The text that VynErrors::getErrorNameString gives, good until the maps are filled anew, and the
+// same where there was no memory for the maps. It costs no memory itself, so that a report of
+// exhausted memory has its text.
 const char *catalogue_text(ImageToolsErrorName number) noexcept;
 
 // Hands a report to the host with the catalogue text of number (empty for number 0). Does nothing

@@ -1,11 +1,17 @@
 #include "vynerrors.h"
 
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
 #include "frontend/report.h"
 
 std::map<ImageToolsErrorName, std::string> VynErrors::s_imageToolsErrorNameStringMap;
 std::map<ImageToolsErrorType, std::string> VynErrors::s_imageToolsErrorTypeStringMap;
 
 namespace {
+
+constexpr char no_row[] = "General Error";
 
 struct catalogue_row {
     ImageToolsErrorName number;
@@ -93,23 +99,32 @@ bool VynErrors::init() {
 }
 
 void VynErrors::initStringMaps() {
-    s_imageToolsErrorNameStringMap.clear();
+    decltype(s_imageToolsErrorNameStringMap) names;
     for (const catalogue_row &row : catalogue) {
-        s_imageToolsErrorNameStringMap[row.number] = row.text;
+        names[row.number] = row.text;
     }
-    s_imageToolsErrorTypeStringMap.clear();
+    decltype(s_imageToolsErrorTypeStringMap) types;
     int32_t number = IMAGE_TOOLS_ERROR_TYPE_NONE;
     for (const char *tag : source_tags) {
-        s_imageToolsErrorTypeStringMap[static_cast<ImageToolsErrorType>(number++)] = tag;
+        types[static_cast<ImageToolsErrorType>(number++)] = tag;
     }
+    s_imageToolsErrorNameStringMap = std::move(names);
+    s_imageToolsErrorTypeStringMap = std::move(types);
 }
 
 std::string VynErrors::getErrorNameString(ImageToolsErrorName number) {
-    return catalogue_text(number);
+    const auto row = s_imageToolsErrorNameStringMap.find(number);
+    return row == s_imageToolsErrorNameStringMap.end() ? no_row : row->second;
 }
 
 const char *catalogue_text(ImageToolsErrorName number) noexcept {
     const auto &texts = VynErrors::s_imageToolsErrorNameStringMap;
-    const auto row = texts.find(number);
-    return row == texts.end() ? "General Error" : row->second.c_str();
+    if (const auto row = texts.find(number); row != texts.end()) {
+        return row->second.c_str();
+    }
+    // The maps are empty only where there was no memory for them at the first start-up.
+    const auto row = std::find_if(
+        std::begin(catalogue), std::end(catalogue),
+        [number](const catalogue_row &candidate) { return candidate.number == number; });
+    return texts.empty() && row != std::end(catalogue) ? row->text : no_row;
 }

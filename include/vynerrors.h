@@ -21,7 +21,8 @@ class DOLM_API VynErrors {
     // Fills both maps; always true. Each start-up of the library calls it.
     static bool init();
 
-    // Empties both maps and fills them anew. The maps are empty until its first run.
+    // Fills both maps anew. They are empty until its first run. Without memory it throws
+    // std::bad_alloc and leaves both as they were.
     static void initStringMaps();
 
     // The catalogue text of number; "General Error" for a number without a row, and for every

@@ -9,6 +9,7 @@
 
 #include "failing_memory.h"
 #include "proof/full_set.h"
+#include "vynerrors.h"
 
 using namespace full_set;
 using namespace host_session;
@@ -35,6 +36,9 @@ FlashSet make_set(bool with_flash) {
 void report_with_memory(ErrorLevel level, ImageToolsErrorName number, const char *text,
                         const char *message) {
     const failing_memory::Pause pause;
+    EXPECT_NE(std::string(text), "General Error");
+    EXPECT_TRUE(VynErrors::s_imageToolsErrorNameStringMap.empty() ||
+                VynErrors::s_imageToolsErrorNameStringMap.size() == 35);
     on_report(level, number, text, message);
 }
 
@@ -194,7 +198,11 @@ TEST_P(OutOfMemory, AtStartUp) {
                          {"343:"},
                          {"324:", "342:"}}); // the value of a deployed file
     }
-    EXPECT_EQ(fail_each_allocation([](Inputs &) { return true; }, start), expected);
+    const auto first_in_process = [](Inputs &) {
+        VynErrors::s_imageToolsErrorNameStringMap.clear();
+        return true;
+    };
+    EXPECT_EQ(fail_each_allocation(first_in_process, start), expected);
 }
 
 TEST_P(OutOfMemory, AtTermination) {
