@@ -56,6 +56,27 @@ void warn_of_missing_file(const FcsFileEntry &entry) {
     qoQfsLogMessage(ERROR_LEVEL_WARNING, IMAGE_TOOLS_NO_ERROR, message);
 }
 
+// Gives the current value of that name the first size bytes of a file. False if it cannot be read
+// whole: the value is then as it was.
+bool read_into_value(uint32_t number, uint32_t size, const char *name) {
+    FcsFileEntry *value = find_current_value(name);
+    if (value == nullptr) {
+        return false;
+    }
+    malloc_block content;
+    if (size != 0) {
+        content = allocate(size);
+        uint32_t length = size;
+        if (!content || dfs_read(number, 0, &length, content.get()) != DFS_OK || length != size) {
+            return false;
+        }
+    }
+    std::free(value->data);
+    value->data = content.release();
+    value->size = size;
+    return true;
+}
+
 // Reads the file of one base entry, less its trailer, into the current value of that name. A file
 // that the VFS need not hold is passed by; false for one that cannot be taken over.
 bool pull(const FcsFileEntry &entry) {
@@ -75,16 +96,7 @@ bool pull(const FcsFileEntry &entry) {
     if (status != DFS_OK || trailer_of(entry) > size) {
         return false;
     }
-    size -= trailer_of(entry);
-    uint8_t *value = nullptr;
-    if (!qoQfsNvarResize(entry.name, &value, size)) {
-        return false;
-    }
-    if (size == 0) {
-        return true;
-    }
-    uint32_t length = size;
-    return dfs_read(number, 0, &length, value) == DFS_OK && length == size;
+    return read_into_value(number, size - trailer_of(entry), entry.name);
 }
 
 bool pull_deployed_files() {

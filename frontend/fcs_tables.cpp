@@ -1,9 +1,7 @@
 #include "frontend/fcs_tables.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "common/at_unload.h"
 #include "common/little_endian.h"
@@ -30,23 +28,10 @@ bool s_fcsInitialized = false;
 
 namespace {
 
-struct free_deleter {
-    void operator()(void *memory) const { std::free(memory); }
-};
-using malloc_block = std::unique_ptr<uint8_t, free_deleter>;
-
 struct entry_deleter {
     void operator()(FcsFileEntry *entry) const { qoQfsFreeFileEntry(entry); }
 };
 using unlinked_entry = std::unique_ptr<FcsFileEntry, entry_deleter>;
-
-malloc_block allocate(size_t size) {
-    malloc_block block(static_cast<uint8_t *>(std::malloc(size)));
-    if (!block) {
-        report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
-    }
-    return block;
-}
 
 // The entry of that name; the first name_limit characters count.
 FcsFileEntry *find_in_list(const FcsTable &table, const char *name) {
@@ -271,6 +256,14 @@ load_step load_next_entry(FcsTable &table, bool withData) {
 
 } // namespace
 
+malloc_block allocate(size_t size) {
+    malloc_block block(static_cast<uint8_t *>(std::malloc(size)));
+    if (!block) {
+        report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
+    }
+    return block;
+}
+
 bool verifyOrvelTable(const char *label, const _commonDolmTable &table) {
     if (table.size == 0 || table.data != nullptr) {
         return true;
@@ -349,6 +342,19 @@ FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path) 
     const bool has_prefix = std::strncmp(path, path_prefix, path_prefix_length) == 0;
     std::snprintf(full_path, sizeof full_path, "%s%s", has_prefix ? "" : path_prefix, path);
     return find_in_list(*table, full_path);
+}
+
+FcsFileEntry *find_current_value(const char *path) {
+    FcsFileEntry *entry = qoQfsFindFileEntryInTable(FCS_FILE_CURRENT_VALUES, path);
+    if (entry == nullptr) {
+        report_error(IMAGE_TOOLS_FILE_NOT_FOUND);
+        return nullptr;
+    }
+    if (!is_accessible(*entry)) {
+        report_error(IMAGE_TOOLS_NVAR_ACCESS_ERROR);
+        return nullptr;
+    }
+    return entry;
 }
 
 void qoQfsFreeFileEntry(FcsFileEntry *entry) {

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <vector>
 
 #include "FCS.h"
@@ -99,6 +101,14 @@ inline bool is_accessible(const FcsFileEntry &entry) {
     return entry.available != 0 && entry.hidden == 0;
 }
 
+struct free_deleter {
+    void operator()(void *memory) const { std::free(memory); }
+};
+using malloc_block = std::unique_ptr<uint8_t, free_deleter>;
+
+// A block from malloc; null, reported as 324, without memory.
+malloc_block allocate(size_t size);
+
 // Whether an input range is absent or has data; if not, reported with its label, which is short.
 bool verifyOrvelTable(const char *label, const _commonDolmTable &table);
 
@@ -116,6 +126,10 @@ bool qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit)
 // The entry of path in the table of that name, or null; only a null path and an unknown table are
 // reported. A path that does not begin with "/home/" is taken as one below it.
 FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path);
+
+// The entry of path among the current values; null, reported, if there is none or it is not
+// accessible.
+FcsFileEntry *find_current_value(const char *path);
 
 void qoQfsFreeFileEntry(FcsFileEntry *entry);
 

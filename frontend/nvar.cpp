@@ -6,27 +6,6 @@
 #include "frontend/fcs_tables.h"
 #include "frontend/report.h"
 
-namespace {
-
-// The entry of that name; null, and reported, if there is none.
-FcsFileEntry *find_reported(FcsFileName fileName, const char *path) {
-    FcsFileEntry *entry = qoQfsFindFileEntryInTable(fileName, path);
-    if (entry == nullptr) {
-        report_error(IMAGE_TOOLS_FILE_NOT_FOUND);
-    }
-    return entry;
-}
-
-bool check_accessible(const FcsFileEntry &entry) {
-    if (!is_accessible(entry)) {
-        report_error(IMAGE_TOOLS_NVAR_ACCESS_ERROR);
-        return false;
-    }
-    return true;
-}
-
-} // namespace
-
 bool qoqfsCheckNvarExists(const char *path, FcsFileName fileName) {
     if (path == nullptr) {
         report_error(IMAGE_TOOLS_CORRUPTED_BUFFER, "Null NVAR path");
@@ -51,15 +30,17 @@ bool qoQfsNvarGet(const char *path, uint8_t **data, uint32_t *size, FcsFileName 
     }
     *data = nullptr;
     *size = 0;
-    const FcsFileEntry *entry = find_reported(fileName, path);
+    const FcsFileEntry *entry = qoQfsFindFileEntryInTable(fileName, path);
     if (entry == nullptr) {
+        report_error(IMAGE_TOOLS_FILE_NOT_FOUND);
         return false;
     }
     if (entry->data == nullptr && entry->size != 0) {
         report_error(IMAGE_TOOLS_INVALID_DATA_POINTER);
         return false;
     }
-    if (!check_accessible(*entry)) {
+    if (!is_accessible(*entry)) {
+        report_error(IMAGE_TOOLS_NVAR_ACCESS_ERROR);
         return false;
     }
     *data = entry->data;
@@ -82,8 +63,8 @@ bool qoQfsNvarResize(const char *path, uint8_t **data, uint32_t size) {
         report_error(IMAGE_TOOLS_CORRUPTED_BUFFER, "Null New NVAR data");
         return false;
     }
-    FcsFileEntry *entry = find_reported(FCS_FILE_CURRENT_VALUES, path);
-    if (entry == nullptr || !check_accessible(*entry)) {
+    FcsFileEntry *entry = find_current_value(path);
+    if (entry == nullptr) {
         return false;
     }
     if (size == 0) {

@@ -142,7 +142,8 @@ DOLM_EXTERN_C_BEGIN
  * while start-up goes on: a warning of level 2, number 0, names a file that the deployed VFS lacks,
  * whose value stays that of the tables; and a value that the store of the current values refuses is
  * left out of them, after 334 with status. Once the tables are up they stay up when the flash stage
- * fails: end with qoQfsNvarTerm(false). */
+ * fails, and a value whose file could not be read, with all behind it, is that of the tables: end
+ * with qoQfsNvarTerm(false). */
 DOLM_API bool qoQfsDolmInit(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback);
 
 /* Whether AFS is up. */

@@ -173,6 +173,26 @@ TEST_F(FlashStage, StartUpFailures) {
     }
 }
 
+TEST_F(FlashStage, AFileThatCannotBeReadLeavesTheValueOfTheTables) {
+    // One bit flips in a page behind the first, in a file longer than its value and in one as long.
+    for (const size_t size : {size_t{2000}, size_t{100}}) {
+        std::vector<SetFile> files = default_set;
+        files[2].base = std::string(100, 'b');
+        files[2].flash = std::string(size, 'L');
+        FlashSet set(files);
+        const std::string page(36, 'L');
+        const auto place = std::find_end(set.qfs.begin(), set.qfs.end(), page.begin(), page.end());
+        ASSERT_NE(place, set.qfs.end());
+        *place ^= 1;
+        EXPECT_FALSE(set.start());
+        EXPECT_EQ(take_reports(), Reports{"342:"});
+        EXPECT_TRUE(value_of("afs/long") == files[2].base);
+        EXPECT_EQ(value_of("afs/empty"), "") << "pulled before it";
+        ASSERT_TRUE(qoQfsNvarTerm(true));
+        EXPECT_TRUE(value_of("afs/long") == files[2].base);
+    }
+}
+
 // Whatever comes of a start-up past its intake: nothing is left that reads the images of the one
 // before, which the host may have released.
 TEST_F(FlashStage, StartUpTakesTheStoresBeforeOutOfUse) {
