@@ -47,15 +47,15 @@ class AfsBlock : public Block {
     ~AfsBlock() override { device.attach({}); }
 
     void step() override {
+        if (trouble_.faults && random_.one_in(8)) {
+            plan_faults(random_);
+        }
         if (image_.empty() || random_.one_in(trouble_.damage ? 150 : 600)) {
             make_store();
         } else if (!is_mounted_ || random_.one_in(40)) {
             mount();
         }
         const bool cut = trouble_.cuts && random_.one_in(15);
-        if (trouble_.faults && random_.one_in(8)) {
-            plan_faults(random_);
-        }
         if (cut) {
             device.cut_after(random_.skewed(200), random_.skewed(100));
         }
@@ -378,6 +378,7 @@ class AfsBlock : public Block {
             record->operation("afs_sub_pt_read", {{"offset", va}});
             if (record->status(afs_sub_pt_read(&context_, va, 64, page.data())) == 0) {
                 record->bytes(Column::results, "bytes", page);
+                record->status(afs_sub_pt_write(&context_, va, 64, page.data()));
             }
             record->status(afs_sub_pt_trim(&context_, va, 64));
         }

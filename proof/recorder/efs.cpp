@@ -21,15 +21,15 @@ class EfsBlock : public Block {
           damage_(random_.one_in(4)), raw_(random_.one_in(3)), bytes_(0x10001) {}
 
     void step() override {
+        if (faults_ && random_.one_in(8)) {
+            plan_faults(random_);
+        }
         if (image_.empty() || random_.one_in(damage_ ? 150 : 500)) {
             make_store();
         } else if (!is_mounted_ || random_.one_in(40)) {
             mount();
         }
         const bool cut = cuts_ && random_.one_in(12);
-        if (faults_ && random_.one_in(8)) {
-            plan_faults(random_);
-        }
         if (cut) {
             device.cut_after(random_.skewed(40), random_.skewed(block_size));
         }
@@ -173,6 +173,9 @@ class EfsBlock : public Block {
             record->status(EFS_read(0, 0, &length, nullptr));
             record->status(EFS_get_file_size(0, nullptr));
             record->status(EFS_init_tools(nullptr));
+            record->status(EFS_get_file_size(0, &length));
+            record->status(EFS_erase_dirty_block());
+            record->status(EFS_erase_next_BM(0));
             is_mounted_ = false;
             return;
         case 3: {

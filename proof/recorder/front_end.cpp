@@ -8,6 +8,7 @@
 #include "device.h"
 #include "dfs.h"
 #include "inputs.h"
+#include "miniVfs.h"
 #include "qoqfs.h"
 
 namespace recorder {
@@ -214,7 +215,7 @@ class FrontEndBlock : public Block {
 
     void access() {
         const std::string name = any_name();
-        switch (random_.below(6)) {
+        switch (random_.below(8)) {
         case 0:
             record->operation("qoqfsCheckNvarExists");
             record->result("found", qoqfsCheckNvarExists(name.c_str(), any_table()));
@@ -227,6 +228,8 @@ class FrontEndBlock : public Block {
         case 3:
             record->operation("qoQfsNvarGet");
             return get(name, any_table());
+        case 4:
+            return dispatch(name);
         default:
             return resize(name);
         }
@@ -255,6 +258,51 @@ class FrontEndBlock : public Block {
             record->bytes(Column::results, "value", {data, size});
             record->result("writable", writable);
             record->result("limit", limit);
+        }
+    }
+
+    void dispatch(const std::string &name) {
+        uint32_t file = random_.below(50) | (random_.below(4) << 11);
+        record->operation("pathToFileNumber");
+        record->status(pathToFileNumber(name.c_str(), &file));
+        file |= random_.one_in(20) ? 0x10000000 : 0;
+        Bytes bytes(700);
+        random_.fill(bytes);
+        uint32_t size = random_.below(700);
+        const uint32_t offset = random_.one_in(2) ? 0 : random_.below(300);
+        record->operation("dfs", {{"file", file}, {"offset", offset}, {"length", size}});
+        switch (random_.below(12)) {
+        case 0:
+        case 1:
+            record->status(dfs_getsize(file, &size));
+            return record->result("size", size);
+        case 2:
+        case 3:
+            if (record->status(dfs_read(file, offset, &size, bytes.data())) == DFS_OK) {
+                record->bytes(Column::results, "bytes", std::span(bytes).first(size));
+            }
+            return;
+        case 4:
+            record->status(dfs_delete_file(file));
+            return;
+        case 5:
+            record->status(dfs_mark_zombie_file(file));
+            return;
+        case 6:
+            record->status(dfs_force_full_reclaim());
+            record->status(dfs_idle_reclaim_needed());
+            record->status(dfs_idle_reclaim());
+            return;
+        case 7:
+            record->status(dfs_set_page_size(random_.one_in(2) ? 0 : 64));
+            return;
+        case 8:
+            if (record->status(readVfs(name.c_str(), offset, bytes.data(), 100)) == 0) {
+                record->bytes(Column::results, "bytes", std::span(bytes).first(100));
+            }
+            return;
+        default:
+            record->status(dfs_write(file, offset, size, bytes.data(), random_.below(2)));
         }
     }
 
