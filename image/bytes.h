@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace dolm {
@@ -16,13 +17,13 @@ inline void put_le(Bytes &bytes, size_t offset, uint32_t value, size_t width) {
     }
 }
 
-// The 32-bit field at offset; the bytes must exist.
-inline uint32_t get_le32(const Bytes &bytes, size_t offset) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < 4; ++i) {
-        value |= static_cast<uint32_t>(bytes.at(offset + i)) << (8 * i);
-    }
-    return value;
+// Fields at an offset; the bytes must exist.
+inline uint16_t get_le16(std::span<const uint8_t> bytes, size_t offset) {
+    return static_cast<uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
+}
+
+inline uint32_t get_le32(std::span<const uint8_t> bytes, size_t offset) {
+    return get_le16(bytes, offset) | static_cast<uint32_t>(get_le16(bytes, offset + 2)) << 16;
 }
 
 } // namespace dolm

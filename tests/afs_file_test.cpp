@@ -12,10 +12,10 @@
 #include "Afs.h"
 #include "AfsPhysical.h"
 #include "afs/fat_access.h"
-#include "afs_store.h"
+#include "proof/afs_store.h"
 
 using namespace dolm;
-using namespace dolm_test;
+using namespace dolm::proof;
 
 namespace {
 

@@ -1,7 +1,6 @@
 // Every kind of change of an AFS store, cut at every write and erase, two cuts deep.
 #include <algorithm>
 #include <functional>
-#include <iostream>
 #include <optional>
 
 #include <gtest/gtest.h>
@@ -9,11 +8,14 @@
 #include "Afs.h"
 #include "AfsFtl.h"
 #include "afs/ftl_format.h"
-#include "afs_store.h"
 #include "image/afs_image.h"
+#include "power_cut_run.h"
+#include "proof/afs_store.h"
 
 namespace dolm_test {
 namespace {
+
+using namespace dolm::proof;
 
 struct Base {
     Image image;
@@ -214,6 +216,10 @@ struct Case {
     uint32_t cache_lines = dolm::afs_cache_lines;
 };
 
+void PrintTo(const Case &test, std::ostream *out) {
+    *out << test.name;
+}
+
 const Case cases[] = {
     {"writes", 0,
      [](AfsStore &store, Base &) {
@@ -328,20 +334,16 @@ TEST_P(AfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
     ASSERT_EQ(dolm::check_invariants(base.image), std::vector<std::string>{});
     expect_erased_eus(store, base, changes, test.erased_eus);
 
-    PowerCut power_cut(store);
-    power_cut.explore({test.name, base.image, base.files, changes});
-    std::cout << "AFS " << test.name << ": " << power_cut.counts() << std::endl;
+    expect_every_cut_holds("AFS", store, {test.name, base.image, base.files, changes});
 }
 
 // Cuts follow each other without end, over stores that wear and fill up.
 TEST(AfsPowerCutChain, HoldsFromCutToCut) {
     AfsStore store;
-    PowerCut power_cut(store);
-    for (uint64_t seed = 1; seed <= 40; ++seed) {
+    expect_chains_hold("AFS", store, 40, [](uint64_t seed) {
         const Base base = populated(seed % 2 == 0 ? two_log_eus : three_log_eus);
-        power_cut.chain({"chain", base.image, base.files, {}}, seed, 250);
-    }
-    std::cout << "AFS chain: " << power_cut.counts().chained << " cuts\n";
+        return Workload{"chain", base.image, base.files, {}};
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(All, AfsPowerCut, testing::ValuesIn(cases),

@@ -1,16 +1,16 @@
 // Every kind of change of an EFS store, cut at every write and erase, two cuts deep.
 #include <algorithm>
-#include <iostream>
-#include <stdexcept>
 
 #include "efs_fixture.h"
 #include "image/efs_image.h"
-#include "power_cut.h"
+#include "power_cut_run.h"
+#include "proof/efs_store.h"
 
 namespace dolm_test {
 namespace {
 
 constexpr uint32_t block_size = 4096;
+constexpr uint32_t entry_size = 19; // with 7 blocks
 
 // Two files in one block, one over up to three blocks, and one that shares the last of these.
 constexpr uint32_t small_file = 0;
@@ -26,150 +26,49 @@ const dolm::EfsLayout layout{2,
                               {large_file, 1, 0, 10000},
                               {shared_end, 3, 2000, 1000}}};
 
-// Everything that counts is under a checksum, and every target is erased or checked before it is
-// written, so that the format has no limits here.
-class EfsStore : public PowerCutStore {
-  public:
-    explicit EfsStore(uint32_t threshold) {
-        builders::Geometry geometry{.bm_num = layout.bm_num,
-                                    .valid_block_num = layout.valid_blocks,
-                                    .non_valid_block_num = layout.spare_blocks,
-                                    .wear_leveling_threshold = threshold};
-        for (const dolm::EfsPlace &place : layout.files) {
-            const auto word = [](uint32_t value) { return static_cast<uint16_t>(value); };
-            geometry.records.push_back(
-                {word(place.number), word(place.block), word(place.offset), word(place.max_size)});
-        }
-        const builders::Bytes table = builders::FileTable{{}, {geometry}}.build();
-        load_file_table(table.data(), geometry.sku, static_cast<uint32_t>(table.size()));
+void load_layout(uint32_t threshold) {
+    builders::Geometry geometry{.bm_num = layout.bm_num,
+                                .valid_block_num = layout.valid_blocks,
+                                .non_valid_block_num = layout.spare_blocks,
+                                .wear_leveling_threshold = threshold};
+    for (const dolm::EfsPlace &place : layout.files) {
+        const auto word = [](uint32_t value) { return static_cast<uint16_t>(value); };
+        geometry.records.push_back(
+            {word(place.number), word(place.block), word(place.offset), word(place.max_size)});
     }
+    const builders::Bytes table = builders::FileTable{{}, {geometry}}.build();
+    load_file_table(table.data(), geometry.sku, static_cast<uint32_t>(table.size()));
+}
 
-    uint32_t mount(std::span<uint8_t> image) override { return EFS_init_tools(image.data()); }
-    void unmount() override {}
+// The mapping in force again and again, until the next entry would go to that slot.
+Change fill_bm(uint32_t slot) {
+    return {"the filling of the BM",
+            [slot] {
+                uint32_t status = EFS_OK;
+                while (status == EFS_OK &&
+                       efs_ctx.bme_offset + entry_size < 16 + slot * entry_size) {
+                    status = EFS_commit_BME(&efs_ctx.current_bme, 0, 0);
+                }
+                return status;
+            },
+            {}};
+}
 
-    Files read_files() override {
-        Files files;
-        for (const dolm::EfsPlace &place : layout.files) {
-            uint32_t length = place.max_size;
-            std::vector<uint8_t> bytes(length);
-            const uint32_t status = EFS_read(place.number, 0, &length, bytes.data());
-            if (status == EFS_NO_FILE) {
-                continue;
-            }
-            if (status != EFS_OK) {
-                throw std::runtime_error("the read of file " + std::to_string(place.number) +
-                                         " gives " + std::to_string(status));
-            }
-            bytes.resize(length);
-            files.emplace(place.number, std::move(bytes));
-        }
-        return files;
-    }
+// What has become of the image meanwhile, under the store.
+Change damage(uint32_t at) {
+    return {"damage", [at] { return efs_image[at] = 0, EFS_OK; }, {}};
+}
 
-    std::vector<std::string> check(std::span<const uint8_t> image, const Files &files) override {
-        const dolm::EfsImage found = dolm::read_efs_image(image, layout);
-        std::vector<std::string> findings = dolm::efs_damages(found);
-        if (!findings.empty()) {
-            return findings;
-        }
-        for (const dolm::EfsFile &file : found.files) {
-            const auto known = files.find(file.place.number);
-            const bool exists = file.kind == dolm::EfsFile::Kind::contents;
-            if (exists != (known != files.end()) || (exists && known->second != file.contents)) {
-                findings.push_back("the reader finds another file " +
-                                   std::to_string(file.place.number) + " than the store");
-            }
-        }
-        const uint32_t entry_offset = 16 + found.entry_in_force * (layout.data_blocks() + 12);
-        if (found.bm_in_force != efs_ctx.current_bm || entry_offset != efs_ctx.bme_offset ||
-            found.torn_entry != (efs_ctx.bm_switch_pending != 0)) {
-            findings.push_back("the reader finds another entry in force than the store");
-        }
-        return findings;
-    }
-
-    std::vector<Change> further_changes(uint32_t choice, const Files &) override {
-        const uint32_t file = choice / 8 % 4;
-        const Change overwrite = write(file, 1 + choice % 300, choice);
-        const std::vector<Change> sequels[] = {
-            {overwrite},
-            {write(large_file, 9000, choice), overwrite},
-            {write(large_file, choice % 10000, choice), remove(large_file), overwrite},
-            {overwrite, remove(file)},
-            {idle_reclaim(), overwrite},
-            {overwrite, idle_reclaim(), idle_reclaim()},
-            {switch_bm(), overwrite},
-        };
-        return sequels[choice % std::size(sequels)];
-    }
-
-    std::vector<uint32_t> boundaries(const DeviceEvent &event) const override {
-        if (event.kind == DeviceEvent::Kind::erase) {
-            return {4, 12, 16, 20, 35, 2048, 4092};
-        }
-        switch (event.length) {
-        case 4:
-            return {2};
-        case 16: // a header
-            return {2, 4, 8, 12, 14};
-        case 19: // an entry
-            return {2, 4, 7, 11, 15, 17};
-        default: // a data area, with or without footer
-            return {2, 4, 104, 1004, 2004, 4076};
-        }
-    }
-
-    static Change write(uint32_t file, uint32_t length, uint32_t seed) {
-        return {"the write of file " + std::to_string(file),
-                [=] {
-                    const std::vector<uint8_t> bytes = efs_pattern(length + 1, seed);
-                    return EFS_write(file, 0, length, bytes.data());
-                },
-                [=](Files &files) { files[file] = efs_pattern(length, seed); }};
-    }
-    static Change remove(uint32_t file) {
-        return {"the delete of file " + std::to_string(file), [=] { return EFS_delete(file); },
-                [=](Files &files) { files.erase(file); }};
-    }
-    static Change idle_reclaim() { return {"idle reclaim", EFS_idle_reclaim, {}}; }
-    static Change switch_bm() {
-        return {"a BM switch", [] { return EFS_switch_BM(&efs_ctx.current_bme); }, {}};
-    }
-    static Change dirty_erase() {
-        return {"a dirty erase",
-                [] {
-                    const uint32_t status = EFS_scan_for_Data_Blocks_status_and_EC();
-                    return status == EFS_OK ? EFS_erase_dirty_block() : status;
-                },
-                {}};
-    }
-    // The mapping in force again and again, until the next entry would go to that slot.
-    static Change fill_bm(uint32_t slot) {
-        return {"the filling of the BM",
-                [slot] {
-                    uint32_t status = EFS_OK;
-                    while (status == EFS_OK && efs_ctx.bme_offset + 19 < 16 + slot * 19) {
-                        status = EFS_commit_BME(&efs_ctx.current_bme, 0, 0);
-                    }
-                    return status;
-                },
-                {}};
-    }
-    // What has become of the image meanwhile, under the store.
-    static Change damage(uint32_t at) {
-        return {"damage", [at] { return efs_image[at] = 0, EFS_OK; }, {}};
-    }
-    static Change set_erase_count(uint32_t block, uint32_t count) {
-        return {"wear",
-                [=] {
-                    uint8_t *const header = efs_image + (layout.bm_num + block) * block_size;
-                    dolm::store_le32(header, count);
-                    dolm::store_le32(header + 12, EFS_crc32(0, header, 12));
-                    return EFS_OK;
-                },
-                {}};
-    }
-};
+Change set_erase_count(uint32_t block, uint32_t count) {
+    return {"wear",
+            [=] {
+                uint8_t *const header = efs_image + (layout.bm_num + block) * block_size;
+                dolm::store_le32(header, count);
+                dolm::store_le32(header + 12, EFS_crc32(0, header, 12));
+                return EFS_OK;
+            },
+            {}};
+}
 
 using Changes = std::vector<Change>;
 using S = EfsStore;
@@ -182,7 +81,11 @@ struct Case {
 };
 
 constexpr auto write = S::write;
-constexpr uint32_t slots = (4095 - 16) / 19;
+constexpr uint32_t slots = (4095 - 16) / entry_size;
+
+void PrintTo(const Case &test, std::ostream *out) {
+    *out << test.name;
+}
 
 const Case cases[] = {
     {"write_one_block", {}, {write(small_file, 100, 1), write(neighbour, 300, 2)}},
@@ -198,20 +101,20 @@ const Case cases[] = {
      {write(large_file, 9000, 1), write(neighbour, 30, 2), write(small_file, 9, 1)},
      {S::remove(large_file), S::remove(neighbour), write(large_file, 4073, 5)}},
     {"switch_at_slot_limit",
-     {S::fill_bm(slots - 1)},
+     {fill_bm(slots - 1)},
      {write(small_file, 9, 1), write(large_file, 5000, 2)}},
     {"switch_into_used_bm",
-     {S::switch_bm(), write(neighbour, 7, 7), S::fill_bm(slots)},
+     {S::switch_bm(), write(neighbour, 7, 7), fill_bm(slots)},
      {write(small_file, 100, 1), S::switch_bm()}},
     {"switch_after_torn_entry",
-     {write(small_file, 100, 1), write(neighbour, 5, 5), S::damage(16 + 3 * 19)},
+     {write(small_file, 100, 1), write(neighbour, 5, 5), damage(16 + 3 * entry_size)},
      {write(small_file, 200, 2), write(small_file, 300, 2)}},
     {"wear_onto_free",
-     {write(large_file, 100, 1), S::set_erase_count(6, 51)},
+     {write(large_file, 100, 1), set_erase_count(6, 51)},
      {write(small_file, 100, 2)},
      50},
     {"wear_onto_dirty",
-     {write(large_file, 100, 1), S::set_erase_count(1, 80)},
+     {write(large_file, 100, 1), set_erase_count(1, 80)},
      {write(small_file, 100, 2), write(small_file, 90, 3)},
      50},
     {"wear_again_and_again",
@@ -220,10 +123,10 @@ const Case cases[] = {
      0},
     {"dirty_erase", {write(large_file, 9000, 1)}, {S::dirty_erase(), S::dirty_erase()}},
     {"idle_erase_of_next_bm",
-     {S::switch_bm(), S::switch_bm(), write(small_file, 4, 4), S::fill_bm(160)},
+     {S::switch_bm(), S::switch_bm(), write(small_file, 4, 4), fill_bm(160)},
      {S::idle_reclaim(), S::idle_reclaim(), S::switch_bm()}},
     {"repair",
-     {write(small_file, 100, 1), S::damage((2 + 5) * block_size + 12)},
+     {write(small_file, 100, 1), damage((2 + 5) * block_size + 12)},
      {write(small_file, 200, 2)}},
 };
 
@@ -247,25 +150,21 @@ Image formatted(EfsStore &store) {
 class EfsPowerCut : public testing::TestWithParam<Case> {};
 
 TEST_P(EfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
-    EfsStore store(GetParam().threshold);
+    load_layout(GetParam().threshold);
+    EfsStore store(layout);
     Image image = formatted(store);
     Files files;
     run(GetParam().before, files);
-    PowerCut power_cut(store);
-    power_cut.explore({GetParam().name, image, files, GetParam().cut});
-    std::cout << "EFS " << GetParam().name << ": " << power_cut.counts() << "\n";
+    expect_every_cut_holds("EFS", store, {GetParam().name, image, files, GetParam().cut});
 }
 
 // Cuts follow each other without end, over stores that wear.
 TEST(EfsPowerCutChain, HoldsFromCutToCut) {
-    for (const uint32_t threshold : {3u, 100u}) {
-        EfsStore store(threshold);
-        PowerCut power_cut(store);
-        for (uint64_t seed = 1; seed <= 20; ++seed) {
-            power_cut.chain({"chain", formatted(store), {}, {}}, seed, 250);
-        }
-        std::cout << "EFS chain: " << power_cut.counts().chained << " cuts\n";
-    }
+    EfsStore store(layout);
+    expect_chains_hold("EFS", store, 40, [&](uint64_t seed) {
+        load_layout(seed % 2 == 0 ? 3 : 100);
+        return Workload{"chain", formatted(store), {}, {}};
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(All, EfsPowerCut, testing::ValuesIn(cases),
@@ -274,7 +173,8 @@ INSTANTIATE_TEST_SUITE_P(All, EfsPowerCut, testing::ValuesIn(cases),
 // What leaves no store behind: cut anywhere, the old files are whole or nothing mounts, and a
 // format makes a good store of what is left.
 TEST(EfsWipe, EveryCutLeavesTheOldFilesOrNoStore) {
-    EfsStore store(100);
+    load_layout(100);
+    EfsStore store(layout);
     for (const auto wipe : {EFS_erase, EFS_do_format}) {
         Image start = formatted(store);
         Files files;
@@ -309,6 +209,7 @@ TEST(EfsWipe, EveryCutLeavesTheOldFilesOrNoStore) {
             }
         }
         EXPECT_GT(mounted, 5u);
+        count_states(mounted);
     }
 }
 

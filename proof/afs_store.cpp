@@ -1,15 +1,15 @@
-#include "afs_store.h"
+#include "proof/afs_store.h"
 
 #include <algorithm>
 #include <stdexcept>
 
 #include "Afs.h"
 #include "AfsFtl.h"
-#include "afs/ftl_format.h"
-#include "common/little_endian.h"
 #include "image/afs_image.h"
+#include "image/afs_records.h"
+#include "image/bytes.h"
 
-namespace dolm_test {
+namespace dolm::proof {
 namespace {
 
 uint32_t offset_in_eu(const DeviceEvent &event) {
@@ -23,18 +23,17 @@ bool is_write(const DeviceEvent &event) {
 bool are_records(const DeviceEvent &event, uint32_t first_record) {
     const uint32_t offset = offset_in_eu(event);
     return is_write(event) && offset >= first_record &&
-           (offset - first_record) % dolm::page_slot_size == 0 &&
-           event.length % dolm::page_slot_size == 0;
+           (offset - first_record) % afs::record_size == 0 && event.length % afs::record_size == 0;
 }
 
 // A run of pages that goes to the log. Those of a data EU start at other offsets.
 bool are_log_records(const DeviceEvent &event) {
-    return are_records(event, dolm::log_slots_offset);
+    return are_records(event, afs::log_records_offset);
 }
 
 bool could_be_entries(const DeviceEvent &event) {
     const uint32_t offset = offset_in_eu(event);
-    return is_write(event) && offset >= dolm::log_map_offset && offset < dolm::log_slots_offset &&
+    return is_write(event) && offset >= afs::header_size && offset < afs::log_records_offset &&
            offset % 2 == 0 && event.length % 2 == 0;
 }
 
@@ -42,7 +41,8 @@ bool same_log_slot(const DeviceEvent &entries, const DeviceEvent &records) {
     return could_be_entries(entries) && are_log_records(records) &&
            entries.address / AFS_EU_SIZE == records.address / AFS_EU_SIZE &&
            offset_in_eu(records) ==
-               dolm::log_slot_offset((offset_in_eu(entries) - dolm::log_map_offset) / 2);
+               afs::log_records_offset +
+                   (offset_in_eu(entries) - afs::header_size) / 2 * afs::record_size;
 }
 
 void throw_unless_done(uint32_t status, const std::string &what) {
@@ -60,36 +60,34 @@ void expect_equal(Findings &findings, const std::string &what, uint64_t reader, 
     }
 }
 
-void compare_files(Findings &findings, const dolm::AfsImage &image, const Files &files) {
-    Files shown;
-    for (const dolm::AfsFile &file : image.files) {
-        if (file.kind != dolm::AfsFile::Kind::zombie) {
-            shown[file.number] = file.contents;
+Files files_in(const AfsImage &image) {
+    Files files;
+    for (const AfsFile &file : image.files) {
+        if (file.kind != AfsFile::Kind::zombie) {
+            files[file.number] = file.contents;
         }
     }
-    if (shown != files) {
-        findings.push_back("the reader finds other files than the store");
-    }
+    return files;
 }
 
 // Fresh from a mount, the tables of the store say what the reader finds.
-void compare_tables(Findings &findings, const dolm::AfsImage &image, const afs_ftl_state &ftl) {
+void compare_tables(Findings &findings, const AfsImage &image, const afs_ftl_state &ftl) {
     expect_equal(findings, "the spare", image.spare.value_or(AFS_FTL_NONE), ftl.spare_eu);
     expect_equal(findings, "the sequence", image.sequence, ftl.sequence);
     expect_equal(findings, "the head of the log", image.head.value_or(AFS_FTL_NONE), ftl.write_eu);
     const uint32_t next_slot = ftl.head_closed != 0 ? AFS_FTL_EU_PAGES : ftl.write_slot;
     expect_equal(findings, "the slot of the head", image.head_slot, next_slot);
     for (uint32_t i = 0; i < image.eu_count; ++i) {
-        const dolm::AfsEu &eu = image.eus[i];
+        const AfsEu &eu = image.eus[i];
         const afs_eu_info &row = ftl.eu_table[i];
         const std::string name = " of EU " + std::to_string(i);
         expect_equal(findings, "the erase count" + name, eu.erase_count, row.erase_count);
         expect_equal(findings, "the first page" + name, eu.va_base, row.va_base);
-        if (eu.role == dolm::AfsRole::log) {
+        if (eu.role == AfsRole::log) {
             expect_equal(findings, "the dirt" + name, AFS_FTL_EU_PAGES - eu.live, row.dirty_pages);
             expect_equal(findings, "blankness" + name, eu.free == AFS_FTL_EU_PAGES ? 1 : 0,
                          row.free_pages);
-        } else if (eu.role == dolm::AfsRole::data) {
+        } else if (eu.role == AfsRole::data) {
             expect_equal(findings, "the dirt" + name, AFS_DATA_EU_PAGES - eu.live, row.dirty_pages);
             expect_equal(findings, "the free slots" + name, eu.free, row.free_pages);
         }
@@ -136,10 +134,16 @@ Files AfsStore::read_files() {
     return files;
 }
 
+Files AfsStore::files_on(std::span<const uint8_t> image) const {
+    return files_in(read_afs_image(image));
+}
+
 std::vector<std::string> AfsStore::check(std::span<const uint8_t> image, const Files &files) {
-    const dolm::AfsImage found = dolm::read_afs_image(image);
-    Findings findings = dolm::check_invariants(found);
-    compare_files(findings, found, files);
+    const AfsImage found = read_afs_image(image);
+    Findings findings = check_invariants(found);
+    if (files_in(found) != files) {
+        findings.push_back("the reader finds other files than the store");
+    }
     compare_tables(findings, found, ftl());
     return findings;
 }
@@ -177,16 +181,16 @@ std::vector<uint32_t> AfsStore::boundaries(const DeviceEvent &event) const {
     if (event.kind == DeviceEvent::Kind::erase) {
         // The fields at the head of an EU lie in its lower block.
         if (offset == 0) {
-            return {4, 8, 17, 18, dolm::data_slots_offset, dolm::log_slots_offset, 2048};
+            return {4, 8, 17, 18, afs::data_records_offset, afs::log_records_offset, 2048};
         }
-        return {dolm::page_slot_size, 2048};
+        return {afs::record_size, 2048};
     }
     if (offset == 0) {
         return {4, 8, 12, 14, 16};
     }
     std::vector<uint32_t> result;
-    if (are_log_records(event) || are_records(event, dolm::data_slots_offset)) {
-        for (uint32_t at = 0; at < event.length; at += dolm::page_slot_size) {
+    if (are_log_records(event) || are_records(event, afs::data_records_offset)) {
+        for (uint32_t at = 0; at < event.length; at += afs::record_size) {
             result.insert(result.end(), {at, at + AFS_PAGE_SIZE});
         }
         return result;
@@ -203,9 +207,10 @@ std::vector<std::vector<uint8_t>> AfsStore::torn_values(const DeviceEvent &event
     if (!gives_up) {
         return {};
     }
-    std::vector<std::vector<uint8_t>> magics(2, std::vector<uint8_t>(4));
-    dolm::store_le32(magics[0].data(), dolm::eu_magic_alt);
-    dolm::store_le32(magics[1].data(), dolm::eu_magic_partial);
+    std::vector<std::vector<uint8_t>> magics;
+    for (const uint32_t magic : {afs::magic_alternative, afs::magic_partial}) {
+        put_le(magics.emplace_back(4), 0, magic, 4);
+    }
     return magics;
 }
 
@@ -215,16 +220,15 @@ std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const
     if (tear.kind == Tear::Kind::whole || !is_write(event)) {
         return "";
     }
-    if (offset_in_eu(event) == 0 && event.length == dolm::eu_header_written_size &&
-        dolm::eu_header_is_valid(&torn_image[event.address])) {
+    if (offset_in_eu(event) == 0 && event.length == afs::state_offset &&
+        afs::judge_header(&torn_image[event.address]).state != afs::HeaderState::invalid) {
         return "a torn header passes its checksum";
     }
     // Each entry of a run commits the page before it. Entries have no checksum of their own, so
     // that a later one which landed before an earlier one leads astray. Only where nothing of the
     // first one stands behind a commit mark, the log still shows its end.
     const bool run = k > 0 && same_log_slot(event, events[k - 1]) && event.length > 2;
-    const bool mark_stands =
-        dolm::load_le16(&torn_image[event.address]) == dolm::log_entry_commit_mark;
+    const bool mark_stands = get_le16(torn_image, event.address) == afs::entry_commit_mark;
     if (run && tear.kind != Tear::Kind::prefix && !mark_stands) {
         return "entries of a run landed out of order";
     }
@@ -303,25 +307,4 @@ Change AfsStore::reclaim(uint32_t eu) {
     });
 }
 
-void run_changes(AfsStore &store, Image &image, Files &files, const std::vector<Change> &changes) {
-    throw_unless_done(store.mount(image), "the mount");
-    for (const Change &change : changes) {
-        throw_unless_done(change.run(), change.name);
-        if (change.effect) {
-            change.effect(files);
-        }
-    }
-    store.unmount();
-}
-
-std::vector<uint8_t> pattern(uint32_t seed, uint32_t length) {
-    std::vector<uint8_t> bytes(length);
-    uint32_t state = seed * 2654435761U + 12345;
-    for (uint8_t &byte : bytes) {
-        state = state * 1664525U + 1013904223U;
-        byte = static_cast<uint8_t>(state >> 24);
-    }
-    return bytes;
-}
-
-} // namespace dolm_test
+} // namespace dolm::proof

@@ -1,22 +1,22 @@
-// AFS under the power-cut harness.
+// AFS for the proofs.
 #pragma once
 
-#include <memory>
 #include <optional>
 
-#include "power_cut.h"
 #include "proof/afs_build.h"
+#include "proof/flash_store.h"
 
-namespace dolm_test {
+namespace dolm::proof {
 
-class AfsStore : public PowerCutStore {
+class AfsStore : public FlashStore {
   public:
     // A page cache of few lines has to write pages back in the middle of a change.
-    explicit AfsStore(uint32_t cache_lines = dolm::afs_cache_lines) : cache_lines_(cache_lines) {}
+    explicit AfsStore(uint32_t cache_lines = afs_cache_lines) : cache_lines_(cache_lines) {}
 
     uint32_t mount(std::span<uint8_t> image) override;
     void unmount() override { mount_.reset(); }
     Files read_files() override;
+    Files files_on(std::span<const uint8_t> image) const override;
     std::vector<std::string> check(std::span<const uint8_t> image, const Files &files) override;
     std::vector<Change> further_changes(uint32_t choice, const Files &files) override;
     std::vector<uint32_t> boundaries(const DeviceEvent &event) const override;
@@ -42,14 +42,7 @@ class AfsStore : public PowerCutStore {
 
   private:
     uint32_t cache_lines_;
-    std::optional<dolm::AfsMount> mount_;
+    std::optional<AfsMount> mount_;
 };
 
-// Runs changes on an image without a look at what they leave. Throws std::runtime_error if one
-// fails.
-void run_changes(AfsStore &store, Image &image, Files &files, const std::vector<Change> &changes);
-
-// Bytes that differ from file to file and from place to place.
-std::vector<uint8_t> pattern(uint32_t seed, uint32_t length);
-
-} // namespace dolm_test
+} // namespace dolm::proof

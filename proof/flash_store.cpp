@@ -1,0 +1,42 @@
+#include "proof/flash_store.h"
+
+#include <stdexcept>
+
+namespace dolm::proof {
+namespace {
+
+void throw_unless_done(uint32_t status, const std::string &what) {
+    if (status != 0) {
+        throw std::runtime_error(what + " gives " + std::to_string(status));
+    }
+}
+
+} // namespace
+
+std::string Tear::name() const {
+    return static_cast<char>(kind) + std::to_string(at);
+}
+
+void run_changes(FlashStore &store, Image &image, Files &files,
+                 const std::vector<Change> &changes) {
+    throw_unless_done(store.mount(image), "the mount");
+    for (const Change &change : changes) {
+        throw_unless_done(change.run(), change.name);
+        if (change.effect) {
+            change.effect(files);
+        }
+    }
+    store.unmount();
+}
+
+std::vector<uint8_t> pattern(uint32_t seed, uint32_t length) {
+    std::vector<uint8_t> bytes(length);
+    uint32_t state = seed * 2654435761U + 12345;
+    for (uint8_t &byte : bytes) {
+        state = state * 1664525U + 1013904223U;
+        byte = static_cast<uint8_t>(state >> 24);
+    }
+    return bytes;
+}
+
+} // namespace dolm::proof

@@ -1,0 +1,525 @@
+#include "proof/power_cut.h"
+
+#include <algorithm>
+#include <ostream>
+#include <set>
+#include <stdexcept>
+#include <unordered_set>
+#include <utility>
+
+#include "proof/hash.h"
+#include "proof/tears.h"
+
+namespace dolm::proof {
+namespace {
+
+constexpr unsigned max_level = 2;
+constexpr size_t max_kept_failures = 20;
+
+// A state that does not hold what was promised.
+class Broken : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Worse: the store went outside its image, or wrote what no flash can take.
+class Undisciplined : public Broken {
+  public:
+    using Broken::Broken;
+};
+
+uint64_t hash_files(uint64_t hash, const Files &files) {
+    for (const auto &[number, contents] : files) {
+        hash = hash_bytes(mix(mix(hash, number), contents.size()), contents);
+    }
+    return hash;
+}
+
+const std::vector<uint8_t> *find(const Files &files, uint32_t number) {
+    const auto file = files.find(number);
+    return file == files.end() ? nullptr : &file->second;
+}
+
+bool same(const Files &a, const Files &b, uint32_t number) {
+    const auto *in_a = find(a, number);
+    const auto *in_b = find(b, number);
+    return in_a == nullptr || in_b == nullptr ? in_a == in_b : *in_a == *in_b;
+}
+
+std::set<uint32_t> numbers_in(std::initializer_list<const Files *> all) {
+    std::set<uint32_t> numbers;
+    for (const Files *files : all) {
+        for (const auto &file : *files) {
+            numbers.insert(file.first);
+        }
+    }
+    return numbers;
+}
+
+std::string describe(const Files &shown, const Files &before, const Files &after) {
+    const auto text = [](const Files &files, uint32_t number) {
+        const auto *contents = find(files, number);
+        return contents != nullptr ? std::to_string(contents->size()) + " bytes"
+                                   : std::string("none");
+    };
+    std::string result = "files that are neither the old nor the new ones:";
+    for (const uint32_t number : numbers_in({&shown, &before, &after})) {
+        if (!same(shown, before, number) || !same(shown, after, number)) {
+            result += " file " + std::to_string(number) + " is " + text(shown, number) + ", was " +
+                      text(before, number) + ", becomes " + text(after, number) + ";";
+        }
+    }
+    return result;
+}
+
+// Leaves the store and the device free, however a run ends.
+class Session {
+  public:
+    Session(FlashStore &store, Image &image) : store_(store) {
+        DeviceDouble::instance().attach(image);
+    }
+    ~Session() {
+        store_.unmount();
+        DeviceDouble::instance().detach();
+    }
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+  private:
+    FlashStore &store_;
+};
+
+void mount(FlashStore &store, Image &image, const char *which) {
+    store.unmount();
+    if (const uint32_t status = store.mount(image); status != 0) {
+        throw Broken(std::string(which) + " fails with " + std::to_string(status));
+    }
+}
+
+void expect_sound(FlashStore &store, const Image &image, const Files &files, const char *when) {
+    if (const Files shown = store.read_files(); shown != files) {
+        throw Broken(std::string(when) + " shows " + describe(shown, files, files));
+    }
+    if (const auto broken = store.check(image, files); !broken.empty()) {
+        throw Broken(std::string(when) + " leaves " + broken.front());
+    }
+}
+
+// Returns whether unclaimed bytes were written over.
+bool expect_discipline(bool unclaimed_bytes) {
+    const DeviceDouble &device = DeviceDouble::instance();
+    if (!device.out_of_range().empty()) {
+        throw Undisciplined("outside the image: " + device.out_of_range().front());
+    }
+    if (device.breaches().empty()) {
+        return false;
+    }
+    if (!unclaimed_bytes) {
+        const DisciplineBreach &breach = device.breaches().front();
+        throw Undisciplined("a write of " + std::to_string(breach.event.length) + " bytes at " +
+                            std::to_string(breach.event.address) + " sets bits at " +
+                            std::to_string(breach.address) + " that only an erase can set");
+    }
+    return true;
+}
+
+// Picks about `wanted` of `total` things, evenly, from a place on that differs with the seed.
+class Sample {
+  public:
+    Sample(uint64_t wanted, uint64_t total, uint64_t seed)
+        : wanted_(std::min(wanted, total)), total_(total), at_(total == 0 ? 0 : seed % total) {}
+
+    bool takes_next() {
+        const uint64_t at = at_;
+        at_ = (at_ + 1) % total_;
+        return at * wanted_ / total_ != (at + 1) * wanted_ / total_;
+    }
+
+  private:
+    uint64_t wanted_;
+    uint64_t total_;
+    uint64_t at_;
+};
+
+// The writes that lead from some files to others.
+struct Segment {
+    size_t end = 0; // index behind its last event
+    Files before;
+    Files after;
+    bool is_mount = false; // acknowledges nothing
+};
+
+struct Recording {
+    Files files_at_mount;
+    std::vector<DeviceEvent> events;
+    std::vector<Segment> segments;
+};
+
+// What is known of a state before it is mounted.
+struct State {
+    std::string id;
+    const Files *before = nullptr;
+    const Files *after = nullptr;
+    std::string limit; // of the format, empty for none
+    bool unclaimed_bytes = false;
+};
+
+// What a cut may throw the store back to. Once the last write of a change has landed, the change is
+// acknowledged before anything else is written: then only the new files will do.
+const Files &oldest_allowed(const Segment &segment, size_t k, const Tear &tear) {
+    const bool acknowledged =
+        !segment.is_mount && tear.kind == Tear::Kind::whole && k + 1 == segment.end;
+    return acknowledged ? segment.after : segment.before;
+}
+
+// Cuts a change of many files where an independent reader sees one of them become another. Returns
+// what it sees before the rest.
+Files cut_into_files(Recording &recording, const FlashStore &store, Image image,
+                     const std::vector<DeviceEvent> &log, const Files &after) {
+    const Files before = store.files_on(image);
+    Files shown = before;
+    for (size_t k = recording.segments.back().end; k < log.size(); ++k) {
+        apply(image, log[k]);
+        Files now = store.files_on(image);
+        if (now == shown) {
+            continue;
+        }
+        for (const uint32_t number : numbers_in({&now, &before, &after})) {
+            if (!same(now, before, number) && !same(now, after, number)) {
+                throw Broken("write " + std::to_string(k) + " leaves " +
+                             describe(now, before, after));
+            }
+        }
+        recording.segments.push_back({k + 1, std::move(shown), now});
+        shown = std::move(now);
+    }
+    return shown;
+}
+
+class Explorer {
+  public:
+    Explorer(FlashStore &store, Choice choice, OnProgress on_progress)
+        : store_(store), choice_(std::move(choice)), on_progress_(std::move(on_progress)) {}
+
+    Findings explore(const Workload &workload);
+    Findings chain(const Workload &workload, uint64_t seed, unsigned cuts);
+
+  private:
+    using Changes = std::function<std::vector<Change>(const Files &)>;
+
+    Recording run_and_check(Image &image, const State &state, const Changes &changes);
+    void cut_everywhere(const Image &start, const Recording &recording, const State &parent,
+                        unsigned level);
+    bool cut_somewhere(Image &image, const Recording &recording, State &state, Files &before,
+                       Files &after, uint64_t random) const;
+    void visit(const Image &image, const State &state, unsigned level);
+    uint64_t count_tears(const Recording &recording) const;
+    uint64_t share_of_second_cuts() const;
+    bool leads_to_replay(const std::string &id) const;
+    bool is_new(uint64_t hash, unsigned level);
+    void expect_visits() const;
+    void note_workload(const Recording &recording);
+    void note_sound(const State &state, const Files &files, unsigned level);
+    void note_progress(unsigned level);
+    void fail(const State &state, const std::string &reason, const Image &image);
+
+    FlashStore &store_;
+    const Choice choice_;
+    const OnProgress on_progress_;
+    Findings findings_;
+    std::unordered_set<uint64_t> visited_[max_level + 1]; // states of each level
+    uint64_t first_cuts_ = 0;                             // to be made
+    uint64_t first_cuts_made_ = 0;
+    uint64_t sound_[max_level + 1] = {};
+    std::set<uint32_t> changed_files_; // those that the workload changes
+    Files new_files_;                  // what it leaves
+};
+
+Findings Explorer::explore(const Workload &workload) {
+    const State start{workload.name, &workload.files, &workload.files, "", false};
+    Image image = workload.start;
+    try {
+        const Recording recording =
+            run_and_check(image, start, [&](const Files &) { return workload.changes; });
+        note_workload(recording);
+        cut_everywhere(workload.start, recording, start, 1);
+        expect_visits();
+    } catch (const std::runtime_error &error) {
+        fail(start, error.what(), workload.start);
+    }
+    return std::move(findings_);
+}
+
+void Explorer::expect_visits() const {
+    if (findings_.failed != 0) {
+        return;
+    }
+    if (!choice_.replay.empty() && !findings_.replayed) {
+        throw Broken("there is no state " + choice_.replay);
+    }
+    if (findings_.states() + findings_.chained == 0) {
+        throw Broken("there is no state to visit");
+    }
+}
+
+// Mounts an image, holds it against what may be there, goes on with some changes and looks again.
+Recording Explorer::run_and_check(Image &image, const State &state, const Changes &changes) {
+    const Session session(store_, image);
+    std::vector<DeviceEvent> &log = DeviceDouble::instance().log();
+    Recording recording;
+
+    mount(store_, image, "the mount");
+    Files files = store_.read_files();
+    if (files != *state.before && files != *state.after) {
+        throw Broken("the mount shows " + describe(files, *state.before, *state.after));
+    }
+    expect_sound(store_, image, files, "the mount");
+    mount(store_, image, "the second mount");
+    expect_sound(store_, image, files, "the second mount");
+    recording.files_at_mount = files;
+    recording.segments.push_back({log.size(), *state.before, *state.after, true});
+
+    for (const Change &change : changes(files)) {
+        Image image_before = change.file_by_file ? image : Image();
+        Files before = files;
+        if (const uint32_t status = change.run(); status != 0) {
+            throw Broken(change.name + " fails with " + std::to_string(status));
+        }
+        if (change.effect) {
+            change.effect(files);
+        }
+        if (change.file_by_file) {
+            before = cut_into_files(recording, store_, std::move(image_before), log, files);
+        }
+        recording.segments.push_back({log.size(), std::move(before), files});
+    }
+    expect_sound(store_, image, files, "the store after its changes");
+    mount(store_, image, "the mount after the changes");
+    expect_sound(store_, image, files, "the mount after the changes");
+    recording.segments.push_back({log.size(), files, files});
+
+    findings_.rewrites += expect_discipline(state.unclaimed_bytes) ? 1 : 0;
+    recording.events = std::move(log);
+    return recording;
+}
+
+void Explorer::note_workload(const Recording &recording) {
+    for (const DeviceEvent &event : recording.events) {
+        const bool is_write = event.kind == DeviceEvent::Kind::write;
+        ++(is_write ? findings_.writes : findings_.erases);
+        findings_.bytes += is_write ? event.length : 0;
+    }
+    const Files &before = recording.files_at_mount;
+    const Files &after = recording.segments.back().after;
+    for (const uint32_t number : numbers_in({&before, &after})) {
+        if (!same(before, after, number)) {
+            changed_files_.insert(number);
+        }
+    }
+    new_files_ = after;
+    findings_.changed_files = changed_files_.size();
+    first_cuts_ = choice_.replay.empty() ? std::min(choice_.first, count_tears(recording)) : 1;
+}
+
+void Explorer::cut_everywhere(const Image &start, const Recording &recording, const State &parent,
+                              unsigned level) {
+    Sample sample(level == 1 ? first_cuts_ : share_of_second_cuts(), count_tears(recording),
+                  level == 1 ? 0 : hash_text(parent.id));
+    Image before = start;
+    auto segment = recording.segments.begin();
+    for (size_t k = 0; k < recording.events.size(); ++k) {
+        while (k >= segment->end) {
+            ++segment;
+        }
+        const DeviceEvent &event = recording.events[k];
+        for (const Tear &tear : tears_of(store_, event)) {
+            State state{parent.id + "/" + std::to_string(k) + tear.name(),
+                        &oldest_allowed(*segment, k, tear), &segment->after, "",
+                        parent.unclaimed_bytes};
+            const bool taken = sample.takes_next();
+            if (choice_.replay.empty() ? !taken : !leads_to_replay(state.id)) {
+                continue;
+            }
+            const Image image = torn(store_, before, event, tear);
+            state.limit = store_.limit(recording.events, k, tear, image);
+            state.unclaimed_bytes =
+                state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);
+            const uint64_t oracle = hash_files(hash_files(hash_start, *state.before), *state.after);
+            if (is_new(mix(hash_bytes(oracle, image), state.limit.size()), level)) {
+                visit(image, state, level);
+            }
+            note_progress(level);
+        }
+        apply(before, event);
+    }
+}
+
+uint64_t Explorer::count_tears(const Recording &recording) const {
+    uint64_t count = 0;
+    for (const DeviceEvent &event : recording.events) {
+        count += tears_of(store_, event).size();
+    }
+    return count;
+}
+
+// Of the second cuts, behind the first cut under way.
+uint64_t Explorer::share_of_second_cuts() const {
+    const uint64_t each = choice_.second / first_cuts_;
+    return each + (first_cuts_made_ < choice_.second % first_cuts_ ? 1 : 0);
+}
+
+bool Explorer::leads_to_replay(const std::string &id) const {
+    return choice_.replay == id || choice_.replay.starts_with(id + "/");
+}
+
+// A state counts once, but is visited again with fewer cuts behind it: from there it goes further.
+bool Explorer::is_new(uint64_t hash, unsigned level) {
+    if (!visited_[level].insert(hash).second) {
+        return false;
+    }
+    const auto others = level == 1 ? 2 : 1;
+    if (!visited_[others].contains(hash)) {
+        ++(level == 1 ? findings_.first_level : findings_.second_level);
+        return true;
+    }
+    return level == 1;
+}
+
+void Explorer::visit(const Image &image, const State &state, unsigned level) {
+    if (!state.limit.empty()) {
+        ++findings_.at_limit[state.limit].states;
+    }
+    if (state.id == choice_.replay) {
+        findings_.replayed = image;
+    }
+    Image work = image;
+    try {
+        const auto choice = static_cast<uint32_t>(hash_text(state.id) >> 16);
+        const Recording recording = run_and_check(
+            work, state, [&](const Files &files) { return store_.further_changes(choice, files); });
+        note_sound(state, recording.files_at_mount, level);
+        if (level < max_level && state.limit.empty() && choice_.second != 0) {
+            cut_everywhere(image, recording, state, level + 1);
+        }
+    } catch (const Undisciplined &error) {
+        fail(state, error.what(), image);
+    } catch (const std::runtime_error &error) {
+        if (state.limit.empty()) {
+            fail(state, error.what(), image);
+        } else {
+            ++findings_.at_limit[state.limit].lost;
+        }
+    }
+}
+
+void Explorer::note_sound(const State &state, const Files &files, unsigned level) {
+    if (!state.limit.empty()) {
+        return;
+    }
+    if (level == 1) {
+        const auto is_old = [&](uint32_t number) { return !same(files, new_files_, number); };
+        ++findings_.states_by_old_files[static_cast<uint64_t>(
+            std::count_if(changed_files_.begin(), changed_files_.end(), is_old))];
+    }
+    // The 1st, the 10th, the 100th ...
+    const uint64_t count = ++sound_[level];
+    const auto digits = std::to_string(count);
+    if (digits.find_first_not_of('0', 1) == digits.npos && digits[0] == '1') {
+        findings_.examples.push_back(state.id);
+    }
+}
+
+void Explorer::note_progress(unsigned level) {
+    if (level == 1) {
+        ++first_cuts_made_;
+        if (on_progress_) {
+            on_progress_(first_cuts_made_, first_cuts_);
+        }
+    }
+}
+
+void Explorer::fail(const State &state, const std::string &reason, const Image &image) {
+    if (++findings_.failed <= max_kept_failures) {
+        findings_.failures.push_back({state.id, reason, image});
+    }
+}
+
+Findings Explorer::chain(const Workload &workload, uint64_t seed, unsigned cuts) {
+    const std::string name = workload.name + "." + std::to_string(seed);
+    Image image = workload.start;
+    Files before = workload.files;
+    Files after = workload.files;
+    State state{"", &before, &after, "", false};
+    uint64_t random = mix(hash_start, seed);
+    for (unsigned step = 0; step < cuts && findings_.failed == 0; ++step) {
+        state.id = name + "/" + std::to_string(step);
+        Image work = image;
+        try {
+            random = mix(random, step);
+            const auto choice = static_cast<uint32_t>(random >> 16);
+            const Recording recording = run_and_check(work, state, [&](const Files &files) {
+                return store_.further_changes(choice, files);
+            });
+            random = mix(random, step);
+            if (!cut_somewhere(image, recording, state, before, after, random >> 8)) {
+                image = work;
+                before = after = recording.segments.back().after;
+            }
+            ++findings_.chained;
+        } catch (const std::runtime_error &error) {
+            fail(state, error.what(), image);
+        }
+    }
+    expect_visits();
+    return std::move(findings_);
+}
+
+// False if the cut that was drawn is one that the format cannot stand, or there was nothing to cut.
+bool Explorer::cut_somewhere(Image &image, const Recording &recording, State &state, Files &before,
+                             Files &after, uint64_t random) const {
+    if (recording.events.empty()) {
+        return false;
+    }
+    const size_t k = random % recording.events.size();
+    const DeviceEvent &event = recording.events[k];
+    const std::vector<Tear> all = tears_of(store_, event);
+    const Tear tear = all[(random >> 24) % all.size()];
+    Image reached = image;
+    for (size_t i = 0; i < k; ++i) {
+        apply(reached, recording.events[i]);
+    }
+    reached = torn(store_, reached, event, tear);
+    if (!store_.limit(recording.events, k, tear, reached).empty()) {
+        return false;
+    }
+    const auto segment = std::find_if(recording.segments.begin(), recording.segments.end(),
+                                      [k](const Segment &candidate) { return k < candidate.end; });
+    image = std::move(reached);
+    before = oldest_allowed(*segment, k, tear);
+    after = segment->after;
+    state.unclaimed_bytes =
+        state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);
+    return true;
+}
+
+} // namespace
+
+Findings explore(FlashStore &store, const Workload &workload, const Choice &choice,
+                 const OnProgress &on_progress) {
+    return Explorer(store, choice, on_progress).explore(workload);
+}
+
+Findings chain(FlashStore &store, const Workload &workload, uint64_t seed, unsigned cuts) {
+    return Explorer(store, Choice{}, {}).chain(workload, seed, cuts);
+}
+
+std::ostream &operator<<(std::ostream &out, const Findings &findings) {
+    out << findings.states() << " states, " << findings.first_level << " after one cut and "
+        << findings.second_level << " after two";
+    for (const auto &[limit, found] : findings.at_limit) {
+        out << "; " << limit << ": " << found.states << ", lost " << found.lost;
+    }
+    return out << "; unclaimed bytes written over: " << findings.rewrites;
+}
+
+} // namespace dolm::proof
