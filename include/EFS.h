@@ -6,8 +6,9 @@
 // the old mapping, and so every old file, is in force.
 //
 // V, N and E stand for g_efs_valid_block_num, g_efs_non_valid_block_num and V + N + 12, the size
-// of a BME. A physical code is a non-zero result of the device functions (EFS_phy_win32.h). No
-// function may be called while another is under way.
+// of a BME. A physical code is a failure of the device functions (EFS_phy_win32.h), EFS_INVALID as
+// long as no other device stands in their place. No function may be called while another is under
+// way.
 //
 // Every function that works on a mounted store returns EFS_NOT_MOUNTED if the store is not
 // mounted, and also if the geometry variables have changed since the mount.
@@ -90,32 +91,35 @@ DOLM_API uint32_t EFS_crc32(uint32_t seed, const void *data, uint32_t length);
 
 // Mounts the host's image in place. `image` must hold EFS_get_efs_size() bytes and stay valid while
 // the store is in use; the library never frees it. Nothing is written. Results as EFS_init(0), and
-// 22 for a null image.
+// EFS_INVALID for a null image.
 DOLM_API uint32_t EFS_init_tools(void *image);
 
 // Mounts the store on efs_image; with `format` not 0, on a new, freshly formatted image of the
 // library's own. A store that was mounted is dropped first, with its arrays.
-//   0   mounted
-//   1   no geometry loaded, or no image
-//   12  no memory
-//   41  no usable BM or BME, an image of another geometry, or geometry variables that no image
-//       can have (each count at most 255, V + N from 2 to 256)
-//   99 or a physical code, from the format
+//   EFS_OK          mounted
+//   EFS_NOT_MOUNTED no geometry loaded, or no image
+//   EFS_NO_MEMORY
+//   EFS_BAD_DATA    no usable BM or BME, an image of another geometry, or geometry variables that
+//                   no image can have (each count at most 255, V + N from 2 to 256)
+//   or a physical code; with format also what EFS_do_format gives
 // After a failure the store is not mounted; without format the image is untouched, and it is held
 // with the size of EFS_get_efs_size().
 DOLM_API uint32_t EFS_init(uint8_t format);
 
 // Formats the image: every block erased, erase counts 1, an empty record for each file of the list.
 // A mount must follow. EFS_init must have been called before, whatever its result.
-//   0, or 1 if no geometry is loaded, 12 without memory, 41 if a write fails its verification, 99
-//   if a file's offset exceeds 4072, or a physical code. A failed format leaves no BM header, so
-//   the image does not mount.
+//   EFS_OK
+//   EFS_NOT_MOUNTED      no geometry is loaded, or it has changed under a mounted store
+//   EFS_NO_MEMORY
+//   EFS_BAD_DATA         a write failed its verification, or no image can have this geometry
+//   EFS_BAD_FILE_OFFSET  a file's offset exceeds 4072
+//   or a physical code. A failed format leaves no BM header, so the image does not mount.
 DOLM_API uint32_t EFS_do_format(void);
 
 // Finds the erase count of every block and the state of every spare, and repairs the one spare that
 // may have been caught in an erase. EFS_write, EFS_delete and EFS_idle_reclaim call it when needed.
-//   0, 1 if not mounted, 41 for a valid block or more than one spare without a good header, or a
-//   physical code; scan_done is set only by success.
+// EFS_OK, EFS_BAD_DATA for a valid block or more than one spare without a good header, or a
+// physical code; scan_done is set only by success.
 DOLM_API uint32_t EFS_scan_for_Data_Blocks_status_and_EC(void);
 
 // Bytes of an image of the geometry in force now: all blocks times 4096.
@@ -126,95 +130,103 @@ DOLM_API uint8_t EFS_is_initialized(void);
 
 // ---- Files: `file` is a slot of EFS_files ----
 //
-// All four return 1 if not mounted and 22 for a slot that is too high, not present or placed beyond
-// offset 4072, or for a null pointer. 41 is data that failed its checksums in all read attempts.
+// All four return EFS_NOT_MOUNTED, and EFS_INVALID for a slot that is too high, not present or
+// placed beyond offset 4072, or for a null pointer. EFS_BAD_DATA is data that failed its checksums
+// in all read attempts. Any of them may also return a physical code.
 
 // Stores the file's length in bytes in *size_out.
-// 0, 1, 2 if there is no such file, 22, 41 (also for a length above max_size), or a physical code.
+// EFS_OK, EFS_NO_FILE, or EFS_BAD_DATA, also for a length above max_size.
 DOLM_API uint32_t EFS_get_file_size(uint32_t file, uint32_t *size_out);
 
 // Reads *length bytes from byte `offset` on into `buffer`; *length becomes the number delivered,
 // which is less where the file ends, and 0 after every failure. Writes nothing to the image.
-// 0, 1, 2 if there is no such file, 22 (also if offset + *length overflows), 34 if `offset` is
-// beyond the end, 41 (also for a file that runs past the last block), or a physical code.
+// EFS_OK, EFS_NO_FILE, EFS_INVALID also if offset + *length overflows, EFS_OUT_OF_RANGE if `offset`
+// is beyond the end, or EFS_BAD_DATA, also for a file that runs past the last block.
 DOLM_API uint32_t EFS_read(uint32_t file, uint32_t offset, uint32_t *length, void *buffer);
 
 // Replaces the whole content of the file by `length` bytes of `data`. `offset` must be 0.
-//   0   done: the new content is in force
-//   1, 12, 41 or a physical code
-//   5   the store would have to switch BM and its sequence is exhausted
-//   22  also for a file that runs past the last logical block
-//   28  the file takes more blocks than the store has spares
-//   34  `length` is above max_size, or 0xFFFF
+//   EFS_OK                 done: the new content is in force
+//   EFS_SEQUENCE_EXHAUSTED the store would have to switch BM and cannot
+//   EFS_NO_MEMORY
+//   EFS_INVALID            also for a file that runs past the last logical block
+//   EFS_NO_SPACE           the file takes more blocks than the store has spares
+//   EFS_OUT_OF_RANGE       `length` is above max_size, or 0xFFFF
+//   EFS_BAD_DATA           also if a write fails its verification
 // After a failure the old content is in force, whole; spares may have been spent or erased.
 DOLM_API uint32_t EFS_write(uint32_t file, uint32_t offset, uint32_t length, const void *data);
 
-// Makes the file absent. 0, 1, 2 if it is so already, 5, 12, 22, 28 without any spare, 41 or a
-// physical code. After a failure the file is in force as before.
+// Makes the file absent. EFS_OK, EFS_NO_FILE if it is so already, EFS_NO_SPACE without any spare,
+// or EFS_SEQUENCE_EXHAUSTED, EFS_NO_MEMORY, EFS_INVALID or EFS_BAD_DATA as for a write. After a
+// failure the file is in force as before.
 DOLM_API uint32_t EFS_delete(uint32_t file);
 
 // ---- Wear levelling and idle work ----
 
 // If the most worn spare is ahead of the least worn valid block by g_efs_wear_leveling_threshold or
 // more, moves that block's data onto that spare: at most one move. Needs scan_done. aux0 and aux1
-// go to EFS_commit_BME. 0 also if there was nothing to do; 1, 5, 12, 41 or a physical code.
+// go to EFS_commit_BME. EFS_OK also if there was nothing to do; otherwise its results.
 DOLM_API uint32_t EFS_wear_leveling(uint32_t aux0, uint32_t aux1);
 
-// Erases the least worn dirty spare. Needs scan_done. 0, 1, 41 (also if none can be erased), or a
-// physical code.
+// Erases the least worn dirty spare. Needs scan_done. EFS_OK, EFS_BAD_DATA, also if none can be
+// erased, or a physical code.
 DOLM_API uint32_t EFS_erase_dirty_block(void);
 
 // One bounded step of housekeeping, for a host with nothing else to do: makes the next BM ready
 // once the one in force is well filled; otherwise a wear-levelling move and the erase of a dirty
-// spare, where called for. 0, 1, 5, 12, 41 or a physical code.
+// spare, where called for. EFS_OK, or the results of the scan, of EFS_wear_leveling and of
+// EFS_erase_dirty_block.
 DOLM_API uint32_t EFS_idle_reclaim(void);
 
 // ---- Block maps: the ring of BMs ----
 
 // Moves the store to the next BM, with `bme` (maps, aux words and crc32 final) as its first entry.
-// 0; 1; 5 at the end of the sequence; 12; 22 for a null pointer or a map entry that is no block;
-// 41 if a write fails its verification or there is only one BM; or a physical code. After a failure
-// the old BM stays in force.
+//   EFS_OK
+//   EFS_SEQUENCE_EXHAUSTED
+//   EFS_NO_MEMORY
+//   EFS_INVALID  a null pointer, or a map entry that is no block
+//   EFS_BAD_DATA a write failed its verification, or there is only one BM
+//   or a physical code. After a failure the old BM stays in force.
 DOLM_API uint32_t EFS_switch_BM(const struct EFS_bme *bme);
 
 // Reads BM `index` and sets efs_ctx.next_bm_state to erased or to needs-erasing.
-// 0, 1 if the geometry changed under a mounted store, 22 if there is no such BM, or a physical
-// code; the state then stays.
+// EFS_OK, EFS_NOT_MOUNTED if the geometry changed under a mounted store, EFS_INVALID if there is no
+// such BM, or a physical code; the state then stays.
 DOLM_API uint32_t EFS_check_next_BM_state(uint32_t index);
 
 // Invalidates the header of BM `index` and erases it; next_bm_state becomes unknown.
-// 0, 1 if the geometry changed under a mounted store, 22 if there is no such BM (nothing changes),
-// or a physical code.
+// EFS_OK, EFS_NOT_MOUNTED if the geometry changed under a mounted store, EFS_INVALID if there is no
+// such BM (nothing changes), or a physical code.
 DOLM_API uint32_t EFS_erase_next_BM(uint32_t index);
 
 // Writes the marker "RDFS" over the first four bytes of the image, so that BM 0 does not count at
-// the next mount. 0, 1 without an image or if the geometry changed under a mounted store, or 22.
+// the next mount. EFS_OK, EFS_NOT_MOUNTED without an image or if the geometry changed under a
+// mounted store, or a physical code.
 DOLM_API uint32_t EFS_write_RTFD_marker(void);
 
 // Makes `bme` the mapping in force: appends it to the BM in force, or switches BM where it has no
 // room or its next slot cannot be trusted. Stores aux0, aux1 and the checksum in `bme`.
-// 0, 1, 5, 12, 22 for a null pointer or a map entry that is no block, 41 or a physical code. After
-// a failure the old mapping is in force.
+// Results as for EFS_switch_BM. After a failure the old mapping is in force.
 DOLM_API uint32_t EFS_commit_BME(struct EFS_bme *bme, uint32_t aux0, uint32_t aux1);
 
 // Wipes the BMs, and so the whole store; data blocks stay. The store is not mounted afterwards.
-// 0, 1 without an image or if the geometry changed under a mounted store, or a physical code.
+// EFS_OK, EFS_NOT_MOUNTED without an image or if the geometry changed under a mounted store, or a
+// physical code.
 DOLM_API uint32_t EFS_erase(void);
 
 // ---- Data blocks: `block` is a physical block number, `data` the 4076 bytes of a data area ----
 //
-// These return 1 if the geometry changed under a mounted store, 22 for a block beyond the last one
-// or a null pointer, 41 if what was written does not read back or its target was not erased, or a
-// physical code.
+// These return EFS_NOT_MOUNTED if the geometry changed under a mounted store, EFS_INVALID for a
+// block beyond the last one or a null pointer, EFS_BAD_DATA if what was written does not read back
+// or its target was not erased, or a physical code.
 
 // The one way of writing to flash: with `check_erased` the target must read as erased; then one
-// write of `length` bytes (at most 4096, else 41) at image offset `address`, read back until it
-// equals `data`.
+// write of `length` bytes (at most 4096, else EFS_BAD_DATA) at image offset `address`, read back
+// until it equals `data`.
 DOLM_API uint32_t EFS_write_with_read_check(uint32_t address, uint32_t length, const void *data,
                                             uint8_t check_erased);
 
-// Stores the free slot with the least worn block in *slot_out; needs scan_done. 0, 1 if not
-// mounted, 22 for null, 41 if there is none.
+// Stores the free slot with the least worn block in *slot_out; needs scan_done. EFS_OK,
+// EFS_NOT_MOUNTED also if nothing is mounted, EFS_INVALID for null, EFS_BAD_DATA if there is none.
 DOLM_API uint32_t EFS_select_free_page_for_write(uint32_t *slot_out);
 
 // Writes data area and footer of an erased block.
@@ -224,7 +236,8 @@ DOLM_API uint32_t EFS_write_data_footer(uint32_t block, const void *data);
 
 // Writes `data` to the least worn free block and, in `bme` alone, swaps that block with the one
 // behind `logical`. The spent slot counts as dirty, whatever the result; needs scan_done.
-// Also 22 for a `logical` that is too high and 1 if not mounted; `bme` then stays as it was.
+// Also EFS_INVALID for a `logical` that is too high and EFS_NOT_MOUNTED if nothing is mounted;
+// `bme` then stays as it was.
 DOLM_API uint32_t EFS_bme_swap_and_write_new_block(struct EFS_bme *bme, uint32_t logical,
                                                    const void *data);
 

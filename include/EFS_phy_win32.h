@@ -1,5 +1,6 @@
 // The simulated flash device under the EFS store: an image of 4096-byte blocks in memory. Erased
-// bytes are 0xFF. Every access of the store to its image goes through these functions.
+// bytes are 0xFF. Every access of the store to its image goes through these functions. Their
+// results are those of EFS.h.
 #ifndef DOLM_EFS_PHY_WIN32_H
 #define DOLM_EFS_PHY_WIN32_H
 
@@ -16,23 +17,24 @@ extern DOLM_API uint8_t *efs_image;
 extern DOLM_API uint32_t efs_size;
 
 // Sets efs_size to what the geometry variables ask for, EFS_get_efs_size() bytes.
-// format 0: uses the image that efs_image points to. 0, or 1 if there is none (efs_size is then 0)
-//   or if it is one of the library's own and too small for the geometry (efs_size is then its own).
+// format 0: uses the image that efs_image points to. EFS_OK, or EFS_NOT_MOUNTED if there is none
+//   (efs_size is then 0) or if it is one of the library's own and too small for the geometry
+//   (efs_size is then its own).
 // format not 0: releases the image that an earlier call allocated (never a host's), allocates one
-//   of efs_size bytes and fills it with 0xFF. 0, or 12 if there is no memory: efs_image is then
-//   null and efs_size 0.
+//   of efs_size bytes and fills it with 0xFF. EFS_OK, or EFS_NO_MEMORY: efs_image is then null and
+//   efs_size 0.
 DOLM_API uint32_t EFS_physical_init(uint8_t format);
 
 // Copies `length` bytes at `address` of the image to `destination`.
-// 0, or 22 if the range is empty or not inside the image, or for a null pointer.
+// EFS_OK, or EFS_INVALID if the range is empty or not inside the image, or for a null pointer.
 DOLM_API uint32_t EFS_physical_read(uint32_t address, uint32_t length, void *destination);
 
 // Copies `length` bytes from `source` over the image at `address`: a plain copy, which can also
-// turn 0 bits into 1 bits. 0, or 22 as for a read.
+// turn 0 bits into 1 bits. Results as for a read.
 DOLM_API uint32_t EFS_physical_write(uint32_t address, uint32_t length, const void *source);
 
-// Fills the range with 0xFF. 0, or 22 as for a read, or 41 with the image left alone if `address`
-// or `length` is no multiple of 4096.
+// Fills the range with 0xFF. Results as for a read, and EFS_BAD_DATA with the image left alone if
+// `address` or `length` is no multiple of 4096.
 DOLM_API uint32_t EFS_physical_erase(uint32_t address, uint32_t length);
 
 DOLM_EXTERN_C_END
