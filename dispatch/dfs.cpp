@@ -18,7 +18,7 @@ constexpr uint32_t selector_mask = 3;
 constexpr uint32_t selector_afs = 0;
 constexpr uint32_t selector_efs = 2;
 
-// What a store receives of a file number: all but the selector and the class nibble.
+// The part of a file number that a store receives: all but the selector and the class nibble.
 constexpr uint32_t store_relative_mask = 0x0FFFE7FF;
 
 constexpr uint32_t page_size = 64;
@@ -42,7 +42,7 @@ void release_context() {
 
 [[maybe_unused]] const dolm::at_unload<release_context> context_release;
 
-// What the context held is released, but for its file_buffer, which serves every store.
+// Releases all that the context holds but its file_buffer, which serves every store.
 void empty_context() {
     afs_free_context(dfs_context);
     uint8_t *const file_buffer = dfs_context->file_buffer;

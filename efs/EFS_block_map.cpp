@@ -67,12 +67,12 @@ bool is_usable(const EFS_bme *bme) {
 
 uint32_t make_next_bm_erased(uint32_t next) {
     if (efs_ctx.next_bm_state == EFS_NEXT_BM_UNKNOWN) {
-        if (const uint32_t status = EFS_check_next_BM_state(next); status != EFS_OK) {
+        if (const uint32_t status = find_next_bm_state(next); status != EFS_OK) {
             return status;
         }
     }
     if (efs_ctx.next_bm_state == EFS_NEXT_BM_NEEDS_ERASE) {
-        return EFS_erase_next_BM(next);
+        return erase_bm(next);
     }
     return EFS_OK;
 }
@@ -81,20 +81,19 @@ uint32_t make_next_bm_erased(uint32_t next) {
 // alone is the act of switching.
 uint32_t write_new_bm(uint32_t index, const EFS_bme &bme, uint8_t *entry) {
     lay_out_bme(bme, entry);
-    const uint32_t status =
-        EFS_write_with_read_check(bm_address(index) + first_bme, bme_size(), entry, 1);
+    const uint32_t status = write_to_erased(bm_address(index) + first_bme, bme_size(), entry);
     if (status != EFS_OK) {
         return status;
     }
     uint8_t header[bm_header::size];
     build_bm_header(efs_ctx.bm_sequence + 1, header);
-    return EFS_write_with_read_check(bm_address(index), sizeof header, header, 1);
+    return write_to_erased(bm_address(index), sizeof header, header);
 }
 
-// What is left of the old BM loses by its lower sequence, so a failure does no harm.
+// A failure does no harm: the old BM loses by its lower sequence.
 void retire_bm(uint32_t index) {
     const uint8_t zeros[bm_header::size] = {};
-    EFS_write_with_read_check(bm_address(index), sizeof zeros, zeros, 0);
+    write_verified(bm_address(index), sizeof zeros, zeros);
 }
 
 uint32_t switch_bm(const EFS_bme &bme) {
@@ -128,7 +127,7 @@ uint32_t switch_bm(const EFS_bme &bme) {
 uint32_t append_bme(const EFS_bme &bme, const uint8_t *entry) {
     const uint32_t offset = efs_ctx.bme_offset + bme_size();
     const uint32_t status =
-        EFS_write_with_read_check(bm_address(efs_ctx.current_bm) + offset, bme_size(), entry, 1);
+        write_to_erased(bm_address(efs_ctx.current_bm) + offset, bme_size(), entry);
     if (status != EFS_OK) {
         efs_ctx.bm_switch_pending = 1; // the slot may be half written
         return status;
@@ -151,13 +150,56 @@ uint32_t erase_bms_of_mounted_store() {
     uint32_t status = EFS_OK;
     for (uint32_t i = 0; i < g_efs_bm_num && status == EFS_OK; ++i) {
         if (i != efs_ctx.current_bm) {
-            status = EFS_erase_next_BM(i);
+            status = erase_bm(i);
         }
     }
-    return status == EFS_OK ? EFS_erase_next_BM(efs_ctx.current_bm) : status;
+    return status == EFS_OK ? erase_bm(efs_ctx.current_bm) : status;
 }
 
 } // namespace
+
+namespace dolm::efs {
+
+uint32_t find_next_bm_state(uint32_t index) {
+    uint8_t *const page = efs_ctx.page_buffer;
+    const uint32_t status = read_until(bm_address(index), block_size, page,
+                                       [page] { return is_erased(page, block_size); });
+    if (status != EFS_OK && status != EFS_BAD_DATA) {
+        return status;
+    }
+    efs_ctx.next_bm_state = status == EFS_OK ? EFS_NEXT_BM_ERASED : EFS_NEXT_BM_NEEDS_ERASE;
+    return EFS_OK;
+}
+
+uint32_t erase_bm(uint32_t index) {
+    efs_ctx.next_bm_state = EFS_NEXT_BM_UNKNOWN;
+    // An erase that is cut short must leave a header that fails, not one that may still pass.
+    const uint8_t zero[4] = {};
+    const uint32_t status =
+        EFS_physical_write(bm_address(index) + bm_header::crc32, sizeof zero, zero);
+    return status == EFS_OK ? EFS_physical_erase(bm_address(index), block_size) : status;
+}
+
+uint32_t commit_bme(EFS_bme &bme, uint32_t aux0, uint32_t aux1) {
+    const byte_array entry = allocate_bytes(bme_size());
+    if (!entry) {
+        return EFS_NO_MEMORY;
+    }
+    bme.aux0 = aux0;
+    bme.aux1 = aux1;
+    seal_bme(bme, entry.get());
+    const bool no_room = efs_ctx.bme_offset + 2 * bme_size() > bme_limit;
+    if (!no_room && efs_ctx.bm_switch_pending == 0) {
+        return append_bme(bme, entry.get());
+    }
+    const uint32_t status = switch_bm(bme);
+    if (status == EFS_OK) {
+        efs_ctx.bm_switch_pending = 0;
+    }
+    return status;
+}
+
+} // namespace dolm::efs
 
 uint32_t EFS_switch_BM(const EFS_bme *bme) {
     if (!is_mounted()) {
@@ -173,14 +215,7 @@ uint32_t EFS_check_next_BM_state(uint32_t index) {
     if (index >= g_efs_bm_num) {
         return EFS_INVALID;
     }
-    uint8_t *const page = efs_ctx.page_buffer;
-    const uint32_t status = read_until(bm_address(index), block_size, page,
-                                       [page] { return is_erased(page, block_size); });
-    if (status != EFS_OK && status != EFS_BAD_DATA) {
-        return status;
-    }
-    efs_ctx.next_bm_state = status == EFS_OK ? EFS_NEXT_BM_ERASED : EFS_NEXT_BM_NEEDS_ERASE;
-    return EFS_OK;
+    return find_next_bm_state(index);
 }
 
 uint32_t EFS_erase_next_BM(uint32_t index) {
@@ -190,12 +225,7 @@ uint32_t EFS_erase_next_BM(uint32_t index) {
     if (index >= g_efs_bm_num) {
         return EFS_INVALID;
     }
-    efs_ctx.next_bm_state = EFS_NEXT_BM_UNKNOWN;
-    // An erase that is cut short must leave a header that fails, not one that may still pass.
-    const uint8_t zero[4] = {};
-    const uint32_t status =
-        EFS_physical_write(bm_address(index) + bm_header::crc32, sizeof zero, zero);
-    return status == EFS_OK ? EFS_physical_erase(bm_address(index), block_size) : status;
+    return erase_bm(index);
 }
 
 uint32_t EFS_write_RTFD_marker() {
@@ -214,25 +244,7 @@ uint32_t EFS_commit_BME(EFS_bme *bme, uint32_t aux0, uint32_t aux1) {
     if (!is_mounted()) {
         return EFS_NOT_MOUNTED;
     }
-    if (!is_usable(bme)) {
-        return EFS_INVALID;
-    }
-    const byte_array entry = allocate_bytes(bme_size());
-    if (!entry) {
-        return EFS_NO_MEMORY;
-    }
-    bme->aux0 = aux0;
-    bme->aux1 = aux1;
-    seal_bme(*bme, entry.get());
-    const bool no_room = efs_ctx.bme_offset + 2 * bme_size() > bme_limit;
-    if (!no_room && efs_ctx.bm_switch_pending == 0) {
-        return append_bme(*bme, entry.get());
-    }
-    const uint32_t status = switch_bm(*bme);
-    if (status == EFS_OK) {
-        efs_ctx.bm_switch_pending = 0;
-    }
-    return status;
+    return is_usable(bme) ? commit_bme(*bme, aux0, aux1) : EFS_INVALID;
 }
 
 uint32_t EFS_erase() {

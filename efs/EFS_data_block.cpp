@@ -19,14 +19,14 @@ uint32_t least_worn_slot(uint8_t status) {
 }
 
 uint16_t record_crc(const uint8_t *record, uint32_t logical, uint32_t payload_length) {
-    const uint32_t crc = EFS_crc16(static_cast<uint16_t>(logical), record + record::size, 2);
+    const uint32_t crc = EFS_crc16(static_cast<uint16_t>(logical), record + file_record::size, 2);
     return static_cast<uint16_t>(
-        EFS_crc16(static_cast<uint16_t>(crc), record + record::payload, payload_length));
+        EFS_crc16(static_cast<uint16_t>(crc), record + file_record::payload, payload_length));
 }
 
 void seal_record(uint8_t *record, uint32_t logical, uint32_t size, uint32_t payload_length) {
-    store_le16(record + record::size, static_cast<uint16_t>(size));
-    store_le16(record + record::crc16, record_crc(record, logical, payload_length));
+    store_le16(record + file_record::size, static_cast<uint16_t>(size));
+    store_le16(record + file_record::crc16, record_crc(record, logical, payload_length));
 }
 
 } // namespace dolm::efs
@@ -72,20 +72,82 @@ uint32_t erase_and_stamp(uint32_t block, uint32_t erase_count) {
     uint8_t header[block_header::size] = {};
     store_le32(header + block_header::erase_count, erase_count + 1);
     store_le32(header + block_header::crc32, EFS_crc32(0, header, block_header::crc32));
-    return EFS_write_with_read_check(address, sizeof header, header, 1);
+    return write_to_erased(address, sizeof header, header);
 }
 
-// What follows from a record whose checksum failed every time: a record that says no file in an
-// otherwise sound block counts as no file.
+// Decides on a record whose checksum failed every time: one that says no file in an otherwise sound
+// block counts as no file.
 uint32_t judge_bad_record(uint32_t block, uint32_t size) {
     if (size != no_file) {
         return EFS_BAD_DATA;
     }
-    const uint32_t status = EFS_read_and_verify_data_block_header_and_footer(block, 1, 1);
+    const uint32_t status = read_block(block);
     return status == EFS_OK ? EFS_NO_FILE : status;
 }
 
+uint32_t write_footer(uint32_t block, const void *data) {
+    uint8_t crc[footer_size];
+    store_le32(crc, EFS_crc32(0, data, data_area_size));
+    return write_to_erased(data_block_address(block) + footer, sizeof crc, crc);
+}
+
 } // namespace
+
+namespace dolm::efs {
+
+uint32_t read_block_header(uint32_t block) {
+    const uint8_t *const page = efs_ctx.page_buffer;
+    return read_until(data_block_address(block), block_header::size, efs_ctx.page_buffer,
+                      [page] { return header_is_good(page); });
+}
+
+uint32_t read_spare(uint32_t block) {
+    const uint8_t *const page = efs_ctx.page_buffer;
+    return read_until(data_block_address(block), block_size, efs_ctx.page_buffer,
+                      [page] { return header_is_good(page); });
+}
+
+uint32_t read_block(uint32_t block) {
+    const uint8_t *const page = efs_ctx.page_buffer;
+    return read_until(data_block_address(block), block_size, efs_ctx.page_buffer,
+                      [page] { return header_is_good(page) && footer_is_good(page); });
+}
+
+uint32_t write_data_block(uint32_t block, const void *data) {
+    const uint32_t address = data_block_address(block) + data_area;
+    const uint32_t status = write_to_erased(address, data_area_size, data);
+    return status == EFS_OK ? write_footer(block, data) : status;
+}
+
+uint32_t swap_and_write_new_block(EFS_bme &bme, uint32_t logical, const void *data) {
+    const uint32_t slot = least_worn_slot(EFS_BLOCK_FREE);
+    if (slot == g_efs_non_valid_block_num) {
+        return EFS_BAD_DATA;
+    }
+    const uint8_t new_block = bme.non_valid_map[slot];
+    // Written or half written, committed or not: from here on the slot's block needs an erase.
+    efs_ctx.block_status[slot] = EFS_BLOCK_DIRTY;
+    --efs_ctx.free_block_count;
+    if (new_block >= data_block_num()) {
+        return EFS_INVALID; // in a map of the host's own
+    }
+    if (const uint32_t status = write_data_block(new_block, data); status != EFS_OK) {
+        return status;
+    }
+    bme.non_valid_map[slot] = bme.valid_map[logical];
+    bme.valid_map[logical] = new_block;
+    return EFS_OK;
+}
+
+uint32_t erase_data_block(uint32_t block, uint32_t erase_count) {
+    const uint32_t status = erase_and_stamp(block, erase_count);
+    if (status != EFS_OK) {
+        efs_ctx.scan_done = 0;
+    }
+    return status;
+}
+
+} // namespace dolm::efs
 
 uint32_t EFS_read_and_verify_data_block_header_and_footer(uint32_t block, uint8_t check_footer,
                                                           uint8_t whole) {
@@ -95,12 +157,10 @@ uint32_t EFS_read_and_verify_data_block_header_and_footer(uint32_t block, uint8_
     if (check_footer != 0 && whole == 0) {
         return EFS_BAD_DATA;
     }
-    const uint8_t *const page = efs_ctx.page_buffer;
-    return read_until(data_block_address(block), whole != 0 ? block_size : block_header::size,
-                      efs_ctx.page_buffer, [page, check_footer] {
-                          return header_is_good(page) &&
-                                 (check_footer == 0 || footer_is_good(page));
-                      });
+    if (whole == 0) {
+        return read_block_header(block);
+    }
+    return check_footer != 0 ? read_block(block) : read_spare(block);
 }
 
 uint32_t EFS_read_and_verify_file(uint8_t logical, uint16_t offset, uint8_t first,
@@ -117,23 +177,23 @@ uint32_t EFS_read_and_verify_file(uint8_t logical, uint16_t offset, uint8_t firs
     uint8_t *const record = efs_ctx.page_buffer;
     uint32_t size = 0;
     for (uint32_t attempt = 0; attempt < efs_ctx.retry_count; ++attempt) {
-        uint32_t status = EFS_physical_read(address, record::payload, record);
-        if (status != EFS_OK) {
+        if (const uint32_t status = EFS_physical_read(address, file_record::payload, record);
+            status != EFS_OK) {
             return status;
         }
-        size = load_le16(record + record::size);
+        size = load_le16(record + file_record::size);
         uint32_t payload_length = length;
         if (first != 0) {
             payload_length = size == no_file ? 0 : std::min(size, record_room - offset);
         }
         if (payload_length != 0) {
-            status = EFS_physical_read(address + record::payload, payload_length,
-                                       record + record::payload);
+            const uint32_t status = EFS_physical_read(
+                address + file_record::payload, payload_length, record + file_record::payload);
             if (status != EFS_OK) {
                 return status;
             }
         }
-        if (record_crc(record, logical, payload_length) == load_le16(record + record::crc16)) {
+        if (record_crc(record, logical, payload_length) == load_le16(record + file_record::crc16)) {
             return EFS_OK;
         }
     }
@@ -159,18 +219,17 @@ uint32_t EFS_write_data_block(uint32_t block, const void *data) {
     if (block >= data_block_num()) {
         return EFS_INVALID;
     }
-    const uint32_t address = data_block_address(block) + data_area;
-    const uint32_t status = EFS_write_with_read_check(address, data_area_size, data, 1);
-    return status == EFS_OK ? EFS_write_data_footer(block, data) : status;
+    if (geometry_changed()) {
+        return EFS_NOT_MOUNTED;
+    }
+    return data != nullptr ? write_data_block(block, data) : EFS_INVALID;
 }
 
 uint32_t EFS_write_data_footer(uint32_t block, const void *data) {
     if (block >= data_block_num() || data == nullptr) {
         return EFS_INVALID;
     }
-    uint8_t crc[footer_size];
-    store_le32(crc, EFS_crc32(0, data, data_area_size));
-    return EFS_write_with_read_check(data_block_address(block) + footer, sizeof crc, crc, 1);
+    return geometry_changed() ? EFS_NOT_MOUNTED : write_footer(block, data);
 }
 
 uint32_t EFS_bme_swap_and_write_new_block(EFS_bme *bme, uint32_t logical, const void *data) {
@@ -181,29 +240,9 @@ uint32_t EFS_bme_swap_and_write_new_block(EFS_bme *bme, uint32_t logical, const 
     if (!is_mounted()) {
         return EFS_NOT_MOUNTED;
     }
-    uint32_t slot = 0;
-    if (const uint32_t status = EFS_select_free_page_for_write(&slot); status != EFS_OK) {
-        return status;
-    }
-    const uint8_t new_block = bme->non_valid_map[slot];
-    // Written or half written, committed or not: from here on the slot's block needs an erase.
-    efs_ctx.block_status[slot] = EFS_BLOCK_DIRTY;
-    --efs_ctx.free_block_count;
-    if (const uint32_t status = EFS_write_data_block(new_block, data); status != EFS_OK) {
-        return status;
-    }
-    bme->non_valid_map[slot] = bme->valid_map[logical];
-    bme->valid_map[logical] = new_block;
-    return EFS_OK;
+    return swap_and_write_new_block(*bme, logical, data);
 }
 
 uint32_t EFS_erase_data_block(uint32_t block, uint32_t erase_count) {
-    if (geometry_changed()) {
-        return EFS_NOT_MOUNTED;
-    }
-    const uint32_t status = erase_and_stamp(block, erase_count);
-    if (status != EFS_OK) {
-        efs_ctx.scan_done = 0;
-    }
-    return status;
+    return geometry_changed() ? EFS_NOT_MOUNTED : erase_data_block(block, erase_count);
 }

@@ -24,7 +24,7 @@ uint32_t read_first_record(const EFS_file_entry &entry, uint32_t &size) {
     if (status != EFS_OK) {
         return status;
     }
-    size = load_le16(efs_ctx.page_buffer + record::size);
+    size = load_le16(efs_ctx.page_buffer + file_record::size);
     if (size == no_file) {
         return EFS_NO_FILE;
     }
@@ -51,7 +51,7 @@ uint32_t read_further_records(const EFS_file_entry &entry, uint32_t size, uint32
             return status;
         }
         const uint32_t part = std::min(record_room - skip, length);
-        std::memcpy(buffer, efs_ctx.page_buffer + record::payload + skip, part);
+        std::memcpy(buffer, efs_ctx.page_buffer + file_record::payload + skip, part);
         buffer += part;
         offset += part;
         length -= part;
@@ -80,7 +80,7 @@ uint32_t read_file(uint32_t file, uint32_t offset, uint32_t &wanted, uint8_t *bu
     uint32_t part = 0;
     if (offset < first_room) {
         part = std::min(first_room - offset, wanted);
-        std::memcpy(buffer, efs_ctx.page_buffer + record::payload + offset, part);
+        std::memcpy(buffer, efs_ctx.page_buffer + file_record::payload + offset, part);
     }
     return read_further_records(*entry, size, offset + part, wanted - part, buffer + part);
 }
@@ -90,31 +90,31 @@ uint32_t read_block_to_change(const EFS_bme &bme, uint32_t logical) {
     if (logical >= g_efs_valid_block_num) {
         return EFS_INVALID;
     }
-    return EFS_read_and_verify_data_block_header_and_footer(bme.valid_map[logical], 1, 1);
+    return read_block(bme.valid_map[logical]);
 }
 
 uint8_t *record_in_page_buffer(uint32_t offset) {
     return efs_ctx.page_buffer + data_area + offset;
 }
 
-uint32_t write_changed_block(EFS_bme *bme, uint32_t logical) {
-    return EFS_bme_swap_and_write_new_block(bme, logical, efs_ctx.page_buffer + data_area);
+uint32_t write_changed_block(EFS_bme &bme, uint32_t logical) {
+    return swap_and_write_new_block(bme, logical, efs_ctx.page_buffer + data_area);
 }
 
 // Writes the file's records to spares, block by block, with the swaps in `bme` alone.
 uint32_t write_records(const EFS_file_entry &entry, uint32_t length, const uint8_t *data,
-                       EFS_bme *bme) {
+                       EFS_bme &bme) {
     uint32_t logical = entry.block;
     uint32_t offset = entry.offset;
     uint32_t size_field = length;
     uint32_t left = length;
     do {
-        if (const uint32_t status = read_block_to_change(*bme, logical); status != EFS_OK) {
+        if (const uint32_t status = read_block_to_change(bme, logical); status != EFS_OK) {
             return status;
         }
         uint8_t *const record = record_in_page_buffer(offset);
         const uint32_t chunk = std::min(left, record_room - offset);
-        std::memcpy(record + record::payload, data, chunk);
+        std::memcpy(record + file_record::payload, data, chunk);
         seal_record(record, logical, size_field, chunk);
         if (const uint32_t status = write_changed_block(bme, logical); status != EFS_OK) {
             return status;
@@ -128,25 +128,32 @@ uint32_t write_records(const EFS_file_entry &entry, uint32_t length, const uint8
     return EFS_OK;
 }
 
-uint32_t mark_absent(const EFS_file_entry &entry, EFS_bme *bme) {
+uint32_t mark_absent(const EFS_file_entry &entry, EFS_bme &bme) {
     const uint32_t logical = entry.block;
-    if (const uint32_t status = read_block_to_change(*bme, logical); status != EFS_OK) {
+    if (const uint32_t status = read_block_to_change(bme, logical); status != EFS_OK) {
         return status;
     }
     uint8_t *const record = record_in_page_buffer(entry.offset);
-    if (load_le16(record + record::size) == no_file) {
+    if (load_le16(record + file_record::size) == no_file) {
         return EFS_NO_FILE;
     }
     seal_record(record, logical, no_file, 0);
     return write_changed_block(bme, logical);
 }
 
+// Blocks that the write of `length` bytes makes sure of. The head of the first record counts as
+// payload, so it may be one more than are written.
+uint32_t blocks_for(const EFS_file_entry &entry, uint32_t length) {
+    const uint32_t bytes = entry.offset + file_record::payload + length;
+    return (bytes + record_room - 1) / record_room;
+}
+
 uint32_t make_free_blocks(uint32_t needed) {
     if (needed > g_efs_non_valid_block_num) {
         return EFS_NO_SPACE;
     }
-    while (efs_ctx.free_block_count < needed) {
-        if (const uint32_t status = EFS_erase_dirty_block(); status != EFS_OK) {
+    for (uint32_t free = efs_ctx.free_block_count; free < needed; ++free) {
+        if (const uint32_t status = erase_dirty_block(); status != EFS_OK) {
             return status;
         }
     }
@@ -203,15 +210,12 @@ uint32_t EFS_write(uint32_t file, uint32_t offset, uint32_t length, const void *
     if (length > entry->max_size || length == no_file) {
         return EFS_OUT_OF_RANGE;
     }
-    // Counts the first record's own four bytes as payload, so it may be one block too many.
-    const uint32_t needed = (length + record_room + 3 + entry->offset) / record_room;
-    if (const uint32_t status = make_free_blocks(needed); status != EFS_OK) {
+    if (const uint32_t status = make_free_blocks(blocks_for(*entry, length)); status != EFS_OK) {
         return status;
     }
     bme.copy_mapping_in_force();
-    const uint32_t status =
-        write_records(*entry, length, static_cast<const uint8_t *>(data), bme.get());
-    return status == EFS_OK ? EFS_commit_BME(bme.get(), 0, 0) : status;
+    const uint32_t status = write_records(*entry, length, static_cast<const uint8_t *>(data), *bme);
+    return status == EFS_OK ? commit_bme(*bme, 0, 0) : status;
 }
 
 uint32_t EFS_delete(uint32_t file) {
@@ -233,6 +237,6 @@ uint32_t EFS_delete(uint32_t file) {
         return status;
     }
     bme.copy_mapping_in_force();
-    const uint32_t status = mark_absent(*entry, bme.get());
-    return status == EFS_OK ? EFS_commit_BME(bme.get(), 0, 0) : status;
+    const uint32_t status = mark_absent(*entry, *bme);
+    return status == EFS_OK ? commit_bme(*bme, 0, 0) : status;
 }

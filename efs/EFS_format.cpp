@@ -17,7 +17,7 @@ uint32_t erase_all_blocks() {
         }
     }
     for (uint32_t block = 0; block < data_block_num(); ++block) {
-        if (const uint32_t status = EFS_erase_data_block(block, 0); status != EFS_OK) {
+        if (const uint32_t status = erase_data_block(block, 0); status != EFS_OK) {
             return status;
         }
     }
@@ -38,27 +38,27 @@ uint32_t write_empty_records(uint32_t logical) {
         }
         seal_record(data + entry.offset, logical, no_file, 0);
     }
-    return EFS_write_data_block(logical, data);
+    return write_data_block(logical, data);
 }
 
-void map_blocks_in_order(EFS_bme *bme) {
+void map_blocks_in_order(EFS_bme &bme) {
     for (uint32_t i = 0; i < g_efs_valid_block_num; ++i) {
-        bme->valid_map[i] = static_cast<uint8_t>(i);
+        bme.valid_map[i] = static_cast<uint8_t>(i);
     }
     for (uint32_t slot = 0; slot < g_efs_non_valid_block_num; ++slot) {
-        bme->non_valid_map[slot] = static_cast<uint8_t>(g_efs_valid_block_num + slot);
+        bme.non_valid_map[slot] = static_cast<uint8_t>(g_efs_valid_block_num + slot);
     }
 }
 
 uint32_t write_first_bm(EFS_bme &bme, uint8_t *entry) {
     seal_bme(bme, entry);
-    const uint32_t status = EFS_write_with_read_check(first_bme, bme_size(), entry, 1);
+    const uint32_t status = write_to_erased(first_bme, bme_size(), entry);
     if (status != EFS_OK) {
         return status;
     }
     uint8_t header[bm_header::size];
     build_bm_header(first_sequence, header);
-    return EFS_write_with_read_check(0, sizeof header, header, 1);
+    return write_to_erased(0, sizeof header, header);
 }
 
 } // namespace
@@ -83,6 +83,6 @@ uint32_t EFS_do_format() {
             return status;
         }
     }
-    map_blocks_in_order(bme.get());
-    return write_first_bm(*bme.get(), entry.get());
+    map_blocks_in_order(*bme);
+    return write_first_bm(*bme, entry.get());
 }

@@ -15,7 +15,7 @@ using dolm::load_le32;
 
 constexpr uint32_t read_attempts = 7;
 
-// What an image's layout, the arrays of efs_ctx and every block number rest on.
+// The variables on which an image's layout, the arrays of efs_ctx and every block number rest.
 struct geometry {
     uint32_t bm_num = 0;
     uint32_t valid_block_num = 0;
@@ -26,7 +26,10 @@ struct geometry {
 };
 
 geometry current_geometry() {
-    return {g_efs_bm_num, g_efs_valid_block_num, g_efs_non_valid_block_num, g_efs_layout_id};
+    return {.bm_num = g_efs_bm_num,
+            .valid_block_num = g_efs_valid_block_num,
+            .non_valid_block_num = g_efs_non_valid_block_num,
+            .layout_id = g_efs_layout_id};
 }
 
 geometry mounted_geometry;
@@ -161,7 +164,7 @@ uint32_t find_current_bme(uint32_t &offset) {
 
 // The maps of an entry lie one behind the other; together they name every block once.
 bool is_permutation_of_blocks(const uint8_t *maps) {
-    std::array<bool, max_data_blocks> seen{};
+    std::array<bool, dolm::max_efs_data_blocks> seen{};
     for (uint32_t i = 0; i < data_block_num(); ++i) {
         if (maps[i] >= data_block_num() || seen[maps[i]]) {
             return false;
@@ -177,8 +180,11 @@ uint32_t adopt_entry_in_page_buffer(uint32_t offset) {
         return EFS_BAD_DATA;
     }
     const uint8_t *const words = entry + data_block_num();
-    adopt_mapping({entry, entry + g_efs_valid_block_num, load_le32(words), load_le32(words + 4),
-                   load_le32(words + 8)});
+    adopt_mapping({.valid_map = entry,
+                   .non_valid_map = entry + g_efs_valid_block_num,
+                   .aux0 = load_le32(words),
+                   .aux1 = load_le32(words + 4),
+                   .crc32 = load_le32(words + 8)});
     efs_ctx.bme_offset = offset;
     return EFS_OK;
 }

@@ -22,7 +22,7 @@ uint32_t erase_count_in_page_buffer() {
 uint32_t scan_valid_blocks() {
     for (uint32_t i = 0; i < g_efs_valid_block_num; ++i) {
         const uint32_t block = efs_ctx.current_bme.valid_map[i];
-        const uint32_t status = EFS_read_and_verify_data_block_header_and_footer(block, 0, 0);
+        const uint32_t status = read_block_header(block);
         // No interruption leaves a valid block without a header, so this one is damaged.
         if (status != EFS_OK) {
             return status;
@@ -35,11 +35,11 @@ uint32_t scan_valid_blocks() {
 uint32_t scan_non_valid_blocks(bad_spares &bad) {
     for (uint32_t slot = 0; slot < g_efs_non_valid_block_num; ++slot) {
         const uint32_t block = efs_ctx.current_bme.non_valid_map[slot];
-        const uint32_t status = EFS_read_and_verify_data_block_header_and_footer(block, 0, 1);
+        const uint32_t status = read_spare(block);
         if (status == EFS_BAD_DATA) {
             efs_ctx.block_status[slot] = EFS_BLOCK_DIRTY;
             efs_ctx.erase_counts[block] = 0;
-            bad = {bad.count + 1, block, slot};
+            bad = {.count = bad.count + 1, .block = block, .slot = slot};
             continue;
         }
         if (status != EFS_OK) {
@@ -61,7 +61,7 @@ uint32_t repair(const bad_spares &bad) {
     }
     const uint32_t mean = sum / (data_block_num() - 1);
     efs_ctx.erase_counts[bad.block] = mean;
-    if (const uint32_t status = EFS_erase_data_block(bad.block, mean - 1); status != EFS_OK) {
+    if (const uint32_t status = erase_data_block(bad.block, mean - 1); status != EFS_OK) {
         return status;
     }
     efs_ctx.block_status[bad.slot] = EFS_BLOCK_FREE;
@@ -71,10 +71,7 @@ uint32_t repair(const bad_spares &bad) {
 
 } // namespace
 
-uint32_t EFS_scan_for_Data_Blocks_status_and_EC() {
-    if (!is_mounted()) {
-        return EFS_NOT_MOUNTED;
-    }
+uint32_t dolm::efs::scan_data_blocks() {
     efs_ctx.free_block_count = 0;
     if (const uint32_t status = scan_valid_blocks(); status != EFS_OK) {
         return status;
@@ -93,4 +90,8 @@ uint32_t EFS_scan_for_Data_Blocks_status_and_EC() {
     }
     efs_ctx.scan_done = 1;
     return EFS_OK;
+}
+
+uint32_t EFS_scan_for_Data_Blocks_status_and_EC() {
+    return is_mounted() ? scan_data_blocks() : EFS_NOT_MOUNTED;
 }

@@ -3,6 +3,26 @@
 // page_buffer.
 #include "efs/efs_internal.h"
 
+namespace dolm::efs {
+
+uint32_t write_verified(uint32_t address, uint32_t length, const void *data) {
+    if (const uint32_t status = EFS_physical_write(address, length, data); status != EFS_OK) {
+        return status;
+    }
+    uint8_t *const target = efs_ctx.verify_buffer;
+    return read_until(address, length, target,
+                      [=] { return std::memcmp(target, data, length) == 0; });
+}
+
+uint32_t write_to_erased(uint32_t address, uint32_t length, const void *data) {
+    uint8_t *const target = efs_ctx.verify_buffer;
+    const uint32_t status =
+        read_until(address, length, target, [=] { return is_erased(target, length); });
+    return status == EFS_OK ? write_verified(address, length, data) : status;
+}
+
+} // namespace dolm::efs
+
 using namespace dolm::efs;
 
 uint32_t EFS_write_with_read_check(uint32_t address, uint32_t length, const void *data,
@@ -16,17 +36,6 @@ uint32_t EFS_write_with_read_check(uint32_t address, uint32_t length, const void
     if (data == nullptr || length == 0) {
         return EFS_INVALID;
     }
-    uint8_t *const target = efs_ctx.verify_buffer;
-    if (check_erased != 0) {
-        const uint32_t status = read_until(address, length, target,
-                                           [target, length] { return is_erased(target, length); });
-        if (status != EFS_OK) {
-            return status;
-        }
-    }
-    if (const uint32_t status = EFS_physical_write(address, length, data); status != EFS_OK) {
-        return status;
-    }
-    return read_until(address, length, target,
-                      [target, length, data] { return std::memcmp(target, data, length) == 0; });
+    return check_erased != 0 ? write_to_erased(address, length, data)
+                             : write_verified(address, length, data);
 }

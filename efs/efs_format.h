@@ -1,4 +1,4 @@
-// What lies on an EFS image. All integers are little-endian, all offsets and sizes are bytes.
+// The bytes of an EFS image. All integers are little-endian, all offsets and sizes are bytes.
 //
 //   image         BM 0 .. BM (bm_num - 1), then physical data blocks 0 .. V + N - 1
 //   BM            header (16), then BMEs (E each) one behind the other, then 0xFF
@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "common/little_endian.h"
+#include "fcs/file_table.h"
 
 namespace dolm::efs {
 
@@ -41,19 +42,8 @@ inline constexpr uint32_t first_bme = bm_header::size; // offset of the first sl
 inline constexpr uint32_t bme_overhead = 12;           // aux0, aux1 and crc32 behind the maps
 inline constexpr uint32_t bme_limit = 4095;            // a slot must end at or before this offset
 
-// Block numbers and counts travel in single bytes.
-inline constexpr uint32_t max_count = 255;
-inline constexpr uint32_t max_data_blocks = 256;
-// A lost erase count is made up from those of the other data blocks, so there is more than one.
-inline constexpr uint32_t min_data_blocks = 2;
-
-constexpr bool block_counts_fit(uint32_t bm_num, uint32_t valid, uint32_t non_valid) {
-    return bm_num <= max_count && valid <= max_count && non_valid <= max_count &&
-           valid + non_valid >= min_data_blocks && valid + non_valid <= max_data_blocks;
-}
-
 // The largest entry still leaves room for two, so every BM has a slot behind its first.
-static_assert(first_bme + 2 * (max_data_blocks + bme_overhead) <= bme_limit);
+static_assert(first_bme + 2 * (max_efs_data_blocks + bme_overhead) <= bme_limit);
 
 // ---- Data blocks ----
 
@@ -76,14 +66,14 @@ static_assert(footer + footer_size == block_size);
 // number, matches over the size field and the payload. The payload's length is not stored: it
 // follows from the file's length, and is 0 for a file that does not exist.
 
-namespace record {
+namespace file_record {
 inline constexpr uint32_t size = 0;  // u16: file length, or no_file; no_file in further records
 inline constexpr uint32_t crc16 = 2; // u16
 inline constexpr uint32_t payload = 4;
-} // namespace record
+} // namespace file_record
 
 inline constexpr uint32_t no_file = 0xFFFF;
 // Payload bytes of a record at offset 0. A record at offset f has f fewer, so f is at most this.
-inline constexpr uint32_t record_room = data_area_size - record::payload;
+inline constexpr uint32_t record_room = data_area_size - file_record::payload;
 
 } // namespace dolm::efs

@@ -1,4 +1,4 @@
-// What the source files of the store share: addresses, the mapping helpers and the operations that
+// Shared by the source files of the store: addresses, the mapping helpers and the operations that
 // are internal to the library.
 #pragma once
 
@@ -14,14 +14,15 @@
 extern "C" {
 
 // Reads a block into page_buffer from its start, 16 bytes or, with `whole`, all 4096, until its
-// header and, with `check_footer` (needs `whole`), its footer pass. 0, 22, 41 or a physical code.
+// header and, with `check_footer` (needs `whole`), its footer pass. EFS_OK, EFS_INVALID,
+// EFS_BAD_DATA or a physical code. The store itself calls one of the three below instead.
 uint32_t EFS_read_and_verify_data_block_header_and_footer(uint32_t block, uint8_t check_footer,
                                                           uint8_t whole);
 
 // Reads the record at data-area offset `offset` of a logical block, through the mapping in force,
 // to the start of page_buffer until it passes its checksum. `length` is the payload of a record
-// that is not the file's `first`. 0, 1, 2 if it says no file in a sound block, 22, 41 or a physical
-// code.
+// that is not the file's `first`. EFS_OK, EFS_NOT_MOUNTED, EFS_NO_FILE if it says so in a sound
+// block, EFS_INVALID, EFS_BAD_DATA or a physical code.
 uint32_t EFS_read_and_verify_file(uint8_t logical, uint16_t offset, uint8_t first, uint16_t length);
 
 } // extern "C"
@@ -52,7 +53,7 @@ inline uint32_t next_bm() {
 
 // For a host that sets the geometry variables itself.
 inline bool geometry_fits() {
-    return block_counts_fit(g_efs_bm_num, g_efs_valid_block_num, g_efs_non_valid_block_num);
+    return efs_block_counts_fit(g_efs_bm_num, g_efs_valid_block_num, g_efs_non_valid_block_num);
 }
 
 // Whether a store is mounted whose arrays and image no longer fit the geometry variables.
@@ -92,7 +93,8 @@ inline bool is_erased(const uint8_t *bytes, uint32_t length) {
 }
 
 // Reads into `to` until good() accepts what stands there, at most retry_count times. A device that
-// reads differently from one time to the next gets all its chances. 0, 41 or a physical code.
+// reads differently from one time to the next gets all its chances. EFS_OK, EFS_BAD_DATA or a
+// physical code.
 template <typename Good>
 uint32_t read_until(uint32_t address, uint32_t length, uint8_t *to, Good good) {
     for (uint32_t attempt = 0; attempt < efs_ctx.retry_count; ++attempt) {
@@ -105,6 +107,17 @@ uint32_t read_until(uint32_t address, uint32_t length, uint8_t *to, Good good) {
     }
     return EFS_BAD_DATA;
 }
+
+// ---- Writing ----
+//
+// From here on the functions behind the exported ones of the same sense (EFS.h), which have checked
+// arguments and state. The results are those told there, less the ones of these checks.
+
+// One write of `length` bytes (1 to 4096), read back until it equals `data`.
+uint32_t write_verified(uint32_t address, uint32_t length, const void *data);
+
+// The same where the target must read as erased before.
+uint32_t write_to_erased(uint32_t address, uint32_t length, const void *data);
 
 // ---- Mappings ----
 
@@ -120,6 +133,15 @@ void build_bm_header(uint32_t sequence, uint8_t *header);
 // Copies `bme` into the mapping in force.
 void adopt_mapping(const EFS_bme &bme);
 
+// Makes `bme` the mapping in force: EFS_commit_BME.
+uint32_t commit_bme(EFS_bme &bme, uint32_t aux0, uint32_t aux1);
+
+// Finds next_bm_state by a look at BM `index`: EFS_check_next_BM_state.
+uint32_t find_next_bm_state(uint32_t index);
+
+// Invalidates the header of BM `index`, then erases it: EFS_erase_next_BM.
+uint32_t erase_bm(uint32_t index);
+
 // A transaction's own mapping. Its maps are zero until it copies the mapping in force.
 class working_bme {
   public:
@@ -128,7 +150,7 @@ class working_bme {
         bme_.non_valid_map = maps_ ? maps_.get() + g_efs_valid_block_num : nullptr;
     }
     explicit operator bool() const { return maps_ != nullptr; }
-    EFS_bme *get() { return &bme_; }
+    EFS_bme &operator*() { return bme_; }
     EFS_bme *operator->() { return &bme_; }
 
     void copy_mapping_in_force() {
@@ -147,6 +169,24 @@ class working_bme {
 
 // ---- Blocks and records ----
 
+// Read a block to page_buffer until it passes: its header alone; all of it, with the header
+// checked; all of it, with header and footer checked. EFS_OK, EFS_BAD_DATA or a physical code.
+uint32_t read_block_header(uint32_t block);
+uint32_t read_spare(uint32_t block);
+uint32_t read_block(uint32_t block);
+
+// Write to an erased block: EFS_write_data_block, EFS_bme_swap_and_write_new_block.
+uint32_t write_data_block(uint32_t block, const void *data);
+uint32_t swap_and_write_new_block(EFS_bme &bme, uint32_t logical, const void *data);
+
+// Erase a block, with its new header: EFS_erase_data_block, EFS_erase_dirty_block.
+uint32_t erase_data_block(uint32_t block, uint32_t erase_count);
+uint32_t erase_dirty_block();
+
+// EFS_scan_for_Data_Blocks_status_and_EC and EFS_wear_leveling.
+uint32_t scan_data_blocks();
+uint32_t level_wear(uint32_t aux0, uint32_t aux1);
+
 // The slot of that status whose block has the lowest erase count, the lowest slot on equal counts,
 // or N if there is none. A block worn out to 0xFFFFFFFF is never taken.
 uint32_t least_worn_slot(uint8_t status);
@@ -157,7 +197,7 @@ void seal_record(uint8_t *record, uint32_t logical, uint32_t size, uint32_t payl
 // The checksum that a record should carry, from its size field and payload.
 uint16_t record_crc(const uint8_t *record, uint32_t logical, uint32_t payload_length);
 
-// What comes before every change: the scan, if it is due, and a step of wear levelling.
+// Comes before every change: the scan, if it is due, and a step of wear levelling.
 uint32_t prepare_for_change();
 
 } // namespace dolm::efs

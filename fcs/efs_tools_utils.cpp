@@ -6,7 +6,6 @@
 
 #include "common/at_unload.h"
 #include "common/little_endian.h"
-#include "efs/efs_format.h"
 #include "fcs/file_table.h"
 
 using dolm::load_le16;
@@ -27,6 +26,17 @@ uint8_t g_efs_autogen_data_loaded = 0;
 EFS_file_entry *EFS_files = nullptr;
 
 namespace {
+
+enum : uint32_t {
+    ok = 0,
+    refused = 1,
+    out_of_memory = 12,
+};
+
+enum : int32_t {
+    found = 0,
+    not_found = -1,
+};
 
 // FTBL. Offsets in bytes from its start; every integer is little-endian.
 //   0 u32 magic | 4 unread | 12 u32 row_count | 16 SKU rows | behind the rows: EFST section
@@ -49,7 +59,7 @@ constexpr uint32_t geometry_row_size = 40;
 constexpr uint32_t file_record_size = 60;
 constexpr uint32_t max_files = 65536; // as many as the file_index of a record can tell apart
 
-struct GeometryRow {
+struct geometry_row {
     uint32_t sku;
     uint32_t records_offset; // from byte 0 of the FTBL
     uint32_t records_count;
@@ -62,7 +72,7 @@ struct GeometryRow {
     uint32_t layout_id;
 };
 
-GeometryRow parse_geometry_row(const uint8_t *row) {
+geometry_row parse_geometry_row(const uint8_t *row) {
     return {
         .sku = load_le32(row),
         .records_offset = load_le32(row + 4),
@@ -78,14 +88,14 @@ GeometryRow parse_geometry_row(const uint8_t *row) {
 }
 
 // Record of one EFS file. Only these fields of its 60 bytes are read.
-struct FileRecord {
+struct file_record {
     uint16_t file_index; // slot of EFS_files
     uint8_t block;
     uint16_t offset;
     uint16_t max_size;
 };
 
-FileRecord parse_file_record(const uint8_t *record) {
+file_record parse_file_record(const uint8_t *record) {
     return {
         .file_index = load_le16(record),
         .block = static_cast<uint8_t>(load_le16(record + 50)),
@@ -118,12 +128,12 @@ bool lies_within(uint32_t offset, uint64_t size, uint32_t length) {
 }
 
 // Without a BM the geometry loads all the same; it is the store that will not mount.
-bool geometry_can_work(const GeometryRow &row) {
+bool geometry_can_work(const geometry_row &row) {
     return row.files_num != 0 && row.files_num <= max_files &&
-           dolm::efs::block_counts_fit(row.bm_num, row.valid_block_num, row.non_valid_block_num);
+           dolm::efs_block_counts_fit(row.bm_num, row.valid_block_num, row.non_valid_block_num);
 }
 
-bool records_are_sound(const uint8_t *table, uint32_t length, const GeometryRow &row) {
+bool records_are_sound(const uint8_t *table, uint32_t length, const geometry_row &row) {
     if (!lies_within(row.records_offset, uint64_t{row.records_count} * file_record_size, length)) {
         return false;
     }
@@ -138,7 +148,7 @@ bool records_are_sound(const uint8_t *table, uint32_t length, const GeometryRow 
 
 // Keeps the invariant that EFS_files, if not null, has a slot for each index below
 // g_efs_files_num, also when no new list follows.
-void store_geometry(const GeometryRow &row) {
+void store_geometry(const geometry_row &row) {
     if (row.files_num > owned_slots) {
         release_file_list();
     }
@@ -150,14 +160,14 @@ void store_geometry(const GeometryRow &row) {
     g_efs_layout_id = static_cast<uint8_t>(row.layout_id);
 }
 
-uint32_t fill_file_list(const uint8_t *table, const GeometryRow &row) {
+uint32_t fill_file_list(const uint8_t *table, const geometry_row &row) {
     auto *list = static_cast<EFS_file_entry *>(std::calloc(row.files_num, sizeof(EFS_file_entry)));
     if (list == nullptr) {
-        return 12;
+        return out_of_memory;
     }
     const uint8_t *bytes = table + row.records_offset;
     for (uint32_t i = 0; i < row.records_count; ++i, bytes += file_record_size) {
-        const FileRecord record = parse_file_record(bytes);
+        const file_record record = parse_file_record(bytes);
         list[record.file_index] = {.block = record.block,
                                    .offset = record.offset,
                                    .max_size = record.max_size,
@@ -165,24 +175,24 @@ uint32_t fill_file_list(const uint8_t *table, const GeometryRow &row) {
                                    .reserved = 0};
     }
     replace_file_list(list, row.files_num);
-    return 0;
+    return ok;
 }
 
-uint32_t load_geometry_row(const uint8_t *table, uint32_t length, const GeometryRow &row) {
+uint32_t load_geometry_row(const uint8_t *table, uint32_t length, const geometry_row &row) {
     if (uint64_t{row.records_count} * file_record_size < row.records_bytes ||
         !geometry_can_work(row)) {
-        return 1;
+        return refused;
     }
     if (row.records_offset > length) {
         store_geometry(row);
-        return 1;
+        return refused;
     }
     if (!records_are_sound(table, length, row)) {
-        return 1;
+        return refused;
     }
     store_geometry(row);
     const uint32_t status = fill_file_list(table, row);
-    if (status == 0) {
+    if (status == ok) {
         g_efs_sku_id = static_cast<uint8_t>(row.sku);
     }
     return status;
@@ -226,45 +236,45 @@ uint32_t dolm::efs_file_slots() {
 uint32_t load_file_table(const void *buffer, uint32_t sku, uint32_t length) {
     const auto *table = static_cast<const uint8_t *>(buffer);
     if (table == nullptr || length < ftbl_min_length || load_le32(table) != ftbl_magic) {
-        return 1;
+        return refused;
     }
     const uint32_t row_count = load_le32(table + ftbl_row_count_at);
     if (row_count > ftbl_max_rows) {
-        return 1;
+        return refused;
     }
     for (uint32_t i = 0; i < row_count; ++i) {
         const uint8_t *row = table + ftbl_head_size + uint64_t{i} * sku_row_size;
         if (load_le32(row) == sku) {
             if (!select_entries(table, length, row)) {
-                return 1;
+                return refused;
             }
             break;
         }
     }
-    return load_autogen_data(buffer, sku, length) == 0 ? 0 : 1;
+    return load_autogen_data(buffer, sku, length) == ok ? ok : refused;
 }
 
 uint32_t load_autogen_data(const void *buffer, uint32_t sku, uint32_t length) {
     const auto *table = static_cast<const uint8_t *>(buffer);
     if (table == nullptr || length < ftbl_head_size || load_le32(table) != ftbl_magic) {
-        return 1;
+        return refused;
     }
     const uint64_t section_at =
         ftbl_head_size + uint64_t{load_le32(table + ftbl_row_count_at)} * sku_row_size;
     if (section_at > length) {
-        return 1;
+        return refused;
     }
     const uint8_t *section = table + section_at;
     const uint64_t room = length - section_at;
     if (room < sizeof(uint32_t) || load_le32(section) != efst_magic) {
-        return 0;
+        return ok;
     }
     if (room < efst_head_size) {
-        return 1;
+        return refused;
     }
     const uint32_t row_count = load_le32(section + efst_row_count_at);
     if (efst_head_size + uint64_t{row_count} * geometry_row_size > room) {
-        return 1;
+        return refused;
     }
     for (uint32_t i = 0; i < row_count; ++i) {
         const uint8_t *row = section + efst_head_size + uint64_t{i} * geometry_row_size;
@@ -272,7 +282,7 @@ uint32_t load_autogen_data(const void *buffer, uint32_t sku, uint32_t length) {
             return load_geometry_row(table, length, parse_geometry_row(row));
         }
     }
-    return 0;
+    return ok;
 }
 
 file_table_entry_t *get_file_entry_by_file_name(const char *name) {
@@ -292,10 +302,10 @@ file_table_entry_t *get_file_entry_by_file_name(const char *name) {
 int32_t get_fileno_by_file_name(const char *name, fileno_t *out) {
     const file_table_entry_t *entry = get_file_entry_by_file_name(name);
     if (entry == nullptr || out == nullptr) {
-        return -1;
+        return not_found;
     }
     *out = dolm::entry_fileno(*entry);
-    return 0;
+    return found;
 }
 
 file_table_entry_t *get_file_entry_by_fileno(const fileno_t *fileno) {
@@ -310,19 +320,19 @@ file_table_entry_t *get_file_entry_by_fileno(const fileno_t *fileno) {
 int32_t get_file_name_by_fileno(const fileno_t *fileno, void *out) {
     const file_table_entry_t *entry = get_file_entry_by_fileno(fileno);
     if (entry == nullptr || out == nullptr) {
-        return -1;
+        return not_found;
     }
     std::memcpy(out, entry->name, sizeof(entry->name));
-    return 0;
+    return found;
 }
 
 int32_t get_file_attributes_by_file_name(const char *name, file_attributes_t *attributes,
                                          uint32_t *max_size) {
     const file_table_entry_t *entry = get_file_entry_by_file_name(name);
     if (entry == nullptr || attributes == nullptr || max_size == nullptr) {
-        return -1;
+        return not_found;
     }
     *attributes = dolm::entry_attributes(*entry);
     *max_size = dolm::entry_max_size(*entry);
-    return 0;
+    return found;
 }

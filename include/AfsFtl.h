@@ -109,7 +109,7 @@ struct afs_cache_line {
 // and owns file_buffer and image; the arrays belong to the context (afs_free_context).
 struct afs_context {
     uint32_t data_va_start;   // first VA of the data area, in bytes
-    uint32_t next_free_chunk; // reset at mount, not used by the FTL
+    uint32_t next_free_chunk; // set to 0 by afs_init; nothing reads it
     uint32_t device_offset;   // of the store on the device, in bytes
     uint32_t device_size;     // of the store, in bytes
     uint32_t total_va_size;   // end of the VA space, in bytes
@@ -127,7 +127,7 @@ struct afs_context {
     uint16_t page_size;
     uint16_t cache_line_count;
     uint16_t file_count;
-    uint8_t physical_kind;
+    uint8_t physical_kind; // 0, the FTL over the SPI device; set by afs_init, nothing reads it
     uint8_t ftl_allocator;
     uint8_t no_chunk_map;
     uint8_t idle_reclaim_enabled;
