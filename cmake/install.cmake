@@ -1,10 +1,14 @@
 # What cmake --install puts down: the library in both forms, its headers in a folder of their own,
-# the program, a CMake package and a pkg-config file.
+# the program, a CMake package and a pkg-config file. The components are those of the packages.
 include(CMakePackageConfigHelpers)
 
 set(DOLM_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/DolmStorageLib)
 
-install(TARGETS DolmStorageLib dolm_static EXPORT DolmStorageLibTargets)
+install(TARGETS DolmStorageLib dolm_static EXPORT DolmStorageLibTargets
+    LIBRARY COMPONENT library NAMELINK_COMPONENT development
+    ARCHIVE COMPONENT development
+    RUNTIME COMPONENT library)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 install(DIRECTORY include/ DESTINATION ${DOLM_HEADER_DIR} FILES_MATCHING PATTERN *.h PATTERN *.hpp)
 install(EXPORT DolmStorageLibTargets NAMESPACE DolmStorageLib:: DESTINATION ${DOLM_PACKAGE_DIR})
 
@@ -27,6 +31,6 @@ install(FILES ${PROJECT_BINARY_DIR}/DolmStorageLib.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(TARGET dolm)
-    install(TARGETS dolm)
-    install(FILES docs/dolm.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(TARGETS dolm COMPONENT program)
+    install(FILES docs/dolm.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
 endif()
