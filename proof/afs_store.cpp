@@ -106,7 +106,13 @@ uint32_t any_file(uint32_t choice, const Files &files) {
 
 uint32_t AfsStore::mount(std::span<uint8_t> image) {
     mount_.emplace(image, cache_lines_);
+    context_ = mount_->context();
     return mount_->status();
+}
+
+void AfsStore::unmount() {
+    context_ = nullptr;
+    mount_.reset();
 }
 
 Files AfsStore::read_files() {

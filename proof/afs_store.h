@@ -14,7 +14,7 @@ class AfsStore : public FlashStore {
     explicit AfsStore(uint32_t cache_lines = afs_cache_lines) : cache_lines_(cache_lines) {}
 
     uint32_t mount(std::span<uint8_t> image) override;
-    void unmount() override { mount_.reset(); }
+    void unmount() override;
     Files read_files() override;
     Files files_on(std::span<const uint8_t> image) const override;
     std::vector<std::string> check(std::span<const uint8_t> image, const Files &files) override;
@@ -25,8 +25,11 @@ class AfsStore : public FlashStore {
                       std::span<const uint8_t> torn_image) const override;
     bool leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const override;
 
+    // Takes a store for the mounted one that someone else has mounted.
+    void use(afs_context *context) { context_ = context; }
+
     // Of the mounted store.
-    afs_context *context() { return mount_->context(); }
+    afs_context *context() { return context_; }
     const afs_ftl_state &ftl() { return *context()->ftl; }
 
     // Changes; each runs on whatever image is mounted by then.
@@ -43,6 +46,7 @@ class AfsStore : public FlashStore {
   private:
     uint32_t cache_lines_;
     std::optional<AfsMount> mount_;
+    afs_context *context_ = nullptr;
 };
 
 } // namespace dolm::proof

@@ -22,12 +22,20 @@ void DeviceDouble::attach(std::span<uint8_t> image) {
     image_ = image;
 }
 
-bool DeviceDouble::is_in_range(DeviceAccess kind, uint32_t address, uint32_t length) {
-    if (address <= image_.size() && length <= image_.size() - address) {
+void DeviceDouble::attach_both(std::span<uint8_t> images, size_t efs_at) {
+    attach(images);
+    efs_at_ = efs_at;
+}
+
+bool DeviceDouble::is_in_range(const DeviceCall &call, uint32_t address) {
+    const bool ends_before_efs = call.device == Device::afs && efs_at_ != 0;
+    const size_t end = ends_before_efs ? efs_at_ : image_.size();
+    if (call.address <= end && address <= end && call.length <= end - address) {
         return true;
     }
-    out_of_range_.push_back(std::string(access_names[static_cast<size_t>(kind)]) + " of " +
-                            std::to_string(length) + " bytes at " + std::to_string(address));
+    out_of_range_.push_back(std::string(access_names[static_cast<size_t>(call.access)]) + " of " +
+                            std::to_string(call.length) + " bytes at " +
+                            std::to_string(call.address));
     return false;
 }
 
@@ -61,10 +69,8 @@ void DeviceDouble::note(uint32_t address, uint32_t length, const uint8_t *writte
     log_.push_back(std::move(event));
 }
 
-uint32_t DeviceDouble::access(DeviceAccess kind, uint32_t address, uint32_t length,
-                              const uint8_t *written, uint8_t *seen,
-                              const std::function<uint32_t()> &real) {
-    if (kind != DeviceAccess::read && events_left_ != UINT64_MAX) {
+uint32_t DeviceDouble::access(const DeviceCall &call, const std::function<uint32_t()> &real) {
+    if (call.access != DeviceAccess::read && events_left_ != UINT64_MAX) {
         if (events_left_ == 0) {
             return 0;
         }
@@ -73,23 +79,25 @@ uint32_t DeviceDouble::access(DeviceAccess kind, uint32_t address, uint32_t leng
     if (image_.empty()) {
         return real();
     }
-    const DeviceFault *fault = fault_for(kind, counts_[static_cast<size_t>(kind)]++);
-    if (!is_in_range(kind, address, length) ||
+    const size_t base = call.device == Device::efs ? efs_at_ : 0;
+    const auto address = static_cast<uint32_t>(base + call.address);
+    const DeviceFault *fault = fault_for(call.access, counts_[static_cast<size_t>(call.access)]++);
+    if (!is_in_range(call, address) ||
         (fault != nullptr && fault->effect == DeviceFault::Effect::fail)) {
         return device_failure;
     }
     if (fault != nullptr && fault->effect == DeviceFault::Effect::lose) {
         return 0;
     }
-    if (kind == DeviceAccess::write) {
-        check_discipline(address, length, written);
+    if (call.access == DeviceAccess::write) {
+        check_discipline(address, call.length, call.written);
     }
-    if (kind != DeviceAccess::read) {
-        note(address, length, written);
+    if (call.access != DeviceAccess::read) {
+        note(address, call.length, call.written);
     }
     const uint32_t result = real();
-    if (fault != nullptr && length != 0) {
-        (seen != nullptr ? seen : &image_[address])[length / 2] ^= 0x10;
+    if (fault != nullptr && call.length != 0) {
+        (call.seen != nullptr ? call.seen : &image_[address])[call.length / 2] ^= 0x10;
     }
     return result;
 }

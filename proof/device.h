@@ -1,7 +1,7 @@
 // One double for the devices of both stores. It stands between a store and its device functions: it
 // logs what is written and erased, checks that the store treats its memory as flash, and can make
-// any access go wrong. Linked with dolm_wrapped_device, a program has it in place of the static
-// library's device functions.
+// any access go wrong. A program that links dolm_wrapped_device has it in place of the static
+// library's device functions, one that links dolm_interposed_device in place of the shared one's.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ struct DeviceEvent {
     enum class Kind : uint8_t { write, erase };
 
     Kind kind = Kind::write;
-    uint32_t address = 0;       // byte offset from the start of the image
+    uint32_t address = 0;       // byte offset from the start of what is attached
     uint32_t length = 0;        // bytes
     std::vector<uint8_t> bytes; // what a write puts there
 };
@@ -28,6 +28,18 @@ struct DisciplineBreach {
 };
 
 enum class DeviceAccess : uint8_t { read, write, erase };
+
+enum class Device : uint8_t { afs, efs };
+
+// One call of a device function.
+struct DeviceCall {
+    Device device = Device::afs;
+    DeviceAccess access = DeviceAccess::read;
+    uint32_t address = 0;
+    uint32_t length = 0;
+    const uint8_t *written = nullptr; // what a write puts down
+    uint8_t *seen = nullptr;          // where a read puts its bytes
+};
 
 // What goes wrong with the accesses number first to first + count - 1 of a kind, counted from the
 // attach on.
@@ -46,13 +58,16 @@ struct DeviceFault {
 
 class DeviceDouble {
   public:
-    // The one that the wrapped device functions ask.
+    // The one that the functions in place of the device's ask.
     static DeviceDouble &instance();
 
-    // From now on accesses belong to this image. Clears the log, the counts and the faults. Without
-    // an image attached everything passes through unseen.
+    // From now on accesses belong to this image, of either device. Clears the log, the counts and
+    // the faults. Without an image attached everything passes through unseen.
     void attach(std::span<uint8_t> image);
     void detach() { attach({}); }
+
+    // Attaches the images of both devices, which lie behind each other in memory.
+    void attach_both(std::span<uint8_t> images, size_t efs_at);
 
     void keep_log(bool keep) { keep_log_ = keep; }
     std::vector<DeviceEvent> &log() { return log_; }
@@ -71,18 +86,17 @@ class DeviceDouble {
     const std::vector<DisciplineBreach> &breaches() const { return breaches_; }
     const std::vector<std::string> &out_of_range() const { return out_of_range_; }
 
-    // For the functions that stand in for the device's: one access. written is what a write puts
-    // down, seen where a read puts its bytes; real carries the access out.
-    uint32_t access(DeviceAccess kind, uint32_t address, uint32_t length, const uint8_t *written,
-                    uint8_t *seen, const std::function<uint32_t()> &real);
+    // For the functions that stand in for the device's; real carries the access out.
+    uint32_t access(const DeviceCall &call, const std::function<uint32_t()> &real);
 
   private:
-    bool is_in_range(DeviceAccess kind, uint32_t address, uint32_t length);
+    bool is_in_range(const DeviceCall &call, uint32_t address);
     const DeviceFault *fault_for(DeviceAccess kind, uint32_t number) const;
     void check_discipline(uint32_t address, uint32_t length, const uint8_t *written);
     void note(uint32_t address, uint32_t length, const uint8_t *written);
 
     std::span<uint8_t> image_;
+    size_t efs_at_ = 0; // where the image of EFS begins, if it is not alone
     uint64_t events_left_ = UINT64_MAX;
     bool keep_log_ = true;
     bool allow_rewrites_ = false;

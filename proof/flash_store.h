@@ -44,9 +44,13 @@ class FlashStore {
   public:
     virtual ~FlashStore() = default;
 
-    // Brings the store up on an image in place, as a fresh process would. 0 if it did.
+    // Brings the store up on an image in place, as a fresh process would. 0 if it did; it may also
+    // throw std::runtime_error with more to say.
     virtual uint32_t mount(std::span<uint8_t> image) = 0;
     virtual void unmount() = 0;
+
+    // Where in an image that of EFS begins, if both stores have theirs in it; else 0.
+    virtual size_t efs_at() const { return 0; }
 
     // All files of the mounted store. Throws std::runtime_error if one cannot be read.
     virtual Files read_files() = 0;

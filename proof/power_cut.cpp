@@ -76,7 +76,7 @@ std::string describe(const Files &shown, const Files &before, const Files &after
 class Session {
   public:
     Session(FlashStore &store, Image &image) : store_(store) {
-        DeviceDouble::instance().attach(image);
+        DeviceDouble::instance().attach_both(image, store.efs_at());
     }
     ~Session() {
         store_.unmount();

@@ -1,6 +1,5 @@
 // The whole library on full sets: both flash stores behind the front end. Files come in at start-up
-// and go out at termination; what fails is reported and leaves behind what it should; a cut of
-// power at any device write of a termination costs nothing but the change under way.
+// and go out at termination; what fails is reported and leaves behind what it should.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -14,12 +13,10 @@
 #include "EFS_phy_win32.h"
 #include "dfs.h"
 #include "miniVfs.h"
-#include "proof/device.h"
 #include "proof/full_set.h"
 
 using namespace full_set;
 using namespace host_session;
-using dolm::proof::DeviceDouble;
 
 namespace {
 
@@ -39,7 +36,6 @@ std::optional<std::string> flash_content(const std::string &name) {
 class FlashStage : public testing::Test {
   protected:
     void TearDown() override {
-        DeviceDouble::instance().restore_power();
         qoQfsNvarTerm(false);
         builders::forget_file_table();
         reports.clear();
@@ -292,50 +288,6 @@ TEST_F(FlashStage, DispatchRoutesAndFolds) {
     EXPECT_EQ(dfs_getsize(efs_plain, &size), DFS_IO_ERROR);
     EXPECT_EQ(mini_vfs_init(set.qfs.data(), 5), 1u);
     EXPECT_EQ(dfs_getsize(1, &size), DFS_INVALID_ARGUMENT) << "no store is mounted";
-}
-
-// A termination that changes files of both stores, cut behind each of its device writes and erases.
-TEST_F(FlashStage, TerminationCutAtEveryDeviceWrite) {
-    const FlashSet start;
-    const std::map<std::string, std::string> changes = {
-        {"/home/afs/plain", std::string(500, 'p')},
-        {"/home/afs/long", "short"},
-        {"/home/efs/plain", "changed"},
-        {"/home/efs/long", std::string(4500, 'e')},
-        {"/home/mca/deploy", "still deployed"},
-    };
-    uint64_t states = 0;
-    for (bool finished = false; !finished; ++states) {
-        SCOPED_TRACE("cut after " + std::to_string(states) + " writes and erases");
-        FlashSet set = start;
-        ASSERT_TRUE(set.start());
-        for (const auto &[name, value] : changes) {
-            ASSERT_TRUE(set_value(name, value));
-        }
-        DeviceDouble::instance().cut_after(states);
-        finished = qoQfsNvarTerm(true);
-        qoQfsNvarTerm(false);
-        DeviceDouble::instance().restore_power();
-        reports.clear();
-
-        ASSERT_TRUE(set.start()) << "on what the cut left";
-        EXPECT_TRUE(reports.empty());
-        for (const SetFile &file : default_set) {
-            const auto content = flash_content(file.name);
-            const auto change = changes.find(file.name);
-            const bool is_new = change != changes.end() && content == change->second;
-            // What is never pulled is written from the tables at each termination.
-            const bool from_tables = (file.attributes & 2) != 0 && content == file.base;
-            EXPECT_TRUE(is_new || from_tables || content == file.flash) << file.name;
-            EXPECT_TRUE(!finished || change == changes.end() || is_new) << file.name;
-        }
-        ASSERT_TRUE(set_value("afs/long", "after") && set_value("efs/long", "after"));
-        ASSERT_TRUE(qoQfsNvarTerm(true)) << "a further write";
-        EXPECT_EQ(flash_content("/home/afs/long"), "after");
-        EXPECT_EQ(flash_content("/home/efs/long"), "after");
-        ASSERT_TRUE(qoQfsNvarTerm(false));
-    }
-    EXPECT_GT(states, 50u);
 }
 
 // Many start-ups, changes and terminations on one set beside a model: a map of names to values.
