@@ -1,5 +1,5 @@
 // What each command of dolm does. A command that returns has succeeded; otherwise it throws Failure
-// or UsageError (errors.h). Results go to standard output, everything else to standard error.
+// or UsageError (errors.h). Each tells its results as text or as JSON (output.h).
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,6 @@ void build_set(const BuildOptions &options);
 struct SetOptions {
     std::filesystem::path folder;
     std::optional<uint32_t> sku;
-    bool json = false;
 };
 
 struct ListOptions : SetOptions {
@@ -51,7 +50,6 @@ struct InspectOptions {
     std::filesystem::path image;
     std::optional<std::filesystem::path> ftbl;
     std::optional<uint32_t> sku;
-    bool json = false;
 };
 void inspect_image(const InspectOptions &options);
 

@@ -1,9 +1,8 @@
-#include <iostream>
-
 #include "host/commands.h"
 #include "host/errors.h"
 #include "host/flash_images.h"
 #include "host/manifest.h"
+#include "host/output.h"
 #include "host/set_files.h"
 #include "host/tables.h"
 
@@ -25,8 +24,16 @@ void build_set(const BuildOptions &options) {
     set.qfs_image = make_qfs_image(manifest);
     set.efs_image = make_efs_image(manifest, set.ftbl);
     save_set(options.folder, set);
-    std::cout << options.folder.string() << ": " << manifest.files.size() << " files, "
-              << manifest.skus.size() << " SKUs, default SKU " << manifest.default_sku << '\n';
+    if (tells_json()) {
+        print_json({{"set", options.folder.string()},
+                    {"files", manifest.files.size()},
+                    {"skus", manifest.skus},
+                    {"default_sku", manifest.default_sku}});
+    } else {
+        print_line(options.folder.string() + ": " + std::to_string(manifest.files.size()) +
+                   " files, " + std::to_string(manifest.skus.size()) + " SKUs, default SKU " +
+                   std::to_string(manifest.default_sku));
+    }
 }
 
 } // namespace dolm

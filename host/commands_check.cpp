@@ -1,9 +1,8 @@
 #include <algorithm>
-#include <iostream>
 
 #include "host/commands.h"
 #include "host/errors.h"
-#include "host/json_output.h"
+#include "host/output.h"
 #include "host/set_check.h"
 #include "host/set_files.h"
 
@@ -39,19 +38,18 @@ void check_set(const SetOptions &options) {
         std::count_if(findings.begin(), findings.end(), [](const Finding &finding) {
             return finding.severity == Finding::Severity::error;
         }));
-    if (options.json) {
+    if (tells_json()) {
         print_json({{"sku", sku}, {"errors", errors}, {"findings", to_json(findings)}});
     } else {
         for (const Finding &finding : findings) {
-            std::cout << severity_name(finding) << ": " << finding.where << ": " << finding.text
-                      << '\n';
+            print_line(std::string(severity_name(finding)) + ": " + finding.where + ": " +
+                       finding.text);
         }
-        std::cout << options.folder.string() << " with SKU " << sku << ": "
-                  << counted(errors, "error") << ", " << counted(findings.size() - errors, "note")
-                  << '\n';
+        print_line(options.folder.string() + " with SKU " + std::to_string(sku) + ": " +
+                   counted(errors, "error") + ", " + counted(findings.size() - errors, "note"));
     }
     if (errors != 0) {
-        std::cout.flush();
+        flush_output();
         throw Failure(options.folder.string() + " has " + counted(errors, "error"));
     }
 }

@@ -1,11 +1,13 @@
 #include <algorithm>
-#include <iostream>
+#include <sstream>
 
 #include "host/commands.h"
 #include "host/errors.h"
 #include "host/inspect.h"
+#include "host/output.h"
 #include "host/set_files.h"
 #include "host/table_entries.h"
+#include "host/utf8.h"
 #include "image/efs_layout.h"
 
 namespace dolm {
@@ -49,20 +51,24 @@ bool is_afs(const AfsImage &image) {
 }
 
 void print_with_damages(const InspectOptions &options, Json json,
-                        const std::vector<std::string> &broken, auto &&print_text) {
-    if (options.json) {
+                        const std::vector<std::string> &broken, auto &&write_text) {
+    if (tells_json()) {
         json["broken"] = broken;
         print_json(json);
     } else {
-        print_text();
+        std::ostringstream text;
+        write_text(text);
+        for (const std::string &rule : broken) {
+            text << "Broken: " << escape(rule) << '\n';
+        }
+        print_text(text.str());
     }
     if (!broken.empty()) {
-        std::string text = options.image.string() + " breaks its format:";
-        for (const std::string &rule : broken) {
-            text += "\n  " + rule;
-        }
-        std::cout.flush();
-        throw Failure(text);
+        flush_output();
+        throw Failure(options.image.string() + " breaks its format: " + broken.front() +
+                      (broken.size() == 1
+                           ? ""
+                           : "; and " + std::to_string(broken.size() - 1) + " more rules"));
     }
 }
 
@@ -75,7 +81,7 @@ void inspect_image(const InspectOptions &options) {
     if (is_afs(afs)) {
         const FileNames names = names_from(table, Store::afs);
         print_with_damages(options, afs_to_json(afs, names), check_invariants(afs),
-                           [&] { print_afs(afs, bytes.size(), names); });
+                           [&](std::ostream &out) { print_afs(out, afs, bytes.size(), names); });
         return;
     }
     if (table.ftbl.empty() || !table.sku) {
@@ -87,7 +93,7 @@ void inspect_image(const InspectOptions &options) {
     const EfsImage efs = read_efs_image(bytes, layout);
     const FileNames names = names_from(table, Store::efs);
     print_with_damages(options, efs_to_json(efs, layout, names), efs_damages(efs),
-                       [&] { print_efs(efs, layout, names); });
+                       [&](std::ostream &out) { print_efs(out, efs, layout, names); });
 }
 
 } // namespace dolm

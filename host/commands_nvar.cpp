@@ -1,15 +1,16 @@
 #include <algorithm>
 #include <iomanip>
-#include <iostream>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "host/commands.h"
 #include "host/errors.h"
-#include "host/json_output.h"
 #include "host/library.h"
+#include "host/output.h"
 #include "host/set_files.h"
 #include "host/tables.h"
+#include "host/utf8.h"
 #include "host/value_text.h"
 
 namespace dolm {
@@ -18,14 +19,34 @@ namespace {
 
 constexpr size_t preview_width = 28;
 
+// Size, the text if it is printable, and hexadecimal.
+Json to_json(const Bytes &value) {
+    Json json{{"size", value.size()}};
+    if (is_printable(to_text(value))) {
+        json["text"] = to_text(value);
+    }
+    json["hex"] = to_hex(value);
+    return json;
+}
+
+Json to_json(const std::optional<Bytes> &value) {
+    return value ? to_json(*value) : Json();
+}
+
 Json to_json(const Nvar &nvar) {
     Json json{{"name", nvar.name}};
-    json.update(value_to_json(nvar.value));
-    json["max_size"] = nvar.max_size;
-    json["attributes"] = nvar.attributes;
+    json.update(to_json(nvar.value));
+    json["max_size"] = nvar.entry.max_size;
+    json["attributes"] = nvar.entry.attributes;
     json["origin"] = to_string(nvar.origin);
     json["differs_from_base"] = nvar.differs_from_base;
     json["writable"] = nvar.writable;
+    json["number"] = number_in_class(nvar.entry.number);
+    json["class"] = class_of(nvar.entry.number);
+    json["store"] = store_name(nvar.entry.store);
+    json["id"] = nvar.entry.id;
+    json["base"] = to_json(nvar.base);
+    json["override"] = to_json(nvar.override_value);
     return json;
 }
 
@@ -38,18 +59,19 @@ std::string attributes_text(uint16_t attributes) {
 void print_nvar_table(const std::vector<Nvar> &nvars) {
     size_t width = 4;
     for (const Nvar &nvar : nvars) {
-        width = std::max(width, nvar.name.size());
+        width = std::max(width, count_columns(nvar.name));
     }
-    const auto name_column = [&](const std::string &name) -> std::ostream & {
-        return std::cout << std::left << std::setw(static_cast<int>(width)) << name << std::right;
+    const auto name_column = [&](const std::string &name) {
+        return name + std::string(width - count_columns(name), ' ');
     };
-    name_column("NAME") << "   SIZE  LIMIT  ATTR  ORIGIN    WRITABLE  VALUE\n";
+    print_line(name_column("NAME") + "   SIZE  LIMIT  ATTR  ORIGIN    WRITABLE  VALUE");
     for (const Nvar &nvar : nvars) {
-        name_column(nvar.name) << std::setw(7) << nvar.value.size() << std::setw(7) << nvar.max_size
-                               << "  " << attributes_text(nvar.attributes) << "  " << std::left
-                               << std::setw(8) << to_string(nvar.origin) << "  " << std::setw(8)
-                               << (nvar.writable ? "yes" : "no") << "  "
-                               << preview_value(nvar.value, preview_width) << '\n';
+        std::ostringstream line;
+        line << name_column(nvar.name) << std::setw(7) << nvar.value.size() << std::setw(7)
+             << nvar.entry.max_size << "  " << attributes_text(nvar.entry.attributes) << "  "
+             << std::left << std::setw(8) << to_string(nvar.origin) << "  " << std::setw(8)
+             << (nvar.writable ? "yes" : "no") << "  " << preview_value(nvar.value, preview_width);
+        print_line(line.str());
     }
 }
 
@@ -72,8 +94,7 @@ FcsFileName table_named(const std::string &name) {
 
 void write_raw(const std::filesystem::path &path, const Bytes &value) {
     if (path == "-") {
-        std::cout.write(reinterpret_cast<const char *>(value.data()),
-                        static_cast<std::streamsize>(value.size()));
+        print_raw(to_text(value));
     } else {
         apply_changes({{path, value}});
     }
@@ -82,16 +103,15 @@ void write_raw(const std::filesystem::path &path, const Bytes &value) {
 void print_value(const GetOptions &options, const Bytes &value) {
     switch (options.form) {
     case ValueForm::notation:
-        std::cout << format_value(value) << '\n';
+        print_line(format_value(value));
         break;
     case ValueForm::text:
-        std::cout << std::string(value.begin(), value.end()) << '\n';
+        print_text(std::string(to_text(value)) + "\n");
         break;
     case ValueForm::hex:
-        std::cout << to_hex(value) << '\n';
+        print_line(to_hex(value));
         break;
     case ValueForm::raw:
-        write_raw(*options.raw_file, value);
         break;
     }
 }
@@ -123,20 +143,44 @@ std::vector<Assignment> to_assignments(const ChangeOptions &options) {
     return assignments;
 }
 
-// The size that the value had.
-size_t assign(Library &library, const Assignment &assignment) {
+// What becomes of a value.
+struct Change {
+    std::string name;
+    Bytes before;
+    Bytes after;
+};
+
+Change assign(Library &library, const Assignment &assignment) {
     const Nvar nvar = library.nvar(assignment.name);
-    if (assignment.value.size() > nvar.max_size) {
+    if (assignment.value.size() > nvar.entry.max_size) {
         throw Failure(assignment.name + ": the value has " +
                       std::to_string(assignment.value.size()) + " bytes, over the limit of " +
-                      std::to_string(nvar.max_size));
+                      std::to_string(nvar.entry.max_size));
     }
     if (!nvar.writable) {
-        std::cerr << "dolm: warning: " << assignment.name
-                  << " is not written back to flash; its new value stands in vync.cfg alone\n";
+        tell_notice("warning: " + assignment.name +
+                    " is not written back to flash; its new value stands in vync.cfg alone");
     }
     library.set_value(assignment.name, assignment.value);
-    return nvar.value.size();
+    return {nvar.name, nvar.value, assignment.value};
+}
+
+void print_changes(const std::filesystem::path &folder, uint32_t sku,
+                   const std::vector<Change> &changes) {
+    if (!tells_json()) {
+        for (const Change &change : changes) {
+            print_line(change.name + ": " + std::to_string(change.before.size()) + " -> " +
+                       std::to_string(change.after.size()) + " bytes");
+        }
+        return;
+    }
+    Json list = Json::array();
+    for (const Change &change : changes) {
+        list.push_back({{"name", change.name},
+                        {"before", to_json(change.before)},
+                        {"after", to_json(change.after)}});
+    }
+    print_json({{"set", folder.string()}, {"sku", sku}, {"changes", list}});
 }
 
 } // namespace
@@ -159,7 +203,7 @@ void list_nvars(const ListOptions &options) {
         }
     }
     const std::vector<std::string> override_only = library.override_only_names();
-    if (options.json) {
+    if (tells_json()) {
         Json list = Json::array();
         for (const Nvar &nvar : nvars) {
             list.push_back(to_json(nvar));
@@ -172,24 +216,23 @@ void list_nvars(const ListOptions &options) {
     }
     print_nvar_table(nvars);
     for (const std::string &name : override_only) {
-        std::cout << name << " stands in vync.cfg alone and has no effect\n";
+        print_line(name + " stands in vync.cfg alone and has no effect");
     }
 }
 
 void get_nvar(const GetOptions &options) {
     SetFiles set = load_set(options.folder);
     const Library library(set, choose_sku(set, options.sku));
-    if (options.json && options.table == "current") {
-        print_json(to_json(library.nvar(options.name)));
-        return;
+    const Nvar nvar = library.nvar(options.name, table_named(options.table));
+    if (options.form == ValueForm::raw) {
+        write_raw(*options.raw_file, nvar.value);
     }
-    const Bytes value = library.value(options.name, table_named(options.table));
-    if (options.json) {
-        Json json{{"name", options.name}, {"table", options.table}};
-        json.update(value_to_json(value));
+    if (tells_json()) {
+        Json json = to_json(nvar);
+        json["table"] = options.table;
         print_json(json);
     } else {
-        print_value(options, value);
+        print_value(options, nvar.value);
     }
 }
 
@@ -197,21 +240,20 @@ void set_nvars(const ChangeOptions &options) {
     const std::vector<Assignment> assignments = to_assignments(options);
     SetFiles set = load_set(options.folder);
     const uint32_t sku = choose_sku(set, options.sku);
-    std::string told;
+    std::vector<Change> changes;
     {
         Library library(set, sku);
         for (const Assignment &assignment : assignments) {
-            const size_t old_size = assign(library, assignment);
-            told += assignment.name + ": " + std::to_string(old_size) + " -> " +
-                    std::to_string(assignment.value.size()) + " bytes\n";
+            changes.push_back(assign(library, assignment));
         }
         set.vync_cfg = with_vync_head(library.terminate());
     }
     if (!set.sku) {
         set.sku = sku;
     }
-    save_set(options.output.value_or(options.folder), set);
-    std::cout << told;
+    const std::filesystem::path &target = options.output.value_or(options.folder);
+    save_set(target, set);
+    print_changes(target, sku, changes);
 }
 
 } // namespace dolm

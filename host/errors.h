@@ -2,12 +2,42 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace dolm {
+
+// One of many things that are wrong with an input.
+struct Problem {
+    std::string source; // the file
+    std::string place;  // in it: a JSON pointer; empty where it is about the whole
+    std::string name;   // of the file or NVAR that it is about, if it is about one
+    std::string text;
+
+    std::string line() const {
+        return source + ": " + (place.empty() ? "" : place + ": ") + text +
+               (name.empty() ? "" : " (" + name + ")");
+    }
+};
 
 // Bad data, an input or output failure, or a failure that the library reported: exit code 1.
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
+
+    explicit Failure(std::vector<Problem> all)
+        : std::runtime_error(lines(all)), problems(std::move(all)) {}
+
+    std::vector<Problem> problems; // if there are several
+
+  private:
+    static std::string lines(const std::vector<Problem> &all) {
+        std::string text;
+        for (const Problem &problem : all) {
+            text += (text.empty() ? "" : "\n") + problem.line();
+        }
+        return text;
+    }
 };
 
 // The command line asks for something that makes no sense: exit code 2.

@@ -1,10 +1,11 @@
 // Showing flash images.
 #pragma once
 
+#include <iosfwd>
 #include <map>
 #include <string>
 
-#include "host/json_output.h"
+#include "host/output.h"
 #include "image/afs_image.h"
 #include "image/efs_image.h"
 
@@ -18,10 +19,11 @@ inline std::string name_of(const FileNames &names, uint32_t number) {
     return found == names.end() ? "" : found->second;
 }
 
-void print_afs(const AfsImage &image, size_t size, const FileNames &names);
+void print_afs(std::ostream &out, const AfsImage &image, size_t size, const FileNames &names);
 Json afs_to_json(const AfsImage &image, const FileNames &names);
 
-void print_efs(const EfsImage &image, const EfsLayout &layout, const FileNames &names);
+void print_efs(std::ostream &out, const EfsImage &image, const EfsLayout &layout,
+               const FileNames &names);
 Json efs_to_json(const EfsImage &image, const EfsLayout &layout, const FileNames &names);
 
 } // namespace dolm

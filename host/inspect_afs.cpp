@@ -1,9 +1,10 @@
 // What lies on an AFS image, as text and as JSON.
 #include <algorithm>
 #include <iomanip>
-#include <iostream>
+#include <ostream>
 
 #include "host/inspect.h"
+#include "host/utf8.h"
 #include "image/afs_image.h"
 
 namespace dolm {
@@ -80,49 +81,48 @@ size_t count_role(const AfsImage &image, AfsRole role) {
                                              [role](const AfsEu &eu) { return eu.role == role; }));
 }
 
-void print_summary(const AfsImage &image, size_t size) {
+void print_summary(std::ostream &out, const AfsImage &image, size_t size) {
     const AfsWear wear = afs_wear(image);
-    std::cout << "AFS image of " << size << " bytes: " << image.eu_count << " EUs of 8192 bytes, "
-              << count_role(image, AfsRole::data) << " data, " << count_role(image, AfsRole::log)
-              << " log, " << count_role(image, AfsRole::spare) << " spare\n";
+    out << "AFS image of " << size << " bytes: " << image.eu_count << " EUs of 8192 bytes, "
+        << count_role(image, AfsRole::data) << " data, " << count_role(image, AfsRole::log)
+        << " log, " << count_role(image, AfsRole::spare) << " spare\n";
     if (image.has_file_system) {
-        std::cout << "File system: " << image.file_count << " file slots, " << image.files.size()
-                  << " used; " << image.chunk_count << " chunks of 64 bytes, " << image.used_chunks
-                  << " used, " << image.free_chunks << " erased; data from VA "
-                  << image.data_va_start << " to " << image.total_va_size << '\n';
+        out << "File system: " << image.file_count << " file slots, " << image.files.size()
+            << " used; " << image.chunk_count << " chunks of 64 bytes, " << image.used_chunks
+            << " used, " << image.free_chunks << " erased; data from VA " << image.data_va_start
+            << " to " << image.total_va_size << '\n';
     }
     if (image.head) {
-        std::cout << "Log: goes on in EU " << *image.head << " at slot " << image.head_slot << '\n';
+        out << "Log: goes on in EU " << *image.head << " at slot " << image.head_slot << '\n';
     }
-    std::cout << "Wear: " << wear.lowest << " to " << wear.highest << " erases, spread "
-              << wear.highest - wear.lowest << '\n';
+    out << "Wear: " << wear.lowest << " to " << wear.highest << " erases, spread "
+        << wear.highest - wear.lowest << '\n';
     if (image.interruption != AfsInterruption::none) {
-        std::cout << "Interrupted reclaim: " << interruption_name(image.interruption)
-                  << " by the next mount\n";
+        out << "Interrupted reclaim: " << interruption_name(image.interruption)
+            << " by the next mount\n";
     }
 }
 
-void print_eus(const AfsImage &image) {
-    std::cout << "\n EU  ROLE     SEQUENCE  ERASES  LIVE  DEAD  FREE  MAP\n";
+void print_eus(std::ostream &out, const AfsImage &image) {
+    out << "\n EU  ROLE     SEQUENCE  ERASES  LIVE  DEAD  FREE  MAP\n";
     for (size_t i = 0; i < image.eus.size(); ++i) {
         const AfsEu &eu = image.eus[i];
-        std::cout << std::setw(3) << i << "  " << std::left << std::setw(7) << role_name(eu.role)
-                  << std::right << std::setw(10) << eu.sequence << std::setw(7) << eu.erase_count
-                  << (eu.erase_count_known ? ' ' : '?') << std::setw(6) << eu.live << std::setw(6)
-                  << eu.dead << std::setw(6) << eu.free << "  " << draw_slots(eu)
-                  << (eu.pending ? " (not committed)" : "") << '\n';
+        out << std::setw(3) << i << "  " << std::left << std::setw(7) << role_name(eu.role)
+            << std::right << std::setw(10) << eu.sequence << std::setw(7) << eu.erase_count
+            << (eu.erase_count_known ? ' ' : '?') << std::setw(6) << eu.live << std::setw(6)
+            << eu.dead << std::setw(6) << eu.free << "  " << draw_slots(eu)
+            << (eu.pending ? " (not committed)" : "") << '\n';
     }
-    std::cout << "Map, 4 pages a sign: # live, x dead, . free, + live and others, - dead and "
-                 "free\n";
+    out << "Map, 4 pages a sign: # live, x dead, . free, + live and others, - dead and "
+           "free\n";
 }
 
-void print_files(const AfsImage &image, const FileNames &names) {
-    std::cout << "\nFILE    SIZE  CHUNKS  KIND      NAME\n";
+void print_files(std::ostream &out, const AfsImage &image, const FileNames &names) {
+    out << "\nFILE    SIZE  CHUNKS  KIND      NAME\n";
     for (const AfsFile &file : image.files) {
-        std::cout << std::setw(4) << file.number << std::setw(8) << file.contents.size()
-                  << std::setw(8) << file.chunks.size() << "  " << std::left << std::setw(8)
-                  << kind_name(file.kind) << std::right << "  " << name_of(names, file.number)
-                  << '\n';
+        out << std::setw(4) << file.number << std::setw(8) << file.contents.size() << std::setw(8)
+            << file.chunks.size() << "  " << std::left << std::setw(8) << kind_name(file.kind)
+            << std::right << "  " << escape(name_of(names, file.number)) << '\n';
     }
 }
 
@@ -171,10 +171,10 @@ Json afs_to_json(const AfsImage &image, const FileNames &names) {
     return json;
 }
 
-void print_afs(const AfsImage &image, size_t size, const FileNames &names) {
-    print_summary(image, size);
-    print_eus(image);
-    print_files(image, names);
+void print_afs(std::ostream &out, const AfsImage &image, size_t size, const FileNames &names) {
+    print_summary(out, image, size);
+    print_eus(out, image);
+    print_files(out, image, names);
 }
 
 } // namespace dolm

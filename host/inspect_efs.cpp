@@ -1,9 +1,10 @@
 // What lies on an EFS image, as text and as JSON.
 #include <algorithm>
 #include <iomanip>
-#include <iostream>
+#include <ostream>
 
 #include "host/inspect.h"
+#include "host/utf8.h"
 #include "image/efs_image.h"
 
 namespace dolm {
@@ -88,45 +89,42 @@ std::vector<std::string> draw_areas(const EfsImage &image) {
     return areas;
 }
 
-void print_bms(const EfsImage &image) {
-    std::cout << "\nBM  STATE     SEQUENCE  ENTRIES\n";
+void print_bms(std::ostream &out, const EfsImage &image) {
+    out << "\nBM  STATE     SEQUENCE  ENTRIES\n";
     for (size_t i = 0; i < image.bms.size(); ++i) {
         const EfsBm &bm = image.bms[i];
-        std::cout << std::setw(2) << i << "  " << std::left << std::setw(8)
-                  << bm_state_name(bm.state) << std::right << std::setw(10) << bm.sequence
-                  << std::setw(9) << bm.entries << (image.bm_in_force == i ? "  in force" : "")
-                  << '\n';
+        out << std::setw(2) << i << "  " << std::left << std::setw(8) << bm_state_name(bm.state)
+            << std::right << std::setw(10) << bm.sequence << std::setw(9) << bm.entries
+            << (image.bm_in_force == i ? "  in force" : "") << '\n';
     }
     if (image.bm_in_force) {
-        std::cout << "Mapping in force: entry " << image.entry_in_force << " of BM "
-                  << *image.bm_in_force << (image.torn_entry ? "; the one behind it is torn" : "")
-                  << '\n';
+        out << "Mapping in force: entry " << image.entry_in_force << " of BM " << *image.bm_in_force
+            << (image.torn_entry ? "; the one behind it is torn" : "") << '\n';
     }
 }
 
-void print_blocks(const EfsImage &image) {
+void print_blocks(std::ostream &out, const EfsImage &image) {
     const std::vector<std::string> areas = draw_areas(image);
-    std::cout << "\nBLOCK  ROLE        STATE      ERASES  MAP\n";
+    out << "\nBLOCK  ROLE        STATE      ERASES  MAP\n";
     for (size_t i = 0; i < image.blocks.size(); ++i) {
         const EfsBlock &block = image.blocks[i];
         const bool live = block.state == EfsBlockState::live;
-        std::cout << std::setw(5) << i << (live ? "  logical " : "  spare   ") << std::left
-                  << std::setw(4) << block.index << std::setw(9) << block_state_name(block.state)
-                  << std::right << std::setw(8) << block.erase_count
-                  << (live ? "  " + areas.at(block.index) : "")
-                  << (live && !block.footer_good ? " (fails its checksum)" : "") << '\n';
+        out << std::setw(5) << i << (live ? "  logical " : "  spare   ") << std::left
+            << std::setw(4) << block.index << std::setw(9) << block_state_name(block.state)
+            << std::right << std::setw(8) << block.erase_count
+            << (live ? "  " + areas.at(block.index) : "")
+            << (live && !block.footer_good ? " (fails its checksum)" : "") << '\n';
     }
-    std::cout << "Map, 128 bytes a sign: # file, - kept free for a file, . not used\n";
+    out << "Map, 128 bytes a sign: # file, - kept free for a file, . not used\n";
 }
 
-void print_files(const EfsImage &image, const FileNames &names) {
-    std::cout << "\nFILE  BLOCK  OFFSET   SIZE  LIMIT  STATE     NAME\n";
+void print_files(std::ostream &out, const EfsImage &image, const FileNames &names) {
+    out << "\nFILE  BLOCK  OFFSET   SIZE  LIMIT  STATE     NAME\n";
     for (const EfsFile &file : image.files) {
-        std::cout << std::setw(4) << file.place.number << std::setw(7) << file.place.block
-                  << std::setw(8) << file.place.offset << std::setw(7) << file.contents.size()
-                  << std::setw(7) << file.place.max_size << "  " << std::left << std::setw(8)
-                  << kind_name(file.kind) << std::right << "  " << name_of(names, file.place.number)
-                  << '\n';
+        out << std::setw(4) << file.place.number << std::setw(7) << file.place.block << std::setw(8)
+            << file.place.offset << std::setw(7) << file.contents.size() << std::setw(7)
+            << file.place.max_size << "  " << std::left << std::setw(8) << kind_name(file.kind)
+            << std::right << "  " << escape(name_of(names, file.place.number)) << '\n';
     }
 }
 
@@ -168,14 +166,15 @@ Json efs_to_json(const EfsImage &image, const EfsLayout &layout, const FileNames
     return json;
 }
 
-void print_efs(const EfsImage &image, const EfsLayout &layout, const FileNames &names) {
-    std::cout << "EFS image of " << layout.image_size() << " bytes: " << layout.bm_num << " BMs, "
-              << layout.valid_blocks << " logical and " << layout.spare_blocks
-              << " spare blocks of 4096 bytes, layout " << layout.layout_id << '\n';
-    print_bms(image);
+void print_efs(std::ostream &out, const EfsImage &image, const EfsLayout &layout,
+               const FileNames &names) {
+    out << "EFS image of " << layout.image_size() << " bytes: " << layout.bm_num << " BMs, "
+        << layout.valid_blocks << " logical and " << layout.spare_blocks
+        << " spare blocks of 4096 bytes, layout " << layout.layout_id << '\n';
+    print_bms(out, image);
     if (!image.blocks.empty()) {
-        print_blocks(image);
-        print_files(image, names);
+        print_blocks(out, image);
+        print_files(out, image, names);
     }
 }
 

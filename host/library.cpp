@@ -7,12 +7,15 @@
 #include <cstring>
 #include <iostream>
 #include <set>
-#include <sstream>
+#include <utility>
 
+#include "Afs.h"
 #include "dfs.h"
 #include "efs_tools_utils.h"
 #include "host/errors.h"
 #include "host/manifest.h"
+#include "host/output.h"
+#include "host/report_meaning.h"
 #include "host/tables.h"
 #include "miniVfs.h"
 
@@ -22,31 +25,14 @@ namespace {
 
 constexpr std::string_view home_prefix = "/home/";
 
-// Every report, in one line: what it is, its number and level, the catalogue's text, the message.
-void print_report(ErrorLevel level, ImageToolsErrorName number, const char *text,
-                  const char *message) {
-    const bool is_error = level >= ERROR_LEVEL_ERROR;
-    std::ostringstream line;
-    line << "dolm: " << (is_error ? "error " : "warning ") << number << " (level " << level << "):";
-    if (*text != '\0') {
-        line << ' ' << text;
-    }
-    if (*message != '\0') {
-        const std::string_view told = text;
-        line << (told.empty() || told.ends_with('.') ? "" : ":") << (*message == ' ' ? "" : " ")
-             << message;
-    }
-    line << '\n';
-    // A command may start up more than once, and each start-up warns of the same missing files.
-    static std::set<std::string> warnings;
-    if (is_error || warnings.insert(line.str()).second) {
-        std::cerr << line.str();
-    }
-}
+// What the library has reported since the host last looked, and whether anyone wants to know.
+std::vector<Report> reports;
+bool reports_dropped = false;
 
-void require(bool success, const std::string &otherwise) {
-    if (!success) {
-        throw Failure(otherwise);
+void take_report(ErrorLevel level, ImageToolsErrorName number, const char *text,
+                 const char *message) {
+    if (!reports_dropped) {
+        reports.push_back({level, number, text, message, std::nullopt, "", ""});
     }
 }
 
@@ -115,10 +101,6 @@ bool is_pulled(const std::string &name, uint16_t attributes) {
            dfs_getsize(number, &size) == DFS_OK;
 }
 
-bool is_overridden(const std::string &name) {
-    return qoqfsCheckNvarExists(name.c_str(), FCS_FILE_VYN_CFG);
-}
-
 } // namespace
 
 const char *to_string(Origin origin) {
@@ -129,11 +111,13 @@ const char *to_string(Origin origin) {
         return "override";
     case Origin::flash:
         return "flash";
+    case Origin::none:
+        break;
     }
-    return "?";
+    return "none";
 }
 
-Library::Library(SetFiles &set, uint32_t sku) {
+Library::Library(SetFiles &set, uint32_t sku) : set_(set), sku_(sku) {
     require_row(set.ftbl, sku);
     _commonDolmInputs inputs{};
     inputs.orvelCfg = range_of(set.orvel_cfg);
@@ -143,19 +127,43 @@ Library::Library(SetFiles &set, uint32_t sku) {
     inputs.afsSkuId = sku;
     inputs.efsImage = range_of(set.efs_image);
     const OutputToErrors guard;
-    if (!qoQfsDolmInit(&inputs, print_report)) {
+    const bool is_up = qoQfsDolmInit(&inputs, take_report);
+    tell_reports();
+    if (!is_up) {
         // The tables may be up although the flash stores are not.
-        if (qoFcsIsInitialized()) {
-            qoQfsNvarTerm(false);
-        }
+        release();
         throw Failure("start-up failed");
     }
 }
 
 Library::~Library() {
-    // A termination that failed has taken everything down already.
+    release();
+}
+
+// Only a termination releases the tables, and it would write all values back. Without AFS nothing
+// can be written, and what it says about values that it cannot keep does not matter.
+void Library::release() {
+    reports_dropped = true;
+    if (dfs_context != nullptr) {
+        afs_free_context(dfs_context);
+    }
     if (qoFcsIsInitialized()) {
         qoQfsNvarTerm(false);
+    }
+    reports_dropped = false;
+}
+
+void Library::tell_reports() const {
+    explain(reports, set_, sku_);
+    for (const Report &report : std::exchange(reports, {})) {
+        tell_report(report);
+    }
+}
+
+void Library::require(bool success, const std::string &otherwise) const {
+    tell_reports();
+    if (!success) {
+        throw Failure(otherwise);
     }
 }
 
@@ -164,29 +172,37 @@ std::vector<std::string> Library::names() const {
 }
 
 std::vector<std::string> Library::override_only_names() const {
-    return table_names_where(
-        [](const std::string &name) { return is_overridden(name) && !is_current(name); });
+    return table_names_where([](const std::string &name) {
+        return qoqfsCheckNvarExists(name.c_str(), FCS_FILE_VYN_CFG) && !is_current(name);
+    });
 }
 
 std::string full_name(const std::string &name) {
     return name.starts_with(home_prefix) ? name : std::string(home_prefix) + name;
 }
 
-Nvar Library::nvar(const std::string &given_name) const {
-    const std::string name = full_name(given_name);
+Nvar Library::nvar(const std::string &given_name, FcsFileName table) const {
     Nvar nvar;
+    nvar.name = full_name(given_name);
     uint8_t *data = nullptr;
     uint32_t size = 0;
-    require(qoQfsNvarGet(name.c_str(), &data, &size, FCS_FILE_CURRENT_VALUES, &nvar.writable,
-                         &nvar.max_size),
-            "cannot read " + name);
-    nvar.name = name;
+    require(qoQfsNvarGet(nvar.name.c_str(), &data, &size, table, &nvar.writable, nullptr),
+            "cannot read " + nvar.name);
     nvar.value.assign(data, data + size);
-    nvar.differs_from_base = nvar.value != value(name, FCS_FILE_ORVEL_CFG);
-    get_file_attributes_by_file_name(name.c_str(), &nvar.attributes, &nvar.max_size);
-    nvar.origin = is_pulled(name, nvar.attributes) ? Origin::flash
-                  : is_overridden(name)            ? Origin::override_value
-                                                   : Origin::base;
+    const auto value_in = [&](FcsFileName other) {
+        return qoqfsCheckNvarExists(nvar.name.c_str(), other)
+                   ? std::optional(value(nvar.name, other))
+                   : std::nullopt;
+    };
+    nvar.base = value_in(FCS_FILE_ORVEL_CFG);
+    nvar.override_value = value_in(FCS_FILE_VYN_CFG);
+    nvar.entry = find_entry(nvar.name).value_or(TableEntry{});
+    if (const auto current = value_in(FCS_FILE_CURRENT_VALUES)) {
+        nvar.differs_from_base = current != nvar.base;
+        nvar.origin = is_pulled(nvar.name, nvar.entry.attributes) ? Origin::flash
+                      : nvar.differs_from_base                    ? Origin::override_value
+                                                                  : Origin::base;
+    }
     return nvar;
 }
 

@@ -1,34 +1,38 @@
 // The shared library between start-up and final termination, on the files of a set.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/set_files.h"
+#include "host/table_entries.h"
 #include "qoqfs.h"
 
 namespace dolm {
 
-// Where the current value of an NVAR comes from.
-enum class Origin { base, override_value, flash };
+// Where the current value of an NVAR comes from. A value of "vync.cfg" that is the base value again
+// overrides nothing: every NVAR has one once the store has been rebuilt.
+enum class Origin { none, base, override_value, flash };
 
 const char *to_string(Origin origin);
 
 struct Nvar {
     std::string name;
-    Bytes value;
-    uint32_t max_size = 0;
-    uint16_t attributes = 0;
-    Origin origin = Origin::base;
-    bool writable = true;
-    bool differs_from_base = false;
+    Bytes value;                    // in the table that was asked for
+    TableEntry entry;               // of the file table
+    Origin origin = Origin::none;   // of the current value; none without one
+    bool writable = true;           // false if a termination passes by its file in flash
+    bool differs_from_base = false; // its current value
+    std::optional<Bytes> base;
+    std::optional<Bytes> override_value;
 };
 
 // The name with "/home/" in front, which may be left out where a name is looked up.
 std::string full_name(const std::string &name);
 
-// While it lives the library is up; one at a time. Everything that the library reports goes to
-// standard error at once, so that a Failure thrown here says only what was being tried.
+// While it lives the library is up; one at a time. What the library reports is told before a
+// Failure is thrown here, which says only what was being tried.
 class Library {
   public:
     // The flash images of the set are used in place: the store writes into them.
@@ -43,7 +47,7 @@ class Library {
     // Names that have an overriding value only, so that no current value comes of it.
     std::vector<std::string> override_only_names() const;
 
-    Nvar nvar(const std::string &given_name) const;
+    Nvar nvar(const std::string &given_name, FcsFileName table = FCS_FILE_CURRENT_VALUES) const;
 
     // The value in one of the three tables.
     Bytes value(const std::string &name, FcsFileName table) const;
@@ -53,6 +57,14 @@ class Library {
     // Writes everything back, into the flash images too, and gives the rebuilt store, without a
     // head.
     Bytes terminate();
+
+  private:
+    void release();
+    void tell_reports() const;
+    void require(bool success, const std::string &otherwise) const;
+
+    const SetFiles &set_;
+    const uint32_t sku_;
 };
 
 } // namespace dolm

@@ -1,9 +1,12 @@
 // The command line of dolm.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
+#include <numeric>
 
 #include "host/commands.h"
 #include "host/errors.h"
+#include "host/output.h"
 
 namespace {
 
@@ -46,7 +49,6 @@ void add_list(CLI::App &app) {
                       "Only those whose value differs from the base value");
     command->add_option("--against", options->against,
                         "Only those whose value differs from the one in this set");
-    command->add_flag("--json", options->json, "As JSON, with whole values");
     command->callback([options] { dolm::list_nvars(*options); });
 }
 
@@ -69,7 +71,6 @@ void add_get(CLI::App &app) {
             options->raw_file = path;
         },
         "The bytes as they are, into this file (- for standard output)");
-    form->add_flag("--json", options->json, "As JSON, with all properties");
     form->require_option(0, 1);
     command->callback([options] { dolm::get_nvar(*options); });
 }
@@ -104,7 +105,6 @@ void add_inspect(CLI::App &app) {
     command->add_option("--sku", options->sku,
                         "SKU in the file table; without it and --ftbl the "
                         "one in set.json beside the image");
-    command->add_flag("--json", options->json, "As JSON");
     command->callback([options] { dolm::inspect_image(*options); });
 }
 
@@ -112,11 +112,48 @@ void add_check(CLI::App &app) {
     auto *command = app.add_subcommand("check", "Say what is wrong with a set");
     auto options = std::make_shared<dolm::SetOptions>();
     add_set_options(*command, *options);
-    command->add_flag("--json", options->json, "As JSON");
     command->callback([options] { dolm::check_set(*options); });
 }
 
-int run(int argc, char **argv) {
+// Insertions, removals and replacements of characters that make one word the other.
+size_t distance(const std::string &one, const std::string &other) {
+    std::vector<size_t> row(other.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < one.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i + 1;
+        for (size_t j = 0; j < other.size(); ++j) {
+            const size_t replaced = diagonal + (one[i] == other[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
+        }
+    }
+    return row.back();
+}
+
+void refuse_unknown_command(const CLI::App &app, const std::string &word) {
+    const auto commands = app.get_subcommands([](const CLI::App *) { return true; });
+    const auto nearest =
+        std::min_element(commands.begin(), commands.end(), [&](const auto *a, const auto *b) {
+            return distance(word, a->get_name()) < distance(word, b->get_name());
+        });
+    if (distance(word, (*nearest)->get_name()) != 0) {
+        throw dolm::UsageError("there is no command '" + word + "'; the nearest is '" +
+                               (*nearest)->get_name() + "'");
+    }
+}
+
+// Wanted before the command line is understood, so that what is wrong with it is told in JSON too.
+bool asks_for_json(const std::vector<std::string> &words) {
+    const auto end = std::find(words.begin(), words.end(), "--");
+    return std::find(words.begin(), end, "--json") != end;
+}
+
+void run(int argc, char **argv) {
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    if (asks_for_json(words)) {
+        dolm::choose_json();
+    }
     CLI::App app("Builds, reads and changes sets of firmware storage inputs: configuration tables "
                  "and flash images.");
     app.set_version_flag("--version", DOLM_VERSION);
@@ -128,25 +165,39 @@ int run(int argc, char **argv) {
     add_set(app);
     add_inspect(app);
     add_check(app);
+    for (CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
+        command->add_flag("--json")->description("Results and errors as JSON");
+    }
+    if (!words.empty() && !words.front().starts_with('-')) {
+        refuse_unknown_command(app, words.front());
+    }
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success &help) {
+        app.exit(help);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : exit_usage;
+        throw dolm::UsageError(error.what());
     }
-    std::cout.flush();
-    return std::cout ? 0 : exit_failure;
+    dolm::flush_output();
+}
+
+int fail(const std::exception &error, int exit_code,
+         const std::vector<dolm::Problem> &problems = {}) {
+    dolm::tell_error(error.what(), exit_code, problems);
+    return exit_code;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
     try {
-        return run(argc, argv);
+        run(argc, argv);
+        return 0;
     } catch (const dolm::UsageError &error) {
-        std::cerr << "dolm: " << error.what() << '\n';
-        return exit_usage;
+        return fail(error, exit_usage);
+    } catch (const dolm::Failure &failure) {
+        return fail(failure, exit_failure, failure.problems);
     } catch (const std::exception &error) {
-        std::cerr << "dolm: " << error.what() << '\n';
-        return exit_failure;
+        return fail(error, exit_failure);
     }
 }

@@ -294,6 +294,12 @@ class Reader {
             const auto &text = json->get_ref<const std::string &>();
             return Content(to_bytes(text), text.size());
         }
+        if (!json->is_object()) {
+            problems.add(
+                object.at(key),
+                "a text, or an object with one of 'text', 'hex' and 'file', is needed here");
+            return std::nullopt;
+        }
         Object form(*json, object.at(key), problems);
         std::optional<Bytes> period = content_of(form);
         const size_t size =
@@ -324,7 +330,7 @@ class Reader {
             }
             content = content_from(form.at(key), key, json->get<std::string>());
         }
-        if (forms != 1 && form.json.is_object()) {
+        if (forms != 1) {
             problems.add(form.place, "one of 'text', 'hex' and 'file' is needed here");
         }
         return content;
@@ -485,6 +491,19 @@ Json parse_strictly(std::string_view text, const std::string &source) {
     return Json::parse(text, nullptr, true, with_comments);
 }
 
+// The name of the file that "/files/N..." is about, as far as the manifest gives it one.
+std::string name_at(const Json &manifest, const std::string &place) {
+    constexpr std::string_view files = "/files/";
+    if (!place.starts_with(files)) {
+        return "";
+    }
+    const Json &file = manifest["files"][std::stoul(place.substr(files.size()))];
+    const auto name = file.is_object() ? file.find("name") : file.end();
+    return name == file.end() || !name->is_string()
+               ? ""
+               : name->get<std::string>().substr(0, 2 * size_t{max_name_length});
+}
+
 } // namespace
 
 uint32_t trailer_length(uint16_t attributes) {
@@ -503,7 +522,8 @@ Manifest parse_manifest(std::string_view text, const std::string &source,
         check_manifest(manifest, problems);
     }
     if (!problems.empty()) {
-        throw Failure(problems.text(source));
+        throw Failure(
+            problems.list(source, [&](const std::string &place) { return name_at(json, place); }));
     }
     return manifest;
 }

@@ -5,35 +5,40 @@
 #include <string>
 #include <vector>
 
+#include "host/errors.h"
+
 namespace dolm {
 
 class Problems {
   public:
     // place is a JSON pointer.
-    void add(const std::string &place, const std::string &message) {
-        if (lines.size() < most_told) {
-            lines.push_back((place.empty() ? "/" : place) + ": " + message);
+    void add(const std::string &place, const std::string &text) {
+        if (found_.size() < most_told) {
+            found_.push_back({"", place.empty() ? "/" : place, "", text});
         } else {
-            ++untold;
+            ++untold_;
         }
     }
-    bool empty() const { return lines.empty(); }
-    std::string text(const std::string &source) const {
-        std::string joined;
-        for (const std::string &line : lines) {
-            joined += (joined.empty() ? "" : "\n") + source + ": " + line;
+    bool empty() const { return found_.empty(); }
+
+    // The problems of the source. name_at gives the name of the file that a place is about.
+    std::vector<Problem> list(const std::string &source, auto &&name_at) const {
+        std::vector<Problem> all = found_;
+        for (Problem &problem : all) {
+            problem.source = source;
+            problem.name = name_at(problem.place);
         }
-        if (untold != 0) {
-            joined += "\n" + source + ": and " + std::to_string(untold) + " more problems";
+        if (untold_ != 0) {
+            all.push_back({source, "", "", "and " + std::to_string(untold_) + " more problems"});
         }
-        return joined;
+        return all;
     }
 
   private:
     static constexpr size_t most_told = 1000;
 
-    std::vector<std::string> lines;
-    size_t untold = 0;
+    std::vector<Problem> found_;
+    size_t untold_ = 0;
 };
 
 } // namespace dolm

@@ -318,9 +318,9 @@ class SetCheck {
     }
 
     void check_nvar(const Library &library, const Nvar &nvar) {
-        if (nvar.value.size() > nvar.max_size) {
+        if (nvar.value.size() > nvar.entry.max_size) {
             error(nvar.name, "its value has " + bytes(nvar.value.size()) + ", over the limit of " +
-                                 bytes(nvar.max_size) + ": every termination fails");
+                                 bytes(nvar.entry.max_size) + ": every termination fails");
         }
         if (nvar.origin != Origin::flash) {
             return;

@@ -29,6 +29,23 @@ TableEntry read_entry(const file_table_entry_t &entry) {
 
 } // namespace
 
+std::string store_name(uint8_t store) {
+    switch (static_cast<Store>(store)) {
+    case Store::none:
+        return "none";
+    case Store::afs:
+        return "afs";
+    case Store::efs:
+        return "efs";
+    }
+    return std::to_string(store);
+}
+
+std::optional<TableEntry> find_entry(const std::string &name) {
+    const file_table_entry_t *entry = get_file_entry_by_file_name(name.c_str());
+    return entry == nullptr ? std::nullopt : std::optional(read_entry(*entry));
+}
+
 std::vector<TableEntry> selected_entries() {
     std::vector<TableEntry> entries;
     for (int32_t i = 0; i < g_table_num_files; ++i) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,20 @@ struct TableEntry {
     uint8_t store = 0; // as the table has it: Store, or a value without a meaning
     uint32_t max_size = 0;
 };
+
+// The class nibble, and the number without it.
+inline uint32_t class_of(uint32_t number) {
+    return number >> 28;
+}
+inline uint32_t number_in_class(uint32_t number) {
+    return number & 0x0FFFFFFF;
+}
+
+// "afs", "efs", "none", or the number of a store that does not exist.
+std::string store_name(uint8_t store);
+
+// The entry of a name in the table that the library has selected; the first, as in the library.
+std::optional<TableEntry> find_entry(const std::string &name);
 
 // The entries of the table that the library has selected, in their order.
 std::vector<TableEntry> selected_entries();

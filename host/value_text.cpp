@@ -4,6 +4,7 @@
 
 #include "host/errors.h"
 #include "host/set_files.h"
+#include "host/utf8.h"
 
 namespace dolm {
 
@@ -60,9 +61,8 @@ Bytes to_bytes(std::string_view text) {
     return Bytes(text.begin(), text.end());
 }
 
-bool is_printable(const Bytes &value) {
-    return std::all_of(value.begin(), value.end(),
-                       [](uint8_t byte) { return byte >= 0x20 && byte < 0x7F; });
+std::string_view to_text(const Bytes &bytes) {
+    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
 }
 
 Bytes parse_value(const std::string &argument) {
@@ -80,10 +80,10 @@ Bytes parse_value(const std::string &argument) {
 }
 
 std::string format_value(const Bytes &value) {
-    if (!is_printable(value)) {
+    if (!is_printable(to_text(value))) {
         return std::string(hex_prefix) + to_hex(value);
     }
-    const std::string text(value.begin(), value.end());
+    const std::string text(to_text(value));
     const bool ambiguous =
         text.starts_with(hex_prefix) || text.starts_with(text_prefix) || text.starts_with('@');
     return ambiguous ? std::string(text_prefix) + text : text;
@@ -93,20 +93,28 @@ std::string preview_value(const Bytes &value, size_t width) {
     if (value.empty()) {
         return "-";
     }
-    // Enough bytes to overflow any width, so that a long value is not converted as a whole.
-    const Bytes head(value.begin(),
-                     value.begin() + static_cast<std::ptrdiff_t>(std::min(value.size(), width)));
-    const bool text = is_printable(value);
-    std::string shown = to_hex(head);
-    if (text) {
-        shown.assign(1, '"').append(head.begin(), head.end()).push_back('"');
+    constexpr std::string_view cut = "...";
+    if (!is_printable(to_text(value))) {
+        const bool fits = 2 * value.size() <= width;
+        const size_t shown = fits ? value.size() : (width - cut.size()) / 2;
+        return to_hex(Bytes(value.begin(), value.begin() + static_cast<std::ptrdiff_t>(shown))) +
+               (fits ? "" : std::string(cut));
     }
-    if (head.size() < value.size() || shown.size() > width) {
-        const size_t kept = width - 3;
-        shown.resize(std::min(shown.size(), text ? kept : kept / 2 * 2));
-        shown += "...";
+    // A character takes a column; the first quote and what stands for the rest take theirs.
+    std::string_view rest = to_text(value);
+    std::string shown;
+    std::string fitting;
+    size_t columns = 1;
+    while (!rest.empty() && columns + 1 < width) {
+        const size_t length = first_character(rest).length;
+        shown += rest.substr(0, length);
+        rest.remove_prefix(length);
+        ++columns;
+        if (columns + cut.size() == width) {
+            fitting = shown;
+        }
     }
-    return shown;
+    return rest.empty() ? "\"" + shown + "\"" : "\"" + fitting + std::string(cut);
 }
 
 } // namespace dolm

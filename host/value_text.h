@@ -18,19 +18,19 @@ namespace dolm {
 // Throws UsageError for malformed hexadecimal and Failure for a file that cannot be read.
 Bytes parse_value(const std::string &argument);
 
-// As text if every byte is printable ASCII, else in hexadecimal.
+// As text if it is printable UTF-8, else in hexadecimal.
 std::string format_value(const Bytes &value);
 
 // A one-line form for tables: quoted text or hexadecimal, cut with "..." to at most width columns
 // (at least 8), "-" for the empty value.
 std::string preview_value(const Bytes &value, size_t width);
 
-bool is_printable(const Bytes &value);
 std::string to_hex(const Bytes &value);
 
 // Nothing if the text is not pairs of hexadecimal digits with blanks between.
 std::optional<Bytes> from_hex(std::string_view text);
 
 Bytes to_bytes(std::string_view text);
+std::string_view to_text(const Bytes &bytes);
 
 } // namespace dolm

@@ -140,6 +140,7 @@ TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
     write_whole(folder / "bad.json", R"({"skus": [1], "files": [{"name": "/home/a"}]})");
     const Call calls[] = {
         {"", 2, "subcommand is required"},
+        {"lits set", 2, "there is no command 'lits'; the nearest is 'list'"},
         {"set set net/ntp a net/dns", 2, "'net/dns' has no value"},
         {"set set net/ntp a /home/net/ntp b", 2, "is given two values"},
         {"set set net/ntp hex:0", 2, "not hexadecimal"},
@@ -153,12 +154,21 @@ TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
         {"set set net/ntp a net/mac hex:00112233445566", 1, "7 bytes, over the limit of 6"},
         {"list set --sku 7", 1, "no row for SKU 7, only for 1, 2"},
         {"list long", 1, "long/qfs.img has 2097153 bytes; at most 2097152 are plausible here"},
-        {"list torn", 1, "Failed to create FCS handle. Library status code: 10"},
+        {"list torn", 1,
+         "Failed to create FCS handle. Library status code: 10 (orvel.cfg: its 45 "
+         "records reach past the end; status 10)"},
         {"set halted mca/version new", 1, "Failed to get file size from QFS."},
+        // What a reader's own termination would say is not said.
+        {"list halted 2>&1 | grep -c 'error '", 1, "0"},
         {"set set --output half net/ntp x", 1, "half/set.json"},
         {"build bad.json new", 1, "bad.json: /files/0: 'number' is missing"},
     };
     expect_each(calls);
+}
+
+TEST_F(Dolm, SaysWhenStandardOutputTakesNothing) {
+    const Outcome outcome = run("list set 2>&1 >/dev/full | cat");
+    EXPECT_NE(outcome.out.find("cannot write standard output: No space left"), std::string::npos);
 }
 
 TEST_F(Dolm, SetsManyValuesInTheTablesAndInBothImages) {

@@ -30,16 +30,16 @@ TEST(Manifest, RefusesWhatHasNotItsForm) {
         {"name": "/home/d", "number": 4, "max_size": 1, "base": {"file": "no/such/file"},
          "store": "efs", "id": 1}]})";
     const char *problems = R"(m: /skus: SKU 3 stands twice
-m: /files/0: 'number' is missing
-m: /files/0/base: one of 'text', 'hex' and 'file' is needed here
-m: /files/0/bass: unknown member
-m: /files/1/number: a whole number from 0 to 268435455 is needed here
-m: /files/1/base/hex: not hexadecimal: two digits make a byte
-m: /files/1/max_size: a whole number from 0 to 4294967295 is needed here
-m: /files/2/trailer: 0, 40 or 56 is needed here, in agreement with 'attributes'
-m: /files/2/base/size: an empty content cannot be repeated
-m: /files/3/base/file: cannot read no/such/file: No such file or directory
-m: /files/3: 'efs' is missing, the file's place in EFS
+m: /files/0: 'number' is missing (/home/a)
+m: /files/0/base: one of 'text', 'hex' and 'file' is needed here (/home/a)
+m: /files/0/bass: unknown member (/home/a)
+m: /files/1/number: a whole number from 0 to 268435455 is needed here (/home/b)
+m: /files/1/base/hex: not hexadecimal: two digits make a byte (/home/b)
+m: /files/1/max_size: a whole number from 0 to 4294967295 is needed here (/home/b)
+m: /files/2/trailer: 0, 40 or 56 is needed here, in agreement with 'attributes' (/home/c)
+m: /files/2/base/size: an empty content cannot be repeated (/home/c)
+m: /files/3/base/file: cannot read no/such/file: No such file or directory (/home/d)
+m: /files/3: 'efs' is missing, the file's place in EFS (/home/d)
 m: /nvars: unknown member)";
     EXPECT_EQ(problems_of(manifest), problems);
 }
@@ -72,27 +72,27 @@ TEST(Manifest, RefusesWhatDoesNotFitTogether) {
         {"name": "/home/mca/deploy", "number": 14, "max_size": 4,
          "store": "afs", "id": 9, "flash": "1"}]})";
     const char *problems = R"(m: /default_sku: not one of the SKUs in /skus
-m: /files/0/skus: SKU 12 is not one of those in /skus
-m: /files/1: the name "/home/a" is taken by "/home/a" at /files/0
-m: /files/1: the file number 1 is taken by "/home/a" at /files/0
-m: /files/9: the id 8 is taken by "/home/8" at /files/8
-m: /files/1/override: the value has 5 bytes, over the limit of 4 bytes
-m: /files/2/name: "/home/this_name_is_one_byte_longer_than_the_table" has 49 bytes, at most 48 fit
-m: /files/2/number: number 0 with class 0 names no file
-m: /files/3/name: "/etc/a" could not be looked up: names of NVARs begin with /home/
-m: /files/4/base: the value has 65524 bytes, over the limit of 65523 bytes
+m: /files/0/skus: SKU 12 is not one of those in /skus (/home/a)
+m: /files/1: the name "/home/a" is taken by "/home/a" at /files/0 (/home/a)
+m: /files/1: the file number 1 is taken by "/home/a" at /files/0 (/home/a)
+m: /files/9: the id 8 is taken by "/home/8" at /files/8 (/home/9)
+m: /files/1/override: the value has 5 bytes, over the limit of 4 bytes (/home/a)
+m: /files/2/name: "/home/this_name_is_one_byte_longer_than_the_table" has 49 bytes, at most 48 fit (/home/this_name_is_one_byte_longer_than_the_table)
+m: /files/2/number: number 0 with class 0 names no file (/home/this_name_is_one_byte_longer_than_the_table)
+m: /files/3/name: "/etc/a" could not be looked up: names of NVARs begin with /home/ (/etc/a)
+m: /files/4/base: the value has 65524 bytes, over the limit of 65523 bytes (/home/4)
 m: /afs/data_units: the files take 489 chunks of 64 bytes, there are 488
-m: /files/9/efs: in logical block 0 its record overlaps that of "/home/8", which may reach to offset 101
-m: /files/11/efs: in logical block 6 its record overlaps that of "/home/10", which may reach to offset 4076
-m: /files/5/flash: a file without a store has none
-m: /files/6/id: file 0 of AFS cannot be used: it reads as no file
-m: /files/7/id: AFS has 1024 file slots, the last is 1023
-m: /files/10/efs: the file runs to logical block 7, the last is 6
-m: /files/11/efs: a write of 12213 bytes needs 4 spare blocks, there are 3
-m: /files/12/efs/max_size: less than the file's own limit of 9 bytes, so that a good value could not be written
-m: /files/13/id: EFS has 16 file slots, the last is 15
-m: /files/13/flash: the content has 43 bytes with its trailer, over the limit of 40 bytes
-m: /files/0: not in flash and without a trailer: as the set has "/home/mca/deploy", every termination would fail over it)";
+m: /files/9/efs: in logical block 0 its record overlaps that of "/home/8", which may reach to offset 101 (/home/9)
+m: /files/11/efs: in logical block 6 its record overlaps that of "/home/10", which may reach to offset 4076 (/home/11)
+m: /files/5/flash: a file without a store has none (/home/5)
+m: /files/6/id: file 0 of AFS cannot be used: it reads as no file (/home/6)
+m: /files/7/id: AFS has 1024 file slots, the last is 1023 (/home/7)
+m: /files/10/efs: the file runs to logical block 7, the last is 6 (/home/10)
+m: /files/11/efs: a write of 12213 bytes needs 4 spare blocks, there are 3 (/home/11)
+m: /files/12/efs/max_size: less than the file's own limit of 9 bytes, so that a good value could not be written (/home/12)
+m: /files/13/id: EFS has 16 file slots, the last is 15 (/home/13)
+m: /files/13/flash: the content has 43 bytes with its trailer, over the limit of 40 bytes (/home/13)
+m: /files/0: not in flash and without a trailer: as the set has "/home/mca/deploy", every termination would fail over it (/home/a))";
     EXPECT_EQ(problems_of(manifest), problems);
 }
 
