@@ -266,6 +266,15 @@ TEST_F(FrontEnd, MemoryHelpers) {
     EXPECT_EQ(ByteCopy(to, 4, "abcd", 4), 0u);
     EXPECT_LT(LtCompareMemory(to, "abce", 4), 0);
     EXPECT_EQ(LtCompareMemory(nullptr, nullptr, 0), 0);
+    if (sizeof(size_t) == 4) { // sizes that 32 bits would cut short
+        const uint64_t huge = uint64_t{SIZE_MAX} + 3;
+        EXPECT_EQ(LtAllocateMemory(huge), nullptr);
+        EXPECT_EQ(LtAllocateZeroMemory(huge), nullptr);
+        EXPECT_EQ(LtSetMemory(to, 'x', huge), nullptr);
+        EXPECT_EQ(LtCompareMemory(to, "abcd", huge), -1);
+        EXPECT_EQ(ByteCopy(to, huge, "xyz", huge), 40u);
+        EXPECT_EQ(std::memcmp(to, "abcd", 4), 0);
+    }
 }
 
 // Start-ups, changes and terminations on random tables beside a map from name to current value.
