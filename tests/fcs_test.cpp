@@ -6,7 +6,7 @@
 #include <map>
 #include <random>
 
-#include "failing_memory.h"
+#include "heap_double.h"
 #include "proof/builders.h"
 
 using namespace builders;
@@ -227,9 +227,9 @@ TEST_F(FcsTest, ExhaustedMemoryIsAResultAndLeavesTheStoreAsItWas) {
         const Bytes before = flushed();
         uint32_t status = FCS_ALLOC_FAILED;
         for (long allocations = 0; status != FCS_OK; ++allocations) {
-            failing_memory::fail_from(allocations);
+            heap_double::fail_from(allocations);
             status = operation();
-            failing_memory::stop();
+            heap_double::stop();
             closeHandle(&other); // also one that is built in part
             ASSERT_TRUE(status == FCS_OK || flushed() == before);
             ASSERT_TRUE(status == FCS_OK || status == FCS_ALLOC_FAILED || status == FCS_BAD_STORE)

@@ -1,4 +1,6 @@
-#include "failing_memory.h"
+#include "heap_double.h"
+
+#include <malloc.h>
 
 #include <cstdlib>
 #include <new>
@@ -9,6 +11,7 @@ bool active = false; // counting, and failing when it is time
 bool lasting = false;
 bool has_failed = false;
 long allocations_left = 0;
+size_t in_use = 0;
 
 void start(long number, bool is_lasting) {
     active = true;
@@ -25,27 +28,36 @@ bool fails_now() {
     return has_failed;
 }
 
+void *counted(void *memory) {
+    in_use += malloc_usable_size(memory);
+    return memory;
+}
+
 } // namespace
 
-void failing_memory::fail_from(long first) {
+void heap_double::fail_from(long first) {
     start(first, true);
 }
 
-void failing_memory::fail_once(long number) {
+void heap_double::fail_once(long number) {
     start(number, false);
 }
 
-bool failing_memory::stop() {
+bool heap_double::stop() {
     const bool failed = active && has_failed;
     active = false;
     return failed;
 }
 
-failing_memory::Pause::Pause() : active_(active) {
+size_t heap_double::bytes_in_use() {
+    return in_use;
+}
+
+heap_double::Pause::Pause() : active_(active) {
     active = false;
 }
 
-failing_memory::Pause::~Pause() {
+heap_double::Pause::~Pause() {
     active = active_;
 }
 
@@ -54,17 +66,29 @@ extern "C" {
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *memory, size_t size);
+void __real_free(void *memory);
 
 void *__wrap_malloc(size_t size) {
-    return fails_now() ? nullptr : __real_malloc(size);
+    return fails_now() ? nullptr : counted(__real_malloc(size));
 }
 
 void *__wrap_calloc(size_t count, size_t size) {
-    return fails_now() ? nullptr : __real_calloc(count, size);
+    return fails_now() ? nullptr : counted(__real_calloc(count, size));
 }
 
 void *__wrap_realloc(void *memory, size_t size) {
-    return fails_now() ? nullptr : __real_realloc(memory, size);
+    if (fails_now()) {
+        return nullptr;
+    }
+    const size_t before = malloc_usable_size(memory);
+    void *moved = __real_realloc(memory, size);
+    in_use -= moved != nullptr ? before : 0;
+    return counted(moved);
+}
+
+void __wrap_free(void *memory) {
+    in_use -= malloc_usable_size(memory);
+    __real_free(memory);
 }
 }
 

@@ -1,8 +1,10 @@
-// Makes allocations fail: operator new, and malloc, calloc and realloc of everything that is linked
-// in statically. Link dolm_failing_memory to use it.
+// Stands between the heap and operator new, malloc and its kin in everything that is linked in
+// statically: makes allocations fail, and counts. Link dolm_wrapped_heap to use it.
 #pragma once
 
-namespace failing_memory {
+#include <cstddef>
+
+namespace heap_double {
 
 // From now on allocation number first fails, counted from 0; all behind it as well, unless it is to
 // be that one alone.
@@ -11,6 +13,9 @@ void fail_once(long number);
 
 // Lets all allocations succeed again. True if one has failed.
 bool stop();
+
+// Bytes of the blocks that have been allocated and not freed.
+size_t bytes_in_use();
 
 // Keeps allocations from failing, and from being counted, while it lives.
 class Pause {
@@ -24,4 +29,4 @@ class Pause {
     const bool active_;
 };
 
-} // namespace failing_memory
+} // namespace heap_double

@@ -7,7 +7,7 @@
 #include <map>
 #include <set>
 
-#include "failing_memory.h"
+#include "heap_double.h"
 #include "proof/full_set.h"
 #include "vynerrors.h"
 
@@ -35,7 +35,7 @@ FlashSet make_set(bool with_flash) {
 
 void report_with_memory(ErrorLevel level, ImageToolsErrorName number, const char *text,
                         const char *message) {
-    const failing_memory::Pause pause;
+    const heap_double::Pause pause;
     EXPECT_NE(std::string(text), "General Error");
     EXPECT_TRUE(VynErrors::s_imageToolsErrorNameStringMap.empty() ||
                 VynErrors::s_imageToolsErrorNameStringMap.size() == 35);
@@ -117,7 +117,7 @@ class OutOfMemory : public testing::TestWithParam<bool> {
         }
     }
     void TearDown() override {
-        failing_memory::stop();
+        heap_double::stop();
         set_.reset();
         builders::forget_file_table();
         reports.clear();
@@ -137,9 +137,9 @@ class OutOfMemory : public testing::TestWithParam<bool> {
                 set_.emplace(fresh);
                 EXPECT_TRUE(prepare(*set_));
                 reports.clear();
-                lasting ? failing_memory::fail_from(number) : failing_memory::fail_once(number);
+                lasting ? heap_double::fail_from(number) : heap_double::fail_once(number);
                 const bool done = call(*set_);
-                failed = failing_memory::stop();
+                failed = heap_double::stop();
                 EXPECT_TRUE(done || failed);
                 EXPECT_EQ(done, reports.empty());
                 if (!done) {
