@@ -178,8 +178,12 @@ uint32_t cache_flush(afs_context *context) {
     if (!has_cache(context)) {
         return AFS_RC_INVALID;
     }
-    for (uint16_t line = oldest_dirty_line(context); line != end_of_list;
-         line = oldest_dirty_line(context)) {
+    // Each pass leaves one dirty line less.
+    for (uint16_t pass = 0; pass < context->cache_line_count; ++pass) {
+        const uint16_t line = oldest_dirty_line(context);
+        if (line == end_of_list) {
+            return AFS_RC_OK;
+        }
         const uint32_t status = write_back(context, line);
         if (status != AFS_RC_OK) {
             return status;

@@ -76,6 +76,7 @@ void reset_state(afs_context *context, uint32_t device_size) {
     ftl.last_data_eu = 0;
     ftl.head_closed = 0;
     ftl.chain_starts = 0;
+    ftl.barren_ranges = 0;
 }
 
 void mark_blank_log(afs_eu_info &row) {

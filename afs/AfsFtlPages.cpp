@@ -1,4 +1,5 @@
 // Reading, writing and trimming pages of the VA space, and the allocator of data pages.
+#include <algorithm>
 #include <cstring>
 
 #include "AfsFtl.h"
@@ -88,14 +89,43 @@ uint32_t write_data_page(afs_context *context, uint32_t va, const void *data) {
     return AFS_RC_OK;
 }
 
+uint32_t count_data_eus(const afs_ftl_state &ftl) {
+    return static_cast<uint32_t>(
+        std::count_if(ftl.eu_table, ftl.eu_table + ftl.eu_count,
+                      [](const afs_eu_info &row) { return row.va_base != 0; }));
+}
+
+// The allocator has walked through all of its range and handed out nothing, as happens where an
+// erase was only reported: the EU has no free slots, whatever its row says.
+uint32_t leave_barren_range(afs_context *context) {
+    afs_ftl_state &ftl = *context->ftl;
+    data_place place;
+    if (find_data_place(context, context->data_va_start + (ftl.alloc_end - 1) * AFS_PAGE_SIZE,
+                        &place)) {
+        ftl.eu_table[place.eu].free_pages = 0;
+    }
+    if (ftl.barren_ranges < count_data_eus(ftl)) {
+        return AFS_RC_OK;
+    }
+    ftl.barren_ranges = 0;
+    return AFS_RC_NO_SPACE;
+}
+
 // Asks the caller to flush the cache at first, and reclaims a data EU the second time: what is
-// still in the cache has a clear chunk bit and would be taken for dead.
+// still in the cache has a clear chunk bit and would be taken for dead. Gives up after a range for
+// each data EU without a chunk in any of them.
 uint32_t renew_allocation_range(afs_context *context) {
-    if (context->ftl->reclaim_armed == 0) {
-        context->ftl->reclaim_armed = 1;
+    afs_ftl_state &ftl = *context->ftl;
+    if (ftl.barren_ranges != 0 && leave_barren_range(context) != AFS_RC_OK) {
+        return AFS_RC_NO_SPACE;
+    }
+    if (ftl.reclaim_armed == 0) {
+        ftl.reclaim_armed = 1;
         return AFS_RC_FLUSH_FIRST;
     }
-    return reclaim_eu_wrapper(context, AFS_FTL_KIND_DATA);
+    const uint32_t rc = reclaim_eu_wrapper(context, AFS_FTL_KIND_DATA);
+    ftl.barren_ranges = static_cast<uint8_t>(ftl.barren_ranges + (rc == AFS_RC_OK ? 1 : 0));
+    return rc;
 }
 
 // Whether a chunk can be handed out. A clear bit alone may be a dead page that is still in its
@@ -304,6 +334,7 @@ uint32_t afs_physical_ftl_allocate_page(afs_context *context, uint16_t *cid) {
         }
         const uint32_t chunk = ftl.alloc_cursor++;
         if (is_free) {
+            ftl.barren_ranges = 0;
             *cid = static_cast<uint16_t>(context->file_count + chunk);
             return AFS_RC_OK;
         }
@@ -320,6 +351,7 @@ uint32_t afs_physical_ftl_set_allocation_map(afs_context *context) {
     }
     afs_ftl_state &ftl = *context->ftl;
     ftl.reclaim_armed = 0;
+    ftl.barren_ranges = 0;
     ftl.alloc_cursor = AFS_FTL_NONE;
     uint32_t newest_with_room = 0;
     for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {

@@ -75,17 +75,15 @@ void step_forward(write_job &job) {
 }
 
 // A reclaim takes chunks that are still in the cache for free ones, so the allocator asks for a
-// flush before it does one.
+// flush before it does one: at most once for each data EU.
 uint32_t allocate(afs_context *context, uint16_t *cid) {
     uint32_t status = afs_allocate_chunk(context, cid);
-    if (status == AFS_RC_FLUSH_FIRST) {
+    while (status == AFS_RC_FLUSH_FIRST) {
         status = cache_flush(context);
         if (status != AFS_RC_OK) {
             return status;
         }
-        do {
-            status = afs_allocate_chunk(context, cid);
-        } while (status == AFS_RC_FLUSH_FIRST);
+        status = afs_allocate_chunk(context, cid);
     }
     return status;
 }

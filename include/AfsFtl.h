@@ -91,12 +91,13 @@ struct afs_ftl_state {
     uint8_t eu_count;
     uint8_t ftl_eu_count; // EUs before the first data EU in a fresh format
     uint8_t reclaim_cursor;
-    uint8_t needs_mount;  // 1: a reclaim failed half-way and left the tables ahead of the flash;
-                          // writes and reclaims give 5 until the next mount
-    uint8_t last_data_eu; // the data EU found last; only a hint
-    uint8_t head_closed;  // 1: write_eu takes no more pages, even if write_slot is below 120
-    uint8_t chain_starts; // 1: write_eu holds no committed entry, so that its next one is linked
-                          // to 0, whatever last_page says
+    uint8_t needs_mount;   // 1: a reclaim failed half-way and left the tables ahead of the flash;
+                           // writes and reclaims give 5 until the next mount
+    uint8_t last_data_eu;  // the data EU found last; only a hint
+    uint8_t head_closed;   // 1: write_eu takes no more pages, even if write_slot is below 120
+    uint8_t chain_starts;  // 1: write_eu holds no committed entry, so that its next one is linked
+                           // to 0, whatever last_page says
+    uint8_t barren_ranges; // ranges that the allocator was given since it last handed out a chunk
 };
 
 // Control record of one line of the page cache.
@@ -185,7 +186,8 @@ DOLM_API uint32_t read_ftl_data_pages(afs_context *context, uint32_t eu, uint32_
 
 // Hands out a free chunk, as its cid (file_count + chunk). Its bit stays clear until its page is
 // written. 0; AFS_RC_FLUSH_FIRST if the caller has to flush the cache and call again, since the
-// next call may reclaim; 28 if nothing is left; 5; 99 without a chunk map; or what
+// next call may reclaim; 28 if nothing is left, also if as many EUs in turn as hold data gave
+// nothing, which a device does that erases nothing; 5; 99 without a chunk map; or what
 // reclaim_eu_wrapper gives.
 DOLM_API uint32_t afs_physical_ftl_allocate_page(afs_context *context, uint16_t *cid);
 

@@ -327,6 +327,31 @@ TEST(AfsFiles, KnowNoStoreWhoseTranslationLayerWasLost) {
     EXPECT_EQ(store.remove(1).run(), AFS_RC_INVALID);
 }
 
+// Nothing is ever free again: after a round over the data EUs the store is full.
+TEST(AfsFiles, DeviceThatErasesNothingFillsTheStore) {
+    Store store(format_afs_image({16 * AFS_EU_SIZE, 2, file_count}));
+    DeviceDouble &device = DeviceDouble::instance();
+    device.attach(store.image);
+    device.add_fault({DeviceAccess::erase, 0, UINT32_MAX, DeviceFault::Effect::lose});
+    Files files;
+    uint32_t status = AFS_RC_OK;
+    uint32_t erases = 0;
+    for (uint32_t i = 0; status == AFS_RC_OK; ++i) {
+        erases = device.count(DeviceAccess::erase);
+        const Change change = store.write(i % 2, 0, pattern(i, 5120), AFS_WRITE_TRUNCATE);
+        status = change.run();
+        if (status == AFS_RC_OK) {
+            change.effect(files);
+        }
+    }
+    EXPECT_EQ(status, AFS_RC_NO_SPACE);
+    EXPECT_EQ(device.count(DeviceAccess::erase) - erases, 2 * 2u) << "two blocks of two data EUs";
+    EXPECT_EQ(store.read_files(), files);
+    device.detach();
+    ASSERT_EQ(store.remount(), AFS_RC_OK);
+    EXPECT_EQ(store.read_files(), files);
+}
+
 TEST(AfsFiles, GivesUpFatPagesOfFreeChunks) {
     Store store(format_afs_image({4 * AFS_EU_SIZE, 1, 1024}));
     // The entries of chunk 25 to 56 fill page 33; page 32 begins with those of file slots.
