@@ -8,6 +8,7 @@
 
 #include "afs/ftl_access.h"
 #include "afs/ftl_format.h"
+#include "afs/log_map.h"
 
 using namespace dolm;
 
@@ -18,9 +19,8 @@ struct header_scan {
     uint32_t spare = AFS_FTL_NONE;   // the EU without a valid header
     uint32_t pending = AFS_FTL_NONE; // the EU whose header is not committed
     uint16_t pending_next_spare = 0;
-    uint16_t pending_first_entry = 0;
-    uint16_t newest_next_spare = 0; // of the committed header with the highest sequence
-    uint16_t log_head_page = 0;     // last page of the newest log
+    uint16_t newest_next_spare = 0;       // of the committed header with the highest sequence
+    uint32_t unusable_log = AFS_FTL_NONE; // the newest EU whose log holds nothing and is closed
     bool repair_erase_count = false;
 };
 
@@ -84,41 +84,105 @@ void mark_blank_log(afs_eu_info &row) {
     row.free_pages = 1;
 }
 
-uint32_t take_committed_header(afs_context *context, uint32_t eu, const afs_eu_header &header,
-                               uint16_t first_entry, header_scan &scan) {
-    afs_ftl_state &ftl = *context->ftl;
+// The file layer mounts once without a data area, to read the header that tells the real geometry.
+bool has_data_area(const afs_context *context) {
+    return context->total_va_size != context->data_va_start;
+}
+
+uint32_t read_log(const afs_context *context, uint32_t eu, log_contents &log) {
+    uint8_t map[log_map_size];
+    if (SpiDrvRead(eu_address(context, eu) + log_map_offset, sizeof map, map) != 0) {
+        return AFS_RC_IO;
+    }
+    const log_pages pages = {.count = std::min(log_page_count(context), context->ftl->page_count),
+                             .provisional = !has_data_area(context)};
+    return read_log_map(map, pages, log) ? AFS_RC_OK : AFS_RC_IO;
+}
+
+// A committed log entry: page has a copy in a slot of eu. The copy in the EU of the higher sequence
+// counts, within one sequence the later one; the other is dirty. Each slot is counted at most once,
+// so that no count passes the slots of an EU, whatever the log says.
+void claim_page(afs_ftl_state &ftl, uint32_t page, uint32_t eu, uint32_t slot) {
+    afs_page_loc &copy = ftl.page_map[page];
+    if (copy.slot != slot_none) {
+        afs_eu_info &other = ftl.eu_table[copy.eu];
+        if (other.sequence > ftl.eu_table[eu].sequence) {
+            ++ftl.eu_table[eu].dirty_pages;
+            return;
+        }
+        ++other.dirty_pages;
+    }
+    copy = {static_cast<uint8_t>(eu), static_cast<uint8_t>(slot)};
+}
+
+// Takes the pages of a log into the map; all other slots of the EU are dirty.
+void take_pages(afs_ftl_state &ftl, uint32_t eu, const log_contents &log) {
     afs_eu_info &row = ftl.eu_table[eu];
-    row.va_base = header.va_base;
+    for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES; ++slot) {
+        if (log.pages[slot] != no_page) {
+            claim_page(ftl, log.pages[slot], eu, slot);
+        }
+    }
+    row.dirty_pages = static_cast<uint8_t>(row.dirty_pages + AFS_FTL_EU_PAGES - log.committed);
+}
+
+// The next page goes behind what this log holds.
+void go_on_behind(afs_ftl_state &ftl, const log_contents &log) {
+    if (log.next_slot != AFS_FTL_NONE) {
+        ftl.write_slot = log.next_slot;
+    }
+    ftl.head_closed = log.closed ? 1 : 0;
+    ftl.last_page = log.last_page;
+}
+
+// Whether an EU's header is at least as new as that of another one, which may be none.
+bool is_as_new_as(const afs_ftl_state &ftl, uint32_t eu, uint32_t other) {
+    return other == AFS_FTL_NONE || ftl.eu_table[other].sequence <= ftl.eu_table[eu].sequence;
+}
+
+// Takes in the log of an EU. The head of the log is the newest EU that it can go on in, or a
+// pending one.
+uint32_t take_log(afs_context *context, uint32_t eu, header_scan &scan) {
+    afs_ftl_state &ftl = *context->ftl;
+    log_contents log;
+    const uint32_t rc = read_log(context, eu, log);
+    if (rc != AFS_RC_OK) {
+        return rc;
+    }
+    if (log.blank) {
+        mark_blank_log(ftl.eu_table[eu]);
+        return AFS_RC_OK;
+    }
+    take_pages(ftl, eu, log);
+    if (log.is_unusable()) {
+        if (is_as_new_as(ftl, eu, scan.unusable_log)) {
+            scan.unusable_log = eu;
+        }
+    } else if (eu == scan.pending || is_as_new_as(ftl, eu, ftl.write_eu)) {
+        ftl.write_eu = eu;
+        go_on_behind(ftl, log);
+    }
+    return AFS_RC_OK;
+}
+
+uint32_t take_committed_header(afs_context *context, uint32_t eu, const afs_eu_header &header,
+                               header_scan &scan) {
+    afs_ftl_state &ftl = *context->ftl;
+    ftl.eu_table[eu].va_base = header.va_base;
     if (header.sequence >= ftl.sequence) {
         ftl.sequence = header.sequence;
         scan.newest_next_spare = header.next_spare;
     }
-    if (header.va_base != 0) {
-        return AFS_RC_OK;
-    }
-    if (first_entry == log_entry_erased) {
-        mark_blank_log(row);
-        return AFS_RC_OK;
-    }
-    const bool newest =
-        ftl.write_eu == AFS_FTL_NONE || ftl.eu_table[ftl.write_eu].sequence <= header.sequence;
-    if (!newest) {
-        return ftl_process_pages(context, eu, 0);
-    }
-    ftl.write_eu = eu;
-    const uint32_t rc = ftl_process_pages(context, eu, 1);
-    scan.log_head_page = ftl.last_page;
-    return rc;
+    return header.va_base != 0 ? AFS_RC_OK : take_log(context, eu, scan);
 }
 
 // Reads the header of an EU, sorts the EU by it, and takes in its log if it has one.
 uint32_t scan_eu(afs_context *context, uint32_t eu, header_scan &scan) {
-    uint8_t bytes[eu_header_size + log_entry_size];
+    uint8_t bytes[eu_header_size + log_entry_size]; // the entry is looked at in the log map
     if (SpiDrvRead(eu_address(context, eu), sizeof bytes, bytes) != 0) {
         return AFS_RC_IO;
     }
     const afs_eu_header header = load_eu_header(bytes);
-    const uint16_t first_entry = load_le16(bytes + log_entry_offset(0));
     afs_eu_info &row = context->ftl->eu_table[eu];
     row.sequence = header.sequence;
     row.erase_count = header.erase_count;
@@ -138,11 +202,10 @@ uint32_t scan_eu(afs_context *context, uint32_t eu, header_scan &scan) {
         }
         scan.pending = eu;
         scan.pending_next_spare = header.next_spare;
-        scan.pending_first_entry = first_entry;
         row.va_base = header.va_base;
         return AFS_RC_OK;
     }
-    return take_committed_header(context, eu, header, first_entry, scan);
+    return take_committed_header(context, eu, header, scan);
 }
 
 // Of all headers but that of the spare. A pending header is the newest one, unless it is an old one
@@ -157,7 +220,7 @@ uint32_t highest_sequence(const afs_ftl_state &ftl) {
 
 // The reclaim was cut after its source had been given up: the pending EU stands in for it. Its
 // header stays uncommitted on the flash for now, since a mount writes nothing.
-uint32_t roll_forward(afs_context *context, const header_scan &scan) {
+uint32_t roll_forward(afs_context *context, header_scan &scan) {
     afs_ftl_state &ftl = *context->ftl;
     afs_eu_info &row = ftl.eu_table[scan.pending];
     ftl.uncommitted_eu = scan.pending;
@@ -165,22 +228,19 @@ uint32_t roll_forward(afs_context *context, const header_scan &scan) {
     if (row.va_base != 0) {
         return AFS_RC_OK;
     }
-    if (scan.pending_first_entry == log_entry_erased) {
-        mark_blank_log(row);
-        return AFS_RC_OK;
-    }
-    ftl.write_eu = scan.pending;
-    const uint32_t rc = ftl_process_pages(context, scan.pending, 1);
-    if (rc == AFS_RC_OK && row.dirty_pages == AFS_FTL_EU_PAGES && ftl.last_page == 0) {
+    const uint16_t newest_page = ftl.last_page;
+    const uint32_t rc = take_log(context, scan.pending, scan);
+    if (rc == AFS_RC_OK && ftl.write_eu == scan.pending && row.dirty_pages == AFS_FTL_EU_PAGES &&
+        ftl.last_page == 0) {
         // Its first write was cut, in a later session. The newest entry is still that of the log
         // before, but a page chained to it would be lost: each EU is read with a chain of its own.
-        ftl.last_page = scan.log_head_page;
+        ftl.last_page = newest_page;
         ftl.chain_starts = 1;
     }
     return rc;
 }
 
-uint32_t settle_interrupted_reclaim(afs_context *context, const header_scan &scan) {
+uint32_t settle_interrupted_reclaim(afs_context *context, header_scan &scan) {
     if (scan.pending == AFS_FTL_NONE) {
         return scan.spare == scan.newest_next_spare ? AFS_RC_OK : AFS_RC_IO;
     }
@@ -196,6 +256,23 @@ uint32_t settle_interrupted_reclaim(afs_context *context, const header_scan &sca
     return roll_forward(context, scan);
 }
 
+// With no log written yet the head is a blank EU. An unusable one is passed over as long as there
+// is a blank one to go on in; then the next write has it reclaimed.
+void settle_log_head(afs_ftl_state &ftl, const header_scan &scan) {
+    const uint32_t blank = find_oldest_eu(ftl, [](uint32_t, const afs_eu_info &row) {
+        return row.va_base == 0 && row.free_pages != 0;
+    });
+    if (scan.unusable_log != AFS_FTL_NONE && blank == AFS_FTL_NONE &&
+        is_as_new_as(ftl, scan.unusable_log, ftl.write_eu)) {
+        ftl.write_eu = scan.unusable_log;
+        ftl.write_slot = 0;
+        ftl.head_closed = 1;
+        ftl.last_page = 0;
+    } else if (ftl.write_eu == AFS_FTL_NONE) {
+        ftl.write_eu = blank;
+    }
+}
+
 // A lost erase count becomes the average of the others.
 void repair_erase_count(afs_ftl_state &ftl, uint32_t spare) {
     uint64_t sum = 0;
@@ -206,7 +283,7 @@ void repair_erase_count(afs_ftl_state &ftl, uint32_t spare) {
 }
 
 // Every data EU starts where a data EU can, and no two at the same place. Only asked where the
-// geometry has a data area: the file layer mounts once without, to read the header that tells it.
+// geometry has a data area.
 bool data_eus_fit(const afs_context *context) {
     std::bitset<UINT16_MAX / AFS_DATA_EU_PAGES + 1> taken;
     for (uint32_t eu = 0; eu < context->ftl->eu_count; ++eu) {
@@ -232,44 +309,18 @@ uint32_t mount(afs_context *context) {
             return rc;
         }
     }
-    ftl.last_page = scan.log_head_page;
     const uint32_t rc = settle_interrupted_reclaim(context, scan);
     if (rc != AFS_RC_OK) {
         return rc;
     }
-    if (ftl.write_eu == AFS_FTL_NONE) {
-        // No log is written yet.
-        ftl.write_eu =
-            find_oldest_eu(ftl, [](uint32_t, const afs_eu_info &row) { return row.va_base == 0; });
-    }
+    settle_log_head(ftl, scan);
     if (ftl.write_eu == AFS_FTL_NONE) {
         return AFS_RC_IO;
     }
     if (scan.repair_erase_count) {
         repair_erase_count(ftl, scan.spare);
     }
-    const bool has_data_area = context->total_va_size != context->data_va_start;
-    return has_data_area && !data_eus_fit(context) ? AFS_RC_IO : AFS_RC_OK;
-}
-
-// A committed log entry: page has a copy in a slot of eu. The copy in the EU of the higher sequence
-// counts, within one sequence the later one; the other is dirty. Each slot is counted at most once,
-// so that no count passes the slots of an EU, whatever the log says.
-void claim_page(afs_ftl_state &ftl, uint32_t page, uint32_t eu, uint32_t slot) {
-    afs_page_loc &copy = ftl.page_map[page];
-    if (copy.slot != slot_none) {
-        afs_eu_info &other = ftl.eu_table[copy.eu];
-        if (other.sequence > ftl.eu_table[eu].sequence) {
-            ++ftl.eu_table[eu].dirty_pages;
-            return;
-        }
-        ++other.dirty_pages;
-    }
-    copy = {static_cast<uint8_t>(eu), static_cast<uint8_t>(slot)};
-}
-
-bool is_erased_byte(uint8_t byte) {
-    return byte == 0xFF;
+    return has_data_area(context) && !data_eus_fit(context) ? AFS_RC_IO : AFS_RC_OK;
 }
 
 } // namespace
@@ -279,56 +330,16 @@ uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current) {
         return AFS_RC_INVALID;
     }
     afs_ftl_state &ftl = *context->ftl;
-    afs_eu_info &row = ftl.eu_table[eu];
-    uint8_t log[log_map_size];
-    if (SpiDrvRead(eu_address(context, eu) + log_map_offset, sizeof log, log) != 0) {
-        return AFS_RC_IO;
+    log_contents log;
+    const uint32_t rc = read_log(context, eu, log);
+    if (rc != AFS_RC_OK) {
+        return rc;
     }
-    const auto entry = [&log](uint32_t slot) { return load_le16(log + slot * log_entry_size); };
-    const auto set_head = [&ftl, current](uint32_t slot, bool closed) {
-        if (current != 0) {
-            ftl.write_slot = slot;
-            ftl.head_closed = closed ? 1 : 0;
-        }
-    };
-    const uint32_t pages = std::min(log_page_count(context), ftl.page_count);
-
-    ftl.last_page = 0;
-    for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES; ++slot) {
-        const uint16_t next = entry(slot + 1);
-        if ((next & log_entry_open_bit) == 0) {
-            const uint16_t page = log_chain(ftl.last_page, entry(slot));
-            ftl.last_page = page;
-            if (page >= pages) {
-                return AFS_RC_IO;
-            }
-            claim_page(ftl, page, eu, slot);
-            if (next == log_entry_commit_mark) {
-                const uint32_t end = slot + 1;
-                // A reclaim that was cut while it wrote a run of entries can have left some behind
-                // the mark. They would commit what is written before them.
-                const bool clean_behind =
-                    std::all_of(log + (end + 1) * log_entry_size, std::end(log), is_erased_byte);
-                set_head(end, !clean_behind);
-                row.dirty_pages = static_cast<uint8_t>(row.dirty_pages + AFS_FTL_EU_PAGES - end);
-                return AFS_RC_OK;
-            }
-            // Until the end of the log shows, nothing behind a committed entry is free.
-            set_head(ftl.write_slot, true);
-            continue;
-        }
-        ++row.dirty_pages;
-        if (entry(slot) == log_entry_erased) {
-            continue;
-        }
-        // The write of this slot was cut. The next slot is given up as well, since its entry may
-        // hold a part of the commit byte.
-        if (slot + 1 < AFS_FTL_EU_PAGES) {
-            ++slot;
-            ++row.dirty_pages;
-        }
-        set_head(slot + 1, false);
+    take_pages(ftl, eu, log);
+    if (current != 0 && !log.blank) {
+        go_on_behind(ftl, log);
     }
+    ftl.last_page = log.last_page;
     return AFS_RC_OK;
 }
 

@@ -6,13 +6,11 @@
 #include "AfsFtl.h"
 #include "afs/ftl_access.h"
 #include "afs/ftl_format.h"
+#include "afs/log_map.h"
 
 using namespace dolm;
 
 namespace {
-
-// Stands for "no live page" in a list of the pages of a log EU.
-constexpr uint16_t no_page = 0xFFFF;
 
 struct work_area {
     uint8_t pages[run_buffer_size];

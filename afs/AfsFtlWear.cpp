@@ -116,7 +116,7 @@ uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu
             data_free += row.free_pages;
             data_dirty += row.dirty_pages;
         } else if (i == ftl.write_eu) {
-            log_free += AFS_FTL_EU_PAGES - ftl.write_slot;
+            log_free += log_head_is_full(ftl) ? 0 : AFS_FTL_EU_PAGES - ftl.write_slot;
         } else if (row.free_pages != 0) {
             log_free += AFS_FTL_EU_PAGES;
         }

@@ -86,7 +86,8 @@ inline bool page_slot_is_good(const uint8_t *slot, uint32_t page) {
 // Entry i belongs to slot i; the last entry has no slot. An entry is 0xFFFF (erased), 0x7FFF (the
 // commit mark alone: its slot is the first free one), or a page entry below 0x4000: the page number
 // XOR crc14 of the page number of the committed entry before it in the same EU, 0 at the start.
-// Entry i is committed if and only if bit 15 of entry i + 1 is clear.
+// Entry i is committed if and only if bit 15 of entry i + 1 is clear. A committed entry that is no
+// page entry was passed over by a run of entries that landed in part; the log ends before it.
 inline constexpr uint32_t log_map_offset = 18;
 inline constexpr uint32_t log_entry_size = 2;
 inline constexpr uint32_t log_entry_count = AFS_FTL_EU_PAGES + 1;
@@ -95,7 +96,8 @@ inline constexpr uint32_t log_slots_offset = log_map_offset + log_map_size;
 inline constexpr uint16_t log_entry_erased = 0xFFFF;
 inline constexpr uint16_t log_entry_commit_mark = 0x7FFF;
 inline constexpr uint16_t log_entry_open_bit = 0x8000; // set in the next entry: not committed
-inline constexpr uint8_t log_commit_byte = 0x7F;       // written to the high byte of an entry
+inline constexpr uint16_t log_page_entry_bits = 0x3FFF;
+inline constexpr uint8_t log_commit_byte = 0x7F; // written to the high byte of an entry
 
 static_assert(log_slots_offset == 260);
 static_assert(log_slots_offset + AFS_FTL_EU_PAGES * page_slot_size == 8180);

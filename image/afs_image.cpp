@@ -26,8 +26,12 @@ class Reader {
         read_headers();
         settle_roles();
         repair_erase_count();
-        replay_log();
-        if (read_fs_header() && check_page_numbers()) {
+        // Until the header in page 0 is known, any page of the device may be in the log.
+        replay_log(static_cast<uint32_t>(bytes_.size() / page_size), true);
+        if (read_fs_header()) {
+            std::erase_if(image_.damages,
+                          [](const AfsDamage &found) { return found.rule == Rule::log_entry; });
+            replay_log(image_.data_va_start / page_size, false);
             find_data_eus();
             read_allocation_table();
             read_files();
@@ -154,10 +158,12 @@ class Reader {
         image_.eus[*image_.spare].erase_count = static_cast<uint32_t>(sum / (image_.eu_count - 1));
     }
 
-    // The log is the log EUs in the order of their headers, each read from its first slot on.
-    void replay_log() {
-        // Until the file system's header is known, any page of the device may be in the log.
-        image_.pages.resize(bytes_.size() / page_size);
+    // The log is the log EUs in the order of their headers, each read from its first slot on. The
+    // head is the newest EU that it can go on in; of blank EUs, the oldest.
+    void replay_log(uint32_t page_count, bool provisional) {
+        image_.pages.assign(page_count, std::nullopt);
+        image_.head.reset();
+        image_.head_slot = 0;
         std::vector<uint32_t> order;
         for (uint32_t i = 0; i < image_.eu_count; ++i) {
             if (image_.eus[i].role == AfsRole::log) {
@@ -167,58 +173,83 @@ class Reader {
         std::stable_sort(order.begin(), order.end(), [this](uint32_t a, uint32_t b) {
             return image_.eus[a].sequence < image_.eus[b].sequence;
         });
+        const auto blank =
+            std::ranges::find_if(order, [this](uint32_t eu) { return is_blank(eu); });
+        const bool any_blank = blank != order.end();
         for (const uint32_t eu : order) {
-            if (log_entry(eu, 0) != entry_empty) {
+            if (is_blank(eu)) {
+                continue;
+            }
+            const LogEnd end = replay_eu(eu, provisional);
+            if (!end.closed || end.has_pages || !any_blank) {
                 image_.head = eu;
-                image_.head_slot = replay_eu(eu);
+                image_.head_slot = end.closed ? log_slots : end.slot;
             }
         }
-        if (!image_.head && !order.empty()) {
-            image_.head = order.front();
+        if (!image_.head && any_blank) {
+            image_.head = *blank;
         }
     }
 
-    // Returns the first slot behind the log of this EU.
-    uint32_t replay_eu(uint32_t eu) {
-        uint16_t last = 0;
-        uint32_t slot = 0;
-        uint32_t end = 0;
-        while (slot < log_slots) {
-            const uint16_t next = log_entry(eu, slot + 1);
-            if ((next & entry_uncommitted_bit) == 0) {
-                if (end != slot) {
-                    damage({.rule = Rule::log_entry,
-                            .text = "EU " + number(eu) + ": entry " + number(slot) +
-                                    " stands behind the end of the log",
-                            .eu = eu,
-                            .slot = slot});
-                }
-                last = static_cast<uint16_t>(link_of(last) ^ log_entry(eu, slot));
-                enter_page(last, eu, slot);
-                end = ++slot;
-                if (next == entry_commit_mark) {
-                    return is_erased_behind(eu, slot) ? slot : log_slots;
-                }
-            } else if (log_entry(eu, slot) == entry_empty) {
-                ++slot;
-            } else {
-                // The write of this slot was cut; the slot after it goes with it.
-                slot = std::min(slot + 2, log_slots);
-                end = slot;
-            }
-        }
-        return end;
-    }
+    bool is_blank(uint32_t eu) const { return is_erased_from(eu, 0); }
 
-    // Entries behind the mark, left by a cut run of them, would commit what is written before them;
-    // such a log is full.
-    bool is_erased_behind(uint32_t eu, uint32_t slot) const {
-        for (uint32_t i = slot + 1; i <= log_slots; ++i) {
+    bool is_erased_from(uint32_t eu, uint32_t slot) const {
+        for (uint32_t i = slot; i <= log_slots; ++i) {
             if (log_entry(eu, i) != entry_empty) {
                 return false;
             }
         }
         return true;
+    }
+
+    struct LogEnd {
+        bool has_pages = false;
+        bool closed = false; // the EU takes no further pages
+        uint32_t slot = 0;   // of the next page
+    };
+
+    // A run of entries can land in part. What it leaves behind a gap would commit pages that are
+    // written there later, so such an EU is closed.
+    LogEnd replay_eu(uint32_t eu, bool provisional) {
+        LogEnd end;
+        if (log_entry(eu, 0) == entry_empty) {
+            end.closed = true;
+            return end;
+        }
+        uint16_t last = 0;
+        bool behind_cut = false;
+        uint32_t slot = 0;
+        while (slot < log_slots) {
+            const uint16_t entry = log_entry(eu, slot);
+            const uint16_t next = log_entry(eu, slot + 1);
+            if ((next & entry_uncommitted_bit) == 0) {
+                const auto page = static_cast<uint16_t>(link_of(last) ^ entry);
+                const bool astray = behind_cut && page >= image_.pages.size();
+                if ((entry & entry_page_mask) != entry || astray) {
+                    end.closed = true;
+                    return end;
+                }
+                last = page;
+                enter_page(last, eu, slot);
+                end.has_pages = true;
+                end.slot = ++slot;
+                // Links lead back into a range that is too wide before they leave it.
+                behind_cut = behind_cut && provisional;
+                if (next == entry_commit_mark) {
+                    end.closed = !is_erased_from(eu, slot + 1);
+                    return end;
+                }
+            } else if (entry == entry_empty) {
+                behind_cut = false;
+                ++slot;
+            } else {
+                // The write of this slot was cut; the slot after it goes with it.
+                slot = std::min(slot + 2, log_slots);
+                end.slot = slot;
+                behind_cut = true;
+            }
+        }
+        return end;
     }
 
     void enter_page(uint32_t page, uint32_t eu, uint32_t slot) {
@@ -289,22 +320,6 @@ class Reader {
         image_.chunk_count = static_cast<uint32_t>(chunks);
         image_.data_va_start = static_cast<uint32_t>(data_start);
         image_.has_file_system = true;
-        return true;
-    }
-
-    bool check_page_numbers() {
-        const uint32_t page_count = image_.data_va_start / page_size;
-        for (uint32_t page = page_count; page < image_.pages.size(); ++page) {
-            if (image_.pages[page]) {
-                damage({.rule = Rule::log_entry,
-                        .text = "the log holds page " + number(page) + " of " + number(page_count),
-                        .eu = image_.pages[page]->eu,
-                        .slot = image_.pages[page]->slot,
-                        .page = page});
-                return false;
-            }
-        }
-        image_.pages.resize(page_count);
         return true;
     }
 
@@ -484,8 +499,7 @@ class Reader {
             if (eu.role != AfsRole::log) {
                 continue;
             }
-            const bool blank = log_entry(i, 0) == entry_empty;
-            const uint32_t end = blank ? 0 : i == image_.head ? image_.head_slot : log_slots;
+            const uint32_t end = is_blank(i) ? 0 : i == image_.head ? image_.head_slot : log_slots;
             eu.slots.assign(log_slots, AfsSlot::free);
             std::fill_n(eu.slots.begin(), end, AfsSlot::dead);
             eu.dead = end;

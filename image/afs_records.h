@@ -26,6 +26,7 @@ constexpr uint32_t log_records_offset = 260;
 constexpr uint16_t entry_empty = 0xFFFF;
 constexpr uint16_t entry_commit_mark = 0x7FFF;
 constexpr uint16_t entry_uncommitted_bit = 0x8000;
+constexpr uint16_t entry_page_mask = 0x3FFF; // the bits of an entry that stands for a page
 
 // Data EU: 122 status bytes, then 122 page records.
 constexpr uint32_t data_slots = 122;

@@ -153,8 +153,9 @@ DOLM_API uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_si
 // without tables.
 DOLM_API uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first);
 
-// Takes the log of one EU into page_map and the dirty counts; current also sets write_slot. 0; 5 if
-// the log cannot be read or names a page past the map.
+// Takes the log of one EU into page_map and the dirty counts; current also sets write_slot and
+// head_closed. 0; 5 if the log cannot be read, or names a page past the map elsewhere than where a
+// torn run of entries shows its end.
 DOLM_API uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current);
 
 // ---- Pages. A VA is a byte address, rounded down to its page.

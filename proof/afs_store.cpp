@@ -230,13 +230,15 @@ std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const
         afs::judge_header(&torn_image[event.address]).state != afs::HeaderState::invalid) {
         return "a torn header passes its checksum";
     }
-    // Each entry of a run commits the page before it. Entries have no checksum of their own, so
-    // that a later one which landed before an earlier one leads astray. Only where nothing of the
-    // first one stands behind a commit mark, the log still shows its end.
+    // Each entry of a run commits the page before it, and entries have no checksum of their own:
+    // one that landed with some of its bits leads astray behind a commit mark. Nothing does where
+    // that mark stands, or where whole entries are missing.
     const bool run = k > 0 && same_log_slot(event, events[k - 1]) && event.length > 2;
     const bool mark_stands = get_le16(torn_image, event.address) == afs::entry_commit_mark;
-    if (run && tear.kind != Tear::Kind::prefix && !mark_stands) {
-        return "entries of a run landed out of order";
+    const bool bits_are_mixed = tear.kind == Tear::Kind::bits ||
+                                (tear.kind == Tear::Kind::suffix && tear.at < sizeof(uint16_t));
+    if (run && bits_are_mixed && !mark_stands) {
+        return "bits of a run of entries are mixed";
     }
     return "";
 }

@@ -164,20 +164,70 @@ TEST(AfsLogScan, FindsTheEndOfTheLog) {
     }
 }
 
-// A run of entries of which only the later ones reached the flash would commit whatever is written
-// before them: the log must not go on there.
-TEST(AfsLogScan, DoesNotWriteInFrontOfLeftOverEntries) {
-    FtlStore store;
-    put_log(store, 2, 0x7FFF);
-    for (const uint32_t slot : {3u, 4u}) {
-        store_le16(store.at(1, log_entry_offset(slot)), 0x0123);
+// What a run of entries leaves that landed in part would commit whatever is written before it: the
+// log must not go on there.
+TEST(AfsLogScan, EndsWhereARunOfEntriesLandedInPart) {
+    constexpr uint16_t erased = log_entry_erased;
+    constexpr uint16_t mark = log_entry_commit_mark;
+    constexpr uint16_t any = 0x0123;
+    const auto astray = [](uint16_t link) { return log_chain(link, 0x3000); };
+    const struct {
+        const char *name;
+        std::vector<uint16_t> behind; // pages 0 to 2 in slots 0 to 2
+        uint32_t committed;           // or none, if the mount fails
+        bool closed = true;
+    } cases[] = {
+        {"behind the mark", {mark, any, any}, 3},
+        {"behind a run, its first entry missing", {erased, astray(1), any}, 2},
+        {"the same, and an entry that leads into the map",
+         {erased, log_chain(1, 5), mark},
+         3,
+         false},
+        {"that one leads to one that does not", {erased, log_chain(1, 5), astray(5), any}, 0},
+        {"behind a run, most of it missing", {erased, erased, erased, any, any}, 2},
+        {"an entry that stands for no page", {log_chain(2, 5), 0x4000, any}, 4},
+        {"a page that the store does not have", {astray(2), any}, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        FtlStore store;
+        put_log(store, 3, c.behind[0]);
+        for (uint32_t i = 1; i < c.behind.size(); ++i) {
+            store_le16(store.at(1, log_entry_offset(3 + i)), c.behind[i]);
+        }
+        ASSERT_EQ(store.mount(), c.committed == 0 ? AFS_RC_IO : AFS_RC_OK);
+        if (c.committed == 0) {
+            continue;
+        }
+        EXPECT_EQ(store.ftl().write_eu, 1u);
+        EXPECT_EQ(log_head_is_full(store.ftl()), c.closed);
+        EXPECT_EQ(store.row(1).dirty_pages, 120 - c.committed);
+        for (uint32_t i = 0; i < 3; ++i) {
+            ASSERT_EQ(store.write_log(3, i), AFS_RC_OK);
+            ASSERT_EQ(store.mount(), AFS_RC_OK);
+            EXPECT_TRUE(store.holds(3 * 64, i));
+            EXPECT_TRUE(store.holds(64, 1));
+        }
     }
-    ASSERT_EQ(store.mount(), AFS_RC_OK);
-    EXPECT_EQ(std::tuple(store.ftl().write_slot, store.row(1).dirty_pages), std::tuple(2u, 118));
-    for (uint32_t i = 0; i < 3; ++i) {
-        ASSERT_EQ(store.write_log(3, i), AFS_RC_OK);
+}
+
+// A blank EU is erased from its first entry on. One that only lacks that entry waits for a reclaim.
+TEST(AfsLogScan, PassesOverAnEuWithoutItsFirstEntryWhileABlankOneIsLeft) {
+    for (const bool blank_left : {true, false}) {
+        FtlStore store;
+        for (uint32_t i = 0; i < (blank_left ? 3 : 123); ++i) {
+            ASSERT_EQ(store.write_log(i % 7, i), AFS_RC_OK);
+        }
+        const uint32_t before = store.ftl().write_eu;
+        store_le16(store.at(2, log_entry_offset(1)), 0x0123);
         ASSERT_EQ(store.mount(), AFS_RC_OK);
-        EXPECT_TRUE(store.holds(3 * 64, i));
+        EXPECT_EQ(store.ftl().write_eu, blank_left ? before : 2u);
+        EXPECT_EQ(std::tuple(store.row(2).dirty_pages, store.row(2).free_pages),
+                  std::tuple(120, 0));
+        ASSERT_EQ(store.write_log(8, 55), AFS_RC_OK);
+        ASSERT_EQ(store.mount(), AFS_RC_OK);
+        EXPECT_TRUE(store.holds(8 * 64, 55));
+        EXPECT_TRUE(store.holds(2 * 64, blank_left ? 2 : 121));
     }
 }
 
