@@ -6,8 +6,6 @@
 namespace dolm::proof {
 namespace {
 
-constexpr uint32_t device_failure = 5;
-
 constexpr std::array access_names{"read", "write", "erase"};
 
 } // namespace
@@ -79,6 +77,10 @@ uint32_t DeviceDouble::access(const DeviceCall &call, const std::function<uint32
     if (image_.empty()) {
         return real();
     }
+    if (accesses_left_ == 0) {
+        return device_failure;
+    }
+    --accesses_left_;
     const size_t base = call.device == Device::efs ? efs_at_ : 0;
     const auto address = static_cast<uint32_t>(base + call.address);
     const DeviceFault *fault = fault_for(call.access, counts_[static_cast<size_t>(call.access)]++);
@@ -95,9 +97,18 @@ uint32_t DeviceDouble::access(const DeviceCall &call, const std::function<uint32
     if (call.access != DeviceAccess::read) {
         note(address, call.length, call.written);
     }
+    std::vector<uint8_t> before;
+    if (clear_only_ && call.access == DeviceAccess::write) {
+        before.assign(&image_[address], &image_[address] + call.length);
+    }
     const uint32_t result = real();
+    for (size_t i = 0; i < before.size(); ++i) {
+        image_[address + i] &= before[i];
+    }
     if (fault != nullptr && call.length != 0) {
-        (call.seen != nullptr ? call.seen : &image_[address])[call.length / 2] ^= 0x10;
+        const bool last = fault->effect == DeviceFault::Effect::flip_last;
+        uint8_t *const bytes = call.seen != nullptr ? call.seen : &image_[address];
+        bytes[last ? call.length - 1 : call.length / 2] ^= 0x10;
     }
     return result;
 }

@@ -27,6 +27,9 @@ struct DisciplineBreach {
     uint32_t address = 0; // first byte with such a bit
 };
 
+// The status of an access that fails.
+inline constexpr uint32_t device_failure = 5;
+
 enum class DeviceAccess : uint8_t { read, write, erase };
 
 enum class Device : uint8_t { afs, efs };
@@ -45,9 +48,11 @@ struct DeviceCall {
 // attach on.
 struct DeviceFault {
     enum class Effect : uint8_t {
-        fail,     // nothing happens and the result is not 0
-        flip_bit, // one bit of what is read, written or erased comes out wrong; the result is 0
-        lose      // nothing happens and the result is 0
+        fail,      // nothing happens and the result is not 0
+        flip_bit,  // one bit in the middle of what is read, written or erased comes out wrong; the
+                   // result is 0
+        flip_last, // the same in the last byte
+        lose       // nothing happens and the result is 0
     };
 
     DeviceAccess access = DeviceAccess::read;
@@ -74,10 +79,17 @@ class DeviceDouble {
 
     void add_fault(DeviceFault fault) { faults_.push_back(fault); }
 
+    // Behind so many accesses all fail, so that a call that waits for the device comes to an end.
+    void allow(uint64_t accesses) { accesses_left_ = accesses; }
+    bool is_exhausted() const { return accesses_left_ == 0; }
+
     // The power goes: from now on this many writes and erases land, of both devices and whatever is
     // attached, and all behind them are lost.
     void cut_after(uint64_t events) { events_left_ = events; }
     void restore_power() { events_left_ = UINT64_MAX; }
+
+    // A write clears bits and never sets one, as on the real part. The library's own device copies.
+    void clear_bits_only(bool clear_only) { clear_only_ = clear_only; }
 
     // For a format over an image that is not erased.
     void allow_rewrites(bool allow) { allow_rewrites_ = allow; }
@@ -98,8 +110,10 @@ class DeviceDouble {
     std::span<uint8_t> image_;
     size_t efs_at_ = 0; // where the image of EFS begins, if it is not alone
     uint64_t events_left_ = UINT64_MAX;
+    uint64_t accesses_left_ = UINT64_MAX;
     bool keep_log_ = true;
     bool allow_rewrites_ = false;
+    bool clear_only_ = false;
     std::vector<DeviceEvent> log_;
     std::vector<DeviceFault> faults_;
     std::vector<DisciplineBreach> breaches_;

@@ -131,7 +131,13 @@ Change EfsStore::idle_reclaim() {
 }
 
 Change EfsStore::switch_bm() {
-    return {"a BM switch", [] { return EFS_switch_BM(&efs_ctx.current_bme); }, {}};
+    // By way of a commit, as every change does: it tries again where the new BM may be half there.
+    return {"a BM switch",
+            [] {
+                efs_ctx.bm_switch_pending = 1;
+                return EFS_commit_BME(&efs_ctx.current_bme, 0, 0);
+            },
+            {}};
 }
 
 Change EfsStore::dirty_erase() {

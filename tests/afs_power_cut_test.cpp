@@ -8,6 +8,7 @@
 #include "Afs.h"
 #include "AfsFtl.h"
 #include "afs/ftl_format.h"
+#include "fault_run.h"
 #include "image/afs_image.h"
 #include "power_cut_run.h"
 #include "proof/afs_store.h"
@@ -133,6 +134,20 @@ uint32_t reclaim_the_head(afs_context *context) {
     return reclaim_eu(context, context->ftl->write_eu, AFS_FTL_MODE_RECLAIM);
 }
 
+uint32_t copy_log_pages(afs_context *context) {
+    uint8_t page[AFS_PAGE_SIZE];
+    uint32_t status = AFS_RC_OK;
+    for (uint32_t va = 0; status == AFS_RC_OK && va < context->data_va_start; va += AFS_PAGE_SIZE) {
+        if (context->ftl->page_map[va / AFS_PAGE_SIZE].slot < AFS_FTL_EU_PAGES) {
+            status = afs_physical_ftl_read_page(context, va, AFS_PAGE_SIZE, page, 0);
+            status = status != AFS_RC_OK
+                         ? status
+                         : afs_physical_ftl_write_page(context, va, AFS_PAGE_SIZE, page, 0);
+        }
+    }
+    return status;
+}
+
 // The log's first EU keeps metadata pages of all slots, while the head is close to the end of
 // another EU: these pages do not fit behind it.
 Prepare head_overflow(bool blank_log_eu) {
@@ -204,7 +219,10 @@ Prepare after_a_cut(Change (AfsStore::*reclaim)(), size_t left_out, const Fillin
 // A write that the store has to refuse, and that leaves everything as it was.
 Change expect_no_space(const Change &change) {
     return {change.name + " without room",
-            [run = change.run]() -> uint32_t { return run() == AFS_RC_NO_SPACE ? 0 : 1; },
+            [run = change.run]() -> uint32_t {
+                const uint32_t status = run();
+                return status == AFS_RC_NO_SPACE ? 0 : status == AFS_RC_OK ? 1 : status;
+            },
             {}};
 }
 
@@ -288,6 +306,14 @@ const Case cases[] = {
     {"both_reclaims_on_demand", 2, small_changes({.erased_data_slots = 1, .head_slot = 118})},
     {"idle_reclaim_of_log", 1, maintenance({.head_slot = 100}, afs_idle_reclaim)},
     {"idle_reclaim_of_data", 1, maintenance({.erased_data_slots = 20}, afs_idle_reclaim, 2)},
+    {"idle_reclaim_of_dead_log_eu", 1,
+     [](AfsStore &store, Base &base) {
+         fill(store, base, {.head_slot = 120, .blank_log_eu = true});
+         run_changes(store, base.image, base.files,
+                     {store.maintain("a new copy of each log page", copy_log_pages)});
+         return Changes{store.maintain("idle reclaim", afs_idle_reclaim)};
+     },
+     three_log_eus},
     {"force_full_reclaim", 3, maintenance({}, afs_force_full_reclaim, 3)},
     {"dirty_erase", 0,
      [](AfsStore &store, Base &base) {
@@ -337,6 +363,17 @@ TEST_P(AfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
     expect_every_cut_holds("AFS", store, {test.name, base.image, base.files, changes});
 }
 
+TEST_P(AfsPowerCut, EveryFaultLeavesTheOldOrTheNew) {
+    const Case &test = GetParam();
+    AfsStore store(test.cache_lines);
+    Base base = populated(test.layout);
+    const Changes changes = test.prepare(store, base);
+    // No call does more than write every page slot once and move every EU.
+    const uint64_t slots = base.image.size() / dolm::page_slot_size;
+    expect_every_fault_is_survived(store, {test.name, base.image, base.files, changes},
+                                   {{AFS_RC_IO, AFS_RC_NO_SPACE}, 8 * slots});
+}
+
 // Cuts follow each other without end, over stores that wear and fill up.
 TEST(AfsPowerCutChain, HoldsFromCutToCut) {
     AfsStore store;
@@ -344,6 +381,26 @@ TEST(AfsPowerCutChain, HoldsFromCutToCut) {
         const Base base = populated(seed % 2 == 0 ? two_log_eus : three_log_eus);
         return Workload{"chain", base.image, base.files, {}};
     });
+}
+
+TEST(AfsWipe, EveryFaultInAFormatCanBeWiped) {
+    AfsStore store;
+    const Base base = populated(two_log_eus);
+    const Change format = {"the format",
+                           [&store] {
+                               constexpr uint32_t flags = AFS_FLAG_MOUNT_FTL | AFS_FLAG_FTL |
+                                                          AFS_FLAG_FORCE_FORMAT |
+                                                          AFS_FLAG_ERASE_ON_FORMAT;
+                               afs_context context{};
+                               const uint32_t status =
+                                   afs_init(&context, nullptr, AFS_PAGE_SIZE, 10, 65, 0,
+                                            two_log_eus.device_size, flags, 0, 0);
+                               afs_free_context(&context);
+                               return status;
+                           },
+                           {}};
+    expect_every_fault_can_be_wiped(store, {"format", base.image, base.files, {format}},
+                                    {{AFS_RC_IO}, 1000});
 }
 
 INSTANTIATE_TEST_SUITE_P(All, AfsPowerCut, testing::ValuesIn(cases),

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "efs_fixture.h"
+#include "fault_run.h"
 #include "image/efs_image.h"
 #include "power_cut_run.h"
 #include "proof/efs_store.h"
@@ -158,6 +159,18 @@ TEST_P(EfsPowerCut, EveryCutLeavesTheOldOrTheNew) {
     expect_every_cut_holds("EFS", store, {GetParam().name, image, files, GetParam().cut});
 }
 
+TEST_P(EfsPowerCut, EveryFaultLeavesTheOldOrTheNew) {
+    load_layout(GetParam().threshold);
+    EfsStore store(layout);
+    Image image = formatted(store);
+    Files files;
+    run(GetParam().before, files);
+    // No call does more than read, erase and write every block.
+    const uint64_t blocks = layout.bm_num + layout.data_blocks();
+    expect_every_fault_is_survived(store, {GetParam().name, image, files, GetParam().cut},
+                                   {{device_failure, EFS_BAD_DATA}, 12 * blocks});
+}
+
 // Cuts follow each other without end, over stores that wear.
 TEST(EfsPowerCutChain, HoldsFromCutToCut) {
     EfsStore store(layout);
@@ -169,6 +182,14 @@ TEST(EfsPowerCutChain, HoldsFromCutToCut) {
 
 INSTANTIATE_TEST_SUITE_P(All, EfsPowerCut, testing::ValuesIn(cases),
                          [](const auto &test) { return std::string(test.param.name); });
+
+TEST(EfsWipe, EveryFaultInAFormatCanBeWiped) {
+    load_layout(100);
+    EfsStore store(layout);
+    const Change format = {"the format", EFS_do_format, {}};
+    expect_every_fault_can_be_wiped(store, {"format", formatted(store), {}, {format}},
+                                    {{device_failure, EFS_BAD_DATA}, 1000});
+}
 
 // What leaves no store behind: cut anywhere, the old files are whole or nothing mounts, and a
 // format makes a good store of what is left.

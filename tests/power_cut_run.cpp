@@ -73,6 +73,10 @@ void expect_chains_hold(const char *store_name, FlashStore &store, uint64_t seed
     std::cout << store_name << " chain: " << cuts << " cuts" << std::endl;
 }
 
+bool replays_one_state() {
+    return !choice_from_environment().replay.empty();
+}
+
 void count_states(uint64_t count) {
     visited += count;
 }

@@ -19,6 +19,9 @@ void expect_every_cut_holds(const char *store_name, dolm::proof::FlashStore &sto
 void expect_chains_hold(const char *store_name, dolm::proof::FlashStore &store, uint64_t seeds,
                         const std::function<dolm::proof::Workload(uint64_t seed)> &start);
 
+// Whether DOLM_POWER_CUT asks for one state and nothing else.
+bool replays_one_state();
+
 // States that a test visited by itself.
 void count_states(uint64_t count);
 
