@@ -171,8 +171,7 @@ uint32_t createHandleFromStructure(void **handle, const void *buffer, uint32_t l
     if (handle == nullptr || buffer == nullptr) {
         return FCS_INVALID_ARGUMENT;
     }
-    const uint32_t status = createHandle(handle);
-    if (status != FCS_OK) {
+    if (const uint32_t status = createHandle(handle); status != FCS_OK) {
         return status;
     }
     if (!loadDataFromFcsBuffer(*handle, buffer, length)) {
