@@ -230,7 +230,7 @@ class Session {
 
     template <typename Operation>
     void call(const std::string &what, Operation &&operation) const {
-        const size_t before = reports_.size();
+        const auto before = std::ssize(reports_);
         if (!operation()) {
             throw Failure(what + " failed", {reports_.begin() + before, reports_.end()});
         }
