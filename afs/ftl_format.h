@@ -8,6 +8,7 @@
 
 #include "AfsCrc.h"
 #include "AfsFtl.h"
+#include "common/crc.h"
 #include "common/little_endian.h"
 
 namespace dolm {
@@ -72,9 +73,7 @@ inline constexpr uint32_t page_crc_offset = AFS_PAGE_SIZE;
 inline constexpr uint32_t page_slot_size = AFS_PAGE_SIZE + 2;
 
 inline uint16_t page_crc(const uint8_t *data, uint32_t page) {
-    uint8_t tail[2];
-    store_le16(tail, static_cast<uint16_t>(page));
-    return static_cast<uint16_t>(crc16(data, AFS_PAGE_SIZE, tail));
+    return crc16_page(data, static_cast<uint16_t>(page));
 }
 
 inline bool page_slot_is_good(const uint8_t *slot, uint32_t page) {

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "common/crc_kernels.h"
+
 namespace dolm {
 
 namespace {
@@ -129,7 +131,52 @@ uint16_t crc16_of_windows(uint16_t crc, const uint8_t *data, size_t windows) {
     return crc16_of_block(crc16_of_block(0, bytes), bytes + folded_block);
 }
 
+// The register after two more bytes.
+uint16_t crc16_of_two(uint16_t crc, uint8_t first, uint8_t second) {
+    return crc16_tables[1][crc >> 8 ^ first] ^ crc16_tables[0][(crc & 0xFF) ^ second];
+}
+
+uint16_t portable_crc16_page(const uint8_t *data, uint16_t page) {
+    return crc16_of_two(crc16_of_block(0xFFFF, data), static_cast<uint8_t>(page),
+                        static_cast<uint8_t>(page >> 8));
+}
+
+uint32_t portable_crc32(uint32_t crc, const uint8_t *data, size_t length) {
+    for (; length >= slices; data += slices, length -= slices) {
+        // What does not wait for the register comes first.
+        uint32_t rest = 0;
+        for (size_t i = 4; i < slices; ++i) {
+            rest ^= crc32_tables[slices - 1 - i][data[i]];
+        }
+        const uint32_t head = crc ^ load_le32(data);
+        crc = rest ^ (crc32_tables[15][head & 0xFF] ^ crc32_tables[14][head >> 8 & 0xFF]) ^
+              (crc32_tables[13][head >> 16 & 0xFF] ^ crc32_tables[12][head >> 24]);
+    }
+    for (; length >= 4; data += 4, length -= 4) {
+        const uint32_t head = crc ^ load_le32(data);
+        crc = crc32_tables[3][head & 0xFF] ^ crc32_tables[2][head >> 8 & 0xFF] ^
+              crc32_tables[1][head >> 16 & 0xFF] ^ crc32_tables[0][head >> 24];
+    }
+    for (; length > 0; ++data, --length) {
+        crc = crc >> 8 ^ crc32_tables[0][(crc ^ *data) & 0xFF];
+    }
+    return crc;
+}
+
+// The portable ones until the library is loaded, then the best that the processor has.
+constinit crc_kernels kernels_in_use{portable_crc16_page, portable_crc32};
+
+[[maybe_unused]] const bool kernels_chosen = [] {
+    const crc_kernels *const kernels = carry_less_kernels();
+    if (kernels != nullptr) {
+        kernels_in_use = *kernels;
+    }
+    return kernels != nullptr;
+}();
+
 } // namespace
+
+constinit const crc_kernels portable_kernels{portable_crc16_page, portable_crc32};
 
 uint8_t crc8_msb_first(uint8_t crc, const uint8_t *data, size_t length) {
     for (; length >= slices; data += slices, length -= slices) {
@@ -161,7 +208,7 @@ uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length) {
         crc = crc16_of_words(words);
     }
     for (; length >= 2; data += 2, length -= 2) {
-        crc = crc16_tables[1][crc >> 8 ^ data[0]] ^ crc16_tables[0][(crc & 0xFF) ^ data[1]];
+        crc = crc16_of_two(crc, data[0], data[1]);
     }
     if (length > 0) {
         crc = static_cast<uint16_t>(crc << 8 ^ crc16_tables[0][crc >> 8 ^ *data]);
@@ -169,21 +216,12 @@ uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length) {
     return crc;
 }
 
+uint16_t crc16_page(const uint8_t *data, uint16_t page) {
+    return kernels_in_use.crc16_page(data, page);
+}
+
 uint32_t crc32_reflected(uint32_t crc, const uint8_t *data, size_t length) {
-    for (; length >= slices; data += slices, length -= slices) {
-        // What does not wait for the register comes first.
-        uint32_t rest = 0;
-        for (size_t i = 4; i < slices; ++i) {
-            rest ^= crc32_tables[slices - 1 - i][data[i]];
-        }
-        const uint32_t head = crc ^ load_le32(data);
-        crc = rest ^ (crc32_tables[15][head & 0xFF] ^ crc32_tables[14][head >> 8 & 0xFF]) ^
-              (crc32_tables[13][head >> 16 & 0xFF] ^ crc32_tables[12][head >> 24]);
-    }
-    for (; length > 0; ++data, --length) {
-        crc = crc >> 8 ^ crc32_tables[0][(crc ^ *data) & 0xFF];
-    }
-    return crc;
+    return kernels_in_use.crc32_reflected(crc, data, length);
 }
 
 } // namespace dolm

@@ -51,6 +51,9 @@ inline constexpr uint16_t crc16_ccitt_polynomial = 0x1021;
 // CRC-16 with the CCITT polynomial, most significant bit first, no final XOR, continued from crc.
 uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length);
 
+// CRC-16 of a page of 64 bytes followed by its number, low byte first, started at 0xFFFF.
+uint16_t crc16_page(const uint8_t *data, uint16_t page);
+
 inline constexpr uint32_t crc32_reflected_polynomial = 0xEDB88320;
 
 // CRC-32 with the reflected polynomial above, without inversions, continued from crc.

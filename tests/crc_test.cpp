@@ -8,6 +8,7 @@
 
 #include "AfsCrc.h"
 #include "common/crc.h"
+#include "common/crc_kernels.h"
 
 namespace {
 
@@ -37,11 +38,16 @@ uint32_t bitwise_crc32(uint32_t crc, const std::vector<uint8_t> &data) {
     return crc;
 }
 
+std::vector<uint8_t> random_bytes(std::mt19937 &random, size_t length) {
+    std::vector<uint8_t> data(length);
+    std::generate(data.begin(), data.end(), [&] { return static_cast<uint8_t>(random()); });
+    return data;
+}
+
 TEST(Crc, EnginesAgreeWithBitwiseAtEveryLengthAndSeed) {
     std::mt19937 random(1);
     for (size_t length = 0; length < 600; ++length) {
-        std::vector<uint8_t> data(length);
-        std::generate(data.begin(), data.end(), [&] { return static_cast<uint8_t>(random()); });
+        const std::vector<uint8_t> data = random_bytes(random, length);
         for (const uint32_t seed : {0u, 0xFFFFu, 0x1D0Fu, 0xFFFFFFFFu, 0x12345678u}) {
             const auto seed8 = static_cast<uint8_t>(seed);
             const auto seed16 = static_cast<uint16_t>(seed);
@@ -51,6 +57,40 @@ TEST(Crc, EnginesAgreeWithBitwiseAtEveryLengthAndSeed) {
             EXPECT_EQ(dolm::crc32_reflected(seed, data.data(), length), bitwise_crc32(seed, data));
         }
     }
+}
+
+void expect_kernels_agree_with_bitwise(const dolm::crc_kernels &kernels) {
+    std::mt19937 random(2);
+    const std::vector<uint8_t> bytes = random_bytes(random, 320);
+    for (size_t alignment = 0; alignment < 16; ++alignment) {
+        const auto start = bytes.begin() + static_cast<std::ptrdiff_t>(alignment);
+        for (size_t length = 0; length <= 300; ++length) {
+            const auto seed = static_cast<uint32_t>(random());
+            const std::vector<uint8_t> data(start, start + static_cast<std::ptrdiff_t>(length));
+            EXPECT_EQ(kernels.crc32_reflected(seed, bytes.data() + alignment, length),
+                      bitwise_crc32(seed, data));
+        }
+        for (size_t at = alignment; at + 64 <= bytes.size(); at += 16) {
+            const auto page = static_cast<uint16_t>(random());
+            const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+            std::vector<uint8_t> data(first, first + 64);
+            data.push_back(static_cast<uint8_t>(page));
+            data.push_back(static_cast<uint8_t>(page >> 8));
+            EXPECT_EQ(kernels.crc16_page(bytes.data() + at, page), bitwise_crc16(0xFFFF, data));
+        }
+    }
+}
+
+TEST(Crc, PortableKernelsAgreeWithBitwise) {
+    expect_kernels_agree_with_bitwise(dolm::portable_kernels);
+}
+
+TEST(Crc, CarryLessKernelsAgreeWithBitwise) {
+    const dolm::crc_kernels *const kernels = dolm::carry_less_kernels();
+    if (kernels == nullptr) {
+        GTEST_SKIP() << "the processor has no carry-less multiplication";
+    }
+    expect_kernels_agree_with_bitwise(*kernels);
 }
 
 // Published values, and the start values for no data.
