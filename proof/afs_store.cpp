@@ -12,6 +12,14 @@
 namespace dolm::proof {
 namespace {
 
+constexpr Limit torn_header{"a torn header passes its checksum",
+                            "the header of an EU has a checksum of 8 bits, which one torn header "
+                            "in 256 passes by chance"};
+constexpr Limit mixed_run{
+    "bits of a run of entries are mixed",
+    "the entries of the log have no checksum of their own, so that one of which only some bits "
+    "landed names another page"};
+
 uint32_t offset_in_eu(const DeviceEvent &event) {
     return event.address % AFS_EU_SIZE;
 }
@@ -220,27 +228,27 @@ std::vector<std::vector<uint8_t>> AfsStore::torn_values(const DeviceEvent &event
     return magics;
 }
 
-std::string AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
-                            std::span<const uint8_t> torn_image) const {
+const Limit *AfsStore::limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
+                             std::span<const uint8_t> torn_image) const {
     const DeviceEvent &event = events[k];
     if (tear.kind == Tear::Kind::whole || !is_write(event)) {
-        return "";
+        return nullptr;
     }
     if (offset_in_eu(event) == 0 && event.length == afs::state_offset &&
         afs::judge_header(&torn_image[event.address]).state != afs::HeaderState::invalid) {
-        return "a torn header passes its checksum";
+        return &torn_header;
     }
-    // Each entry of a run commits the page before it, and entries have no checksum of their own:
-    // one that landed with some of its bits leads astray behind a commit mark. Nothing does where
-    // that mark stands, or where whole entries are missing.
+    // Each entry of a run commits the page before it. One that landed with some of its bits leads
+    // astray behind a commit mark. Nothing does where that mark stands, or where whole entries are
+    // missing.
     const bool run = k > 0 && same_log_slot(event, events[k - 1]) && event.length > 2;
     const bool mark_stands = get_le16(torn_image, event.address) == afs::entry_commit_mark;
     const bool bits_are_mixed = tear.kind == Tear::Kind::bits ||
                                 (tear.kind == Tear::Kind::suffix && tear.at < sizeof(uint16_t));
     if (run && bits_are_mixed && !mark_stands) {
-        return "bits of a run of entries are mixed";
+        return &mixed_run;
     }
-    return "";
+    return nullptr;
 }
 
 // A page of its own goes to the log behind its entry, so that a cut gives its slot up. A reclaim

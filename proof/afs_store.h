@@ -21,8 +21,8 @@ class AfsStore : public FlashStore {
     std::vector<Change> further_changes(uint32_t choice, const Files &files) override;
     std::vector<uint32_t> boundaries(const DeviceEvent &event) const override;
     std::vector<std::vector<uint8_t>> torn_values(const DeviceEvent &event) const override;
-    std::string limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
-                      std::span<const uint8_t> torn_image) const override;
+    const Limit *limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
+                       std::span<const uint8_t> torn_image) const override;
     bool leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const override;
 
     // Takes a store for the mounted one that someone else has mounted.

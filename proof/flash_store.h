@@ -40,6 +40,12 @@ struct Tear {
     std::string name() const;
 };
 
+// What a format without a checksum over everything cannot give.
+struct Limit {
+    const char *name;
+    const char *why;
+};
+
 class FlashStore {
   public:
     virtual ~FlashStore() = default;
@@ -71,11 +77,11 @@ class FlashStore {
     // Special bytes that a torn write can leave; Tear::Kind::value numbers them.
     virtual std::vector<std::vector<uint8_t>> torn_values(const DeviceEvent &) const { return {}; }
 
-    // The limits of a format that has no checksum over everything. Why such a tear of event
-    // number k can leave a state that nobody could tell from a good one; empty if it cannot.
-    virtual std::string limit(std::span<const DeviceEvent> /*events*/, size_t /*k*/, const Tear &,
-                              std::span<const uint8_t> /*torn_image*/) const {
-        return "";
+    // The limit of the format by which such a tear of event number k can leave a state that nobody
+    // could tell from a good one; null if it cannot.
+    virtual const Limit *limit(std::span<const DeviceEvent> /*events*/, size_t /*k*/, const Tear &,
+                               std::span<const uint8_t> /*torn_image*/) const {
+        return nullptr;
     }
 
     // Whether a cut of event k leaves bytes that are programmed although no record claims them, so

@@ -160,7 +160,7 @@ struct State {
     std::string id;
     const Files *before = nullptr;
     const Files *after = nullptr;
-    std::string limit; // of the format, empty for none
+    const Limit *limit = nullptr; // of the format, if it is at one
     bool unclaimed_bytes = false;
 };
 
@@ -231,12 +231,12 @@ class Explorer {
     uint64_t first_cuts_ = 0;                             // to be made
     uint64_t first_cuts_made_ = 0;
     uint64_t sound_[max_level + 1] = {};
-    std::set<uint32_t> changed_files_; // those that the workload changes
-    Files new_files_;                  // what it leaves
+    std::set<uint32_t> watched_; // the files that the workload changes, or all
+    Files new_files_;            // what it leaves
 };
 
 Findings Explorer::explore(const Workload &workload) {
-    const State start{workload.name, &workload.files, &workload.files, "", false};
+    const State start{workload.name, &workload.files, &workload.files, nullptr, false};
     Image image = workload.start;
     try {
         const Recording recording =
@@ -311,13 +311,12 @@ void Explorer::note_workload(const Recording &recording) {
     }
     const Files &before = recording.files_at_mount;
     const Files &after = recording.segments.back().after;
-    for (const uint32_t number : numbers_in({&before, &after})) {
-        if (!same(before, after, number)) {
-            changed_files_.insert(number);
-        }
+    watched_ = numbers_in({&before, &after});
+    if (before != after) {
+        std::erase_if(watched_, [&](uint32_t number) { return same(before, after, number); });
     }
     new_files_ = after;
-    findings_.changed_files = changed_files_.size();
+    findings_.files = watched_.size();
     first_cuts_ = choice_.replay.empty() ? std::min(choice_.first, count_tears(recording)) : 1;
 }
 
@@ -334,7 +333,7 @@ void Explorer::cut_everywhere(const Image &start, const Recording &recording, co
         const DeviceEvent &event = recording.events[k];
         for (const Tear &tear : tears_of(store_, event)) {
             State state{parent.id + "/" + std::to_string(k) + tear.name(),
-                        &oldest_allowed(*segment, k, tear), &segment->after, "",
+                        &oldest_allowed(*segment, k, tear), &segment->after, nullptr,
                         parent.unclaimed_bytes};
             const bool taken = sample.takes_next();
             if (choice_.replay.empty() ? !taken : !leads_to_replay(state.id)) {
@@ -345,7 +344,7 @@ void Explorer::cut_everywhere(const Image &start, const Recording &recording, co
             state.unclaimed_bytes =
                 state.unclaimed_bytes || store_.leaves_unclaimed_bytes(recording.events, k);
             const uint64_t oracle = hash_files(hash_files(hash_start, *state.before), *state.after);
-            if (is_new(mix(hash_bytes(oracle, image), state.limit.size()), level)) {
+            if (is_new(mix(hash_bytes(oracle, image), state.limit != nullptr ? 1 : 0), level)) {
                 visit(image, state, level);
             }
             note_progress(level);
@@ -386,8 +385,10 @@ bool Explorer::is_new(uint64_t hash, unsigned level) {
 }
 
 void Explorer::visit(const Image &image, const State &state, unsigned level) {
-    if (!state.limit.empty()) {
-        ++findings_.at_limit[state.limit].states;
+    if (state.limit != nullptr) {
+        Findings::AtLimit &found = findings_.at_limit[state.limit->name];
+        found.why = state.limit->why;
+        ++found.states;
     }
     if (state.id == choice_.replay) {
         findings_.replayed = image;
@@ -398,28 +399,28 @@ void Explorer::visit(const Image &image, const State &state, unsigned level) {
         const Recording recording = run_and_check(
             work, state, [&](const Files &files) { return store_.further_changes(choice, files); });
         note_sound(state, recording.files_at_mount, level);
-        if (level < max_level && state.limit.empty() && choice_.second != 0) {
+        if (level < max_level && state.limit == nullptr && choice_.second != 0) {
             cut_everywhere(image, recording, state, level + 1);
         }
     } catch (const Undisciplined &error) {
         fail(state, error.what(), image);
     } catch (const std::runtime_error &error) {
-        if (state.limit.empty()) {
+        if (state.limit == nullptr) {
             fail(state, error.what(), image);
         } else {
-            ++findings_.at_limit[state.limit].lost;
+            ++findings_.at_limit[state.limit->name].lost;
         }
     }
 }
 
 void Explorer::note_sound(const State &state, const Files &files, unsigned level) {
-    if (!state.limit.empty()) {
+    if (state.limit != nullptr) {
         return;
     }
     if (level == 1) {
         const auto is_old = [&](uint32_t number) { return !same(files, new_files_, number); };
         ++findings_.states_by_old_files[static_cast<uint64_t>(
-            std::count_if(changed_files_.begin(), changed_files_.end(), is_old))];
+            std::count_if(watched_.begin(), watched_.end(), is_old))];
     }
     // The 1st, the 10th, the 100th ...
     const uint64_t count = ++sound_[level];
@@ -449,7 +450,7 @@ Findings Explorer::chain(const Workload &workload, uint64_t seed, unsigned cuts)
     Image image = workload.start;
     Files before = workload.files;
     Files after = workload.files;
-    State state{"", &before, &after, "", false};
+    State state{"", &before, &after, nullptr, false};
     uint64_t random = mix(hash_start, seed);
     for (unsigned step = 0; step < cuts && findings_.failed == 0; ++step) {
         state.id = name + "/" + std::to_string(step);
@@ -489,7 +490,7 @@ bool Explorer::cut_somewhere(Image &image, const Recording &recording, State &st
         apply(reached, recording.events[i]);
     }
     reached = torn(store_, reached, event, tear);
-    if (!store_.limit(recording.events, k, tear, reached).empty()) {
+    if (store_.limit(recording.events, k, tear, reached) != nullptr) {
         return false;
     }
     const auto segment = std::find_if(recording.segments.begin(), recording.segments.end(),

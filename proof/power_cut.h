@@ -55,14 +55,15 @@ struct Findings {
 
     // States behind a limit of the format, by its name.
     struct AtLimit {
+        std::string why;
         uint64_t states = 0;
         uint64_t lost = 0; // failed a check
     };
     std::map<std::string, AtLimit> at_limit;
 
     // What one cut leaves of the files that the workload changes, or of all files if it changes
-    // none: how many states show so many files as they were.
-    uint64_t changed_files = 0;
+    // none: how many sound states show so many of them as they were.
+    uint64_t files = 0;
     std::map<uint64_t, uint64_t> states_by_old_files;
 
     uint64_t failed = 0;               // states that do not hold what was promised

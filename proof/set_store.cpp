@@ -206,9 +206,9 @@ std::vector<std::vector<uint8_t>> SetStore::torn_values(const DeviceEvent &event
     return is_of_efs(event) ? std::vector<std::vector<uint8_t>>{} : afs_.torn_values(event);
 }
 
-std::string SetStore::limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
-                            std::span<const uint8_t> torn_image) const {
-    return is_of_efs(events[k]) ? "" : afs_.limit(events, k, tear, torn_image);
+const Limit *SetStore::limit(std::span<const DeviceEvent> events, size_t k, const Tear &tear,
+                             std::span<const uint8_t> torn_image) const {
+    return is_of_efs(events[k]) ? nullptr : afs_.limit(events, k, tear, torn_image);
 }
 
 bool SetStore::leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const {
