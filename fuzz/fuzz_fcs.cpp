@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "FCS.h"
+#include "common/little_endian.h"
 #include "proof/builders.h"
 
 using builders::Bytes;

@@ -56,4 +56,16 @@ void inspect_image(const InspectOptions &options);
 // Throws Failure if something is wrong with the set.
 void check_set(const SetOptions &options);
 
+struct ProveOptions : SetOptions {
+    std::vector<std::string> words;              // names and values in turn
+    unsigned depth = 2;                          // cuts behind each other: 1 or 2
+    uint64_t states = 20000;                     // to visit, about
+    bool all = false;                            // every state
+    std::optional<std::string> replay;           // the one state to visit
+    std::optional<std::filesystem::path> output; // for the set as that state has it
+};
+
+// Throws Failure if a cut of the power costs more than the change under way.
+void prove_set(const ProveOptions &options);
+
 } // namespace dolm

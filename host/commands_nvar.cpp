@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <iomanip>
 #include <map>
-#include <set>
 #include <sstream>
 
+#include "host/assignments.h"
 #include "host/commands.h"
 #include "host/errors.h"
 #include "host/library.h"
@@ -116,66 +116,23 @@ void print_value(const GetOptions &options, const Bytes &value) {
     }
 }
 
-struct Assignment {
-    std::string name;
-    Bytes value;
-};
-
-// Reads all values before the library starts, so that a bad one costs nothing.
-std::vector<Assignment> to_assignments(const ChangeOptions &options) {
+std::vector<std::string> words_of(const ChangeOptions &options) {
     std::vector<std::string> words{options.name, options.value};
     words.insert(words.end(), options.more.begin(), options.more.end());
-    std::vector<Assignment> assignments;
-    std::set<std::string> names;
-    for (size_t i = 0; i < words.size(); i += 2) {
-        const std::string &name = words[i];
-        if (name.starts_with('-')) {
-            throw UsageError("unknown option " + name);
-        }
-        if (i + 1 == words.size()) {
-            throw UsageError("'" + name + "' has no value");
-        }
-        if (!names.insert(full_name(name)).second) {
-            throw UsageError("'" + name + "' is given two values");
-        }
-        assignments.push_back({name, parse_value(words[i + 1])});
-    }
-    return assignments;
-}
-
-// What becomes of a value.
-struct Change {
-    std::string name;
-    Bytes before;
-    Bytes after;
-};
-
-Change assign(Library &library, const Assignment &assignment) {
-    const Nvar nvar = library.nvar(assignment.name);
-    if (assignment.value.size() > nvar.entry.max_size) {
-        throw Failure(assignment.name + ": the value has " +
-                      std::to_string(assignment.value.size()) + " bytes, over the limit of " +
-                      std::to_string(nvar.entry.max_size));
-    }
-    if (!nvar.writable) {
-        tell_notice("warning: " + assignment.name +
-                    " is not written back to flash; its new value stands in vync.cfg alone");
-    }
-    library.set_value(assignment.name, assignment.value);
-    return {nvar.name, nvar.value, assignment.value};
+    return words;
 }
 
 void print_changes(const std::filesystem::path &folder, uint32_t sku,
-                   const std::vector<Change> &changes) {
+                   const std::vector<ValueChange> &changes) {
     if (!tells_json()) {
-        for (const Change &change : changes) {
+        for (const ValueChange &change : changes) {
             print_line(change.name + ": " + std::to_string(change.before.size()) + " -> " +
                        std::to_string(change.after.size()) + " bytes");
         }
         return;
     }
     Json list = Json::array();
-    for (const Change &change : changes) {
+    for (const ValueChange &change : changes) {
         list.push_back({{"name", change.name},
                         {"before", to_json(change.before)},
                         {"after", to_json(change.after)}});
@@ -237,10 +194,10 @@ void get_nvar(const GetOptions &options) {
 }
 
 void set_nvars(const ChangeOptions &options) {
-    const std::vector<Assignment> assignments = to_assignments(options);
+    const std::vector<Assignment> assignments = read_assignments(words_of(options));
     SetFiles set = load_set(options.folder);
     const uint32_t sku = choose_sku(set, options.sku);
-    std::vector<Change> changes;
+    std::vector<ValueChange> changes;
     {
         Library library(set, sku);
         for (const Assignment &assignment : assignments) {

@@ -75,6 +75,15 @@ void add_get(CLI::App &app) {
     command->callback([options] { dolm::get_nvar(*options); });
 }
 
+// What stands behind the named arguments.
+std::vector<std::string> further_words(const CLI::App &command) {
+    std::vector<std::string> words = command.remaining();
+    if (!words.empty() && words.front() == "--") {
+        words.erase(words.begin());
+    }
+    return words;
+}
+
 void add_set(CLI::App &app) {
     auto *command = app.add_subcommand("set", "Change NVARs and write the set back");
     auto options = std::make_shared<dolm::ChangeOptions>();
@@ -87,10 +96,7 @@ void add_set(CLI::App &app) {
                         "Write the changed set into this folder and leave SET as it is");
     command->footer(value_help);
     command->callback([command, options] {
-        options->more = command->remaining();
-        if (!options->more.empty() && options->more.front() == "--") {
-            options->more.erase(options->more.begin());
-        }
+        options->more = further_words(*command);
         dolm::set_nvars(*options);
     });
 }
@@ -113,6 +119,37 @@ void add_check(CLI::App &app) {
     auto options = std::make_shared<dolm::SetOptions>();
     add_set_options(*command, *options);
     command->callback([options] { dolm::check_set(*options); });
+}
+
+void add_prove(CLI::App &app) {
+    auto *command = app.add_subcommand(
+        "prove", "Cut the power at every write of a termination, on a copy in memory");
+    auto options = std::make_shared<dolm::ProveOptions>();
+    add_set_options(*command, *options);
+    command->allow_extras();
+    command->add_option("--depth", options->depth, "Cuts behind each other, 1 or 2 (default 2)")
+        ->check(CLI::IsMember({1, 2}));
+    auto *states = command->add_option("--states", options->states,
+                                       "How many states to visit, about (default 20000)");
+    states->check([](const std::string &count) {
+        return count.find_first_not_of('0') == count.npos ? "at least one state is to be visited"
+                                                          : "";
+    });
+    auto *all = command->add_flag("--all", options->all, "Visit every state")->excludes(states);
+    auto *replay = command->add_option("--replay", options->replay, "Visit this state alone")
+                       ->excludes(states)
+                       ->excludes(all);
+    command
+        ->add_option("-o,--output", options->output,
+                     "Write the set as the cut left it into this folder")
+        ->needs(replay);
+    command->footer(std::string("NAME VALUE ... after SET: the values to write; without any, all "
+                                "are written as they are. ") +
+                    value_help);
+    command->callback([command, options] {
+        options->words = further_words(*command);
+        dolm::prove_set(*options);
+    });
 }
 
 // Insertions, removals and replacements of characters that make one word the other.
@@ -165,6 +202,7 @@ void run(int argc, char **argv) {
     add_set(app);
     add_inspect(app);
     add_check(app);
+    add_prove(app);
     for (CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
         command->add_flag("--json")->description("Results and errors as JSON");
     }

@@ -149,11 +149,20 @@ Files AfsStore::read_files() {
 }
 
 Files AfsStore::files_on(std::span<const uint8_t> image) const {
-    return files_in(read_afs_image(image));
+    return files_in(view_of(image));
+}
+
+// What the reader finds. An image is looked at several times before it changes.
+const AfsImage &AfsStore::view_of(std::span<const uint8_t> image) const {
+    if (!std::ranges::equal(image, viewed_)) {
+        viewed_.assign(image.begin(), image.end());
+        view_ = read_afs_image(image);
+    }
+    return view_;
 }
 
 std::vector<std::string> AfsStore::check(std::span<const uint8_t> image, const Files &files) {
-    const AfsImage found = read_afs_image(image);
+    const AfsImage &found = view_of(image);
     Findings findings = check_invariants(found);
     if (files_in(found) != files) {
         findings.push_back("the reader finds other files than the store");

@@ -3,6 +3,7 @@
 
 #include <optional>
 
+#include "image/afs_image.h"
 #include "proof/afs_build.h"
 #include "proof/flash_store.h"
 
@@ -44,9 +45,13 @@ class AfsStore : public FlashStore {
     Change reclaim(uint32_t eu); // nothing if it is the spare
 
   private:
+    const AfsImage &view_of(std::span<const uint8_t> image) const;
+
     uint32_t cache_lines_;
     std::optional<AfsMount> mount_;
     afs_context *context_ = nullptr;
+    mutable Image viewed_; // the image of view_
+    mutable AfsImage view_;
 };
 
 } // namespace dolm::proof

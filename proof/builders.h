@@ -11,19 +11,19 @@
 #include <vector>
 
 #include "FCS.h"
-#include "common/little_endian.h"
 #include "efs_tools_utils.h"
+#include "image/bytes.h"
 
 namespace builders {
 
-using Bytes = std::vector<uint8_t>;
+using dolm::Bytes;
 
 inline void put16(Bytes &bytes, size_t at, uint32_t value) {
-    dolm::store_le16(bytes.data() + at, static_cast<uint16_t>(value));
+    dolm::put_le(bytes, at, value, 2);
 }
 
 inline void put32(Bytes &bytes, size_t at, uint32_t value) {
-    dolm::store_le32(bytes.data() + at, value);
+    dolm::put_le(bytes, at, value, 4);
 }
 
 // Adds size zero bytes and returns where they start.

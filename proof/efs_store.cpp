@@ -51,11 +51,20 @@ Files EfsStore::read_files() {
 }
 
 Files EfsStore::files_on(std::span<const uint8_t> image) const {
-    return files_in(read_efs_image(image, layout_));
+    return files_in(view_of(image));
+}
+
+// What the reader finds. An image is looked at several times before it changes.
+const EfsImage &EfsStore::view_of(std::span<const uint8_t> image) const {
+    if (!std::ranges::equal(image, viewed_)) {
+        viewed_.assign(image.begin(), image.end());
+        view_ = read_efs_image(image, layout_);
+    }
+    return view_;
 }
 
 std::vector<std::string> EfsStore::check(std::span<const uint8_t> image, const Files &files) {
-    const EfsImage found = read_efs_image(image, layout_);
+    const EfsImage &found = view_of(image);
     std::vector<std::string> findings = efs_damages(found);
     if (!findings.empty()) {
         return findings;

@@ -29,9 +29,12 @@ class EfsStore : public FlashStore {
     static Change dirty_erase();
 
   private:
+    const EfsImage &view_of(std::span<const uint8_t> image) const;
     uint32_t entry_size() const;
 
     EfsLayout layout_;
+    mutable Image viewed_; // the image of view_
+    mutable EfsImage view_;
 };
 
 } // namespace dolm::proof

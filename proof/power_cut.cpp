@@ -172,8 +172,9 @@ const Files &oldest_allowed(const Segment &segment, size_t k, const Tear &tear) 
     return acknowledged ? segment.after : segment.before;
 }
 
-// Cuts a change of many files where an independent reader sees one of them become another. Returns
-// what it sees before the rest.
+// Cuts a change of many files where an independent reader sees one of them become another. What it
+// sees that is neither old nor new is left for the states there to fail over. Returns what it sees
+// before the rest.
 Files cut_into_files(Recording &recording, const FlashStore &store, Image image,
                      const std::vector<DeviceEvent> &log, const Files &after) {
     const Files before = store.files_on(image);
@@ -181,17 +182,14 @@ Files cut_into_files(Recording &recording, const FlashStore &store, Image image,
     for (size_t k = recording.segments.back().end; k < log.size(); ++k) {
         apply(image, log[k]);
         Files now = store.files_on(image);
-        if (now == shown) {
-            continue;
+        const std::set<uint32_t> numbers = numbers_in({&now, &before, &after});
+        const bool old_or_new = std::all_of(numbers.begin(), numbers.end(), [&](uint32_t number) {
+            return same(now, before, number) || same(now, after, number);
+        });
+        if (now != shown && old_or_new) {
+            recording.segments.push_back({k + 1, std::move(shown), now});
+            shown = std::move(now);
         }
-        for (const uint32_t number : numbers_in({&now, &before, &after})) {
-            if (!same(now, before, number) && !same(now, after, number)) {
-                throw Broken("write " + std::to_string(k) + " leaves " +
-                             describe(now, before, after));
-            }
-        }
-        recording.segments.push_back({k + 1, std::move(shown), now});
-        shown = std::move(now);
     }
     return shown;
 }
@@ -207,7 +205,11 @@ class Explorer {
   private:
     using Changes = std::function<std::vector<Change>(const Files &)>;
 
+    Recording record(const Workload &workload, const State &start);
     Recording run_and_check(Image &image, const State &state, const Changes &changes);
+    Recording run(Image &image, const State &state, const Changes &changes);
+    void look_again(Image &image, const Recording &recording, const State &state);
+    static void take_log(Recording &recording);
     void cut_everywhere(const Image &start, const Recording &recording, const State &parent,
                         unsigned level);
     bool cut_somewhere(Image &image, const Recording &recording, State &state, Files &before,
@@ -237,10 +239,8 @@ class Explorer {
 
 Findings Explorer::explore(const Workload &workload) {
     const State start{workload.name, &workload.files, &workload.files, nullptr, false};
-    Image image = workload.start;
     try {
-        const Recording recording =
-            run_and_check(image, start, [&](const Files &) { return workload.changes; });
+        const Recording recording = record(workload, start);
         note_workload(recording);
         cut_everywhere(workload.start, recording, start, 1);
         expect_visits();
@@ -248,6 +248,27 @@ Findings Explorer::explore(const Workload &workload) {
         fail(start, error.what(), workload.start);
     }
     return std::move(findings_);
+}
+
+// Runs the workload without a cut. If that leaves anything wrong, the last write or erase of it has
+// left it, as any cut does.
+Recording Explorer::record(const Workload &workload, const State &start) {
+    Image image = workload.start;
+    const Session session(store_, image);
+    Recording recording = run(image, start, [&](const Files &) { return workload.changes; });
+    try {
+        look_again(image, recording, start);
+    } catch (const std::runtime_error &error) {
+        const size_t events = DeviceDouble::instance().log().size();
+        if (events == 0) {
+            throw;
+        }
+        State end = start;
+        end.id += "/" + std::to_string(events - 1) + Tear{}.name();
+        fail(end, error.what(), image);
+    }
+    take_log(recording);
+    return recording;
 }
 
 void Explorer::expect_visits() const {
@@ -262,10 +283,17 @@ void Explorer::expect_visits() const {
     }
 }
 
-// Mounts an image, holds it against what may be there, goes on with some changes and looks again.
 Recording Explorer::run_and_check(Image &image, const State &state, const Changes &changes) {
     const Session session(store_, image);
-    std::vector<DeviceEvent> &log = DeviceDouble::instance().log();
+    Recording recording = run(image, state, changes);
+    look_again(image, recording, state);
+    take_log(recording);
+    return recording;
+}
+
+// Mounts an image, holds it against what may be there, and goes on with some changes.
+Recording Explorer::run(Image &image, const State &state, const Changes &changes) {
+    const std::vector<DeviceEvent> &log = DeviceDouble::instance().log();
     Recording recording;
 
     mount(store_, image, "the mount");
@@ -293,14 +321,21 @@ Recording Explorer::run_and_check(Image &image, const State &state, const Change
         }
         recording.segments.push_back({log.size(), std::move(before), files});
     }
+    return recording;
+}
+
+void Explorer::look_again(Image &image, const Recording &recording, const State &state) {
+    const Files &files = recording.segments.back().after;
     expect_sound(store_, image, files, "the store after its changes");
     mount(store_, image, "the mount after the changes");
     expect_sound(store_, image, files, "the mount after the changes");
-    recording.segments.push_back({log.size(), files, files});
-
     findings_.rewrites += expect_discipline(state.unclaimed_bytes) ? 1 : 0;
-    recording.events = std::move(log);
-    return recording;
+}
+
+void Explorer::take_log(Recording &recording) {
+    recording.events = std::move(DeviceDouble::instance().log());
+    const Files files = recording.segments.back().after;
+    recording.segments.push_back({recording.events.size(), files, files}); // of the last mount
 }
 
 void Explorer::note_workload(const Recording &recording) {

@@ -238,6 +238,55 @@ TEST_F(Dolm, CheckNamesEachDamageAndChangesNothing) {
     }
 }
 
+TEST_F(Dolm, ProveVisitsStatesAndReplaysOne) {
+    const std::string prove = "prove set net/hostname gw radio/cal/trim hex:01 ";
+    const Folder before = snapshot(folder);
+    const Outcome all = run(prove + "--states 100 --json");
+    EXPECT_EQ(all.code, 0) << all.err;
+    for (const char *part : {"\"one_deep\": 20,", "\"two_deep\": 80,", "\"failed\": 0,"}) {
+        EXPECT_NE(all.out.find(part), std::string::npos) << all.out;
+    }
+    EXPECT_EQ(snapshot(folder), before);
+
+    const std::string before_id = "\"id\": \"";
+    const size_t id_at = all.out.rfind(before_id) + before_id.size();
+    const std::string id = all.out.substr(id_at, all.out.find('"', id_at) - id_at);
+    const std::string other_set = "prove set net/hostname other --output cut --replay " + id;
+    const std::string no_state = prove + "--output cut --replay " + id + "9";
+    const std::string over_itself = prove + "--output set --replay " + id;
+    const Call failures[] = {
+        {other_set.c_str(), 1, "there is no state"},
+        {no_state.c_str(), 1, "there is no state"},
+        {over_itself.c_str(), 2, "the set itself"},
+        {"prove set --output cut", 2, "requires --replay"},
+        {"prove set --states 0", 2, "at least one state"},
+        {"prove set --depth 3", 2, "--depth"},
+        {"prove set net/hostname", 2, "has no value"},
+        {"prove set net/none x", 1, "cannot read /home/net/none"},
+    };
+    expect_each(failures);
+
+    ASSERT_EQ(run(prove + "--output cut --replay " + id).code, 0);
+    const Call calls[] = {{"check cut", 0, " 0 errors"},
+                          {"prove cut --states 5", 0, "0 states failed"}};
+    expect_each(calls);
+    const std::string hostname = value("cut net/hostname");
+    EXPECT_TRUE(hostname == "gateway-17\n" || hostname == "gw\n") << hostname;
+}
+
+TEST_F(Dolm, ProveFailsWhereNothingCanBeProven) {
+    fs::copy(set, folder / "bare");
+    fs::remove(folder / "bare/qfs.img");
+    fs::remove(folder / "bare/efs.img");
+    patch(set / "ftbl.bin", "/home/radio/thermal_table", 52, std::string(1, '\0'));
+    const Call calls[] = {
+        {"prove bare", 1, "no deployed VFS"},
+        {"prove set", 1, "without a cut fails: the termination fails with the reports 339 "},
+        {"prove set --json", 1, "\"reason\": \"the termination fails"},
+    };
+    expect_each(calls);
+}
+
 TEST_F(Dolm, BuildsASetFromAManifestWithValueFiles) {
     fs::create_directory(folder / "m");
     write_whole(folder / "m/blob.bin", "\x01\x02\x03");

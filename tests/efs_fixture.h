@@ -8,6 +8,7 @@
 #include <string>
 
 #include "EFS.h"
+#include "common/little_endian.h"
 #include "proof/builders.h"
 #include "proof/device.h"
 

@@ -165,7 +165,7 @@ class FaultRun {
         uint32_t writes = 0;
         for (size_t k = 0; k < log.size(); ++k) {
             if (log[k].kind == DeviceEvent::Kind::write && writes++ == fault.first) {
-                return !store_.limit(log, k, {Tear::Kind::bits}, image).empty();
+                return store_.limit(log, k, {Tear::Kind::bits}, image) != nullptr;
             }
         }
         return false;

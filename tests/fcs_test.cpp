@@ -6,6 +6,7 @@
 #include <map>
 #include <random>
 
+#include "common/little_endian.h"
 #include "heap_double.h"
 #include "proof/builders.h"
 

@@ -4,6 +4,7 @@
 
 #include <tuple>
 
+#include "common/little_endian.h"
 #include "proof/builders.h"
 
 using namespace builders;

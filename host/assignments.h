@@ -1,0 +1,30 @@
+// New values for NVARs as a command line gives them: names and values in turn.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/library.h"
+
+namespace dolm {
+
+struct Assignment {
+    std::string name;
+    Bytes value;
+};
+
+// Reads all values, so that a bad one costs nothing later. Throws UsageError.
+std::vector<Assignment> read_assignments(const std::vector<std::string> &words);
+
+// What becomes of a value.
+struct ValueChange {
+    std::string name; // in full
+    Bytes before;
+    Bytes after;
+};
+
+// Changes a current value. Throws Failure if there is none of that name, or if the new one is over
+// its limit; says so if it will not reach the flash.
+ValueChange assign(Library &library, const Assignment &assignment);
+
+} // namespace dolm
