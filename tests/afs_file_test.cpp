@@ -236,6 +236,34 @@ TEST(AfsFiles, RunWithAFreedChunkReadsAsZeros) {
     EXPECT_EQ(store.read_files(), (Files{{1, Image(300)}, {3, shared}}));
 }
 
+// Before the mount knows the geometry, it takes every page of the device for one of the log. There
+// an entry behind the gap of a torn run can lead to a page, and only the entries chained to it lead
+// astray.
+TEST(AfsMount, TakesATornRunWhateverItDecodesToInTheProvisionalGeometry) {
+    Store store;
+    ASSERT_EQ(store.write(1, 0, pattern(1, 300)).run(), AFS_RC_OK);
+    const afs_ftl_state &ftl = store.ftl();
+    const auto entry = [&](uint32_t i) {
+        return &store.image[ftl.write_eu * AFS_EU_SIZE + log_entry_offset(ftl.write_slot + i)];
+    };
+    const uint16_t last = ftl.last_page;
+    store_le16(entry(0), log_chain(last, 3)); // cut; the entry behind it is missing
+    uint16_t link = last ^ 16;                // of the missing one
+    for (const uint16_t i : std::initializer_list<uint16_t>{2, 3, 4, 5}) {
+        store_le16(entry(i), log_chain(link, i));
+        link = i;
+    }
+    const uint32_t provisional_pages = device_size / AFS_PAGE_SIZE;
+    const uint16_t first = log_chain(last, load_le16(entry(2)));
+    ASSERT_LT(first, provisional_pages);
+    ASSERT_GE(log_chain(first, load_le16(entry(3))), provisional_pages);
+    ASSERT_EQ(store.remount(), AFS_RC_OK);
+    EXPECT_TRUE(log_head_is_full(store.ftl()));
+    EXPECT_EQ(store.write(2, 0, {2}).run(), AFS_RC_OK);
+    ASSERT_EQ(store.remount(), AFS_RC_OK);
+    EXPECT_EQ(store.read_files(), (Files{{1, pattern(1, 300)}, {2, {2}}}));
+}
+
 TEST(AfsMount, LongCacheLinesHoldZerosBehindTheirPage) {
     Store store;
     ASSERT_EQ(afs_setcache(store.context(), 128, 2), AFS_RC_OK);
