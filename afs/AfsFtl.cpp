@@ -20,6 +20,7 @@ struct header_scan {
     uint32_t pending = AFS_FTL_NONE; // the EU whose header is not committed
     uint16_t pending_next_spare = 0;
     uint16_t newest_next_spare = 0;       // of the committed header with the highest sequence
+    uint16_t log_head_page = 0;           // last page of the log that goes on
     uint32_t unusable_log = AFS_FTL_NONE; // the newest EU whose log holds nothing and is closed
     bool repair_erase_count = false;
 };
@@ -96,7 +97,8 @@ uint32_t read_log(const afs_context *context, uint32_t eu, log_contents &log) {
     }
     const log_pages pages = {.count = std::min(log_page_count(context), context->ftl->page_count),
                              .provisional = !has_data_area(context)};
-    return read_log_map(map, pages, log) ? AFS_RC_OK : AFS_RC_IO;
+    log = read_log_map(map, pages);
+    return AFS_RC_OK;
 }
 
 // A committed log entry: page has a copy in a slot of eu. The copy in the EU of the higher sequence
@@ -115,7 +117,7 @@ void claim_page(afs_ftl_state &ftl, uint32_t page, uint32_t eu, uint32_t slot) {
     copy = {static_cast<uint8_t>(eu), static_cast<uint8_t>(slot)};
 }
 
-// Takes the pages of a log into the map; all other slots of the EU are dirty.
+// Takes the pages of a log into the map; the other slots of the EU are dirty.
 void take_pages(afs_ftl_state &ftl, uint32_t eu, const log_contents &log) {
     afs_eu_info &row = ftl.eu_table[eu];
     for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES; ++slot) {
@@ -123,7 +125,8 @@ void take_pages(afs_ftl_state &ftl, uint32_t eu, const log_contents &log) {
             claim_page(ftl, log.pages[slot], eu, slot);
         }
     }
-    row.dirty_pages = static_cast<uint8_t>(row.dirty_pages + AFS_FTL_EU_PAGES - log.committed);
+    row.dirty_pages = static_cast<uint8_t>(row.dirty_pages + log.slots - log.committed);
+    ftl.last_page = log.last_page;
 }
 
 // The next page goes behind what this log holds.
@@ -131,8 +134,9 @@ void go_on_behind(afs_ftl_state &ftl, const log_contents &log) {
     if (log.next_slot != AFS_FTL_NONE) {
         ftl.write_slot = log.next_slot;
     }
-    ftl.head_closed = log.closed ? 1 : 0;
-    ftl.last_page = log.last_page;
+    if (log.closed || log.next_slot != AFS_FTL_NONE) {
+        ftl.head_closed = log.closed ? 1 : 0;
+    }
 }
 
 // Whether an EU's header is at least as new as that of another one, which may be none.
@@ -161,8 +165,9 @@ uint32_t take_log(afs_context *context, uint32_t eu, header_scan &scan) {
     } else if (eu == scan.pending || is_as_new_as(ftl, eu, ftl.write_eu)) {
         ftl.write_eu = eu;
         go_on_behind(ftl, log);
+        scan.log_head_page = log.last_page;
     }
-    return AFS_RC_OK;
+    return log.damaged ? AFS_RC_IO : AFS_RC_OK;
 }
 
 uint32_t take_committed_header(afs_context *context, uint32_t eu, const afs_eu_header &header,
@@ -228,16 +233,19 @@ uint32_t roll_forward(afs_context *context, header_scan &scan) {
     if (row.va_base != 0) {
         return AFS_RC_OK;
     }
-    const uint16_t newest_page = ftl.last_page;
-    const uint32_t rc = take_log(context, scan.pending, scan);
-    if (rc == AFS_RC_OK && ftl.write_eu == scan.pending && row.dirty_pages == AFS_FTL_EU_PAGES &&
-        ftl.last_page == 0) {
+    const uint16_t newest_page = scan.log_head_page;
+    if (const uint32_t rc = take_log(context, scan.pending, scan); rc != AFS_RC_OK) {
+        return rc;
+    }
+    if (ftl.write_eu != scan.pending) {
+        ftl.last_page = newest_page;
+    } else if (row.dirty_pages == AFS_FTL_EU_PAGES && ftl.last_page == 0) {
         // Its first write was cut, in a later session. The newest entry is still that of the log
         // before, but a page chained to it would be lost: each EU is read with a chain of its own.
         ftl.last_page = newest_page;
         ftl.chain_starts = 1;
     }
-    return rc;
+    return AFS_RC_OK;
 }
 
 uint32_t settle_interrupted_reclaim(afs_context *context, header_scan &scan) {
@@ -309,6 +317,7 @@ uint32_t mount(afs_context *context) {
             return rc;
         }
     }
+    ftl.last_page = scan.log_head_page;
     const uint32_t rc = settle_interrupted_reclaim(context, scan);
     if (rc != AFS_RC_OK) {
         return rc;
@@ -336,11 +345,10 @@ uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current) {
         return rc;
     }
     take_pages(ftl, eu, log);
-    if (current != 0 && !log.blank) {
+    if (current != 0) {
         go_on_behind(ftl, log);
     }
-    ftl.last_page = log.last_page;
-    return AFS_RC_OK;
+    return log.damaged ? AFS_RC_IO : AFS_RC_OK;
 }
 
 uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint32_t flags) {

@@ -28,19 +28,21 @@ void close_log(log_contents &log, uint32_t slot) {
 
 } // namespace
 
-bool read_log_map(const uint8_t *map, log_pages pages, log_contents &log) {
-    log = {.pages = {},
-           .committed = 0,
-           .last_page = 0,
-           .next_slot = AFS_FTL_NONE,
-           .closed = false,
-           .blank = is_erased_from(map, 0)};
+log_contents read_log_map(const uint8_t *map, log_pages pages) {
+    log_contents log = {.pages = {},
+                        .committed = 0,
+                        .slots = AFS_FTL_EU_PAGES,
+                        .last_page = 0,
+                        .next_slot = AFS_FTL_NONE,
+                        .closed = false,
+                        .blank = is_erased_from(map, 0),
+                        .damaged = false};
     std::fill(std::begin(log.pages), std::end(log.pages), no_page);
     if (entry_at(map, 0) == log_entry_erased) {
         if (!log.blank) {
             close_log(log, 0);
         }
-        return true;
+        return log;
     }
     bool behind_cut = false; // directly behind two slots that were given up
     for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES; ++slot) {
@@ -60,23 +62,25 @@ bool read_log_map(const uint8_t *map, log_pages pages, log_contents &log) {
         const bool is_page_entry = (entry & ~log_page_entry_bits) == 0;
         if (!is_page_entry || (page >= pages.count && behind_cut)) {
             close_log(log, slot);
-            return true;
+            return log;
         }
+        log.last_page = page;
         if (page >= pages.count) {
-            return false;
+            log.slots = slot;
+            log.damaged = true;
+            return log;
         }
         log.pages[slot] = page;
-        log.last_page = page;
         ++log.committed;
         behind_cut = behind_cut && pages.provisional;
         if (entry_at(map, slot + 1) == log_entry_commit_mark) {
             log.next_slot = slot + 1;
             log.closed = !is_erased_from(map, slot + 2);
-            return true;
+            return log;
         }
         log.closed = true; // until the end of the log shows
     }
-    return true;
+    return log;
 }
 
 } // namespace dolm

@@ -13,10 +13,12 @@ inline constexpr uint16_t no_page = 0xFFFF;
 struct log_contents {
     uint16_t pages[AFS_FTL_EU_PAGES]; // page whose copy is committed in each slot, or no_page
     uint32_t committed;               // slots that have one
-    uint16_t last_page;               // of the last one; 0 if there is none
+    uint32_t slots;                   // read: all, or those before a damaged entry
+    uint16_t last_page;               // of the last entry read; 0 if there is none
     uint32_t next_slot;               // where the log goes on, or AFS_FTL_NONE if no end shows
     bool closed;                      // the EU takes no more pages, whatever next_slot says
     bool blank;                       // nothing was ever written
+    bool damaged;                     // an entry leads to a page that the store does not have
 
     // A run of entries that landed without its first ones: it commits nothing and is in the way.
     bool is_unusable() const { return closed && committed == 0; }
@@ -30,7 +32,7 @@ struct log_pages {
     bool provisional;
 };
 
-// Reads the log_map_size bytes of a log map. False if a committed entry is damaged.
-bool read_log_map(const uint8_t *map, log_pages pages, log_contents &log);
+// Reads the log_map_size bytes of a log map.
+log_contents read_log_map(const uint8_t *map, log_pages pages);
 
 } // namespace dolm
