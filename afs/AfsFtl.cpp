@@ -91,7 +91,7 @@ bool has_data_area(const afs_context *context) {
 }
 
 uint32_t read_log(const afs_context *context, uint32_t eu, log_contents &log) {
-    uint8_t map[log_map_size];
+    uint8_t map[log_map_size] = {};
     if (SpiDrvRead(eu_address(context, eu) + log_map_offset, sizeof map, map) != 0) {
         return AFS_RC_IO;
     }
@@ -183,7 +183,7 @@ uint32_t take_committed_header(afs_context *context, uint32_t eu, const afs_eu_h
 
 // Reads the header of an EU, sorts the EU by it, and takes in its log if it has one.
 uint32_t scan_eu(afs_context *context, uint32_t eu, header_scan &scan) {
-    uint8_t bytes[eu_header_size + log_entry_size]; // the entry is looked at in the log map
+    uint8_t bytes[eu_header_size + log_entry_size] = {}; // the entry is looked at in the log map
     if (SpiDrvRead(eu_address(context, eu), sizeof bytes, bytes) != 0) {
         return AFS_RC_IO;
     }

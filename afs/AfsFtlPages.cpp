@@ -66,7 +66,7 @@ uint32_t write_data_page(afs_context *context, uint32_t va, const void *data) {
     }
     const uint32_t address = eu_address(context, place.eu);
     const uint32_t status_address = address + data_status_offset + place.slot;
-    uint8_t status;
+    uint8_t status = slot_complete;
     if (SpiDrvRead(status_address, 1, &status) != 0 || status != slot_free) {
         return AFS_RC_IO;
     }
@@ -136,7 +136,7 @@ uint32_t check_chunk_is_free(afs_context *context, uint32_t chunk, bool *is_free
         return AFS_RC_OK;
     }
     data_place place;
-    uint8_t status;
+    uint8_t status = slot_complete;
     if (!find_data_place(context, context->data_va_start + chunk * AFS_PAGE_SIZE, &place) ||
         SpiDrvRead(eu_address(context, place.eu) + data_status_offset + place.slot, 1, &status) !=
             0) {
@@ -152,7 +152,7 @@ uint32_t count_data_eu(afs_context *context, uint32_t eu, uint32_t *newest_with_
     afs_ftl_state &ftl = *context->ftl;
     afs_eu_info &row = ftl.eu_table[eu];
     uint32_t first_chunk;
-    uint8_t status[AFS_DATA_EU_PAGES];
+    uint8_t status[AFS_DATA_EU_PAGES] = {};
     if (!find_first_chunk(context, eu, &first_chunk) ||
         SpiDrvRead(eu_address(context, eu) + data_status_offset, sizeof status, status) != 0) {
         return AFS_RC_IO;
@@ -209,7 +209,7 @@ uint32_t afs_physical_ftl_read_page(afs_context *context, uint32_t va, uint32_t 
         std::memset(buffer, 0, AFS_PAGE_SIZE);
         return AFS_RC_OK;
     }
-    uint8_t slot[page_slot_size];
+    uint8_t slot[page_slot_size] = {};
     const uint32_t rc = read_page_slots(
         address, 1, [page](uint32_t) { return page; }, slot);
     if (rc == AFS_RC_OK) {

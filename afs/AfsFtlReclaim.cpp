@@ -249,7 +249,7 @@ uint32_t zero_dead_slots(const afs_context *context, uint32_t eu) {
     const uint32_t address = eu_address(context, eu);
     const bool is_spare = eu == context->ftl->spare_eu;
     uint32_t first_chunk = 0;
-    uint8_t status[AFS_DATA_EU_PAGES];
+    uint8_t status[AFS_DATA_EU_PAGES] = {};
     if ((!is_spare && !find_first_chunk(context, eu, &first_chunk)) ||
         SpiDrvRead(address + data_status_offset, sizeof status, status) != 0) {
         return AFS_RC_IO;
@@ -289,7 +289,7 @@ uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
     if (is_data && context->chunk_map == nullptr) {
         return AFS_RC_BAD_STATE; // live and dead pages cannot be told apart
     }
-    const std::unique_ptr<work_area> work(new (std::nothrow) work_area);
+    const std::unique_ptr<work_area> work(new (std::nothrow) work_area());
     if (work == nullptr) {
         return AFS_RC_NO_MEMORY;
     }

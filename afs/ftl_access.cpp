@@ -113,6 +113,11 @@ bool same_bytes(const uint8_t *a, const uint8_t *b, uint32_t length) {
 } // namespace
 
 uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uint8_t *readback) {
+    const auto *written = static_cast<const uint8_t *>(data);
+    if (length != 0) {
+        readback[0] =
+            static_cast<uint8_t>(~written[0]); // what no read brings does not compare equal
+    }
     if (SpiDrvWrite(address, length, data) != 0) {
         return AFS_RC_IO;
     }
@@ -120,7 +125,7 @@ uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uin
         if (SpiDrvRead(address, length, readback) != 0) {
             return AFS_RC_IO;
         }
-        if (same_bytes(readback, static_cast<const uint8_t *>(data), length)) {
+        if (same_bytes(readback, written, length)) {
             return AFS_RC_OK;
         }
     }

@@ -317,6 +317,8 @@ TEST(AfsPages, ReadsAreRepeatedUpToSevenTimesAndWritesNever) {
         {"batch, seven bad", {DeviceAccess::read, 0, 7, Effect::flip_bit}, batch, 5, 7, 0},
         {"entry, six bad", {DeviceAccess::read, 0, 6, Effect::flip_bit}, write, 0, 9, 3},
         {"entry, seven bad", {DeviceAccess::read, 0, 7, Effect::flip_bit}, write, 5, 7, 1},
+        {"read, all lost", {DeviceAccess::read, 0, 7, Effect::lose}, read, 5, 7, 0},
+        {"read-backs of the entry lost", {DeviceAccess::read, 0, 7, Effect::lose}, write, 5, 7, 1},
         {"page write lost", {DeviceAccess::write, 1, 1, Effect::lose}, write, 5, 8, 2},
         {"commit fails", {DeviceAccess::write, 2, 1, Effect::fail}, write, 5, 2, 3},
     };
