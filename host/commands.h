@@ -10,16 +10,21 @@
 
 namespace dolm {
 
+// Seconds that a command waits for others that work on the same set.
+inline constexpr double default_lock_timeout = 30;
+
 struct BuildOptions {
     std::optional<std::filesystem::path> manifest; // the compiled-in one without it
     std::filesystem::path folder;
     bool replace = false; // the files of a set that lies there already
+    double lock_timeout = default_lock_timeout;
 };
 void build_set(const BuildOptions &options);
 
 struct SetOptions {
     std::filesystem::path folder;
     std::optional<uint32_t> sku;
+    double lock_timeout = default_lock_timeout;
 };
 
 struct ListOptions : SetOptions {
@@ -43,6 +48,7 @@ struct ChangeOptions : SetOptions {
     std::string value;
     std::vector<std::string> more; // further names and values in turn
     std::optional<std::filesystem::path> output;
+    bool replace = false; // the files of a set that lies in the output already
 };
 void set_nvars(const ChangeOptions &options);
 
@@ -50,6 +56,7 @@ struct InspectOptions {
     std::filesystem::path image;
     std::optional<std::filesystem::path> ftbl;
     std::optional<uint32_t> sku;
+    double lock_timeout = default_lock_timeout;
 };
 void inspect_image(const InspectOptions &options);
 
@@ -63,6 +70,7 @@ struct ProveOptions : SetOptions {
     bool all = false;                            // every state
     std::optional<std::string> replay;           // the one state to visit
     std::optional<std::filesystem::path> output; // for the set as that state has it
+    bool replace = false;                        // the files of a set that lies there already
 };
 
 // Throws Failure if a cut of the power costs more than the change under way.

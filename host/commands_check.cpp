@@ -31,7 +31,7 @@ Json to_json(const std::vector<Finding> &findings) {
 } // namespace
 
 void check_set(const SetOptions &options) {
-    const SetFiles set = load_set(options.folder);
+    const SetFiles set = load_set(options.folder, options.lock_timeout);
     const uint32_t sku = choose_sku(set, options.sku);
     const std::vector<Finding> findings = check_files(set, sku);
     const auto errors = static_cast<size_t>(

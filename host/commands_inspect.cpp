@@ -16,24 +16,22 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The table that belongs to an image: the one that was named, or that of the set which the image
-// lies in.
+// What an image is read with: the table that was named, or that of the set which the image lies in.
 struct Table {
     Bytes ftbl; // empty if there is none
     std::optional<uint32_t> sku;
 };
 
-Table find_table(const InspectOptions &options) {
+Table find_table(const InspectOptions &options, const std::optional<SetFolder> &set) {
     Table table;
-    const fs::path folder = options.image.parent_path();
     if (options.ftbl) {
         table.ftbl = read_file(*options.ftbl, max_table_size);
-    } else if (fs::exists(folder / "ftbl.bin")) {
-        table.ftbl = read_file(folder / "ftbl.bin", max_table_size);
+    } else if (set && fs::exists(set->path() / "ftbl.bin")) {
+        table.ftbl = read_file(set->path() / "ftbl.bin", max_table_size);
     }
     table.sku = options.sku;
-    if (!table.sku && !options.ftbl) {
-        table.sku = read_sku(folder);
+    if (!table.sku && !options.ftbl && set) {
+        table.sku = set->sku();
     }
     return table;
 }
@@ -75,8 +73,14 @@ void print_with_damages(const InspectOptions &options, Json json,
 } // namespace
 
 void inspect_image(const InspectOptions &options) {
+    std::optional<SetFolder> set;
+    const fs::path folder = options.image.parent_path().empty() ? "." : options.image.parent_path();
+    if (options.image != "-" && holds_set(folder)) {
+        set.emplace(folder, SetFolder::Use::read, options.lock_timeout);
+    }
     const Bytes bytes = read_file(options.image, max_image_size);
-    const Table table = find_table(options);
+    const Table table = find_table(options, set);
+    set.reset();
     const AfsImage afs = read_afs_image(bytes);
     if (is_afs(afs)) {
         const FileNames names = names_from(table, Store::afs);

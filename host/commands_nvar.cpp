@@ -5,6 +5,7 @@
 
 #include "host/assignments.h"
 #include "host/commands.h"
+#include "host/commit.h"
 #include "host/errors.h"
 #include "host/library.h"
 #include "host/output.h"
@@ -76,9 +77,9 @@ void print_nvar_table(const std::vector<Nvar> &nvars) {
 }
 
 std::map<std::string, Bytes> all_values(const std::filesystem::path &folder,
-                                        std::optional<uint32_t> sku) {
-    SetFiles set = load_set(folder);
-    const Library library(set, choose_sku(set, sku));
+                                        const SetOptions &options) {
+    SetFiles set = load_set(folder, options.lock_timeout);
+    const Library library(set, choose_sku(set, options.sku));
     std::map<std::string, Bytes> values;
     for (const std::string &name : library.names()) {
         values[name] = library.value(name, FCS_FILE_CURRENT_VALUES);
@@ -96,7 +97,7 @@ void write_raw(const std::filesystem::path &path, const Bytes &value) {
     if (path == "-") {
         print_raw(to_text(value));
     } else {
-        apply_changes({{path, value}});
+        write_file(path, value);
     }
 }
 
@@ -140,14 +141,31 @@ void print_changes(const std::filesystem::path &folder, uint32_t sku,
     print_json({{"set", folder.string()}, {"sku", sku}, {"changes", list}});
 }
 
+// Makes all changes of the options in the set.
+std::vector<ValueChange> change_values(SetFiles &set, uint32_t sku,
+                                       const std::vector<Assignment> &assignments) {
+    std::vector<ValueChange> changes;
+    Library library(set, sku);
+    for (const Assignment &assignment : assignments) {
+        changes.push_back(assign(library, assignment));
+    }
+    set.vync_cfg = with_vync_head(library.terminate());
+    return changes;
+}
+
+bool is_same_folder(const std::filesystem::path &one, const std::filesystem::path &other) {
+    std::error_code ignored;
+    return std::filesystem::equivalent(one, other, ignored);
+}
+
 } // namespace
 
 void list_nvars(const ListOptions &options) {
     std::map<std::string, Bytes> other_values;
     if (options.against) {
-        other_values = all_values(*options.against, options.sku);
+        other_values = all_values(*options.against, options);
     }
-    SetFiles set = load_set(options.folder);
+    SetFiles set = load_set(options.folder, options.lock_timeout);
     const uint32_t sku = choose_sku(set, options.sku);
     const Library library(set, sku);
     std::vector<Nvar> nvars;
@@ -178,7 +196,7 @@ void list_nvars(const ListOptions &options) {
 }
 
 void get_nvar(const GetOptions &options) {
-    SetFiles set = load_set(options.folder);
+    SetFiles set = load_set(options.folder, options.lock_timeout);
     const Library library(set, choose_sku(set, options.sku));
     const Nvar nvar = library.nvar(options.name, table_named(options.table));
     if (options.form == ValueForm::raw) {
@@ -194,23 +212,30 @@ void get_nvar(const GetOptions &options) {
 }
 
 void set_nvars(const ChangeOptions &options) {
+    using Use = SetFolder::Use;
     const std::vector<Assignment> assignments = read_assignments(words_of(options));
-    SetFiles set = load_set(options.folder);
-    const uint32_t sku = choose_sku(set, options.sku);
-    std::vector<ValueChange> changes;
-    {
-        Library library(set, sku);
-        for (const Assignment &assignment : assignments) {
-            changes.push_back(assign(library, assignment));
-        }
-        set.vync_cfg = with_vync_head(library.terminate());
+    if (options.output) {
+        refuse_other_set(*options.output, options.replace);
     }
+    const bool in_place = !options.output || is_same_folder(*options.output, options.folder);
+    std::optional<SetFolder> folder(std::in_place, options.folder,
+                                    in_place ? Use::change : Use::read, options.lock_timeout);
+    SetFiles set = folder->load();
+    if (!in_place) {
+        // Its lock goes first, so that two commands that copy crosswise do not block each other.
+        folder.emplace(*options.output, Use::change, options.lock_timeout);
+        refuse_other_set(*options.output, options.replace);
+    }
+    const uint32_t sku = choose_sku(set, options.sku);
+    const std::vector<ValueChange> changes = change_values(set, sku, assignments);
     if (!set.sku) {
         set.sku = sku;
     }
-    const std::filesystem::path &target = options.output.value_or(options.folder);
-    save_set(target, set);
-    print_changes(target, sku, changes);
+    // What cannot be told does not happen either.
+    folder->save(set, [&] {
+        print_changes(folder->path(), sku, changes);
+        flush_output();
+    });
 }
 
 } // namespace dolm

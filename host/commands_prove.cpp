@@ -1,10 +1,5 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <iomanip>
-#include <iostream>
 #include <optional>
 #include <sstream>
 
@@ -15,6 +10,7 @@
 #include "host/output.h"
 #include "host/progress.h"
 #include "host/set_files.h"
+#include "host/system.h"
 #include "image/efs_layout.h"
 #include "proof/hash.h"
 #include "proof/power_cut.h"
@@ -25,28 +21,6 @@ namespace dolm {
 namespace {
 
 namespace fs = std::filesystem;
-
-// The library tells of a failed mount on standard output; here most mounts may fail.
-class LibraryOutputDropped {
-  public:
-    LibraryOutputDropped() : results_(dup(STDOUT_FILENO)) {
-        std::cout.flush();
-        std::fflush(stdout);
-        const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(nowhere, STDOUT_FILENO);
-        close(nowhere);
-    }
-    ~LibraryOutputDropped() {
-        std::fflush(stdout);
-        dup2(results_, STDOUT_FILENO);
-        close(results_);
-    }
-    LibraryOutputDropped(const LibraryOutputDropped &) = delete;
-    LibraryOutputDropped &operator=(const LibraryOutputDropped &) = delete;
-
-  private:
-    int results_;
-};
 
 // Of both stores together, as the proofs have it.
 Bytes image_of(const SetFiles &set) {
@@ -117,7 +91,8 @@ proof::Findings cut_everywhere(const SetFiles &set, uint32_t sku,
     if (!set.efs_image.empty()) {
         layout = read_efs_layout(set.ftbl, sku);
     }
-    const LibraryOutputDropped guard;
+    // The library has a line there for each mount that fails, and here most may fail.
+    const system::DiscardedOutput discarded;
     proof::SetStore store({set.orvel_cfg, set.vync_cfg, set.ftbl, sku}, set.qfs_image.size(),
                           layout);
     const Bytes image = image_of(set);
@@ -236,12 +211,14 @@ void print_replay(const proof::Findings &findings, const std::string &id) {
 }
 
 // The set as a cut left it. The tables are not in flash, so that they are still the old ones.
-void save_image(const fs::path &folder, SetFiles set, uint32_t sku, const Bytes &image) {
+void save_image(const ProveOptions &options, SetFiles set, uint32_t sku, const Bytes &image) {
     const auto efs_at = image.begin() + static_cast<std::ptrdiff_t>(set.qfs_image.size());
     set.qfs_image.assign(image.begin(), efs_at);
     set.efs_image.assign(efs_at, image.end());
     set.sku = sku;
-    save_set(folder, set);
+    const SetFolder target(*options.output, SetFolder::Use::change, options.lock_timeout);
+    refuse_other_set(*options.output, options.replace);
+    target.save(set, [] {});
 }
 
 } // namespace
@@ -252,7 +229,10 @@ void prove_set(const ProveOptions &options) {
         fs::equivalent(*options.output, options.folder)) {
         throw UsageError("the output folder is the set itself");
     }
-    const SetFiles set = load_set(options.folder);
+    if (options.output) {
+        refuse_other_set(*options.output, options.replace);
+    }
+    const SetFiles set = load_set(options.folder, options.lock_timeout);
     const uint32_t sku = choose_sku(set, options.sku);
     const auto values = try_assignments(set, sku, assignments);
     const proof::Findings findings = cut_everywhere(set, sku, values, options);
@@ -260,7 +240,7 @@ void prove_set(const ProveOptions &options) {
         throw Failure(findings.failures.front().reason);
     }
     if (options.output) {
-        save_image(*options.output, set, sku, *findings.replayed);
+        save_image(options, set, sku, *findings.replayed);
     }
     if (tells_json()) {
         print_json(to_json(findings));

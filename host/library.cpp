@@ -1,11 +1,7 @@
 #include "host/library.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <set>
 #include <utility>
 
@@ -16,6 +12,7 @@
 #include "host/manifest.h"
 #include "host/output.h"
 #include "host/report_meaning.h"
+#include "host/system.h"
 #include "host/tables.h"
 #include "miniVfs.h"
 
@@ -35,27 +32,6 @@ void take_report(ErrorLevel level, ImageToolsErrorName number, const char *text,
         reports.push_back({level, number, text, message, std::nullopt, "", ""});
     }
 }
-
-// The library tells of a failed mount on standard output, which belongs to a command's results.
-class OutputToErrors {
-  public:
-    OutputToErrors() : results_(dup(STDOUT_FILENO)) { point_output_at(STDERR_FILENO); }
-    ~OutputToErrors() {
-        point_output_at(results_);
-        close(results_);
-    }
-    OutputToErrors(const OutputToErrors &) = delete;
-    OutputToErrors &operator=(const OutputToErrors &) = delete;
-
-  private:
-    static void point_output_at(int descriptor) {
-        std::cout.flush();
-        std::fflush(stdout);
-        dup2(descriptor, STDOUT_FILENO);
-    }
-
-    int results_;
-};
 
 _commonDolmTable range_of(Bytes &bytes) {
     return {bytes.empty() ? nullptr : bytes.data(), static_cast<uint32_t>(bytes.size())};
@@ -126,7 +102,8 @@ Library::Library(SetFiles &set, uint32_t sku) : set_(set), sku_(sku) {
     inputs.ftbl = range_of(set.ftbl);
     inputs.afsSkuId = sku;
     inputs.efsImage = range_of(set.efs_image);
-    const OutputToErrors guard;
+    // The library has a line for a failed mount there, which its report tells as well.
+    const system::DiscardedOutput discarded;
     const bool is_up = qoQfsDolmInit(&inputs, take_report);
     tell_reports();
     if (!is_up) {

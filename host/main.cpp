@@ -7,6 +7,7 @@
 #include "host/commands.h"
 #include "host/errors.h"
 #include "host/output.h"
+#include "host/system.h"
 
 namespace {
 
@@ -18,6 +19,14 @@ constexpr const char *value_help =
     "of a file, text:... for text that "
     "begins like one of these or is an option. Further names and values may follow.";
 
+void add_lock_timeout(CLI::App &command, double &seconds) {
+    command
+        .add_option("--lock-timeout", seconds,
+                    "Seconds to wait for other commands that work on the set")
+        ->check(CLI::Range(0.0, 1e6))
+        ->capture_default_str();
+}
+
 void add_build(CLI::App &app) {
     auto *command = app.add_subcommand("build", "Make a set of inputs from a JSON manifest");
     auto options = std::make_shared<dolm::BuildOptions>();
@@ -25,6 +34,7 @@ void add_build(CLI::App &app) {
         ->required();
     command->add_option("DIR", options->folder, "Folder for the set")->required();
     command->add_flag("--replace", options->replace, "Write over a set that lies there");
+    add_lock_timeout(*command, options->lock_timeout);
     command->callback([options] { dolm::build_set(*options); });
 }
 
@@ -33,12 +43,14 @@ void add_sample(CLI::App &app) {
     auto options = std::make_shared<dolm::BuildOptions>();
     command->add_option("DIR", options->folder, "Folder for the set")->required();
     command->add_flag("--replace", options->replace, "Write over a set that lies there");
+    add_lock_timeout(*command, options->lock_timeout);
     command->callback([options] { dolm::build_set(*options); });
 }
 
 void add_set_options(CLI::App &command, dolm::SetOptions &options) {
     command.add_option("SET", options.folder, "Folder of the set")->required();
     command.add_option("--sku", options.sku, "SKU to use instead of the one in set.json");
+    add_lock_timeout(command, options.lock_timeout);
 }
 
 void add_list(CLI::App &app) {
@@ -94,6 +106,7 @@ void add_set(CLI::App &app) {
     command->allow_extras();
     command->add_option("-o,--output", options->output,
                         "Write the changed set into this folder and leave SET as it is");
+    command->add_flag("--replace", options->replace, "Write over a set that lies there");
     command->footer(value_help);
     command->callback([command, options] {
         options->more = further_words(*command);
@@ -111,6 +124,7 @@ void add_inspect(CLI::App &app) {
     command->add_option("--sku", options->sku,
                         "SKU in the file table; without it and --ftbl the "
                         "one in set.json beside the image");
+    add_lock_timeout(*command, options->lock_timeout);
     command->callback([options] { dolm::inspect_image(*options); });
 }
 
@@ -143,6 +157,7 @@ void add_prove(CLI::App &app) {
         ->add_option("-o,--output", options->output,
                      "Write the set as the cut left it into this folder")
         ->needs(replay);
+    command->add_flag("--replace", options->replace, "Write over a set that lies there");
     command->footer(std::string("NAME VALUE ... after SET: the values to write; without any, all "
                                 "are written as they are. ") +
                     value_help);
@@ -187,6 +202,7 @@ bool asks_for_json(const std::vector<std::string> &words) {
 }
 
 void run(int argc, char **argv) {
+    dolm::system::prepare_streams();
     const std::vector<std::string> words(argv + 1, argv + argc);
     if (asks_for_json(words)) {
         dolm::choose_json();

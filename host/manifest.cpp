@@ -530,7 +530,7 @@ Manifest parse_manifest(std::string_view text, const std::string &source,
 
 Manifest load_manifest(const std::filesystem::path &path) {
     const Bytes text = read_file(path, max_table_size);
-    return parse_manifest({reinterpret_cast<const char *>(text.data()), text.size()}, path.string(),
+    return parse_manifest(to_text(text), path == "-" ? "standard input" : path.string(),
                           path.parent_path());
 }
 

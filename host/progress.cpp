@@ -1,13 +1,13 @@
 #include "host/progress.h"
 
-#include <unistd.h>
-
 #include <iostream>
+
+#include "host/system.h"
 
 namespace dolm {
 
 Progress::Progress(std::string what, size_t total)
-    : what_(std::move(what)), total_(total), on_terminal_(isatty(STDERR_FILENO) != 0) {}
+    : what_(std::move(what)), total_(total), on_terminal_(system::errors_go_to_terminal()) {}
 
 Progress::~Progress() {
     clear();

@@ -1,16 +1,14 @@
 #include "host/set_files.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <fstream>
+#include <algorithm>
 #include <limits>
-#include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
 
+#include "host/commit.h"
 #include "host/errors.h"
+#include "host/output.h"
 
 namespace dolm {
 
@@ -41,129 +39,101 @@ Bytes make_settings(uint32_t sku) {
     return Bytes(text.begin(), text.end());
 }
 
-fs::path beside(const fs::path &target, const char *ending) {
-    return target.string() + "." + std::to_string(getpid()) + ending;
-}
-
-// A rename may reach the disk before the content that it stands for; then a cut of power would
-// leave an empty file in the place of a good one.
-bool flush_to_disk(const fs::path &path) {
-    const int descriptor = open(path.c_str(), O_RDONLY);
-    const bool done = descriptor >= 0 && fsync(descriptor) == 0;
-    if (descriptor >= 0) {
-        close(descriptor);
-    }
-    return done;
-}
-
-void write_new_file(const fs::path &path, const Bytes &content) {
-    std::ofstream stream(path, std::ios::binary | std::ios::trunc);
-    stream.write(reinterpret_cast<const char *>(content.data()),
-                 static_cast<std::streamsize>(content.size()));
-    stream.close();
-    if (!stream || !flush_to_disk(path)) {
-        const int error = errno;
-        std::error_code ignored;
-        fs::remove(path, ignored);
-        throw Failure("cannot write " + path.string() + ": " + std::strerror(error));
-    }
-}
-
 // An unchanged file is left alone, so that its time of change tells the truth.
 bool holds_already(const fs::path &path, const std::optional<Bytes> &content) {
     if (!fs::is_regular_file(path)) {
-        return !content && !fs::exists(path);
+        return !content && !fs::exists(fs::symlink_status(path));
     }
     return content && fs::file_size(path) == content->size() &&
            read_file(path, content->size()) == *content;
 }
 
-// One change under way. The old file stays reachable under a name of its own until all changes
-// stand, so there is no moment without a file under the target's name.
-class PendingChange {
-  public:
-    explicit PendingChange(const FileChange &change)
-        : target(change.first), fresh(beside(target, ".new")), old(beside(target, ".old")),
-          removes(!change.second) {
-        if (!removes) {
-            write_new_file(fresh, *change.second);
-        }
-    }
-    PendingChange(const PendingChange &) = delete;
-    PendingChange &operator=(const PendingChange &) = delete;
-
-    void put_in_place() {
-        if (fs::exists(target)) {
-            keep_old();
-        }
-        if (!removes) {
-            if (had_old) {
-                fs::permissions(fresh, fs::status(target).permissions());
-            }
-            fs::rename(fresh, target);
-        } else if (had_old) {
-            fs::remove(target);
-        }
-        placed = true;
-    }
-
-    // What fails here cannot be helped any more; the other files still get their turn.
-    void put_back() noexcept {
-        std::error_code ignored;
-        if (had_old) {
-            fs::rename(old, target, ignored);
-        } else if (placed) {
-            fs::remove(target, ignored);
-        }
-    }
-
-    ~PendingChange() {
-        std::error_code ignored;
-        fs::remove(fresh, ignored);
-        fs::remove(old, ignored);
-    }
-
-  private:
-    void keep_old() {
-        std::error_code no_links;
-        fs::create_hard_link(target, old, no_links);
-        if (no_links) {
-            fs::copy_file(target, old);
-        }
-        had_old = true;
-    }
-
-    fs::path target;
-    fs::path fresh;
-    fs::path old;
-    bool removes;
-    bool had_old = false;
-    bool placed = false;
-};
+std::chrono::milliseconds to_duration(double seconds) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::duration<double>(seconds));
+}
 
 } // namespace
 
 Bytes read_file(const fs::path &path, uint64_t max_size) {
-    std::error_code error;
-    const uintmax_t size = fs::file_size(path, error);
-    if (error) {
-        throw Failure("cannot read " + path.string() + ": " + error.message());
+    static bool has_read_input = false;
+    if (path == "-" && std::exchange(has_read_input, true)) {
+        throw Failure("standard input can be read only once");
     }
-    if (size > max_size) {
-        throw Failure(path.string() + " has " + std::to_string(size) + " bytes; at most " +
-                      std::to_string(max_size) + " are plausible here");
+    try {
+        return system::read(path, max_size);
+    } catch (const std::system_error &failure) {
+        if (failure.code() == std::errc::file_too_large) {
+            throw Failure(path.string() + " has more than " + std::to_string(max_size) +
+                          " bytes, which are not plausible here");
+        }
+        throw Failure("cannot read " + (path == "-" ? "standard input" : path.string()) + ": " +
+                      failure.code().message());
     }
-    Bytes content(static_cast<size_t>(size));
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream.read(reinterpret_cast<char *>(content.data()),
-                     static_cast<std::streamsize>(content.size()))) {
-        throw Failure("cannot read " + path.string() + ": " + std::strerror(errno));
-    }
-    return content;
 }
 
-std::optional<uint32_t> read_sku(const fs::path &folder) {
-    const fs::path path = folder / settings_name;
+bool is_member_name(const std::string &name) {
+    return name == settings_name ||
+           std::any_of(std::begin(members), std::end(members),
+                       [&](const Member &member) { return name == member.name; });
+}
+
+bool holds_set(const fs::path &folder) {
+    return fs::exists(folder / settings_name) ||
+           std::any_of(std::begin(members), std::end(members),
+                       [&](const Member &member) { return fs::exists(folder / member.name); });
+}
+
+void refuse_other_set(const fs::path &folder, bool replace) {
+    if (!replace && holds_set(folder)) {
+        throw UsageError(folder.string() + " holds a set already; --replace writes over it");
+    }
+}
+
+SetFolder::SetFolder(fs::path folder, Use use, double lock_timeout) : path_(std::move(folder)) {
+    try {
+        is_new_ = use == Use::change && fs::create_directories(path_);
+        lock_.emplace(path_);
+        const auto kind = use == Use::read ? system::FolderLock::Kind::shared
+                                           : system::FolderLock::Kind::exclusive;
+        lock(kind, lock_timeout);
+        // A reader lets others in between when it changes the kind of its lock.
+        while (is_interrupted(path_)) {
+            lock(system::FolderLock::Kind::exclusive, lock_timeout);
+            if (is_interrupted(path_)) {
+                recover(path_);
+            }
+            lock(kind, lock_timeout);
+        }
+    } catch (const std::system_error &failure) {
+        throw Failure("cannot open the folder " + path_.string() + ": " + failure.code().message());
+    }
+}
+
+SetFolder::~SetFolder() {
+    std::error_code not_empty;
+    if (is_new_) {
+        fs::remove(path_, not_empty);
+    }
+}
+
+void SetFolder::lock(system::FolderLock::Kind kind, double timeout) {
+    constexpr double quiet = 1; // seconds after which a user wonders
+    if (lock_->acquire(kind, to_duration(std::min(timeout, quiet)))) {
+        return;
+    }
+    if (timeout > quiet) {
+        tell_notice("waiting for another command that works on " + path_.string());
+        if (lock_->acquire(kind, to_duration(timeout - quiet))) {
+            return;
+        }
+    }
+    throw Failure("another command works on " + path_.string() +
+                  "; gave up waiting for it (--lock-timeout)");
+}
+
+std::optional<uint32_t> SetFolder::sku() const {
+    const fs::path path = path_ / settings_name;
     if (!fs::exists(path)) {
         return std::nullopt;
     }
@@ -177,25 +147,41 @@ std::optional<uint32_t> read_sku(const fs::path &folder) {
     return sku->get<uint32_t>();
 }
 
-bool holds_set(const fs::path &folder) {
-    for (const Member &member : members) {
-        if (fs::exists(folder / member.name)) {
-            return true;
-        }
-    }
-    return fs::exists(folder / settings_name);
-}
-
-SetFiles load_set(const fs::path &folder) {
+SetFiles SetFolder::load() {
     SetFiles set;
     for (const Member &member : members) {
-        const fs::path path = folder / member.name;
+        const fs::path path = path_ / member.name;
         if (member.mandatory || fs::exists(path)) {
             set.*member.content = read_file(path, member.max_size);
         }
+        if ((set.*member.content).empty()) {
+            empty_.insert(member.name);
+        }
     }
-    set.sku = read_sku(folder);
+    set.sku = sku();
     return set;
+}
+
+void SetFolder::save(const SetFiles &set, const std::function<void()> &before_decision) const {
+    std::vector<MemberChange> changes;
+    const auto add = [&](const char *name, std::optional<Bytes> content) {
+        if (!holds_already(path_ / name, content)) {
+            changes.push_back({name, std::move(content)});
+        }
+    };
+    for (const Member &member : members) {
+        const Bytes &content = set.*member.content;
+        const bool absent = content.empty() && !member.mandatory;
+        if (!absent || !empty_.contains(member.name)) {
+            add(member.name, absent ? std::nullopt : std::optional(content));
+        }
+    }
+    add(settings_name, set.sku ? std::optional(make_settings(*set.sku)) : std::nullopt);
+    commit(path_, changes, before_decision);
+}
+
+SetFiles load_set(const fs::path &folder, double lock_timeout) {
+    return SetFolder(folder, SetFolder::Use::read, lock_timeout).load();
 }
 
 uint32_t choose_sku(const SetFiles &set, std::optional<uint32_t> asked) {
@@ -203,43 +189,6 @@ uint32_t choose_sku(const SetFiles &set, std::optional<uint32_t> asked) {
         throw UsageError("the set has no set.json that names its SKU; give one with --sku");
     }
     return asked ? *asked : *set.sku;
-}
-
-void save_set(const fs::path &folder, const SetFiles &set) {
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (error) {
-        throw Failure("cannot make the folder " + folder.string() + ": " + error.message());
-    }
-    std::vector<FileChange> changes;
-    for (const Member &member : members) {
-        const Bytes &content = set.*member.content;
-        const bool absent = content.empty() && !member.mandatory;
-        changes.emplace_back(folder / member.name,
-                             absent ? std::nullopt : std::optional<Bytes>(content));
-    }
-    changes.emplace_back(folder / settings_name,
-                         set.sku ? std::optional(make_settings(*set.sku)) : std::nullopt);
-    apply_changes(changes);
-}
-
-void apply_changes(const std::vector<FileChange> &changes) {
-    std::vector<std::unique_ptr<PendingChange>> pending;
-    try {
-        for (const FileChange &change : changes) {
-            if (!holds_already(change.first, change.second)) {
-                pending.push_back(std::make_unique<PendingChange>(change));
-            }
-        }
-        for (const auto &change : pending) {
-            change->put_in_place();
-        }
-    } catch (const std::exception &error) {
-        for (const auto &change : pending) {
-            change->put_back();
-        }
-        throw Failure(error.what());
-    }
 }
 
 } // namespace dolm

@@ -4,11 +4,12 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
+#include <set>
 #include <string>
-#include <utility>
-#include <vector>
 
+#include "host/system.h"
 #include "image/bytes.h"
 
 namespace dolm {
@@ -29,30 +30,59 @@ struct SetFiles {
 inline constexpr uint64_t max_image_size = uint64_t{2} << 20;
 inline constexpr uint64_t max_table_size = uint64_t{64} << 20;
 
-// Throws Failure if the file cannot be read or is longer than max_size.
+// Reads a file, a device or a pipe, standard input for "-". Throws Failure if that fails or there
+// are more than max_size bytes.
 Bytes read_file(const std::filesystem::path &path, uint64_t max_size);
 
-SetFiles load_set(const std::filesystem::path &folder);
-
-// The SKU that "set.json" in the folder names, if there is one.
-std::optional<uint32_t> read_sku(const std::filesystem::path &folder);
+// True for the name of a file that a set can have.
+bool is_member_name(const std::string &name);
 
 // True if the folder holds any file that a set consists of.
 bool holds_set(const std::filesystem::path &folder);
 
+// Throws UsageError if the folder holds a set that is not to be replaced.
+void refuse_other_set(const std::filesystem::path &folder, bool replace);
+
+// The folder of a set, locked against other commands while the object lives. A change that was
+// interrupted has been finished or undone.
+class SetFolder {
+  public:
+    enum class Use { read, change };
+
+    // Makes a folder that is to be changed if it does not exist; it goes again if nothing comes
+    // into it. Waits for other commands for so many seconds. Throws Failure.
+    SetFolder(std::filesystem::path folder, Use use, double lock_timeout);
+    ~SetFolder();
+    SetFolder(const SetFolder &) = delete;
+    SetFolder &operator=(const SetFolder &) = delete;
+
+    const std::filesystem::path &path() const { return path_; }
+
+    // Throws Failure.
+    SetFiles load();
+
+    // The SKU that "set.json" names, if there is one. Throws Failure.
+    std::optional<uint32_t> sku() const;
+
+    // Writes the whole set. A file that the set lacks is removed, but for one that was empty or a
+    // link to nothing when the set was loaded; one that holds the same already is left alone.
+    // before_decision is called at the last moment at which an exception leaves all as
+    // it was. Throws Failure, and has changed nothing then.
+    void save(const SetFiles &set, const std::function<void()> &before_decision) const;
+
+  private:
+    void lock(system::FolderLock::Kind kind, double timeout);
+
+    std::filesystem::path path_;
+    bool is_new_ = false;
+    std::set<std::string> empty_; // members without a byte when the set was loaded
+    std::optional<system::FolderLock> lock_;
+};
+
+// The set in a folder, which is locked only as long as reading it takes.
+SetFiles load_set(const std::filesystem::path &folder, double lock_timeout);
+
 // The SKU to use: the one asked for, else the set's own. Throws UsageError if there is neither.
 uint32_t choose_sku(const SetFiles &set, std::optional<uint32_t> asked);
-
-// Writes the whole set into the folder, which is created if need be; a file that the set lacks is
-// removed.
-void save_set(const std::filesystem::path &folder, const SetFiles &set);
-
-// A file to be put in place, or to be removed if there is no content.
-using FileChange = std::pair<std::filesystem::path, std::optional<Bytes>>;
-
-// Brings all changes about or none: everything is written to temporary names in the folders
-// concerned first and then renamed over the targets, and a failure on the way puts back what had
-// been renamed. Throws Failure.
-void apply_changes(const std::vector<FileChange> &changes);
 
 } // namespace dolm

@@ -1,39 +1,13 @@
 // The program dolm from end to end, as a process of its own: what it prints, its exit codes, and
 // what it leaves in the folders.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <map>
 #include <span>
-#include <string>
+
+#include "dolm_process.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-using Folder = std::map<std::string, std::string>; // path to content
-
-std::string read_whole(const fs::path &path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-void write_whole(const fs::path &path, const std::string &content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-Folder snapshot(const fs::path &folder) {
-    Folder files;
-    for (const auto &item : fs::recursive_directory_iterator(folder)) {
-        files[item.path()] = item.is_directory() ? "" : read_whole(item.path());
-    }
-    return files;
-}
+using namespace dolm_process;
 
 // Changes bytes of a file behind the first place where `text` stands in it; without a text, all.
 void patch(const fs::path &path, const std::string &text, size_t offset, const std::string &with) {
@@ -44,39 +18,14 @@ void patch(const fs::path &path, const std::string &text, size_t offset, const s
     write_whole(path, content);
 }
 
-struct Outcome {
-    int code;
-    std::string out;
-    std::string err;
-};
-
 struct Call {
     const char *arguments;
     int code;
     const char *part; // of what it prints; of its complaints if it prints nothing
 };
 
-// A temporary folder with the sample in "set".
-class Dolm : public testing::Test {
+class DolmCalls : public Dolm {
   protected:
-    void SetUp() override {
-        fs::create_directory(folder);
-        ASSERT_EQ(run("sample set").code, 0);
-    }
-    void TearDown() override { fs::remove_all(folder); }
-
-    // Runs dolm in the test's folder; arguments are in shell notation.
-    Outcome run(const std::string &arguments) {
-        const std::string command =
-            "cd '" + folder.string() + "' && " DOLM_PROGRAM " " + arguments + " >out.txt 2>err.txt";
-        const int status = std::system(command.c_str());
-        const Outcome outcome{WEXITSTATUS(status), read_whole(folder / "out.txt"),
-                              read_whole(folder / "err.txt")};
-        fs::remove(folder / "out.txt");
-        fs::remove(folder / "err.txt");
-        return outcome;
-    }
-
     // None of them changes anything in the folder.
     void expect_each(std::span<const Call> calls) {
         const Folder before = snapshot(folder);
@@ -89,18 +38,9 @@ class Dolm : public testing::Test {
             EXPECT_EQ(snapshot(folder), before);
         }
     }
-
-    std::string value(const std::string &name) {
-        const Outcome outcome = run("get " + name);
-        EXPECT_EQ(outcome.code, 0) << outcome.err;
-        return outcome.out;
-    }
-
-    const fs::path folder = testing::TempDir() + "dolm_test." + std::to_string(getpid());
-    const fs::path set = folder / "set";
 };
 
-TEST_F(Dolm, ShowsTheSample) {
+TEST_F(DolmCalls, ShowsTheSample) {
     const Call calls[] = {
         {"list set", 0, "/home/net/hostname              10     64  0000  flash"},
         {"list set", 0, "/home/net/legacy_proxy stands in vync.cfg alone"},
@@ -123,7 +63,7 @@ TEST_F(Dolm, ShowsTheSample) {
     EXPECT_EQ(vync.substr(0, 16), head);
 }
 
-TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
+TEST_F(DolmCalls, FailuresTellWhyAndChangeNothing) {
     fs::copy(set, folder / "torn");
     fs::resize_file(folder / "torn/orvel.cfg", 30);
     fs::copy(set, folder / "unnamed");
@@ -148,30 +88,31 @@ TEST_F(Dolm, FailuresTellWhyAndChangeNothing) {
         {"list unnamed", 2, "give one with --sku"},
         {"inspect efs.img", 2, "--ftbl"},
         {"sample set", 2, "holds a set already"},
-        {"list nowhere", 1, "cannot read nowhere/orvel.cfg"},
+        {"list nowhere", 1, "cannot open the folder nowhere: No such"},
         {"set set net/ntp @nofile", 1, "cannot read nofile"},
         {"set set net/ntp a net/none b", 1, "error 39 (level 4): File not found."},
         {"set set net/ntp a net/mac hex:00112233445566", 1, "7 bytes, over the limit of 6"},
         {"list set --sku 7", 1, "no row for SKU 7, only for 1, 2"},
-        {"list long", 1, "long/qfs.img has 2097153 bytes; at most 2097152 are plausible here"},
+        {"list long", 1, "long/qfs.img has more than 2097152 bytes"},
         {"list torn", 1,
          "Failed to create FCS handle. Library status code: 10 (orvel.cfg: its 45 "
          "records reach past the end; status 10)"},
         {"set halted mca/version new", 1, "Failed to get file size from QFS."},
         // What a reader's own termination would say is not said.
         {"list halted 2>&1 | grep -c 'error '", 1, "0"},
-        {"set set --output half net/ntp x", 1, "half/set.json"},
+        {"set set --output half net/ntp x", 2, "half holds a set already"},
+        {"set set --output half --replace net/ntp x", 1, "half/set.json is a folder"},
         {"build bad.json new", 1, "bad.json: /files/0: 'number' is missing"},
     };
     expect_each(calls);
 }
 
-TEST_F(Dolm, SaysWhenStandardOutputTakesNothing) {
+TEST_F(DolmCalls, SaysWhenStandardOutputTakesNothing) {
     const Outcome outcome = run("list set 2>&1 >/dev/full | cat");
     EXPECT_NE(outcome.out.find("cannot write standard output: No space left"), std::string::npos);
 }
 
-TEST_F(Dolm, SetsManyValuesInTheTablesAndInBothImages) {
+TEST_F(DolmCalls, SetsManyValuesInTheTablesAndInBothImages) {
     const Folder before = snapshot(set);
     ASSERT_EQ(run("set set --output a/new /home/net/mac hex:0A0b0c net/ntp '[a,b]' net/gateway -5 "
                   "radio/cal/trim hex:0102 net/certificate x")
@@ -197,7 +138,55 @@ TEST_F(Dolm, SetsManyValuesInTheTablesAndInBothImages) {
     EXPECT_EQ(value("a/new net/certificate"), "x\n");
 }
 
-TEST_F(Dolm, WhatGetPrintsSetTakesBack) {
+// Links, modes, devices and pipes stay what they are.
+TEST_F(DolmCalls, WritesBehindLinksAndThroughWhatIsNoFile) {
+    const std::string before = read_whole(set / "qfs.img");
+    const Outcome outcome = shell(R"(
+        mv set/qfs.img real.img; ln -s ../real.img set/qfs.img; chmod 640 real.img
+        $dolm set set net/ntp new >/dev/null || exit 1
+        stat -c %a real.img; readlink set/qfs.img; $dolm get set net/ntp
+        mkfifo pipe; ln -s target link; ln -s pipe piped; echo old >target; chmod 604 target
+        cat pipe & $dolm get set net/ntp --raw piped; wait; echo
+        $dolm get set net/dns --raw link; $dolm get set mca/version --raw link
+        stat -c %a target; cat link; echo; test -p pipe && test -h link && echo same
+        $dolm get set net/ntp --raw - | $dolm set set net/dns @- >/dev/null
+        $dolm get set net/dns; cat set/ftbl.bin >pipe & $dolm inspect --ftbl pipe --sku 1 - <set/efs.img | head -1
+        $dolm get set net/ntp --raw /dev/full)");
+    EXPECT_EQ(outcome.out, "640\n../real.img\nnew\nnew\n604\n2.4.0\nsame\nnew\n"
+                           "EFS image of 49152 bytes: 2 BMs, 7 logical and 3 spare blocks of 4096 "
+                           "bytes, layout 0\n");
+    EXPECT_TRUE(outcome.err.ends_with("cannot write /dev/full: No space left on device\n"));
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(read_whole(folder / "real.img"), before);
+    EXPECT_TRUE(fs::is_character_file("/dev/full"));
+}
+
+TEST_F(DolmCalls, ReadersLeaveEveryTimeAlone) {
+    const char *times = "stat -c '%n %x %y %z' set set/*";
+    shell("touch -d '3 days ago' set/* set");
+    const std::string before = shell(times).out;
+    ASSERT_EQ(std::count(before.begin(), before.end(), '\n'), 7);
+    for (const char *reader : {"list set", "list set --against set", "get set net/ntp", "check set",
+                               "inspect set/qfs.img", "inspect set/efs.img"}) {
+        EXPECT_EQ(run(reader).code, 0);
+        EXPECT_EQ(shell(times).out, before) << reader;
+    }
+}
+
+TEST_F(DolmCalls, WaitsForTheLockOfTheFolder) {
+    const Call calls[] = {
+        {"list set --lock-timeout 0", 1, "another command works on set"},
+        {"set set net/ntp x --lock-timeout 1.1", 1, "waiting for another command"},
+    };
+    shell("flock set -c 'touch held; while test -e held; do sleep 0.05; done' & "
+          "while ! test -e held; do sleep 0.05; done");
+    expect_each(calls);
+    fs::remove(folder / "held");
+    EXPECT_EQ(run("set set net/ntp x").code, 0);
+    EXPECT_EQ(shell("flock -s set $dolm get set net/ntp --lock-timeout 0").out, "x\n");
+}
+
+TEST_F(DolmCalls, WhatGetPrintsSetTakesBack) {
     for (const std::string bytes : {"", "text", "hex:zz", "@here", "text:x", "a b", "\x01\xff"}) {
         write_whole(folder / "value.bin", bytes);
         ASSERT_EQ(run("set set net/ntp @value.bin").code, 0);
@@ -210,7 +199,7 @@ TEST_F(Dolm, WhatGetPrintsSetTakesBack) {
     }
 }
 
-TEST_F(Dolm, CheckNamesEachDamageAndChangesNothing) {
+TEST_F(DolmCalls, CheckNamesEachDamageAndChangesNothing) {
     const struct {
         const char *file;
         std::string text; // as for patch
@@ -238,7 +227,7 @@ TEST_F(Dolm, CheckNamesEachDamageAndChangesNothing) {
     }
 }
 
-TEST_F(Dolm, ProveVisitsStatesAndReplaysOne) {
+TEST_F(DolmCalls, ProveVisitsStatesAndReplaysOne) {
     const std::string prove = "prove set net/hostname gw radio/cal/trim hex:01 ";
     const Folder before = snapshot(folder);
     const Outcome all = run(prove + "--states 100 --json");
@@ -274,7 +263,7 @@ TEST_F(Dolm, ProveVisitsStatesAndReplaysOne) {
     EXPECT_TRUE(hostname == "gateway-17\n" || hostname == "gw\n") << hostname;
 }
 
-TEST_F(Dolm, ProveFailsWhereNothingCanBeProven) {
+TEST_F(DolmCalls, ProveFailsWhereNothingCanBeProven) {
     fs::copy(set, folder / "bare");
     fs::remove(folder / "bare/qfs.img");
     fs::remove(folder / "bare/efs.img");
@@ -287,7 +276,7 @@ TEST_F(Dolm, ProveFailsWhereNothingCanBeProven) {
     expect_each(calls);
 }
 
-TEST_F(Dolm, BuildsASetFromAManifestWithValueFiles) {
+TEST_F(DolmCalls, BuildsASetFromAManifestWithValueFiles) {
     fs::create_directory(folder / "m");
     write_whole(folder / "m/blob.bin", "\x01\x02\x03");
     write_whole(folder / "m/manifest.json", R"({"skus": ["0x20"], "files": [

@@ -1,0 +1,96 @@
+// What dolm asks of the operating system beyond the standard library. Everything else of the
+// program is the same on every system.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <system_error>
+
+#include "image/bytes.h"
+
+namespace dolm::system {
+
+// Standard input, output and error carry bytes as they are, and a write that is refused for the
+// size of a file or for want of a reader is an error rather than the end of the program.
+void prepare_streams();
+
+bool errors_go_to_terminal();
+
+// While it lives, what is written to standard output is discarded.
+class DiscardedOutput {
+  public:
+    DiscardedOutput();
+    ~DiscardedOutput();
+    DiscardedOutput(const DiscardedOutput &) = delete;
+    DiscardedOutput &operator=(const DiscardedOutput &) = delete;
+
+  private:
+    int kept_;
+};
+
+// While it lives, a signal that would end the program waits; it takes effect at the end of the
+// object's life.
+class HeldSignals {
+  public:
+    HeldSignals();
+    ~HeldSignals();
+    HeldSignals(const HeldSignals &) = delete;
+    HeldSignals &operator=(const HeldSignals &) = delete;
+
+    // True if one is waiting.
+    static bool any();
+};
+
+// A lock on an existing folder, held on the folder itself: there is no file for it, it leaves no
+// trace, and it ends with the object or the process.
+class FolderLock {
+  public:
+    enum class Kind { shared, exclusive };
+
+    // Does not wait. Throws std::system_error if the folder cannot be opened.
+    explicit FolderLock(const std::filesystem::path &folder);
+    ~FolderLock();
+    FolderLock(const FolderLock &) = delete;
+    FolderLock &operator=(const FolderLock &) = delete;
+
+    // Takes the lock, or changes the kind of the one that is held, which may let others in between.
+    // False if others stood in the way all the time. Throws std::system_error.
+    bool acquire(Kind kind, std::chrono::milliseconds patience);
+
+  private:
+    int folder_;
+};
+
+// Reads a file, a device or a pipe to its end, standard input for "-", and leaves the times of a
+// file alone where the system allows it. Throws std::system_error, with the code
+// std::errc::file_too_large for more than `limit` bytes.
+Bytes read(const std::filesystem::path &path, uint64_t limit);
+
+// True if a new file with the same owner and mode can take the place of a file, or if there is
+// none.
+bool may_replace(const std::filesystem::path &path);
+
+// Makes a file, which must not exist, with the content on the disk. It gets the owner and the mode
+// of the file that is to be replaced, if there is one. Throws std::system_error, and leaves no
+// file.
+void create(const std::filesystem::path &path, const Bytes &content,
+            const std::filesystem::path &replaced);
+
+// Writes the content into what is there, whatever it is, and onto the disk. A regular file ends
+// behind it. Throws std::system_error.
+void overwrite(const std::filesystem::path &path, const Bytes &content);
+
+// Gives a file another name in its folder, and takes the name from what had it. At any moment one
+// of the two has the name.
+void replace(const std::filesystem::path &from, const std::filesystem::path &to,
+             std::error_code &error);
+
+// Brings names that were made, changed or removed in a folder onto the disk.
+void sync_folder(const std::filesystem::path &folder, std::error_code &error);
+
+// A number that no other running process of this machine has.
+std::string process_number();
+
+} // namespace dolm::system

@@ -1,0 +1,171 @@
+// Whatever ends dolm, and whenever: the files of a set are all old or all new for the next command.
+#include "dolm_process.h"
+
+namespace {
+
+using namespace dolm_process;
+
+// A set of which one member is a link into another folder, and commands that change it.
+class Crash : public Dolm {
+  protected:
+    void SetUp() override {
+        Dolm::SetUp();
+        fs::create_directories(folder / "old/elsewhere");
+        fs::rename(set, folder / "old/set");
+        fs::rename(folder / "old/set/qfs.img", folder / "old/elsewhere/flash");
+        fs::create_symlink("../elsewhere/flash", folder / "old/set/qfs.img");
+        write_whole(folder / "tables.json", R"({"skus": [1], "files": [
+            {"name": "/home/a", "number": 1, "max_size": 4, "base": "x"}]})");
+    }
+
+    // In a fresh copy of "old" if it is not told to go on. The n-th call that changes something is
+    // where the program is killed, gets a signal or sees a failure.
+    Outcome run_until(const std::string &how, int n, const std::string &arguments,
+                      bool goes_on = false) {
+        if (!goes_on) {
+            restore("old", "now");
+        }
+        return shell("cd now; LD_PRELOAD=" CRASH_SHIM
+                     " ASAN_OPTIONS=verify_asan_link_order=0 CRASH_HOW=" +
+                     how + " CRASH_AT=" + std::to_string(n) + " $dolm " + arguments);
+    }
+
+    void restore(const char *from, const char *to) {
+        fs::remove_all(folder / to);
+        fs::copy(folder / from, folder / to,
+                 fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    }
+
+    Folder state() const { return snapshot(folder / "now"); }
+
+    // What a whole run makes of "old".
+    Folder changed_by(const std::string &arguments) {
+        const Outcome outcome = run_until("kill", 0, arguments);
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        return state();
+    }
+
+    // The next command sees the old set or the new one whole, and leaves nothing else behind.
+    void expect_whole(const Folder &before, const Folder &after) {
+        const bool was_interrupted = fs::exists(folder / "now/set/dolm-change.undo") ||
+                                     fs::exists(folder / "now/set/dolm-change.finish");
+        const Outcome next = shell("cd now; $dolm get set mca/version --sku 1 || "
+                                   "$dolm get set a --sku 1");
+        EXPECT_EQ(next.code, 0) << next.err;
+        EXPECT_EQ(next.err.find("had been interrupted") != std::string::npos, was_interrupted);
+        const Folder now = state();
+        EXPECT_TRUE(now == before || now == after);
+    }
+
+    const std::string commands[2] = {"set set net/ntp new radio/cal/trim hex:01",
+                                     "build ../tables.json set --replace"};
+};
+
+TEST_F(Crash, KilledAtAnyCallInTheCommandOrInTheRecoveryItLeavesAWholeSet) {
+    for (const std::string &command : commands) {
+        const Folder old = snapshot(folder / "old");
+        const Folder changed = changed_by(command);
+        ASSERT_NE(old, changed);
+        int n = 1;
+        while (run_until("kill", n, command).code != 0) {
+            SCOPED_TRACE(command + ", killed at call " + std::to_string(n));
+            restore("now", "cut");
+            for (int m = 1;; ++m) {
+                restore("cut", "now");
+                if (run_until("kill", m, "list set --sku 1", true).code == 0) {
+                    break;
+                }
+                SCOPED_TRACE("the recovery killed at call " + std::to_string(m));
+                expect_whole(old, changed);
+            }
+            restore("cut", "now");
+            expect_whole(old, changed);
+            ++n;
+        }
+        EXPECT_GT(n, 12) << command;
+        EXPECT_EQ(state(), changed);
+    }
+}
+
+TEST_F(Crash, ASignalLeavesNothingBehind) {
+    for (const std::string &command : commands) {
+        const Folder old = snapshot(folder / "old");
+        const Folder changed = changed_by(command);
+        int n = 1;
+        while (run_until("signal", n, command).code != 0) {
+            const Folder now = state();
+            EXPECT_TRUE(now == old || now == changed) << command << " at call " << n;
+            ++n;
+        }
+        EXPECT_GT(n, 8) << command;
+    }
+}
+
+TEST_F(Crash, AFailureChangesNothingOrLeavesAWarning) {
+    for (const std::string &command : commands) {
+        const Folder old = snapshot(folder / "old");
+        const Folder changed = changed_by(command);
+        int failures = 0;
+        for (int n = 1;; ++n) {
+            const Outcome outcome = run_until("fail", n, command);
+            SCOPED_TRACE(command + ", failing at call " + std::to_string(n));
+            if (outcome.code == 0 && outcome.err.find("warning: the change") == std::string::npos) {
+                EXPECT_EQ(state(), changed);
+                break;
+            }
+            ++failures;
+            expect_whole(outcome.code == 0 ? changed : old, outcome.code == 0 ? changed : old);
+        }
+        EXPECT_GT(failures, 12);
+    }
+}
+
+// The journal as docs/formats.md describes it, written by someone else.
+TEST_F(Crash, ReadsAJournalThatAnotherProgramHasWritten) {
+    restore("old", "now");
+    const fs::path now = folder / "now/set";
+    const std::string new_store = read_whole(now / "vync.cfg") + "more";
+    const auto interrupt = [&](const char *name, const std::string &steps) {
+        write_whole(now / ".vync.cfg.mine.new", new_store);
+        write_whole(now / name, "dolm-change 1\n" + steps);
+        return run("list now/set --sku 1");
+    };
+    const Folder before = state();
+    const char *step = "overwrite vync.cfg .vync.cfg.mine.new\n";
+    EXPECT_EQ(interrupt("dolm-change.undo", std::string(step) + "end\n").code, 0);
+    EXPECT_EQ(state(), before);
+    // Without its last line it was never finished itself, and nothing else had been made.
+    EXPECT_EQ(interrupt("dolm-change.undo", "").code, 0);
+    EXPECT_FALSE(fs::exists(now / "dolm-change.undo"));
+    EXPECT_EQ(interrupt("dolm-change.finish", std::string(step) + "remove set.json\nend\n").code,
+              0);
+    Folder after = before;
+    after["set/vync.cfg"] = new_store;
+    after.erase("set/set.json");
+    EXPECT_EQ(state(), after);
+    for (const char *bad : {"", "replace vync.cfg ../vync.cfg.new\nend\n", "remove other\nend\n",
+                            "replace vync.cfg .vync.cfg.mine.new\n"}) {
+        const Outcome refused = interrupt("dolm-change.finish", bad);
+        EXPECT_EQ(refused.code, 1);
+        EXPECT_NE(refused.err.find("dolm-change.finish is damaged"), std::string::npos);
+    }
+}
+
+TEST_F(Crash, ChangesAtTheSameTimeAreAllKept) {
+    restore("old", "now");
+    const char *names[] = {"net/ntp",     "net/dns",     "net/gateway",  "net/address",
+                           "usb/product", "mca/version", "net/hostname", "audio/volume"};
+    for (const std::string round : {"1", "2", "3"}) {
+        std::string together;
+        for (const char *name : names) {
+            together += "$dolm set now/set " + std::string(name) + " v" + round + " & ";
+        }
+        const std::string said = shell(together + "$dolm list now/set >/dev/null & wait").err;
+        EXPECT_EQ(said.find("another"), std::string::npos) << said;
+        for (const char *name : names) {
+            EXPECT_EQ(value("now/set " + std::string(name)), "v" + round + "\n");
+        }
+    }
+}
+
+} // namespace
