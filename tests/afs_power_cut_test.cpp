@@ -371,7 +371,7 @@ TEST_P(AfsPowerCut, EveryFaultLeavesTheOldOrTheNew) {
     // No call does more than write every page slot once and move every EU.
     const uint64_t slots = base.image.size() / dolm::page_slot_size;
     expect_every_fault_is_survived(store, {test.name, base.image, base.files, changes},
-                                   {{AFS_RC_IO, AFS_RC_NO_SPACE}, 8 * slots});
+                                   {{AFS_RC_IO, AFS_RC_NO_SPACE}, 8 * slots, false});
 }
 
 // Cuts follow each other without end, over stores that wear and fill up.
@@ -400,7 +400,7 @@ TEST(AfsWipe, EveryFaultInAFormatCanBeWiped) {
                            },
                            {}};
     expect_every_fault_can_be_wiped(store, {"format", base.image, base.files, {format}},
-                                    {{AFS_RC_IO}, 1000});
+                                    {{AFS_RC_IO}, 1000, false});
 }
 
 INSTANTIATE_TEST_SUITE_P(All, AfsPowerCut, testing::ValuesIn(cases),

@@ -2,7 +2,9 @@
 // work.
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <map>
+#include <ostream>
 #include <random>
 
 #include "efs_fixture.h"
@@ -13,20 +15,141 @@ namespace {
 using dolm::load_le32;
 using Effect = DeviceFault::Effect;
 
-TEST_F(EfsTest, WriteOverTwoBlocksTouchesSparesAndOneEntryAlone) {
-    ASSERT_EQ(write(3, efs_pattern(5000, 1)), 0u);
-    EXPECT_EQ(take_events(), "W9010+4076 W9FFC+4 WA010+4076 WAFFC+4 W26+22 ");
-    EXPECT_EQ(Bytes(bme(0, 1), bme(0, 1) + 10), (Bytes{0, 1, 2, 7, 8, 5, 6, 3, 4, 9}));
-    EXPECT_EQ(efs_ctx.free_block_count, 1u);
+// Operations and what they write and erase.
+class EfsDeviceLog : public EfsTest {
+  public:
+    using EfsTest::block;
+    using EfsTest::bm;
+    using EfsTest::image;
+    using EfsTest::remount;
+    using EfsTest::start;
+    using EfsTest::write;
 
-    // One free block is left and one is needed; the next write has to erase first.
-    ASSERT_EQ(write(0, efs_pattern(3, 2)), 0u);
+    // A store whose BM in force ends there, with something in the next BM and one dirty spare.
+    void fill_bm_up_to(uint32_t end) {
+        bm(1)[2000] = 0;
+        block(8)[50] = 0;
+        ASSERT_EQ(remount(), 0u);
+        efs_ctx.bme_offset = end - 22;
+    }
+    static uint32_t commit() { return EFS_commit_BME(&efs_ctx.current_bme, 0, 0); }
+    static uint32_t switch_bm() {
+        efs_ctx.bm_switch_pending = 1;
+        return commit();
+    }
+};
+
+struct LogCase {
+    const char *name;
+    std::function<void(EfsDeviceLog &)> before;
+    std::function<uint32_t(EfsDeviceLog &)> run;
+    std::string log;
+    uint32_t status = EFS_OK;
+};
+
+void PrintTo(const LogCase &test, std::ostream *out) {
+    *out << test.name;
+}
+
+// The erase of a data block, by the block's address, and what a write to one adds.
+std::string erase_log(const std::string &block) {
+    return "W" + block + "00C+4 E" + block + "000+4096 W" + block + "000+16 ";
+}
+std::string data_log(const std::string &block) {
+    return "W" + block + "010+4076 W" + block + "FFC+4 ";
+}
+
+using Test = EfsDeviceLog &;
+void nothing(Test) {}
+
+const LogCase log_cases[] = {
+    {"write_over_two_blocks", nothing, [](Test t) { return t.write(3, efs_pattern(5000, 1)); },
+     data_log("9") + data_log("A") + "W26+22 "},
+    {"write_that_has_to_erase_first",
+     [](Test t) { t.write(3, efs_pattern(5000, 1)), t.write(0, efs_pattern(3, 2)); },
+     [](Test t) { return t.write(0, efs_pattern(4, 3)); },
+     erase_log("5") + data_log("5") + "W52+22 "},
+    {"delete", [](Test t) { t.write(1, efs_pattern(10, 1)); }, [](Test) { return EFS_delete(1); },
+     data_log("A") + "W3C+22 "},
+    {"delete_of_no_file", nothing, [](Test) { return EFS_delete(1); }, "", EFS_NO_FILE},
+    {"write_to_a_spare_that_is_not_erased_any_more",
+     [](Test t) {
+         EFS_scan_for_Data_Blocks_status_and_EC();
+         t.block(7)[4000] = 0;
+     },
+     [](Test t) { return t.write(8, efs_pattern(9, 9)); }, "", EFS_BAD_DATA},
+    {"commit_of_a_block_that_does_not_exist", nothing,
+     [](Test) {
+         uint8_t maps[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 10};
+         EFS_bme bme{maps, maps + 7, 0, 0, 0};
+         return EFS_commit_BME(&bme, 0, 0);
+     },
+     "", EFS_INVALID},
+    {"swap_of_a_block_that_does_not_exist", nothing,
+     [](Test t) {
+         return EFS_bme_swap_and_write_new_block(&efs_ctx.current_bme, 7, t.image.data());
+     },
+     "", EFS_INVALID},
+    {"erase_of_a_block_that_does_not_exist", nothing,
+     [](Test) { return EFS_erase_data_block(10, 0); }, "", EFS_INVALID},
+    {"write_of_a_block_that_does_not_exist", nothing,
+     [](Test t) { return EFS_write_data_block(0xFFFFF - 1, t.image.data()); }, "", EFS_INVALID},
+    {"switch", nothing, [](Test t) { return t.switch_bm(); }, "W1010+22 W1000+16 W0+16 "},
+    {"switch_into_a_used_bm", [](Test t) { t.switch_bm(); }, [](Test t) { return t.switch_bm(); },
+     "WC+4 E0+4096 W10+22 W0+16 W1000+16 "},
+    {"switch_to_the_last_sequence", [](Test) { efs_ctx.bm_sequence = 0xFFFFFFFE; },
+     [](Test t) { return t.switch_bm(); }, "W1010+22 W1000+16 W0+16 "},
+    {"switch_behind_the_last_sequence", [](Test) { efs_ctx.bm_sequence = 0xFFFFFFFF; },
+     [](Test t) { return t.switch_bm(); }, "", EFS_SEQUENCE_EXHAUSTED},
+    {"switch_with_one_bm", [](Test t) { t.start({.bm_num = 1}); },
+     [](Test t) { return t.switch_bm(); }, "", EFS_BAD_DATA},
+    {"idle_with_one_bm", [](Test t) { t.start({.bm_num = 1}); },
+     [](Test) { return EFS_idle_reclaim(); }, ""},
+    {"idle_with_nothing_to_do", nothing, [](Test) { return EFS_idle_reclaim(); }, ""},
+    {"idle_below_the_mark", [](Test t) { t.fill_bm_up_to(2856); },
+     [](Test) { return EFS_idle_reclaim(); }, erase_log("A")},
+    {"idle_above_the_mark", [](Test t) { t.fill_bm_up_to(2857); },
+     [](Test) { return EFS_idle_reclaim(); }, "W100C+4 E1000+4096 "},
+    {"idle_above_the_mark_again",
+     [](Test t) {
+         t.fill_bm_up_to(2857);
+         EFS_idle_reclaim();
+     },
+     [](Test) { return EFS_idle_reclaim(); }, erase_log("A")},
+    {"erase_of_the_next_bm", nothing, [](Test) { return EFS_erase_next_BM(1); },
+     "W100C+4 E1000+4096 "},
+    {"erase_of_no_bm", nothing, [](Test) { return EFS_erase_next_BM(2); }, "", EFS_INVALID},
+    {"look_at_no_bm", nothing, [](Test) { return EFS_check_next_BM_state(2); }, "", EFS_INVALID},
+    {"marker", nothing, [](Test) { return EFS_write_RTFD_marker(); }, "W0+4 "},
+    {"wipe_ends_with_the_bm_in_force", nothing, [](Test) { return EFS_erase(); },
+     "W100C+4 E1000+4096 WC+4 E0+4096 "},
+    {"wipe_of_an_unmounted_store", [](Test) { EFS_erase(); }, [](Test) { return EFS_erase(); },
+     "E0+4096 E1000+4096 "},
+};
+
+class EfsDeviceLogTest : public EfsDeviceLog, public testing::WithParamInterface<LogCase> {};
+
+TEST_P(EfsDeviceLogTest, IsAsExpected) {
+    GetParam().before(*this);
     take_events();
-    ASSERT_EQ(write(0, efs_pattern(4, 3)), 0u);
-    EXPECT_EQ(take_events(), erase_events(3) + "W5010+4076 W5FFC+4 W52+22 ");
-    EXPECT_EQ(load_le32(block(3)), 2u);
-    EXPECT_EQ(load_le32(block(7)), 1u);
-    EXPECT_TRUE(device().breaches().empty());
+    EXPECT_EQ(GetParam().run(*this), GetParam().status);
+    EXPECT_EQ(take_events(), GetParam().log);
+    EXPECT_TRUE(device().out_of_range().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EfsDeviceLogTest, testing::ValuesIn(log_cases),
+                         [](const auto &test) { return std::string(test.param.name); });
+
+TEST_F(EfsTest, MarkerTakesItsBmOutOfTheMount) {
+    ASSERT_EQ(EfsDeviceLog::switch_bm(), 0u);
+    ASSERT_EQ(write(0, efs_pattern(4, 1)), 0u);
+    ASSERT_EQ(EFS_write_RTFD_marker(), 0u);
+    EXPECT_EQ(Bytes(bm(0), bm(0) + 4), (Bytes{'R', 'D', 'F', 'S'}));
+    EXPECT_EQ(remount(), 0u);
+    EXPECT_EQ(read(0), efs_pattern(4, 1));
+    EXPECT_EQ(EFS_erase(), 0u);
+    EXPECT_EQ(EFS_is_initialized(), 0);
+    EXPECT_EQ(remount(), 41u);
 }
 
 TEST_F(EfsTest, FileOperationsGiveTheirResults) {
@@ -120,46 +243,6 @@ TEST_F(EfsTest, DamagedRecordsAndBlocksAreRefused) {
     EXPECT_EQ(last_status, 41u);
 }
 
-TEST_F(EfsTest, ReadsRetryAndFailuresKeepTheOldFile) {
-    const Bytes old = efs_pattern(5000, 1);
-    ASSERT_EQ(write(3, old), 0u);
-    // Each attempt at the first record takes two reads.
-    fault(DeviceAccess::read, 0, 12, Effect::flip_bit);
-    EXPECT_EQ(read(3), old);
-    fault(DeviceAccess::read, 0, 14, Effect::flip_bit);
-    read(3);
-    EXPECT_EQ(last_status, 41u);
-
-    // The fifth write is the entry in the BM.
-    for (uint32_t failing = 0; failing < 5; ++failing) {
-        SCOPED_TRACE(failing);
-        while (efs_ctx.free_block_count < 3) {
-            ASSERT_EQ(EFS_erase_dirty_block(), 0u);
-        }
-        fault(DeviceAccess::write, failing, 1, Effect::flip_bit);
-        EXPECT_EQ(write(3, efs_pattern(4900, failing)), 41u);
-        EXPECT_EQ(efs_ctx.free_block_count, failing < 2 ? 2u : 1u);
-        EXPECT_EQ(efs_ctx.bm_switch_pending, failing == 4 ? 1 : 0);
-        EXPECT_EQ(read(3), old);
-        ASSERT_EQ(write(8, efs_pattern(9, failing)), 0u);
-        EXPECT_EQ(efs_ctx.current_bm, failing == 4 ? 1u : 0u);
-        EXPECT_EQ(efs_ctx.bm_switch_pending, 0);
-    }
-    // A spare that has lost its erased state since the scan is left alone.
-    ASSERT_EQ(EFS_erase_dirty_block(), 0u);
-    uint32_t slot = 0;
-    ASSERT_EQ(EFS_select_free_page_for_write(&slot), 0u);
-    block(efs_ctx.current_bme.non_valid_map[slot])[4000] = 0;
-    take_events();
-    EXPECT_EQ(write(8, efs_pattern(9, 9)), 41u);
-    EXPECT_EQ(take_events(), "");
-    fault(DeviceAccess::erase, 0, 1, Effect::fail);
-    EXPECT_EQ(EFS_erase_dirty_block(), 5u);
-    EXPECT_EQ(efs_ctx.scan_done, 0);
-    EXPECT_EQ(EFS_idle_reclaim(), 0u);
-    EXPECT_EQ(read(3), old);
-}
-
 TEST_F(EfsTest, SwitchesBmRatherThanEndAnEntryWithTheBlock) {
     start({.valid_block_num = 5}); // entries of 20 bytes: 203 go in, a 204th would fill the block
     for (uint32_t round = 0; round < 2; ++round) {
@@ -202,33 +285,6 @@ TEST_F(EfsTest, SwitchFollowsWhatIsKnownOfTheNextBm) {
     EXPECT_EQ(switch_bm(EFS_NEXT_BM_UNKNOWN, false, 0), (Outcome{0, 6, 0}));
     EXPECT_EQ(switch_bm(EFS_NEXT_BM_UNKNOWN, false, 6), (Outcome{0, 12, 0}));
     EXPECT_EQ(switch_bm(EFS_NEXT_BM_UNKNOWN, true, 0), (Outcome{0, 12, 1}));
-}
-
-TEST_F(EfsTest, RefusedCommitsTouchNothing) {
-    uint8_t maps[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 10};
-    EFS_bme bme{maps, maps + 7, 0, 0, 0};
-    EXPECT_EQ(EFS_commit_BME(&bme, 0, 0), 22u) << "there is no block 10";
-    EXPECT_EQ(EFS_commit_BME(nullptr, 0, 0), 22u);
-    EXPECT_EQ(EFS_bme_swap_and_write_new_block(&bme, 7, image.data()), 22u);
-    EXPECT_EQ(EFS_erase_data_block(10, 0), 22u);
-    EXPECT_EQ(EFS_write_data_block(0xFFFFF - 1, image.data()), 22u);
-    EXPECT_EQ(take_events(), "");
-
-    efs_ctx.bm_sequence = 0xFFFFFFFE;
-    efs_ctx.bm_switch_pending = 1;
-    ASSERT_EQ(write(0, efs_pattern(4, 1)), 0u);
-    EXPECT_EQ(load_le32(bm(1) + 4), 0xFFFFFFFFu);
-    const auto expect_refusal = [&](uint32_t status) {
-        efs_ctx.bm_switch_pending = 1;
-        const Bytes bms(bm(0), block(0));
-        EXPECT_EQ(write(0, efs_pattern(4, 2)), status);
-        EXPECT_EQ(efs_ctx.bm_switch_pending, 1);
-        EXPECT_EQ(Bytes(bm(0), block(0)), bms);
-    };
-    expect_refusal(5);
-    start({.bm_num = 1});
-    expect_refusal(41);
-    EXPECT_EQ(EFS_idle_reclaim(), 0u);
 }
 
 TEST_F(EfsTest, WearLevelingMovesTheColdestBlockOntoTheHottestSpare) {
@@ -301,48 +357,6 @@ TEST_F(EfsTest, LeastWornSparesAreTakenFirst) {
     expect({3, 3, 3}, 0);
     expect({top, top, 4}, 2);
     expect({top, top, top}, none);
-}
-
-TEST_F(EfsTest, IdleReclaimDoesOneThingAtATime) {
-    bm(1)[2000] = 0;
-    block(8)[50] = 0;
-    ASSERT_EQ(remount(), 0u);
-    efs_ctx.bme_offset = 2856 - 22;
-    const auto expect = [](uint32_t status, const std::string &events, uint8_t next_bm_state) {
-        EXPECT_EQ(EFS_idle_reclaim(), status);
-        EXPECT_EQ(take_events(), events);
-        EXPECT_EQ(efs_ctx.next_bm_state, next_bm_state);
-    };
-    expect(0, erase_events(8), EFS_NEXT_BM_NEEDS_ERASE);
-    expect(0, "", EFS_NEXT_BM_NEEDS_ERASE);
-    ++efs_ctx.bme_offset;
-    fault(DeviceAccess::erase, 0, 1, Effect::fail);
-    expect(5, "W100C+4 ", EFS_NEXT_BM_UNKNOWN);
-    expect(0, "W100C+4 E1000+4096 ", EFS_NEXT_BM_ERASED);
-
-    EXPECT_EQ(EFS_check_next_BM_state(2), 22u);
-    EXPECT_EQ(EFS_erase_next_BM(2), 22u);
-    EXPECT_EQ(efs_ctx.next_bm_state, EFS_NEXT_BM_ERASED);
-    EXPECT_EQ(EFS_check_next_BM_state(0), 0u);
-    EXPECT_EQ(efs_ctx.next_bm_state, EFS_NEXT_BM_NEEDS_ERASE);
-    EXPECT_EQ(EFS_erase_next_BM(1), 0u);
-    EXPECT_EQ(efs_ctx.next_bm_state, EFS_NEXT_BM_UNKNOWN);
-}
-
-TEST_F(EfsTest, MarkerAndEraseTakeBmsOutOfTheMount) {
-    efs_ctx.bm_switch_pending = 1;
-    ASSERT_EQ(write(0, efs_pattern(4, 1)), 0u);
-    ASSERT_EQ(EFS_write_RTFD_marker(), 0u);
-    EXPECT_EQ(Bytes(bm(0), bm(0) + 4), (Bytes{'R', 'D', 'F', 'S'}));
-    EXPECT_EQ(remount(), 0u);
-    EXPECT_EQ(read(0), efs_pattern(4, 1));
-    // The BM in force goes last.
-    EXPECT_EQ(EFS_erase(), 0u);
-    EXPECT_EQ(take_events(), "WC+4 E0+4096 W100C+4 E1000+4096 ");
-    EXPECT_EQ(EFS_is_initialized(), 0);
-    EXPECT_EQ(EFS_erase(), 0u);
-    EXPECT_EQ(take_events(), "E0+4096 E1000+4096 ");
-    EXPECT_EQ(remount(), 41u);
 }
 
 TEST_F(EfsTest, LongRunAgreesWithAModel) {

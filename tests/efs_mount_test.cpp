@@ -145,27 +145,6 @@ TEST_F(EfsTest, MountFindsTheNewestCompleteMapping) {
     expect("no such block", none, [&] { fill(2), bme(0, 1)[9] = 10, seal(bme(0, 1), 18); });
 }
 
-TEST_F(EfsTest, MountReadsUnsteadyBlockMapsAgain) {
-    // The double flips a bit in the middle of a read: of a whole BM, in its slot 92.
-    for (uint32_t slot = 1; slot < 92; ++slot) {
-        ASSERT_EQ(EFS_commit_BME(&efs_ctx.current_bme, 0, 0), 0u);
-    }
-    // Reads 0 and 1 are the headers, read 2 the whole BM.
-    const auto mount_with = [&](uint32_t skip, uint32_t count, Effect effect) {
-        device().attach(image);
-        fault(DeviceAccess::read, skip, count, effect);
-        const uint32_t status = EFS_init_tools(image.data());
-        EXPECT_EQ(efs_ctx.bme_offset, status == 0 ? 2018u : 0u);
-        EXPECT_EQ(efs_ctx.bm_switch_pending, 0);
-        return status;
-    };
-    EXPECT_EQ(mount_with(0, 6, Effect::flip_bit), 0u);
-    EXPECT_EQ(mount_with(0, 7, Effect::flip_bit), 41u);
-    EXPECT_EQ(mount_with(0, 1, Effect::fail), 41u) << "a header that cannot be read";
-    EXPECT_EQ(mount_with(2, 1, Effect::fail), 5u);
-    EXPECT_EQ(mount_with(2, 1, Effect::flip_bit), 0u) << "an erased slot that seemed used";
-}
-
 TEST_F(EfsTest, MountNeedsGeometryAndAnImageThatHoldsIt) {
     device().detach();
     EXPECT_EQ(EFS_init_tools(nullptr), 22u);

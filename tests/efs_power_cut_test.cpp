@@ -168,7 +168,7 @@ TEST_P(EfsPowerCut, EveryFaultLeavesTheOldOrTheNew) {
     // No call does more than read, erase and write every block.
     const uint64_t blocks = layout.bm_num + layout.data_blocks();
     expect_every_fault_is_survived(store, {GetParam().name, image, files, GetParam().cut},
-                                   {{device_failure, EFS_BAD_DATA}, 12 * blocks});
+                                   {{device_failure, EFS_BAD_DATA}, 12 * blocks, true});
 }
 
 // Cuts follow each other without end, over stores that wear.
@@ -188,7 +188,7 @@ TEST(EfsWipe, EveryFaultInAFormatCanBeWiped) {
     EfsStore store(layout);
     const Change format = {"the format", EFS_do_format, {}};
     expect_every_fault_can_be_wiped(store, {"format", formatted(store), {}, {format}},
-                                    {{device_failure, EFS_BAD_DATA}, 1000});
+                                    {{device_failure, EFS_BAD_DATA}, 1000, true});
 }
 
 // What leaves no store behind: cut anywhere, the old files are whole or nothing mounts, and a

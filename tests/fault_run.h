@@ -12,6 +12,7 @@ namespace dolm_test {
 struct FaultRules {
     std::set<uint32_t> statuses; // of a change that did not succeed
     uint64_t most_accesses;      // of one call
+    bool checks_all_reads;       // so that wrong bits matter only if seven reads in a row have them
 };
 
 // After each fault: the change gives a status of the rules in a bounded number of accesses; the
