@@ -12,10 +12,11 @@ using namespace dolm;
 
 namespace {
 
-// A run is read as whole page slots into file_buffer; these bounds keep it inside.
-constexpr uint32_t run_limit =
-    AFS_FILE_BUFFER_SIZE - page_slot_size; // may grow by one page from here
-constexpr uint32_t drain_limit = 3766;     // with more than this buffered no further run is begun
+// A run is read as whole page slots into file_buffer, behind what is buffered there. It grows by
+// one page as long as the slots so far leave room for one more, and none is begun in a buffer that
+// has no room for five.
+constexpr uint32_t run_limit = AFS_FILE_BUFFER_SIZE - page_slot_size;
+constexpr uint32_t drain_limit = AFS_FILE_BUFFER_SIZE - 5 * page_slot_size;
 
 bool has_file(const afs_context *context, int32_t file) {
     return is_mounted(context) && file >= 0 && file < context->file_count;
@@ -52,7 +53,7 @@ bool can_extend(const read_job &job, const chunk_run &run) {
     const afs_context *context = job.context;
     return run.entry == run.last + 1 &&
            chunk_is_live(context, run.entry - uint32_t{context->file_count}) &&
-           (run.count() == 1 || run.count() * page_slot_size + job.buffered <= run_limit) &&
+           run.count() * page_slot_size + job.buffered <= run_limit &&
            run.bytes() - job.skip <= job.wanted;
 }
 
@@ -197,7 +198,14 @@ uint32_t afs_readfile(afs_context *context, int32_t file, uint32_t offset, uint3
         return status;
     }
     const uint32_t skip = offset % AFS_PAGE_SIZE;
-    read_job job{context, static_cast<uint8_t *>(buffer), *length, skip, skip, 0, 0, 0};
+    read_job job = {.context = context,
+                    .out = static_cast<uint8_t *>(buffer),
+                    .wanted = *length,
+                    .skip = skip,
+                    .gap = skip,
+                    .buffered = 0,
+                    .pending = 0,
+                    .delivered = 0};
     if (run.first != 0) {
         status = read_runs(job, run);
     }

@@ -25,6 +25,9 @@ struct header_scan {
     bool repair_erase_count = false;
 };
 
+// No EU has this number, since a store has at most AFS_MAX_EU_COUNT.
+constexpr uint16_t no_eu_found = AFS_MAX_EU_COUNT;
+
 // EUs that the data area fills.
 uint32_t data_eu_count(const afs_context *context) {
     return context->total_va_size > context->data_va_start
@@ -42,7 +45,7 @@ T *allocate_cleared(size_t count) {
     return static_cast<T *>(std::calloc(std::max<size_t>(count, 1), sizeof(T)));
 }
 
-uint32_t allocate_tables(afs_context *context) {
+uint32_t allocate_state(afs_context *context) {
     release_ftl_state(context);
     auto *ftl = allocate_cleared<afs_ftl_state>(1);
     context->ftl = ftl;
@@ -62,13 +65,13 @@ void reset_state(afs_context *context, uint32_t device_size) {
     std::fill_n(ftl.eu_table, AFS_MAX_EU_COUNT, afs_eu_info{});
     ftl.eu_count = static_cast<uint8_t>(device_size / AFS_EU_SIZE);
     ftl.ftl_eu_count = static_cast<uint8_t>(ftl.eu_count - 1 - data_eu_count(context));
-    ftl.sequence = ftl.eu_count - 1u;
+    ftl.sequence = ftl.eu_count - 1u; // of the newest header that a format leaves
     ftl.write_eu = AFS_FTL_NONE;
     ftl.write_slot = 0;
     ftl.alloc_cursor = 0;
     ftl.alloc_end = 0;
     ftl.uncommitted_eu = AFS_FTL_NONE;
-    ftl.spare_eu = 255;
+    ftl.spare_eu = no_eu_found;
     ftl.last_page = 0;
     ftl.alloc_checks_flash = 0;
     ftl.reclaim_armed = 0;
@@ -308,7 +311,7 @@ bool data_eus_fit(const afs_context *context) {
     return true;
 }
 
-uint32_t mount(afs_context *context) {
+uint32_t scan_flash(afs_context *context) {
     afs_ftl_state &ftl = *context->ftl;
     header_scan scan;
     for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
@@ -330,6 +333,18 @@ uint32_t mount(afs_context *context) {
         repair_erase_count(ftl, scan.spare);
     }
     return has_data_area(context) && !data_eus_fit(context) ? AFS_RC_IO : AFS_RC_OK;
+}
+
+// A fresh store has its log EUs first, then the data EUs in VA order, then the spare. The counts of
+// the last mount place the data EUs, even if the caller has changed the geometry since.
+uint16_t va_base_in_fresh_store(const afs_context *context, uint32_t eu) {
+    const afs_ftl_state &ftl = *context->ftl;
+    const uint32_t first_data_eu = context->device_size / AFS_EU_SIZE - 1 - data_eu_count(context);
+    if (eu < first_data_eu || eu + 1 >= ftl.eu_count) {
+        return 0;
+    }
+    const uint32_t va = (eu - ftl.ftl_eu_count) * AFS_DATA_EU_BYTES + context->data_va_start;
+    return static_cast<uint16_t>(va / AFS_PAGE_SIZE);
 }
 
 } // namespace
@@ -356,7 +371,7 @@ uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint3
         return AFS_RC_INVALID;
     }
     if ((flags & AFS_FTL_ALLOCATE_TABLES) != 0) {
-        const uint32_t rc = allocate_tables(context);
+        const uint32_t rc = allocate_state(context);
         if (rc != AFS_RC_OK) {
             return rc;
         }
@@ -368,7 +383,7 @@ uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint3
     if ((flags & AFS_FLAG_ATTACH_DEVICE) != 0) {
         SpiFlashDrvInitialize(context->image);
     }
-    const uint32_t rc = context->ftl->eu_count == 0 ? AFS_RC_IO : mount(context);
+    const uint32_t rc = context->ftl->eu_count == 0 ? AFS_RC_IO : scan_flash(context);
     if (rc != AFS_RC_OK) {
         context->ftl->write_eu = AFS_FTL_NONE;
     }
@@ -386,24 +401,20 @@ uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first) {
     if (!ftl_has_tables(context)) {
         return AFS_RC_INVALID;
     }
-    const afs_ftl_state &ftl = *context->ftl;
     if (data_eu_count(context) >= eu_count) {
         return AFS_RC_IO;
     }
-    const uint32_t log_eu_count = eu_count - 1 - data_eu_count(context);
     for (uint32_t eu = 0; eu < eu_count; ++eu) {
         const uint32_t address = eu_address(context, eu);
         if (erase_first != 0 && !erase_eu(address)) {
             return AFS_RC_IO;
         }
-        afs_eu_header header = {eu_magic, eu + 1, 1, static_cast<uint16_t>(eu + 1), 0};
-        if (eu >= log_eu_count && eu + 1 < ftl.eu_count) {
-            const uint32_t va =
-                (eu - ftl.ftl_eu_count) * AFS_DATA_EU_BYTES + context->data_va_start;
-            header.va_base = static_cast<uint16_t>(va / AFS_PAGE_SIZE);
-        }
         uint8_t bytes[eu_header_written_size];
-        store_eu_header(bytes, header);
+        store_eu_header(bytes, {.magic = eu_magic,
+                                .sequence = eu + 1,
+                                .erase_count = 1,
+                                .next_spare = static_cast<uint16_t>(eu + 1),
+                                .va_base = va_base_in_fresh_store(context, eu)});
         if (eu + 1 == eu_count) {
             // The spare: no valid header, but an erase count that can be believed.
             store_le32(bytes + eu_magic_offset, 0);

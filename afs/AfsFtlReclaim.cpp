@@ -24,6 +24,16 @@ void move_log_head(afs_ftl_state &ftl, uint32_t eu) {
     set_log_link(ftl, 0);
 }
 
+// How many of the next slots are live, up to a limit.
+template <typename IsLive>
+uint32_t run_length(uint32_t limit, IsLive is_live) {
+    uint32_t count = 0;
+    while (count < limit && is_live(count)) {
+        ++count;
+    }
+    return count;
+}
+
 // Copies the live pages of a data EU to the same slots of the erased target, from the last slot to
 // the first. With rearm the allocator's cursor ends up on the lowest dead slot.
 uint32_t copy_live_data_pages(afs_context *context, uint32_t source, uint32_t first_chunk,
@@ -31,32 +41,27 @@ uint32_t copy_live_data_pages(afs_context *context, uint32_t source, uint32_t fi
     afs_ftl_state &ftl = *context->ftl;
     afs_eu_info &target = ftl.eu_table[ftl.spare_eu];
     const uint32_t first_page = ftl.eu_table[source].va_base;
-    uint32_t run = 0;
-    for (uint32_t slot = usable_slots(context, source); slot-- > 0;) {
-        uint32_t run_start = slot;
-        if (chunk_is_live(context, first_chunk + slot)) {
-            --target.dirty_pages;
-            ++run;
-            if (run < max_run && slot != 0) {
-                continue;
-            }
-        } else {
-            if (rearm) {
-                ftl.alloc_cursor = first_chunk + slot;
-            }
-            if (run == 0) {
-                continue;
-            }
-            run_start = slot + 1;
+    uint32_t slot = usable_slots(context, source); // from here on all is done
+    while (slot > 0) {
+        const uint32_t run = run_length(std::min(max_run, slot), [=](uint32_t i) {
+            return chunk_is_live(context, first_chunk + slot - 1 - i);
+        });
+        slot -= run;
+        target.dirty_pages = static_cast<uint8_t>(target.dirty_pages - run);
+        const bool dead_below = run < max_run && slot > 0;
+        if (dead_below && rearm) {
+            ftl.alloc_cursor = first_chunk + slot - 1;
         }
-        const uint32_t rc =
-            ftl_copy_pages(context, eu_address(context, source), eu_address(context, ftl.spare_eu),
-                           run_start, run, work.pages, work.readback, first_page + run_start);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (run != 0) {
+            if (const uint32_t status = ftl_copy_pages(
+                    context, eu_address(context, source), eu_address(context, ftl.spare_eu), slot,
+                    run, work.pages, work.readback, first_page + slot);
+                status != AFS_RC_OK) {
+                return status;
+            }
         }
         target.free_pages = static_cast<uint8_t>(target.free_pages - run);
-        run = 0;
+        slot -= dead_below ? 1 : 0;
     }
     return AFS_RC_OK;
 }
@@ -100,7 +105,7 @@ struct log_move {
 };
 
 log_move list_live_log_pages(const afs_ftl_state &ftl, uint32_t source, uint32_t overflow_eu) {
-    log_move move{source, overflow_eu, 0, {}};
+    log_move move = {.source = source, .overflow_eu = overflow_eu, .live = 0, .pages = {}};
     std::fill(std::begin(move.pages), std::end(move.pages), no_page);
     for (uint32_t page = 0; page < ftl.page_count; ++page) {
         const afs_page_loc &copy = ftl.page_map[page];
@@ -156,23 +161,22 @@ uint32_t commit_log_head(const afs_context *context) {
 uint32_t move_live_log_pages(afs_context *context, const log_move &move, work_area &work) {
     afs_ftl_state &ftl = *context->ftl;
     uint32_t moved = 0;
-    uint32_t run = 0;
-    for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES && moved < move.live; ++slot) {
-        const bool is_live = move.pages[slot] != no_page;
-        run += is_live ? 1 : 0;
-        const bool closes = !is_live || run == max_run || slot == AFS_FTL_EU_PAGES - 1 ||
-                            run == AFS_FTL_EU_PAGES - ftl.write_slot;
-        if (run == 0 || !closes) {
+    for (uint32_t slot = 0; slot < AFS_FTL_EU_PAGES && moved < move.live;) {
+        const uint32_t room = AFS_FTL_EU_PAGES - std::max(slot, ftl.write_slot);
+        const uint32_t run = run_length(std::min(max_run, room), [&move, slot](uint32_t i) {
+            return move.pages[slot + i] != no_page;
+        });
+        if (run == 0) {
+            ++slot;
             continue;
         }
-        const uint32_t first_slot = (is_live ? slot + 1 : slot) - run;
-        if (append_log_run(context, move, first_slot, run, work) != 0) {
+        if (append_log_run(context, move, slot, run, work) != AFS_RC_OK) {
             return AFS_RC_IO;
         }
+        slot += run;
         moved += run;
-        run = 0;
         if (moved < move.live && ftl.write_slot == AFS_FTL_EU_PAGES) {
-            if (commit_log_head(context) != 0) {
+            if (commit_log_head(context) != AFS_RC_OK) {
                 return AFS_RC_IO;
             }
             move_log_head(ftl, move.overflow_eu);
@@ -330,8 +334,11 @@ uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu, ui
     ++ftl.sequence;
     target.erase_count += target.erase_count != UINT32_MAX ? 1 : 0;
     uint8_t header[eu_header_written_size];
-    store_eu_header(header, {eu_magic, ftl.sequence, target.erase_count,
-                             static_cast<uint16_t>(source_eu), source.va_base});
+    store_eu_header(header, {.magic = eu_magic,
+                             .sequence = ftl.sequence,
+                             .erase_count = target.erase_count,
+                             .next_spare = static_cast<uint16_t>(source_eu),
+                             .va_base = source.va_base});
     if (verified_write(target_address, header, sizeof header) != 0) {
         return AFS_RC_IO;
     }

@@ -223,8 +223,8 @@ uint32_t find_live_chunks(afs_context *context) {
     return status;
 }
 
-uint32_t mount(afs_context *context, uint32_t cache_lines, uint32_t flags,
-               const afs_fs_header &new_header) {
+uint32_t open_store(afs_context *context, uint32_t cache_lines, uint32_t flags,
+                    const afs_fs_header &new_header) {
     uint32_t status = AFS_RC_OK;
     if (has_flag(flags, AFS_FLAG_MOUNT_FTL)) {
         status = mount_ftl(context, flags);
@@ -278,8 +278,10 @@ uint32_t afs_init(afs_context *context, void *image, uint32_t page_size, uint32_
     set_provisional_geometry(context, size);
 
     const uint32_t version = version_low | (version_high & 0xFFF) << 8;
-    const uint32_t status =
-        mount(context, cache_lines, flags, {version, size, static_cast<uint16_t>(file_count)});
+    const uint32_t status = open_store(context, cache_lines, flags,
+                                       {.fs_version = version,
+                                        .total_va_size = size,
+                                        .file_count = static_cast<uint16_t>(file_count)});
     if (status != AFS_RC_OK) {
         context->file_count = 0;
         return status;

@@ -77,15 +77,15 @@ void step_forward(write_job &job) {
 // A reclaim takes chunks that are still in the cache for free ones, so the allocator asks for a
 // flush before it does one: at most once for each data EU.
 uint32_t allocate(afs_context *context, uint16_t *cid) {
-    uint32_t status = afs_allocate_chunk(context, cid);
-    while (status == AFS_RC_FLUSH_FIRST) {
-        status = cache_flush(context);
-        if (status != AFS_RC_OK) {
+    for (;;) {
+        if (const uint32_t status = afs_allocate_chunk(context, cid);
+            status != AFS_RC_FLUSH_FIRST) {
             return status;
         }
-        status = afs_allocate_chunk(context, cid);
+        if (const uint32_t status = cache_flush(context); status != AFS_RC_OK) {
+            return status;
+        }
     }
-    return status;
 }
 
 // Makes the contents of the chunk at the position: old bytes, zeros where there are none, and the
@@ -159,10 +159,14 @@ uint32_t write_chunks(write_job &job) {
     return AFS_RC_OK;
 }
 
-// The entry of the last new chunk: how many bytes it holds, or where the old file goes on.
+// The entry of the last new chunk: where the old file goes on behind it, or how many bytes it
+// holds, some of which can be old ones behind the new.
 uint16_t final_value(const write_job &job) {
-    const uint32_t bytes = (job.end - 1) % AFS_PAGE_SIZE + 1;
-    return static_cast<uint16_t>(job.truncate ? bytes : std::max<uint32_t>(bytes, job.next));
+    const auto written = static_cast<uint16_t>((job.end - 1) % AFS_PAGE_SIZE + 1);
+    if (job.truncate) {
+        return written;
+    }
+    return is_chunk(job.next) ? job.next : std::max(written, job.next);
 }
 
 // Puts the new chain into the FAT and everything on the flash.
@@ -252,9 +256,19 @@ uint32_t afs_writefile(afs_context *context, int32_t file, uint32_t offset, uint
     }
     const uint32_t end = offset + length;
     const uint32_t capacity = (end + AFS_PAGE_SIZE - 1) / AFS_PAGE_SIZE + 2;
-    write_job job{context,  offset,  end,      truncate, static_cast<const uint8_t *>(data),
-                  length,   0,       slot_cid, no_chunk, 0,
-                  no_chunk, nullptr, 0};
+    write_job job = {.context = context,
+                     .offset = offset,
+                     .end = end,
+                     .truncate = truncate,
+                     .data = static_cast<const uint8_t *>(data),
+                     .left = length,
+                     .position = 0,
+                     .previous = slot_cid,
+                     .current = no_chunk,
+                     .next = 0,
+                     .release_head = no_chunk,
+                     .chain = nullptr,
+                     .chain_length = 0};
     job.chain.reset(new (std::nothrow) uint16_t[capacity]);
     if (job.chain == nullptr) {
         return AFS_RC_NO_MEMORY;
