@@ -2,7 +2,6 @@
 #include "Afs.h"
 
 #include <algorithm>
-#include <bit>
 
 #include "AfsPhysical.h"
 #include "afs/cache_lines.h"
@@ -45,35 +44,33 @@ void trim_fat_page(afs_context *context, uint32_t page_va) {
 
 } // namespace
 
-uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t **bytes) {
-    const auto page = static_cast<uint16_t>(va >> std::countr_zero(context->page_size));
+uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes) {
+    const auto page = static_cast<uint16_t>(pages_in(context, va));
     if (!holds_page(context, context->cache_head, page)) {
         void *line = nullptr; // will be the head
-        const uint32_t status = cache_ptr(context, page, &line);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = cache_ptr(context, page, &line); status != AFS_RC_OK) {
             return status;
         }
     }
-    *bytes = line_bytes(context, context->cache_head) + (va & (context->page_size - 1u));
+    bytes = line_bytes(context, context->cache_head) + (va & (context->page_size - 1u));
     return AFS_RC_OK;
 }
 
-uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t *value) {
+uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t &value) {
     const bool is_slot = cid < context->file_count;
     chunk_cntr = is_slot ? 0 : chunk_cntr + 1;
     uint8_t *entry = nullptr;
-    const uint32_t status = cached_bytes(context, fat_va(cid), &entry);
-    if (status != AFS_RC_OK) {
+    if (const uint32_t status = cached_bytes(context, fat_va(cid), entry); status != AFS_RC_OK) {
         return status;
     }
-    *value = load_le16(entry);
-    const bool valid = is_slot ? valid_in_slot(context, *value) : valid_in_chain(context, *value);
+    value = load_le16(entry);
+    const bool valid = is_slot ? valid_in_slot(context, value) : valid_in_chain(context, value);
     return valid && chunk_cntr <= context->chunk_count ? AFS_RC_OK : AFS_RC_IO;
 }
 
 uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value) {
     uint8_t *entry = nullptr;
-    const uint32_t status = cached_bytes(context, fat_va(cid), &entry);
+    const uint32_t status = cached_bytes(context, fat_va(cid), entry);
     if (status == AFS_RC_OK) {
         store_le16(entry, value);
         cache_line_written(context, entry);
@@ -103,7 +100,7 @@ uint32_t afs_get_next_cid(afs_context *context, uint16_t cid, uint16_t *value) {
     if (cid >= context->file_count && !names_chunk(context, cid)) {
         return AFS_RC_IO;
     }
-    return next_cid(context, cid, value);
+    return next_cid(context, cid, *value);
 }
 
 uint32_t afs_allocate_chunk(afs_context *context, uint16_t *cid) {
@@ -150,7 +147,7 @@ uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t co
             return status;
         }
         if (cids == nullptr) {
-            status = next_cid(context, cid, &cid);
+            status = next_cid(context, cid, cid);
         } else if (freed < count) {
             cid = cids[freed - 1];
         }

@@ -1,7 +1,6 @@
 #include "AfsCache.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdlib>
 
 #include "AfsPhysical.h"
@@ -84,15 +83,14 @@ void clear_unfilled_part(const afs_context *context, uint16_t line) {
 uint32_t load(afs_context *context, uint16_t line, uint16_t page) {
     afs_cache_line &control = context->cache_lines[line];
     if (is_dirty(control)) {
-        const uint32_t status = write_back(context, line);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = write_back(context, line); status != AFS_RC_OK) {
             return status;
         }
     }
     const uint32_t va = uint32_t{page} * context->page_size;
-    const uint32_t status = context->ops->read_page(
-        context, va, context->page_size, line_bytes(context, line), context->device_offset);
-    if (status != AFS_RC_OK) {
+    if (const uint32_t status = context->ops->read_page(
+            context, va, context->page_size, line_bytes(context, line), context->device_offset);
+        status != AFS_RC_OK) {
         return status;
     }
     clear_unfilled_part(context, line);
@@ -113,8 +111,7 @@ uint32_t cache_init(afs_context *context, uint32_t page_size, uint16_t lines) {
         return AFS_RC_BAD_STATE;
     }
     if (has_lines) {
-        const uint32_t status = cache_flush(context);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = cache_flush(context); status != AFS_RC_OK) {
             return status;
         }
         std::free(context->cache_lines);
@@ -150,8 +147,7 @@ uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
     const bool hit = holds_page(context, index, page);
     move_to_head(context, place);
     if (!hit) {
-        const uint32_t status = load(context, index, page);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = load(context, index, page); status != AFS_RC_OK) {
             return status;
         }
     }
@@ -165,7 +161,7 @@ void cache_line_written(afs_context *context, const void *pointer) {
     }
     const uintptr_t distance =
         reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(context->cache_data);
-    const uintptr_t index = distance >> std::countr_zero(context->page_size);
+    const uintptr_t index = pages_in(context, distance);
     if (index >= context->cache_line_count) {
         return;
     }
@@ -184,8 +180,7 @@ uint32_t cache_flush(afs_context *context) {
         if (line == end_of_list) {
             return AFS_RC_OK;
         }
-        const uint32_t status = write_back(context, line);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = write_back(context, line); status != AFS_RC_OK) {
             return status;
         }
         set_flags(context->cache_lines[line], line_valid);

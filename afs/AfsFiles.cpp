@@ -58,11 +58,11 @@ bool can_extend(const read_job &job, const chunk_run &run) {
 }
 
 // Takes the run that begins at a chunk as far as it goes.
-uint32_t gather_run(const read_job &job, chunk_run *run) {
-    while (can_extend(job, *run)) {
-        ++run->last;
-        const uint32_t status = next_cid(job.context, run->last, &run->entry);
-        if (status != AFS_RC_OK) {
+uint32_t gather_run(const read_job &job, chunk_run &run) {
+    while (can_extend(job, run)) {
+        ++run.last;
+        if (const uint32_t status = next_cid(job.context, run.last, run.entry);
+            status != AFS_RC_OK) {
             return status;
         }
     }
@@ -70,10 +70,10 @@ uint32_t gather_run(const read_job &job, chunk_run *run) {
 }
 
 uint32_t read_run(read_job &job, const chunk_run &run) {
-    const uint32_t status =
-        afs_physical_ftl_read_data_pages(job.context, job.context->file_buffer + job.buffered,
-                                         chunk_va(job.context, run.first), run.count());
-    if (status != AFS_RC_OK) {
+    if (const uint32_t status =
+            afs_physical_ftl_read_data_pages(job.context, job.context->file_buffer + job.buffered,
+                                             chunk_va(job.context, run.first), run.count());
+        status != AFS_RC_OK) {
         return status;
     }
     const uint32_t taken = std::min(run.bytes() - job.skip, job.wanted);
@@ -96,7 +96,7 @@ void hand_over_pending(read_job &job) {
 // Delivers the bytes from the chunk `run` begins with to the end of the request or of the file.
 uint32_t read_runs(read_job &job, chunk_run run) {
     for (;;) {
-        uint32_t status = gather_run(job, &run);
+        uint32_t status = gather_run(job, run);
         if (status != AFS_RC_OK) {
             return status;
         }
@@ -115,7 +115,7 @@ uint32_t read_runs(read_job &job, chunk_run run) {
             return AFS_RC_OK;
         }
         run.first = run.last = run.entry;
-        status = next_cid(job.context, run.first, &run.entry);
+        status = next_cid(job.context, run.first, run.entry);
         if (status != AFS_RC_OK) {
             return status;
         }
@@ -124,16 +124,15 @@ uint32_t read_runs(read_job &job, chunk_run run) {
 
 // Goes to the chunk of a chain that holds `offset`. The run is left with `first` 0 if the file ends
 // before it.
-uint32_t seek_chunk(afs_context *context, uint16_t slot, uint32_t offset, chunk_run *run) {
+uint32_t seek_chunk(afs_context *context, uint16_t slot, uint32_t offset, chunk_run &run) {
     uint16_t cid = slot;
     for (uint32_t end = AFS_PAGE_SIZE; is_chunk(cid); end += AFS_PAGE_SIZE) {
         uint16_t entry = 0;
-        const uint32_t status = next_cid(context, cid, &entry);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = next_cid(context, cid, entry); status != AFS_RC_OK) {
             return status;
         }
         if (end > offset) {
-            *run = {cid, cid, entry};
+            run = {.first = cid, .last = cid, .entry = entry};
             return AFS_RC_OK;
         }
         cid = entry;
@@ -156,7 +155,7 @@ uint32_t afs_getfilesize(afs_context *context, int32_t file, uint32_t *size) {
         return AFS_RC_OK;
     }
     uint16_t cid = 0;
-    uint32_t status = next_cid(context, static_cast<uint16_t>(file), &cid);
+    uint32_t status = next_cid(context, static_cast<uint16_t>(file), cid);
     if (status != AFS_RC_OK) {
         return status;
     }
@@ -165,7 +164,7 @@ uint32_t afs_getfilesize(afs_context *context, int32_t file, uint32_t *size) {
     }
     uint32_t total = 0;
     while (is_chunk(cid)) {
-        status = next_cid(context, cid, &cid);
+        status = next_cid(context, cid, cid);
         if (status != AFS_RC_OK) {
             return status;
         }
@@ -182,7 +181,7 @@ uint32_t afs_readfile(afs_context *context, int32_t file, uint32_t offset, uint3
         return AFS_RC_INVALID;
     }
     uint16_t slot = 0;
-    uint32_t status = next_cid(context, static_cast<uint16_t>(file), &slot);
+    uint32_t status = next_cid(context, static_cast<uint16_t>(file), slot);
     if (status != AFS_RC_OK) {
         return status;
     }
@@ -193,7 +192,7 @@ uint32_t afs_readfile(afs_context *context, int32_t file, uint32_t offset, uint3
         return AFS_RC_OK;
     }
     chunk_run run{};
-    status = seek_chunk(context, slot, offset, &run);
+    status = seek_chunk(context, slot, offset, run);
     if (status != AFS_RC_OK) {
         return status;
     }
@@ -224,7 +223,7 @@ uint32_t afs_deletefile(afs_context *context, int32_t file) {
     }
     const auto slot_cid = static_cast<uint16_t>(file);
     uint16_t slot = 0;
-    uint32_t status = next_cid(context, slot_cid, &slot);
+    uint32_t status = next_cid(context, slot_cid, slot);
     if (status != AFS_RC_OK) {
         return status;
     }
@@ -252,8 +251,7 @@ uint32_t afs_mark_zombie_file(afs_context *context, uint32_t file) {
     }
     const auto slot_cid = static_cast<uint16_t>(file);
     uint16_t slot = 0;
-    const uint32_t status = next_cid(context, slot_cid, &slot);
-    if (status != AFS_RC_OK) {
+    if (const uint32_t status = next_cid(context, slot_cid, slot); status != AFS_RC_OK) {
         return status;
     }
     return slot == fat_free ? commit_slot(context, slot_cid, fat_zombie) : AFS_RC_BAD_STATE;

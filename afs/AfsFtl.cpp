@@ -95,7 +95,7 @@ bool has_data_area(const afs_context *context) {
 
 uint32_t read_log(const afs_context *context, uint32_t eu, log_contents &log) {
     uint8_t map[log_map_size] = {};
-    if (SpiDrvRead(eu_address(context, eu) + log_map_offset, sizeof map, map) != 0) {
+    if (SpiDrvRead(eu_address(context, eu) + log_map_offset, sizeof map, map) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     const log_pages pages = {.count = std::min(log_page_count(context), context->ftl->page_count),
@@ -152,9 +152,8 @@ bool is_as_new_as(const afs_ftl_state &ftl, uint32_t eu, uint32_t other) {
 uint32_t take_log(afs_context *context, uint32_t eu, header_scan &scan) {
     afs_ftl_state &ftl = *context->ftl;
     log_contents log;
-    const uint32_t rc = read_log(context, eu, log);
-    if (rc != AFS_RC_OK) {
-        return rc;
+    if (const uint32_t status = read_log(context, eu, log); status != AFS_RC_OK) {
+        return status;
     }
     if (log.blank) {
         mark_blank_log(ftl.eu_table[eu]);
@@ -187,7 +186,7 @@ uint32_t take_committed_header(afs_context *context, uint32_t eu, const afs_eu_h
 // Reads the header of an EU, sorts the EU by it, and takes in its log if it has one.
 uint32_t scan_eu(afs_context *context, uint32_t eu, header_scan &scan) {
     uint8_t bytes[eu_header_size + log_entry_size] = {}; // the entry is looked at in the log map
-    if (SpiDrvRead(eu_address(context, eu), sizeof bytes, bytes) != 0) {
+    if (SpiDrvRead(eu_address(context, eu), sizeof bytes, bytes) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     const afs_eu_header header = load_eu_header(bytes);
@@ -237,8 +236,8 @@ uint32_t roll_forward(afs_context *context, header_scan &scan) {
         return AFS_RC_OK;
     }
     const uint16_t newest_page = scan.log_head_page;
-    if (const uint32_t rc = take_log(context, scan.pending, scan); rc != AFS_RC_OK) {
-        return rc;
+    if (const uint32_t status = take_log(context, scan.pending, scan); status != AFS_RC_OK) {
+        return status;
     }
     if (ftl.write_eu != scan.pending) {
         ftl.last_page = newest_page;
@@ -302,8 +301,7 @@ bool data_eus_fit(const afs_context *context) {
             continue;
         }
         uint32_t first_chunk;
-        if (!find_first_chunk(context, eu, &first_chunk) ||
-            taken[first_chunk / AFS_DATA_EU_PAGES]) {
+        if (!find_first_chunk(context, eu, first_chunk) || taken[first_chunk / AFS_DATA_EU_PAGES]) {
             return false;
         }
         taken.set(first_chunk / AFS_DATA_EU_PAGES);
@@ -315,15 +313,13 @@ uint32_t scan_flash(afs_context *context) {
     afs_ftl_state &ftl = *context->ftl;
     header_scan scan;
     for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
-        const uint32_t rc = scan_eu(context, eu, scan);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (const uint32_t status = scan_eu(context, eu, scan); status != AFS_RC_OK) {
+            return status;
         }
     }
     ftl.last_page = scan.log_head_page;
-    const uint32_t rc = settle_interrupted_reclaim(context, scan);
-    if (rc != AFS_RC_OK) {
-        return rc;
+    if (const uint32_t status = settle_interrupted_reclaim(context, scan); status != AFS_RC_OK) {
+        return status;
     }
     settle_log_head(ftl, scan);
     if (ftl.write_eu == AFS_FTL_NONE) {
@@ -355,9 +351,8 @@ uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current) {
     }
     afs_ftl_state &ftl = *context->ftl;
     log_contents log;
-    const uint32_t rc = read_log(context, eu, log);
-    if (rc != AFS_RC_OK) {
-        return rc;
+    if (const uint32_t status = read_log(context, eu, log); status != AFS_RC_OK) {
+        return status;
     }
     take_pages(ftl, eu, log);
     if (current != 0) {
@@ -371,9 +366,8 @@ uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint3
         return AFS_RC_INVALID;
     }
     if ((flags & AFS_FTL_ALLOCATE_TABLES) != 0) {
-        const uint32_t rc = allocate_state(context);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (const uint32_t status = allocate_state(context); status != AFS_RC_OK) {
+            return status;
         }
     }
     if (!ftl_has_tables(context) || log_page_count(context) > context->ftl->page_count) {
@@ -383,11 +377,11 @@ uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint3
     if ((flags & AFS_FLAG_ATTACH_DEVICE) != 0) {
         SpiFlashDrvInitialize(context->image);
     }
-    const uint32_t rc = context->ftl->eu_count == 0 ? AFS_RC_IO : scan_flash(context);
-    if (rc != AFS_RC_OK) {
+    const uint32_t status = context->ftl->eu_count == 0 ? AFS_RC_IO : scan_flash(context);
+    if (status != AFS_RC_OK) {
         context->ftl->write_eu = AFS_FTL_NONE;
     }
-    return rc;
+    return status;
 }
 
 uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first) {
@@ -419,8 +413,8 @@ uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first) {
             // The spare: no valid header, but an erase count that can be believed.
             store_le32(bytes + eu_magic_offset, 0);
         }
-        if (verified_write(address, bytes, sizeof bytes) != 0 ||
-            verified_write_byte(address + eu_state_offset, eu_state_committed) != 0) {
+        if (verified_write(address, bytes, sizeof bytes) != AFS_RC_OK ||
+            verified_write_byte(address + eu_state_offset, eu_state_committed) != AFS_RC_OK) {
             return AFS_RC_IO;
         }
     }

@@ -30,9 +30,9 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
         return AFS_RC_IO;
     }
     if (log_head_is_full(ftl)) {
-        const uint32_t rc = reclaim_eu_wrapper(context, AFS_FTL_KIND_LOG);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (const uint32_t status = reclaim_eu_wrapper(context, AFS_FTL_KIND_LOG);
+            status != AFS_RC_OK) {
+            return status;
         }
     }
     afs_eu_info &head = ftl.eu_table[ftl.write_eu];
@@ -43,9 +43,10 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
     const page_slot record = make_page_slot(data, page);
 
     head.free_pages = 0;
-    if (verified_write(address + log_entry_offset(slot), entry, sizeof entry) != 0 ||
-        verified_write(address + log_slot_offset(slot), record.bytes, sizeof record.bytes) != 0 ||
-        verified_write_byte(address + log_commit_offset(slot + 1), log_commit_byte) != 0) {
+    if (verified_write(address + log_entry_offset(slot), entry, sizeof entry) != AFS_RC_OK ||
+        verified_write(address + log_slot_offset(slot), record.bytes, sizeof record.bytes) !=
+            AFS_RC_OK ||
+        verified_write_byte(address + log_commit_offset(slot + 1), log_commit_byte) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     if (copy->slot != slot_none) {
@@ -61,13 +62,13 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
 // Writes a data page into its slot, which must be erased: a status byte opens and closes it.
 uint32_t write_data_page(afs_context *context, uint32_t va, const void *data) {
     data_place place;
-    if (!find_data_place(context, va, &place)) {
+    if (!find_data_place(context, va, place)) {
         return AFS_RC_IO;
     }
     const uint32_t address = eu_address(context, place.eu);
     const uint32_t status_address = address + data_status_offset + place.slot;
-    uint8_t status = slot_complete;
-    if (SpiDrvRead(status_address, 1, &status) != 0 || status != slot_free) {
+    uint8_t state = slot_complete;
+    if (SpiDrvRead(status_address, 1, &state) != AFS_RC_OK || state != slot_free) {
         return AFS_RC_IO;
     }
     const page_slot record = make_page_slot(data, va / AFS_PAGE_SIZE);
@@ -76,10 +77,10 @@ uint32_t write_data_page(afs_context *context, uint32_t va, const void *data) {
     // The slot is used up even if opening it fails: a count too high would have the allocator look
     // for a free slot that is not there, again and again.
     row.free_pages = static_cast<uint8_t>(row.free_pages - (row.free_pages != 0 ? 1 : 0));
-    if (verified_write_byte(status_address, slot_being_written) != 0 ||
+    if (verified_write_byte(status_address, slot_being_written) != AFS_RC_OK ||
         verified_write(address + data_slot_offset(place.slot), record.bytes, sizeof record.bytes) !=
-            0 ||
-        verified_write_byte(status_address, slot_complete) != 0) {
+            AFS_RC_OK ||
+        verified_write_byte(status_address, slot_complete) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     if (context->chunk_map != nullptr) {
@@ -101,7 +102,7 @@ uint32_t leave_barren_range(afs_context *context) {
     afs_ftl_state &ftl = *context->ftl;
     data_place place;
     if (find_data_place(context, context->data_va_start + (ftl.alloc_end - 1) * AFS_PAGE_SIZE,
-                        &place)) {
+                        place)) {
         ftl.eu_table[place.eu].free_pages = 0;
     }
     if (ftl.barren_ranges < count_data_eus(ftl)) {
@@ -123,38 +124,39 @@ uint32_t renew_allocation_range(afs_context *context) {
         ftl.reclaim_armed = 1;
         return AFS_RC_FLUSH_FIRST;
     }
-    const uint32_t rc = reclaim_eu_wrapper(context, AFS_FTL_KIND_DATA);
-    ftl.barren_ranges = static_cast<uint8_t>(ftl.barren_ranges + (rc == AFS_RC_OK ? 1 : 0));
-    return rc;
+    const uint32_t status = reclaim_eu_wrapper(context, AFS_FTL_KIND_DATA);
+    ftl.barren_ranges = static_cast<uint8_t>(ftl.barren_ranges + (status == AFS_RC_OK ? 1 : 0));
+    return status;
 }
 
 // Whether a chunk can be handed out. A clear bit alone may be a dead page that is still in its
 // slot.
-uint32_t check_chunk_is_free(afs_context *context, uint32_t chunk, bool *is_free) {
-    *is_free = !chunk_is_live(context, chunk);
-    if (!*is_free || context->ftl->alloc_checks_flash == 0) {
+uint32_t check_chunk_is_free(afs_context *context, uint32_t chunk, bool &is_free) {
+    is_free = !chunk_is_live(context, chunk);
+    if (!is_free || context->ftl->alloc_checks_flash == 0) {
         return AFS_RC_OK;
     }
     data_place place;
-    uint8_t status = slot_complete;
-    if (!find_data_place(context, context->data_va_start + chunk * AFS_PAGE_SIZE, &place) ||
-        SpiDrvRead(eu_address(context, place.eu) + data_status_offset + place.slot, 1, &status) !=
+    uint8_t state = slot_complete;
+    if (!find_data_place(context, context->data_va_start + chunk * AFS_PAGE_SIZE, place) ||
+        SpiDrvRead(eu_address(context, place.eu) + data_status_offset + place.slot, 1, &state) !=
             0) {
         return AFS_RC_IO;
     }
-    *is_free = status == slot_free;
+    is_free = state == slot_free;
     return AFS_RC_OK;
 }
 
 // Counts one data EU, and places the allocator on it if it has erased slots and is newer than any
 // before.
-uint32_t count_data_eu(afs_context *context, uint32_t eu, uint32_t *newest_with_room) {
+uint32_t count_data_eu(afs_context *context, uint32_t eu, uint32_t &newest_with_room) {
     afs_ftl_state &ftl = *context->ftl;
     afs_eu_info &row = ftl.eu_table[eu];
     uint32_t first_chunk;
-    uint8_t status[AFS_DATA_EU_PAGES] = {};
-    if (!find_first_chunk(context, eu, &first_chunk) ||
-        SpiDrvRead(eu_address(context, eu) + data_status_offset, sizeof status, status) != 0) {
+    uint8_t states[AFS_DATA_EU_PAGES] = {};
+    if (!find_first_chunk(context, eu, first_chunk) ||
+        SpiDrvRead(eu_address(context, eu) + data_status_offset, sizeof states, states) !=
+            AFS_RC_OK) {
         return AFS_RC_IO;
     }
     const uint32_t slots = usable_slots(context, eu);
@@ -163,17 +165,17 @@ uint32_t count_data_eu(afs_context *context, uint32_t eu, uint32_t *newest_with_
     row.free_pages = 0;
     for (uint32_t slot = 0; slot < slots; ++slot) {
         if (chunk_is_live(context, first_chunk + slot)) {
-            if (status[slot] != slot_complete) {
+            if (states[slot] != slot_complete) {
                 return AFS_RC_IO;
             }
             --row.dirty_pages;
-        } else if (status[slot] == slot_free) {
+        } else if (states[slot] == slot_free) {
             ++row.free_pages;
             first_free = first_free == AFS_FTL_NONE ? slot : first_free;
         }
     }
-    if (row.free_pages != 0 && row.sequence > *newest_with_room) {
-        *newest_with_room = row.sequence;
+    if (row.free_pages != 0 && row.sequence > newest_with_room) {
+        newest_with_room = row.sequence;
         ftl.alloc_cursor = first_chunk + first_free;
         ftl.alloc_end = first_chunk + slots;
     }
@@ -199,7 +201,7 @@ uint32_t afs_physical_ftl_read_page(afs_context *context, uint32_t va, uint32_t 
         address = eu_address(context, copy->eu) + log_slot_offset(copy->slot);
     } else {
         data_place place;
-        if (!find_data_place(context, va, &place)) {
+        if (!find_data_place(context, va, place)) {
             return AFS_RC_IO;
         }
         holds_page = chunk_is_live(context, place.chunk);
@@ -210,12 +212,12 @@ uint32_t afs_physical_ftl_read_page(afs_context *context, uint32_t va, uint32_t 
         return AFS_RC_OK;
     }
     uint8_t slot[page_slot_size] = {};
-    const uint32_t rc = read_page_slots(
+    const uint32_t status = read_page_slots(
         address, 1, [page](uint32_t) { return page; }, slot);
-    if (rc == AFS_RC_OK) {
+    if (status == AFS_RC_OK) {
         std::memcpy(buffer, slot, AFS_PAGE_SIZE);
     }
-    return rc;
+    return status;
 }
 
 uint32_t afs_physical_ftl_write_page(afs_context *context, uint32_t va, uint32_t /*length*/,
@@ -251,7 +253,7 @@ uint32_t afs_physical_ftl_trim_page(afs_context *context, uint32_t va, uint32_t 
     if (context->chunk_map != nullptr && chunk_is_live(context, chunk)) {
         context->chunk_map[chunk / 32] &= ~(1u << (chunk % 32));
         data_place place;
-        if (find_data_place(context, va, &place)) {
+        if (find_data_place(context, va, place)) {
             ++ftl.eu_table[place.eu].dirty_pages;
         }
     }
@@ -268,13 +270,13 @@ uint32_t read_ftl_data_pages(afs_context *context, uint32_t eu, uint32_t first_s
         return AFS_RC_IO;
     }
     auto *bytes = static_cast<uint8_t *>(buffer);
-    const uint32_t rc = read_page_slots(
+    const uint32_t status = read_page_slots(
         eu_address(context, eu) + data_slot_offset(first_slot), count,
         [first_page](uint32_t i) { return first_page + i; }, bytes);
-    for (uint32_t i = 1; rc == AFS_RC_OK && i < count; ++i) {
+    for (uint32_t i = 1; status == AFS_RC_OK && i < count; ++i) {
         std::memmove(bytes + i * AFS_PAGE_SIZE, bytes + i * page_slot_size, AFS_PAGE_SIZE);
     }
-    return rc;
+    return status;
 }
 
 uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, uint32_t va,
@@ -283,7 +285,7 @@ uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, ui
         return AFS_RC_INVALID;
     }
     data_place place;
-    if (!find_data_place(context, va, &place)) {
+    if (!find_data_place(context, va, place)) {
         return AFS_RC_IO;
     }
     if (!chunk_is_live(context, place.chunk)) {
@@ -295,11 +297,11 @@ uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, ui
     if (count <= slots_left) {
         return read_ftl_data_pages(context, place.eu, place.slot, count, page, buffer);
     }
-    uint32_t rc = read_ftl_data_pages(context, place.eu, place.slot, slots_left, page, buffer);
-    if (rc != AFS_RC_OK) {
-        return rc;
+    uint32_t status = read_ftl_data_pages(context, place.eu, place.slot, slots_left, page, buffer);
+    if (status != AFS_RC_OK) {
+        return status;
     }
-    if (!find_data_place(context, va + slots_left * AFS_PAGE_SIZE, &place)) {
+    if (!find_data_place(context, va + slots_left * AFS_PAGE_SIZE, place)) {
         return AFS_RC_IO;
     }
     return read_ftl_data_pages(context, place.eu, 0, count - slots_left, page + slots_left,
@@ -315,22 +317,20 @@ uint32_t afs_physical_ftl_allocate_page(afs_context *context, uint16_t *cid) {
     }
     afs_ftl_state &ftl = *context->ftl;
     if (ftl.alloc_cursor == AFS_FTL_NONE) {
-        const uint32_t rc = renew_allocation_range(context);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (const uint32_t status = renew_allocation_range(context); status != AFS_RC_OK) {
+            return status;
         }
     }
     for (uint32_t tries = 0; tries < context->chunk_count; ++tries) {
         if (ftl.alloc_cursor == ftl.alloc_end) {
-            const uint32_t rc = renew_allocation_range(context);
-            if (rc != AFS_RC_OK) {
-                return rc;
+            if (const uint32_t status = renew_allocation_range(context); status != AFS_RC_OK) {
+                return status;
             }
         }
         bool is_free;
-        const uint32_t rc = check_chunk_is_free(context, ftl.alloc_cursor, &is_free);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (const uint32_t status = check_chunk_is_free(context, ftl.alloc_cursor, is_free);
+            status != AFS_RC_OK) {
+            return status;
         }
         const uint32_t chunk = ftl.alloc_cursor++;
         if (is_free) {
@@ -358,9 +358,9 @@ uint32_t afs_physical_ftl_set_allocation_map(afs_context *context) {
         if (ftl.eu_table[eu].va_base == 0) {
             continue;
         }
-        const uint32_t rc = count_data_eu(context, eu, &newest_with_room);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (const uint32_t status = count_data_eu(context, eu, newest_with_room);
+            status != AFS_RC_OK) {
+            return status;
         }
     }
     ftl.alloc_checks_flash = 1;

@@ -70,7 +70,7 @@ uint32_t reclaim_data_eu(afs_context *context, uint32_t source, work_area &work)
     afs_ftl_state &ftl = *context->ftl;
     const uint32_t target = ftl.spare_eu;
     uint32_t first_chunk;
-    if (!find_first_chunk(context, source, &first_chunk)) {
+    if (!find_first_chunk(context, source, first_chunk)) {
         return AFS_RC_IO;
     }
     ftl.reclaim_armed = 0;
@@ -85,13 +85,13 @@ uint32_t reclaim_data_eu(afs_context *context, uint32_t source, work_area &work)
         ftl.alloc_cursor = AFS_FTL_NONE;
         ftl.alloc_end = first_chunk + slots;
     }
-    uint32_t rc = copy_live_data_pages(context, source, first_chunk, rearm, work);
-    if (rc == AFS_RC_OK) {
-        rc = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
-                                        eu_address(context, source));
+    uint32_t status = copy_live_data_pages(context, source, first_chunk, rearm, work);
+    if (status == AFS_RC_OK) {
+        status = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
+                                            eu_address(context, source));
     }
-    if (rc != AFS_RC_OK) {
-        return rc;
+    if (status != AFS_RC_OK) {
+        return status;
     }
     return ftl.alloc_cursor == AFS_FTL_NONE ? AFS_RC_NOT_RECLAIMED : AFS_RC_OK;
 }
@@ -131,9 +131,9 @@ uint32_t append_log_run(afs_context *context, const log_move &move, uint32_t fir
     }
     if (read_page_slots(
             eu_address(context, move.source) + log_slot_offset(first_slot), count,
-            [pages](uint32_t i) { return pages[i]; }, work.pages) != 0 ||
+            [pages](uint32_t i) { return pages[i]; }, work.pages) != AFS_RC_OK ||
         verified_write(head_address + log_slot_offset(ftl.write_slot), work.pages,
-                       count * page_slot_size, work.readback) != 0) {
+                       count * page_slot_size, work.readback) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     uint8_t entries[max_run * log_entry_size];
@@ -142,7 +142,7 @@ uint32_t append_log_run(afs_context *context, const log_move &move, uint32_t fir
         set_log_link(ftl, pages[i]);
     }
     if (verified_write(head_address + log_entry_offset(ftl.write_slot), entries,
-                       count * log_entry_size, work.readback) != 0) {
+                       count * log_entry_size, work.readback) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     head.free_pages = 0;
@@ -201,16 +201,16 @@ uint32_t reclaim_log_eu(afs_context *context, uint32_t source, work_area &work) 
         move_log_head(ftl, overflow_eu);
     }
     const log_move move = list_live_log_pages(ftl, source, overflow_eu);
-    uint32_t rc = move_live_log_pages(context, move, work);
-    if (rc == AFS_RC_OK) {
-        rc = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
-                                        eu_address(context, source));
+    uint32_t status = move_live_log_pages(context, move, work);
+    if (status == AFS_RC_OK) {
+        status = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
+                                            eu_address(context, source));
     }
-    if (rc != AFS_RC_OK) {
+    if (status != AFS_RC_OK) {
         // The map may point to pages that were not written, and the head may be an EU that has no
         // header: what was written there would not outlast a mount.
         ftl.needs_mount = 1;
-        return rc;
+        return status;
     }
     return move.live == AFS_FTL_EU_PAGES ? AFS_RC_NOT_RECLAIMED : AFS_RC_OK;
 }
@@ -222,12 +222,12 @@ uint32_t commit_rolled_forward_eu(afs_context *context) {
     if (ftl.uncommitted_eu == AFS_FTL_NONE) {
         return AFS_RC_OK;
     }
-    const uint32_t rc = verified_write_byte(
+    const uint32_t status = verified_write_byte(
         eu_address(context, ftl.uncommitted_eu) + eu_state_offset, eu_state_committed);
-    if (rc == AFS_RC_OK) {
+    if (status == AFS_RC_OK) {
         ftl.uncommitted_eu = AFS_FTL_NONE;
     }
-    return rc;
+    return status;
 }
 
 // Lets the log or the allocator go on in an EU that has room.
@@ -238,7 +238,7 @@ uint32_t move_to_eu(afs_context *context, uint32_t eu) {
         return AFS_RC_OK;
     }
     uint32_t first_chunk;
-    if (!find_first_chunk(context, eu, &first_chunk)) {
+    if (!find_first_chunk(context, eu, first_chunk)) {
         return AFS_RC_IO;
     }
     ftl.reclaim_armed = 0;
@@ -253,23 +253,24 @@ uint32_t zero_dead_slots(const afs_context *context, uint32_t eu) {
     const uint32_t address = eu_address(context, eu);
     const bool is_spare = eu == context->ftl->spare_eu;
     uint32_t first_chunk = 0;
-    uint8_t status[AFS_DATA_EU_PAGES] = {};
-    if ((!is_spare && !find_first_chunk(context, eu, &first_chunk)) ||
-        SpiDrvRead(address + data_status_offset, sizeof status, status) != 0) {
+    uint8_t states[AFS_DATA_EU_PAGES] = {};
+    if ((!is_spare && !find_first_chunk(context, eu, first_chunk)) ||
+        SpiDrvRead(address + data_status_offset, sizeof states, states) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     for (uint32_t slot = 0; slot < AFS_DATA_EU_PAGES; ++slot) {
         const bool keep =
-            !is_spare && (status[slot] == slot_free || chunk_is_live(context, first_chunk + slot));
-        if (!keep && SpiDrvWrite(address + data_slot_offset(slot), sizeof zeros, zeros) != 0) {
+            !is_spare && (states[slot] == slot_free || chunk_is_live(context, first_chunk + slot));
+        if (!keep &&
+            SpiDrvWrite(address + data_slot_offset(slot), sizeof zeros, zeros) != AFS_RC_OK) {
             return AFS_RC_IO;
         }
     }
     return AFS_RC_OK;
 }
 
-bool reclaim_failed(uint32_t rc) {
-    return rc != AFS_RC_OK && rc != AFS_RC_NOT_RECLAIMED;
+bool reclaim_failed(uint32_t status) {
+    return status != AFS_RC_OK && status != AFS_RC_NOT_RECLAIMED;
 }
 
 } // namespace
@@ -297,9 +298,8 @@ uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
     if (work == nullptr) {
         return AFS_RC_NO_MEMORY;
     }
-    const uint32_t rc = commit_rolled_forward_eu(context);
-    if (rc != AFS_RC_OK) {
-        return rc;
+    if (const uint32_t status = commit_rolled_forward_eu(context); status != AFS_RC_OK) {
+        return status;
     }
     return is_data ? reclaim_data_eu(context, eu, *work) : reclaim_log_eu(context, eu, *work);
 }
@@ -310,9 +310,9 @@ uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind) {
     }
     uint32_t mode;
     uint32_t eu = choose_eu_to_reclaim(context, kind, 1, &mode, 0);
-    const uint32_t rc = reclaim_eu(context, eu, static_cast<int32_t>(mode));
-    if (rc != AFS_RC_NOT_RECLAIMED) {
-        return rc;
+    const uint32_t status = reclaim_eu(context, eu, static_cast<int32_t>(mode));
+    if (status != AFS_RC_NOT_RECLAIMED) {
+        return status;
     }
     eu = choose_eu_to_reclaim(context, kind, 0, &mode, 0);
     if (mode == AFS_FTL_MODE_RECLAIM && context->ftl->eu_table[eu].dirty_pages == 0) {
@@ -339,18 +339,18 @@ uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu, ui
                              .erase_count = target.erase_count,
                              .next_spare = static_cast<uint16_t>(source_eu),
                              .va_base = source.va_base});
-    if (verified_write(target_address, header, sizeof header) != 0) {
+    if (verified_write(target_address, header, sizeof header) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     // From here on until both writes are known to have landed, only a mount can tell which of the
     // two EUs counts.
     static constexpr uint8_t no_magic[4] = {};
     ftl.needs_mount = 1;
-    if (verified_write(source_address + eu_magic_offset, no_magic, sizeof no_magic) != 0) {
+    if (verified_write(source_address + eu_magic_offset, no_magic, sizeof no_magic) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     source.sequence = 0;
-    if (verified_write_byte(target_address + eu_state_offset, eu_state_committed) != 0) {
+    if (verified_write_byte(target_address + eu_state_offset, eu_state_committed) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     ftl.needs_mount = 0;
@@ -378,9 +378,9 @@ uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address, uint32_t 
     static_assert(slot_complete == 0);
     if (read_page_slots(
             source_address + data_slot_offset(first_slot), count,
-            [first_page](uint32_t i) { return first_page + i; }, pages) != 0 ||
+            [first_page](uint32_t i) { return first_page + i; }, pages) != AFS_RC_OK ||
         verified_write(target_address + data_slot_offset(first_slot), pages, count * page_slot_size,
-                       readback) != 0) {
+                       readback) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     return verified_write(target_address + data_status_offset + first_slot, complete, count,
@@ -409,9 +409,9 @@ uint32_t afs_physical_ftl_force_full_reclaim(afs_context *context) {
         ++eu;
     }
     if (eu < ftl.eu_count) {
-        const uint32_t rc = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
-        if (reclaim_failed(rc)) {
-            return rc;
+        const uint32_t status = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+        if (reclaim_failed(status)) {
+            return status;
         }
         ++eu;
     }
@@ -429,9 +429,9 @@ uint32_t afs_physical_ftl_force_dirty_erase(afs_context *context) {
     }
     for (uint32_t eu = 0; eu < ftl.eu_count; ++eu) {
         const bool is_log = ftl.eu_table[eu].va_base == 0 && eu != ftl.spare_eu;
-        const uint32_t rc = is_log ? AFS_RC_OK : zero_dead_slots(context, eu);
-        if (rc != AFS_RC_OK) {
-            return rc;
+        if (const uint32_t status = is_log ? AFS_RC_OK : zero_dead_slots(context, eu);
+            status != AFS_RC_OK) {
+            return status;
         }
     }
     return AFS_RC_OK;
@@ -445,9 +445,9 @@ uint32_t afs_physical_ftl_end_reserved_files_mode(afs_context *context) {
         if (context->ftl->spare_eu == eu) {
             continue;
         }
-        const uint32_t rc = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
-        if (reclaim_failed(rc)) {
-            return rc;
+        const uint32_t status = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+        if (reclaim_failed(status)) {
+            return status;
         }
     }
     return AFS_RC_OK;

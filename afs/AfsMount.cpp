@@ -101,7 +101,7 @@ uint32_t mount_ftl(afs_context *context, uint32_t flags) {
 // Takes over the store that the header in page 0 describes, or creates one there.
 uint32_t open_file_system(afs_context *context, uint32_t flags, const afs_fs_header &new_header) {
     uint8_t *page = nullptr;
-    uint32_t status = cached_bytes(context, 0, &page);
+    uint32_t status = cached_bytes(context, 0, page);
     if (status != AFS_RC_OK) {
         return status;
     }
@@ -149,25 +149,24 @@ uint32_t allocate_tables(afs_context *context, uint32_t flags) {
 }
 
 // Marks the chunks of a chain as allocated and adds up what they hold.
-uint32_t scan_chain(afs_context *context, uint16_t first, uint32_t *size) {
-    *size = 0;
+uint32_t scan_chain(afs_context *context, uint16_t first, uint32_t &size) {
+    size = 0;
     for (uint16_t cid = first; is_chunk(cid);) {
         if (context->chunk_map != nullptr) {
             const uint32_t chunk = cid - uint32_t{context->file_count};
             context->chunk_map[chunk / 32] |= uint32_t{1} << chunk % 32;
         }
-        const uint32_t status = next_cid(context, cid, &cid);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = next_cid(context, cid, cid); status != AFS_RC_OK) {
             return status;
         }
-        *size += bytes_in_chunk(cid);
+        size += bytes_in_chunk(cid);
     }
     return AFS_RC_OK;
 }
 
 uint32_t scan_file(afs_context *context, uint16_t file) {
     uint16_t slot = 0;
-    uint32_t status = next_cid(context, file, &slot);
+    uint32_t status = next_cid(context, file, slot);
     if (status != AFS_RC_OK || slot == fat_free) {
         return status;
     }
@@ -175,7 +174,7 @@ uint32_t scan_file(afs_context *context, uint16_t file) {
         return set_fat_entry(context, file, fat_free); // reaches the flash with the next flush
     }
     uint32_t size = 0;
-    status = scan_chain(context, slot, &size);
+    status = scan_chain(context, slot, size);
     if (status == AFS_RC_OK && context->file_sizes != nullptr) {
         context->file_sizes[file] = size;
     }
@@ -184,8 +183,8 @@ uint32_t scan_file(afs_context *context, uint16_t file) {
 
 uint32_t scan_files(afs_context *context) {
     for (uint32_t file = 0; file < context->file_count; ++file) {
-        const uint32_t status = scan_file(context, static_cast<uint16_t>(file));
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status = scan_file(context, static_cast<uint16_t>(file));
+            status != AFS_RC_OK) {
             return status;
         }
     }

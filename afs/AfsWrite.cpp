@@ -52,7 +52,7 @@ uint32_t look_up_old_chunk(write_job &job) {
         job.next = 0;
         return AFS_RC_OK;
     }
-    return next_cid(job.context, job.current, &job.next);
+    return next_cid(job.context, job.current, job.next);
 }
 
 // A chunk before the range stays, except for a last one that ends before it: that is to be padded.
@@ -76,9 +76,9 @@ void step_forward(write_job &job) {
 
 // A reclaim takes chunks that are still in the cache for free ones, so the allocator asks for a
 // flush before it does one: at most once for each data EU.
-uint32_t allocate(afs_context *context, uint16_t *cid) {
+uint32_t allocate(afs_context *context, uint16_t &cid) {
     for (;;) {
-        if (const uint32_t status = afs_allocate_chunk(context, cid);
+        if (const uint32_t status = afs_allocate_chunk(context, &cid);
             status != AFS_RC_FLUSH_FIRST) {
             return status;
         }
@@ -103,8 +103,9 @@ uint32_t fill_chunk(write_job &job, uint8_t *chunk) {
     uint32_t kept = bytes_in_chunk(job.next);
     if (kept > 0 && (lead > 0 || kept > taken)) {
         uint8_t *old = nullptr;
-        const uint32_t status = cached_bytes(job.context, chunk_va(job.context, job.current), &old);
-        if (status != AFS_RC_OK) {
+        if (const uint32_t status =
+                cached_bytes(job.context, chunk_va(job.context, job.current), old);
+            status != AFS_RC_OK) {
             return status;
         }
         std::copy_n(old, kept, chunk);
@@ -121,13 +122,13 @@ uint32_t fill_chunk(write_job &job, uint8_t *chunk) {
 uint32_t replace_chunk(write_job &job) {
     begin_replacing(job);
     uint16_t cid = 0;
-    uint32_t status = allocate(job.context, &cid);
+    uint32_t status = allocate(job.context, cid);
     if (status != AFS_RC_OK) {
         return status;
     }
     job.chain[job.chain_length++] = cid;
     uint8_t *chunk = nullptr;
-    status = cached_bytes(job.context, chunk_va(job.context, cid), &chunk);
+    status = cached_bytes(job.context, chunk_va(job.context, cid), chunk);
     if (status == AFS_RC_OK) {
         status = fill_chunk(job, chunk);
     }
@@ -202,7 +203,7 @@ void update_file_size(const write_job &job, uint16_t file) {
 // A write of no bytes that does not truncate.
 uint32_t create_file(afs_context *context, uint16_t file) {
     uint16_t slot = 0;
-    uint32_t status = next_cid(context, file, &slot);
+    uint32_t status = next_cid(context, file, slot);
     if (status != AFS_RC_OK) {
         return status;
     }
@@ -217,7 +218,7 @@ uint32_t create_file(afs_context *context, uint16_t file) {
 }
 
 uint32_t write_file(write_job &job, uint16_t file) {
-    uint32_t status = next_cid(job.context, file, &job.current);
+    uint32_t status = next_cid(job.context, file, job.current);
     if (status != AFS_RC_OK) {
         return status;
     }

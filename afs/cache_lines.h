@@ -2,6 +2,9 @@
 // wanted most of the time.
 #pragma once
 
+#include <bit>
+#include <cstdint>
+
 #include "AfsCache.h"
 
 namespace dolm {
@@ -20,6 +23,12 @@ inline uint16_t link_of(const afs_context *context, uint16_t line) {
 
 inline uint8_t *line_bytes(const afs_context *context, uint16_t line) {
     return context->cache_data + static_cast<size_t>(line) * context->page_size;
+}
+
+// Pages in so many bytes. page_size is a power of two in every store that works; with another one
+// the result is a page all the same, if not the right one.
+inline uintptr_t pages_in(const afs_context *context, uintptr_t bytes) {
+    return bytes >> std::countr_zero(context->page_size);
 }
 
 inline bool holds_page(const afs_context *context, uint16_t line, uint16_t page) {

@@ -67,10 +67,10 @@ inline bool is_mounted(const afs_context *context) {
 }
 
 // Where the bytes of a VA lie in the cache; good until the call after the next one.
-uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t **bytes);
+uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes);
 
 // afs_get_next_cid for a mounted store and a cid that is a file or a chunk.
-uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t *value);
+uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t &value);
 
 // Changes a FAT entry in the cache.
 uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value);

@@ -56,7 +56,7 @@ void release_ftl_state(afs_context *context) {
     }
 }
 
-bool find_data_place(const afs_context *context, uint32_t va, data_place *place) {
+bool find_data_place(const afs_context *context, uint32_t va, data_place &place) {
     if (va < context->data_va_start) {
         return false;
     }
@@ -66,28 +66,29 @@ bool find_data_place(const afs_context *context, uint32_t va, data_place *place)
     }
     const uint32_t slot = chunk % AFS_DATA_EU_PAGES;
     const uint32_t eu = find_data_eu(context->ftl, first_data_page(context) + chunk - slot);
-    *place = {eu, slot, chunk};
+    place = {.eu = eu, .slot = slot, .chunk = chunk};
     return eu != AFS_FTL_NONE;
 }
 
-bool find_first_chunk(const afs_context *context, uint32_t eu, uint32_t *chunk) {
+bool find_first_chunk(const afs_context *context, uint32_t eu, uint32_t &chunk) {
     const uint32_t va_base = context->ftl->eu_table[eu].va_base;
     if (va_base < first_data_page(context)) {
         return false;
     }
-    *chunk = va_base - first_data_page(context);
-    return *chunk % AFS_DATA_EU_PAGES == 0 && *chunk < chunk_limit(context);
+    chunk = va_base - first_data_page(context);
+    return chunk % AFS_DATA_EU_PAGES == 0 && chunk < chunk_limit(context);
 }
 
 uint32_t usable_slots(const afs_context *context, uint32_t eu) {
     uint32_t first_chunk;
-    return find_first_chunk(context, eu, &first_chunk)
+    return find_first_chunk(context, eu, first_chunk)
                ? std::min(AFS_DATA_EU_PAGES, chunk_limit(context) - first_chunk)
                : AFS_DATA_EU_PAGES;
 }
 
 bool erase_eu(uint32_t address) {
-    return SpiDrvEraseBlock(address) == 0 && SpiDrvEraseBlock(address + SPI_ERASE_BLOCK_SIZE) == 0;
+    return SpiDrvEraseBlock(address) == AFS_RC_OK &&
+           SpiDrvEraseBlock(address + SPI_ERASE_BLOCK_SIZE) == AFS_RC_OK;
 }
 
 namespace {
@@ -118,11 +119,11 @@ uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uin
         readback[0] =
             static_cast<uint8_t>(~written[0]); // what no read brings does not compare equal
     }
-    if (SpiDrvWrite(address, length, data) != 0) {
+    if (SpiDrvWrite(address, length, data) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     for (int reads = 0; reads < max_reads; ++reads) {
-        if (SpiDrvRead(address, length, readback) != 0) {
+        if (SpiDrvRead(address, length, readback) != AFS_RC_OK) {
             return AFS_RC_IO;
         }
         if (same_bytes(readback, written, length)) {

@@ -71,10 +71,10 @@ struct data_place {
 
 // Finds the slot of a data VA. False if it lies below the data area or past the chunks, or if no EU
 // covers it.
-bool find_data_place(const afs_context *context, uint32_t va, data_place *place);
+bool find_data_place(const afs_context *context, uint32_t va, data_place &place);
 
 // First chunk of a data EU. False if its va_base does not fit the data area.
-bool find_first_chunk(const afs_context *context, uint32_t eu, uint32_t *chunk);
+bool find_first_chunk(const afs_context *context, uint32_t eu, uint32_t &chunk);
 
 // Slots of a data EU that belong to a chunk: all, but for the last EU of some stores.
 uint32_t usable_slots(const afs_context *context, uint32_t eu);
@@ -120,7 +120,7 @@ uint32_t find_oldest_eu(const afs_ftl_state &ftl, Wanted wanted) {
 bool erase_eu(uint32_t address);
 
 // Writes once, then reads back until it compares equal, at most max_reads times. readback has room
-// for length bytes. 0 or 5.
+// for length bytes. AFS_RC_OK or AFS_RC_IO.
 uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uint8_t *readback);
 
 // The same for records of up to page_slot_size bytes or a whole row of status bytes.
@@ -128,11 +128,11 @@ uint32_t verified_write(uint32_t address, const void *data, uint32_t length);
 uint32_t verified_write_byte(uint32_t address, uint8_t value);
 
 // Reads count page slots in one device read and checks each against its page number, page_of(i);
-// reads all again, at most max_reads times, if one does not match. 0 or 5.
+// reads all again, at most max_reads times, if one does not match. AFS_RC_OK or AFS_RC_IO.
 template <typename PageOf>
 uint32_t read_page_slots(uint32_t address, uint32_t count, PageOf page_of, uint8_t *slots) {
     for (int reads = 0; reads < max_reads; ++reads) {
-        if (SpiDrvRead(address, count * page_slot_size, slots) != 0) {
+        if (SpiDrvRead(address, count * page_slot_size, slots) != AFS_RC_OK) {
             return AFS_RC_IO;
         }
         uint32_t good = 0;

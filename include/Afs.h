@@ -5,15 +5,15 @@
 //
 // A cid numbers an entry of the FAT: below file_count a file, from there on a chunk.
 //
-// Results are AFS_RC_ numbers (AfsFtl.h). Every operation answers 22 (AFS_RC_INVALID) for a null
+// Results are AFS_RC_ numbers (AfsFtl.h). Every operation answers AFS_RC_INVALID for a null
 // context, for one that holds no mounted store (also where the translation layer below it was
 // mounted again and failed), and for a null pointer where bytes or a value would go; the two that
 // give a truth value then answer 0, those that give nothing do nothing. "From below" stands for a
-// result of the page cache or the flash translation layer, most often 5.
+// result of the page cache or the flash translation layer, most often AFS_RC_IO.
 //
 // One store per context, one operation at a time in the whole process.
-#ifndef AFS_H
-#define AFS_H
+#ifndef DOLM_AFS_H
+#define DOLM_AFS_H
 
 #include <cstdint>
 
@@ -60,12 +60,12 @@ DOLM_EXTERN_C_BEGIN
 // to 1000). The image may be null if it is attached already. A store that has a header defines its
 // own file count and sizes; `file_count` (65 to 2048) and the version values (8 and 12 bits) only
 // go into a header that is created.
-//   0   mounted
-//   5   no store, or a damaged one: mount failed without a format flag, no header without a flag to
-//       create one, a header with impossible numbers, a bad FAT entry or a loop in a chain, a live
-//       chunk that is not complete on the flash
-//   12  no memory
-//   22  an argument or the flags are wrong, or no FTL to go on with
+//   AFS_RC_OK        mounted
+//   AFS_RC_IO        no store, or a damaged one: mount failed without a format flag, no header
+//                    without a flag to create one, a header with impossible numbers, a bad FAT
+//                    entry or a loop in a chain, a live chunk that is not complete on the flash
+//   AFS_RC_NO_MEMORY no memory
+//   AFS_RC_INVALID   an argument or the flags are wrong, or no FTL to go on with
 // or from below. After a failure the context holds no mounted store, and afs_free_context releases
 // what was allocated. Without a format or create flag nothing is written but the cleared slots of
 // zombies, and those only when the cache replaces or flushes their page.
@@ -76,8 +76,8 @@ DOLM_API uint32_t afs_init(afs_context *context, void *image, uint32_t page_size
 
 // Replaces the cache, after writing what is dirty; bounds as for afs_init. Only a page_size of 64
 // works over the flash translation layer: of a longer line it fills the first 64 bytes, the others
-// read as zeros and are never written. 0; 22; or what cache_init gives: after 12 the store is no
-// longer mounted, otherwise the old cache stays.
+// read as zeros and are never written. AFS_RC_OK; AFS_RC_INVALID; or what cache_init gives: after
+// AFS_RC_NO_MEMORY the store is no longer mounted, otherwise the old cache stays.
 DOLM_API uint32_t afs_setcache(afs_context *context, int32_t page_size, int32_t cache_lines);
 
 // Releases all that the context owns; what is dirty in the cache is lost. The context itself,
@@ -86,8 +86,9 @@ DOLM_API void afs_free_context(afs_context *context);
 
 // ---- Chunks and chains.
 
-// Hands out a free chunk, as its cid. Results as of afs_physical_ftl_allocate_page: 0;
-// AFS_RC_FLUSH_FIRST, call cache_flush and then this again; 28; from below; 99 without a chunk map.
+// Hands out a free chunk, as its cid. Results as of afs_physical_ftl_allocate_page: AFS_RC_OK;
+// AFS_RC_FLUSH_FIRST, call cache_flush and then this again; AFS_RC_NO_SPACE; from below;
+// AFS_RC_BAD_STATE without a chunk map.
 DOLM_API uint32_t afs_allocate_chunk(afs_context *context, uint16_t *cid);
 
 // Takes note of a chunk (0 to chunk_count, without file_count) that is free. When the chunks given
@@ -95,51 +96,54 @@ DOLM_API uint32_t afs_allocate_chunk(afs_context *context, uint16_t *cid);
 // a row of chunks.
 DOLM_API void afs_trim_fat_page_if_needed(afs_context *context, uint16_t chunk);
 
-// Reads the FAT entry of a cid into `value`, also if the result is then 5: the entry is not valid
-// there, or more chunks were looked up since the last file slot than the store has, so that the
-// chain is a loop. 0; 5, also for a cid past the FAT, with `value` unchanged; from below.
+// Reads the FAT entry of a cid into `value`, also if the result is then AFS_RC_IO: the entry is not
+// valid there, or more chunks were looked up since the last file slot than the store has, so that
+// the chain is a loop. AFS_RC_OK; AFS_RC_IO, also for a cid past the FAT, with `value` unchanged;
+// from below.
 DOLM_API uint32_t afs_get_next_cid(afs_context *context, uint16_t cid, uint16_t *value);
 
 // Frees up to `count` chunks, beginning with the cid `first`; 64 or less is no chunk and ends the
 // row. The others come from `cids` (count - 1 entries), or if that is null from the chain on the
 // flash. With `invalidate` the cache is dropped first. Writes nothing: FAT entries stay as they are
-// and no chain reaches them. 0; 5 for a cid that is no chunk; from below, with the rest not freed;
-// 99 without a chunk map.
+// and no chain reaches them. AFS_RC_OK; AFS_RC_IO for a cid that is no chunk; from below, with the
+// rest not freed; AFS_RC_BAD_STATE without a chunk map.
 DOLM_API uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t count,
                                         const uint16_t *cids, bool invalidate);
 
-// ---- Files. `file` is the number of a slot, below file_count; any other gives 22.
+// ---- Files. `file` is the number of a slot, below file_count; any other gives AFS_RC_INVALID.
 
-// 0 and the size in bytes; 2 for no such file; from below.
+// AFS_RC_OK and the size in bytes; AFS_RC_NO_FILE for no such file; from below.
 DOLM_API uint32_t afs_getfilesize(afs_context *context, int32_t file, uint32_t *size);
 
 // Reads up to `*length` bytes (below 2 GiB) from `offset` on and sets `*length` to what the file
-// holds of them, 0 behind its end. 0; 2 for no such file; from below, with `*length` unchanged and
-// the buffer undefined.
+// holds of them, 0 behind its end. AFS_RC_OK; AFS_RC_NO_FILE for no such file; from below, with
+// `*length` unchanged and the buffer undefined.
 DOLM_API uint32_t afs_readfile(afs_context *context, int32_t file, uint32_t offset,
                                uint32_t *length, void *buffer);
 
 // Writes `length` bytes at `offset`, creates the file if it does not exist, and fills a gap behind
 // its old end with zeros. With AFS_WRITE_TRUNCATE the file ends at offset + length; otherwise the
 // rest of it stays. A length of 0 without that flag only creates.
-//   0   written, and on the flash
-//   5   damaged chain, or a device failure
-//   12  no memory
-//   27  offset, length or their sum is above AFS_MAX_FILE_SIZE
-//   28  no room
-//   99  the store has no chunk map
+//   AFS_RC_OK        written, and on the flash
+//   AFS_RC_IO        damaged chain, or a device failure
+//   AFS_RC_NO_MEMORY no memory
+//   AFS_RC_TOO_LARGE offset, length or their sum is above AFS_MAX_FILE_SIZE
+//   AFS_RC_NO_SPACE  no room
+//   AFS_RC_BAD_STATE the store has no chunk map
 // or from below. After any failure the old file stands, with one exception: a failure to free the
 // old chunks is reported although the new file is complete; they are free after the next mount.
 DOLM_API uint32_t afs_writefile(afs_context *context, int32_t file, uint32_t offset,
                                 uint32_t length, const void *data, uint32_t flags);
 
-// Deletes a file, an empty one or a zombie. 0; 2 for no such file; 99 without a chunk map; from
-// below: the file stands, or it is gone and some of its chunks are only free after the next mount.
+// Deletes a file, an empty one or a zombie. AFS_RC_OK; AFS_RC_NO_FILE for no such file;
+// AFS_RC_BAD_STATE without a chunk map; from below: the file stands, or it is gone and some of its
+// chunks are only free after the next mount.
 DOLM_API uint32_t afs_deletefile(afs_context *context, int32_t file);
 
 // Marks a free number on the flash, so that the slot is in use although no file exists: a zombie.
-// Reads and sizes see no file, a write or a delete ends it, and so does the next mount. 0; 99 if
-// the slot is not free or there is no chunk map; from below, with nothing marked.
+// Reads and sizes see no file, a write or a delete ends it, and so does the next mount. AFS_RC_OK;
+// AFS_RC_BAD_STATE if the slot is not free or there is no chunk map; from below, with nothing
+// marked.
 DOLM_API uint32_t afs_mark_zombie_file(afs_context *context, uint32_t file);
 
 // Releases file_sizes; sizes are then found in the chains.
@@ -157,7 +161,8 @@ DOLM_API uint32_t afs_idle_reclaim_needed(afs_context *context);
 DOLM_API uint32_t afs_get_idle_reclaim_enabled(afs_context *context);
 DOLM_API void afs_set_idle_reclaim_enabled(afs_context *context);
 
-// One step of a reclaim of all data EUs: afs_physical_ftl_force_full_reclaim. 11: call again.
+// One step of a reclaim of all data EUs: afs_physical_ftl_force_full_reclaim. AFS_RC_AGAIN: call
+// again.
 DOLM_API uint32_t afs_force_full_reclaim(afs_context *context);
 
 // Overwrites dead data with zeros: afs_physical_ftl_force_dirty_erase.

@@ -1,6 +1,6 @@
 // The checksums of the AFS on-flash records. A length of 0 or less runs over no data byte.
-#ifndef AFS_CRC_H
-#define AFS_CRC_H
+#ifndef DOLM_AFS_CRC_H
+#define DOLM_AFS_CRC_H
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
 // Raw copies between a buffer and an absolute memory address.
-#ifndef AFS_FRAMEWORK_WIN32_H
-#define AFS_FRAMEWORK_WIN32_H
+#ifndef DOLM_AFS_FRAMEWORK_WIN32_H
+#define DOLM_AFS_FRAMEWORK_WIN32_H
 
 #include <cstdint>
 
@@ -10,7 +10,8 @@
 DOLM_EXTERN_C_BEGIN
 
 // Copies length bytes from the absolute memory address a + b (added in 64 bits) to buffer. The
-// caller vouches for the address; context and reserved are not used. 0; 22 if buffer is null.
+// caller vouches for the address; context and reserved are not used. AFS_RC_OK; AFS_RC_INVALID if
+// buffer is null.
 DOLM_API uint32_t mg_copyfrom(afs_context *context, uint32_t a, uint32_t b, void *buffer,
                               uint32_t reserved, uint32_t length);
 

@@ -6,10 +6,11 @@
 // EU, written once between two reclaims of that EU. One EU is always the spare, the only one that
 // is ever erased. A mount rebuilds everything from the flash and writes nothing.
 //
-// Every operation answers 22 for a null context, for one that holds no mounted store, and for a
-// null pointer where bytes or a value would go; those that return no status say what they give.
-#ifndef AFS_FTL_H
-#define AFS_FTL_H
+// Every operation answers AFS_RC_INVALID for a null context, for one that holds no mounted store,
+// and for a null pointer where bytes or a value would go; those that return no status say what they
+// give.
+#ifndef DOLM_AFS_FTL_H
+#define DOLM_AFS_FTL_H
 
 #include <cstdint>
 
@@ -92,7 +93,7 @@ struct afs_ftl_state {
     uint8_t ftl_eu_count; // EUs before the first data EU in a fresh format
     uint8_t reclaim_cursor;
     uint8_t needs_mount;   // 1: a reclaim failed half-way and left the tables ahead of the flash;
-                           // writes and reclaims give 5 until the next mount
+                           // writes and reclaims give AFS_RC_IO until the next mount
     uint8_t last_data_eu;  // the data EU found last; only a hint
     uint8_t head_closed;   // 1: write_eu takes no more pages, even if write_slot is below 120
     uint8_t chain_starts;  // 1: write_eu holds no committed entry, so that its next one is linked
@@ -141,60 +142,63 @@ struct afs_context {
 // Mounts device_size bytes of flash: reads all EU headers and logs, and settles an interrupted
 // reclaim in memory. AFS_FTL_ALLOCATE_TABLES gives the context a new state (an old one is
 // released), otherwise the tables of the last mount are used again; AFS_FLAG_ATTACH_DEVICE attaches
-// image. 0; 5 for a failed read or flash that holds no consistent store; 12 without memory; 22
-// without tables to use again, or with tables made for fewer log pages. After 5 the store counts as
-// not mounted, but can be formatted.
+// image. AFS_RC_OK; AFS_RC_IO for a failed read or flash that holds no consistent store;
+// AFS_RC_NO_MEMORY without memory; AFS_RC_INVALID without tables to use again, or with tables made
+// for fewer log pages. After AFS_RC_IO the store counts as not mounted, but can be formatted.
 DOLM_API uint32_t afs_physical_ftl_init(afs_context *context, uint32_t device_size, uint32_t flags);
 
 // Writes the headers of an empty store: log EUs, data EUs in VA order, spare. erase_first erases
 // every EU before, otherwise headers are written over what is there. Uses the EU counts of the last
-// afs_physical_ftl_init, successful or not, and leaves the tables as they are: mount again. 0, also
-// if the device has not even one EU; 5 for a failed device operation or more data EUs than fit; 22
-// without tables.
+// afs_physical_ftl_init, successful or not, and leaves the tables as they are: mount again.
+// AFS_RC_OK, also if the device has not even one EU; AFS_RC_IO for a failed device operation or
+// more data EUs than fit; AFS_RC_INVALID without tables.
 DOLM_API uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first);
 
 // Takes the log of one EU into page_map and the dirty counts; current also sets write_slot and
-// head_closed. 0; 5 if the log cannot be read, or names a page past the map elsewhere than where a
-// torn run of entries shows its end.
+// head_closed. AFS_RC_OK; AFS_RC_IO if the log cannot be read, or names a page past the map
+// elsewhere than where a torn run of entries shows its end.
 DOLM_API uint32_t ftl_process_pages(afs_context *context, uint32_t eu, uint8_t current);
 
 // ---- Pages. A VA is a byte address, rounded down to its page.
 
-// Reads one page. Pages never written, and data pages whose chunk is free, read as zeros. 0; 5 if
-// the page cannot be read whole in 7 reads or no EU holds it: buffer is then unchanged.
+// Reads one page. Pages never written, and data pages whose chunk is free, read as zeros.
+// AFS_RC_OK; AFS_RC_IO if the page cannot be read whole in 7 reads or no EU holds it: buffer is
+// then unchanged.
 DOLM_API uint32_t afs_physical_ftl_read_page(afs_context *context, uint32_t va, uint32_t length,
                                              void *buffer, uint32_t device_offset);
 
-// Writes one page: a log page any number of times, a data page only into an erased slot. 0; 5 for a
-// failed device operation, a slot in use, a VA without a place; or what reclaim_eu_wrapper gives
-// when the log is full. After a failure the old copy of a log page still counts.
+// Writes one page: a log page any number of times, a data page only into an erased slot. AFS_RC_OK;
+// AFS_RC_IO for a failed device operation, a slot in use, a VA without a place; or what
+// reclaim_eu_wrapper gives when the log is full. After a failure the old copy of a log page still
+// counts.
 DOLM_API uint32_t afs_physical_ftl_write_page(afs_context *context, uint32_t va, uint32_t length,
                                               const void *data, uint32_t device_offset);
 
-// Forgets a page until the next mount; writes nothing. Always 0 on a mounted store.
+// Forgets a page until the next mount; writes nothing. Always AFS_RC_OK on a mounted store.
 DOLM_API uint32_t afs_physical_ftl_trim_page(afs_context *context, uint32_t va, uint32_t length,
                                              uint32_t device_offset);
 
 // Reads count consecutive data pages from va on, over at most two EUs. buffer has room for count
 // times 66 bytes, of which the first count times 64 are the result. If the first chunk is free,
-// nothing is read and all of them are zeros. 0 or 5; after 5 buffer is undefined.
+// nothing is read and all of them are zeros. AFS_RC_OK or AFS_RC_IO; after AFS_RC_IO buffer is
+// undefined.
 DOLM_API uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, uint32_t va,
                                                    uint32_t count);
 
-// The same within one data EU, without a look at the chunk map. 0 or 5.
+// The same within one data EU, without a look at the chunk map. AFS_RC_OK or AFS_RC_IO.
 DOLM_API uint32_t read_ftl_data_pages(afs_context *context, uint32_t eu, uint32_t first_slot,
                                       uint32_t count, uint32_t first_page, void *buffer);
 
 // Hands out a free chunk, as its cid (file_count + chunk). Its bit stays clear until its page is
-// written. 0; AFS_RC_FLUSH_FIRST if the caller has to flush the cache and call again, since the
-// next call may reclaim; 28 if nothing is left, also if as many EUs in turn as hold data gave
-// nothing, which a device does that erases nothing; 5; 99 without a chunk map; or what
-// reclaim_eu_wrapper gives.
+// written. AFS_RC_OK; AFS_RC_FLUSH_FIRST if the caller has to flush the cache and call again, since
+// the next call may reclaim; AFS_RC_NO_SPACE if nothing is left, also if as many EUs in turn as
+// hold data gave nothing, which a device does that erases nothing; AFS_RC_IO; AFS_RC_BAD_STATE
+// without a chunk map; or what reclaim_eu_wrapper gives.
 DOLM_API uint32_t afs_physical_ftl_allocate_page(afs_context *context, uint16_t *cid);
 
-// Counts the data EUs and places the allocator, once chunk_map holds what the files use. 0; 5 for a
-// failed read, a live chunk whose page is not complete, or a data EU outside the data area; 99
-// without a chunk map.
+// Counts the data EUs and places the allocator, once chunk_map holds what the files use. AFS_RC_OK;
+// AFS_RC_IO for a failed read, a live chunk whose page is not complete, or a data EU outside the
+// data area; AFS_RC_BAD_STATE without a chunk map.
 DOLM_API uint32_t afs_physical_ftl_set_allocation_map(afs_context *context);
 
 // Bytes of data VA space that a device of the context's device_size can offer; 0 for a null
@@ -204,8 +208,8 @@ DOLM_API uint32_t afs_physical_ftl_get_data_vas(afs_context *context, uint32_t m
 // ---- Reclaim. The chunk map must be complete and the cache flushed: a data page whose chunk bit
 // is clear is taken for dead.
 
-// Makes room of a kind (AFS_FTL_KIND_LOG or AFS_FTL_KIND_DATA). 0; 28 if nothing can be gained; 5;
-// 12; AFS_RC_NOT_RECLAIMED.
+// Makes room of a kind (AFS_FTL_KIND_LOG or AFS_FTL_KIND_DATA). AFS_RC_OK; AFS_RC_NO_SPACE if
+// nothing can be gained; AFS_RC_IO; AFS_RC_NO_MEMORY; AFS_RC_NOT_RECLAIMED.
 DOLM_API uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind);
 
 // The EU to reclaim, and in mode how (AFS_FTL_MODE_...). wear 1 lets the wear rule fire; idle 1
@@ -214,20 +218,21 @@ DOLM_API uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind);
 DOLM_API uint32_t choose_eu_to_reclaim(afs_context *context, uint32_t kind, uint32_t wear,
                                        uint32_t *mode, uint8_t idle);
 
-// Reclaims one EU in a mode. 0; AFS_RC_NOT_RECLAIMED if it was full of live pages; 28 for the spare
-// or no EU, with nothing touched; 12 without memory, with nothing touched; 5 for a failed device
-// operation or page (see needs_mount); 99 for a data EU without a chunk map.
+// Reclaims one EU in a mode. AFS_RC_OK; AFS_RC_NOT_RECLAIMED if it was full of live pages;
+// AFS_RC_NO_SPACE for the spare or no EU, with nothing touched; AFS_RC_NO_MEMORY without memory,
+// with nothing touched; AFS_RC_IO for a failed device operation or page (see needs_mount);
+// AFS_RC_BAD_STATE for a data EU without a chunk map.
 DOLM_API uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode);
 
 // Gives the role of source_eu to target_eu on the flash and in the tables; source becomes the
-// spare. The addresses are those of the EUs on the device. 0 or 5.
+// spare. The addresses are those of the EUs on the device. AFS_RC_OK or AFS_RC_IO.
 DOLM_API uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu,
                                              uint32_t source_eu, uint32_t target_address,
                                              uint32_t source_address);
 
 // Copies up to 62 data pages to the same slots of another EU, each page checked, and marks them
-// complete there. The buffers have 4096 bytes each; addresses are those of EUs on the device. 0 or
-// 5.
+// complete there. The buffers have 4096 bytes each; addresses are those of EUs on the device.
+// AFS_RC_OK or AFS_RC_IO.
 DOLM_API uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address,
                                  uint32_t target_address, uint32_t first_slot, uint32_t count,
                                  void *first_buffer, void *second_buffer, uint32_t first_page);
@@ -237,17 +242,17 @@ DOLM_API uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address,
 DOLM_API uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu,
                                                        uint32_t *kind);
 
-// Does one such reclaim. 0, also if there is nothing to do, or what reclaim_eu gives.
+// Does one such reclaim. AFS_RC_OK, also if there is nothing to do, or what reclaim_eu gives.
 DOLM_API uint32_t afs_physical_ftl_idle_reclaim(afs_context *context);
 
-// Reclaims the next data EU of a walk through all of them. 11: call again; 0: the walk is through;
-// else a failure of reclaim_eu, and the walk stays where it is.
+// Reclaims the next data EU of a walk through all of them. AFS_RC_AGAIN: call again; AFS_RC_OK: the
+// walk is through; else a failure of reclaim_eu, and the walk stays where it is.
 DOLM_API uint32_t afs_physical_ftl_force_full_reclaim(afs_context *context);
 
-// Overwrites dead data pages and the spare's slots with zeros. 0 or 5.
+// Overwrites dead data pages and the spare's slots with zeros. AFS_RC_OK or AFS_RC_IO.
 DOLM_API uint32_t afs_physical_ftl_force_dirty_erase(afs_context *context);
 
-// Rewrites EU 0 and EU 1, so that the spare ends up on EU 1. 0 or a failure of reclaim_eu.
+// Rewrites EU 0 and EU 1, so that the spare ends up on EU 1. AFS_RC_OK or a failure of reclaim_eu.
 DOLM_API uint32_t afs_physical_ftl_end_reserved_files_mode(afs_context *context);
 
 DOLM_EXTERN_C_END

@@ -1,7 +1,7 @@
 // The way from the file layer of AFS to its page layer: a table of operations, and a raw access to
 // the device with no translation in between.
-#ifndef AFS_PHYSICAL_H
-#define AFS_PHYSICAL_H
+#ifndef DOLM_AFS_PHYSICAL_H
+#define DOLM_AFS_PHYSICAL_H
 
 #include <cstdint>
 
@@ -29,9 +29,9 @@ extern DOLM_API const afs_physical_ops afs_physical_spi_handler;
 // A place for the host to keep a context in. The library neither sets nor reads it.
 extern DOLM_API afs_context *afs_physical_context;
 
-// Reads length bytes at offset from the start of the store, as they lie on the device. 0, or 22 for
-// a null argument, no attached device, or a range that leaves the context's device_size (not
-// checked while that is 0).
+// Reads length bytes at offset from the start of the store, as they lie on the device.
+// AFS_RC_OK, or AFS_RC_INVALID for a null argument, no attached device, or a range that leaves the
+// context's device_size (not checked while that is 0).
 DOLM_API uint32_t afs_sub_pt_read(afs_context *context, uint32_t offset, uint32_t length,
                                   void *buffer);
 
@@ -39,7 +39,7 @@ DOLM_API uint32_t afs_sub_pt_read(afs_context *context, uint32_t offset, uint32_
 DOLM_API uint32_t afs_sub_pt_write(afs_context *context, uint32_t offset, uint32_t length,
                                    const void *buffer);
 
-// Does nothing. Always 0.
+// Does nothing. Always AFS_RC_OK.
 DOLM_API uint32_t afs_sub_pt_trim(afs_context *context, uint32_t offset, uint32_t length);
 
 DOLM_EXTERN_C_END

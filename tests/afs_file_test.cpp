@@ -34,13 +34,13 @@ struct Store : AfsStore {
 
     uint16_t entry(uint16_t cid) {
         uint16_t value = 0;
-        EXPECT_EQ(next_cid(context(), cid, &value), AFS_RC_OK);
+        EXPECT_EQ(next_cid(context(), cid, value), AFS_RC_OK);
         return value;
     }
     // Puts damage straight into the metadata.
     void poke(uint32_t va, uint16_t value) {
         uint8_t *bytes = nullptr;
-        ASSERT_EQ(cached_bytes(context(), va, &bytes), AFS_RC_OK);
+        ASSERT_EQ(cached_bytes(context(), va, bytes), AFS_RC_OK);
         store_le16(bytes, value);
         cache_line_written(context(), bytes);
         ASSERT_EQ(cache_flush(context()), AFS_RC_OK);
