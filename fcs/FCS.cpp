@@ -96,22 +96,51 @@ bool read_block(const uint8_t *buffer, uint32_t length, const uint8_t *record,
     return true;
 }
 
+// Fills in the number of a record that has none, by name. False if the file table lacks the name.
+bool complete_number(uint8_t *record, const char *name) {
+    fileno_t fileno = load_le32(record + fileno_at);
+    if (fileno != 0) {
+        return true;
+    }
+    if (get_fileno_by_file_name(name, &fileno) != 0) {
+        return false;
+    }
+    store_le32(record + fileno_at, fileno);
+    return true;
+}
+
+const file_table_entry_t *entry_of(const uint8_t *record) {
+    const fileno_t fileno = load_le32(record + fileno_at);
+    return get_file_entry_by_fileno(&fileno);
+}
+
+// Adds the file of a block whose number the file table lists, and restarts the walk.
+uint32_t add_file(const FcsHandle &store, const char *name, const void *block, uint32_t length) {
+    if (find_file(store, name) != nullptr) {
+        return FCS_FILE_EXISTS;
+    }
+    if (!store.root->addFile(name, std::make_shared<File>(block, length, name))) {
+        return FCS_FILE_NOT_FOUND;
+    }
+    store.iterator->rewind();
+    return FCS_OK;
+}
+
 // Adds the file of a block under the name that the file table has for its number. A number that
 // is not in the table is no failure: the file is left out.
-bool add_loaded_file(void *handle, std::vector<uint8_t> &block) {
-    const fileno_t fileno = load_le32(block.data() + fileno_at);
-    const file_table_entry_t *entry = get_file_entry_by_fileno(&fileno);
+bool add_loaded_file(const FcsHandle &store, std::vector<uint8_t> &block) {
+    const file_table_entry_t *entry = entry_of(block.data());
     if (entry == nullptr) {
         return true;
     }
     char name[sizeof(entry->name) + 1] = {}; // the entry's own may have no terminator
     std::memcpy(name, entry->name, sizeof(entry->name));
-    // A payload above 65523 bytes makes this length wrap to below 12, which is refused.
-    const auto length = static_cast<uint16_t>(block.size());
-    return addNewFile(handle, "", name, block.data(), length, false) == FCS_OK;
+    // A longer block could not be added again: its length is passed on in 16 bits.
+    return block.size() <= UINT16_MAX && complete_number(block.data(), name) &&
+           add_file(store, name, block.data(), static_cast<uint32_t>(block.size())) == FCS_OK;
 }
 
-uint32_t load_records(void *handle, const uint8_t *buffer, uint32_t length) {
+uint32_t load_records(const FcsHandle &store, const uint8_t *buffer, uint32_t length) {
     if (length < count_size) {
         return FCS_BAD_STORE;
     }
@@ -122,11 +151,38 @@ uint32_t load_records(void *handle, const uint8_t *buffer, uint32_t length) {
     std::vector<uint8_t> block;
     const uint8_t *record = buffer + count_size;
     for (uint32_t i = 0; i < count; ++i, record += record_size) {
-        if (!read_block(buffer, length, record, block) || !add_loaded_file(handle, block)) {
+        if (!read_block(buffer, length, record, block) || !add_loaded_file(store, block)) {
             return FCS_BAD_STORE;
         }
     }
     return FCS_OK;
+}
+
+uint32_t make_store(void *&handle) {
+    auto *store = new (std::nothrow) FcsHandle;
+    handle = store;
+    if (store == nullptr) {
+        return FCS_ALLOC_FAILED;
+    }
+    return guarded([store]() -> uint32_t {
+        store->root = std::make_shared<Directory>();
+        store->iterator = std::make_shared<FileIterator>(store->root);
+        return FCS_OK;
+    });
+}
+
+bool load_store(void *handle, const void *buffer, uint32_t length) {
+    return guarded([&]() -> uint32_t {
+               const FcsHandle *store = open_store(handle);
+               return store == nullptr
+                          ? FCS_INVALID_HANDLE
+                          : load_records(*store, static_cast<const uint8_t *>(buffer), length);
+           }) == FCS_OK;
+}
+
+void release_store(void *&handle) {
+    delete static_cast<FcsHandle *>(handle);
+    handle = nullptr;
 }
 
 uint32_t report_step(void *handle, char *name, std::string (FileIterator::*step)()) {
@@ -155,27 +211,18 @@ uint32_t createHandle(void **handle) {
     if (handle == nullptr) {
         return FCS_INVALID_ARGUMENT;
     }
-    auto *store = new (std::nothrow) FcsHandle;
-    *handle = store;
-    if (store == nullptr) {
-        return FCS_ALLOC_FAILED;
-    }
-    return guarded([store]() -> uint32_t {
-        store->root = std::make_shared<Directory>();
-        store->iterator = std::make_shared<FileIterator>(store->root);
-        return FCS_OK;
-    });
+    return make_store(*handle);
 }
 
 uint32_t createHandleFromStructure(void **handle, const void *buffer, uint32_t length) {
     if (handle == nullptr || buffer == nullptr) {
         return FCS_INVALID_ARGUMENT;
     }
-    if (const uint32_t status = createHandle(handle); status != FCS_OK) {
+    if (const uint32_t status = make_store(*handle); status != FCS_OK) {
         return status;
     }
-    if (!loadDataFromFcsBuffer(*handle, buffer, length)) {
-        closeHandle(handle);
+    if (!load_store(*handle, buffer, length)) {
+        release_store(*handle);
         return FCS_BAD_STORE;
     }
     return FCS_OK;
@@ -185,8 +232,7 @@ bool loadDataFromFcsBuffer(void *handle, const void *buffer, uint32_t length) {
     if (handle == nullptr || buffer == nullptr) {
         return false;
     }
-    const auto *bytes = static_cast<const uint8_t *>(buffer);
-    return guarded([&] { return load_records(handle, bytes, length); }) == FCS_OK;
+    return load_store(handle, buffer, length);
 }
 
 uint32_t closeHandle(void **handle) {
@@ -196,8 +242,7 @@ uint32_t closeHandle(void **handle) {
     if (*handle == nullptr) {
         return FCS_INVALID_HANDLE;
     }
-    delete static_cast<FcsHandle *>(*handle);
-    *handle = nullptr;
+    release_store(*handle);
     return FCS_OK;
 }
 
@@ -243,18 +288,14 @@ uint32_t addNewFile(void *handle, const char *directory, const char *name, void 
         if (block == nullptr) {
             return FCS_INVALID_ARGUMENT;
         }
-        uint8_t *record = static_cast<uint8_t *>(block);
-        fileno_t fileno = load_le32(record + fileno_at);
-        if (fileno == 0) {
-            if (name == nullptr) {
-                return FCS_INVALID_ARGUMENT;
-            }
-            if (get_fileno_by_file_name(name, &fileno) != 0) {
-                return FCS_NAME_NOT_IN_TABLE;
-            }
-            store_le32(record + fileno_at, fileno);
+        auto *record = static_cast<uint8_t *>(block);
+        if (name == nullptr && load_le32(record + fileno_at) == 0) {
+            return FCS_INVALID_ARGUMENT;
         }
-        const file_table_entry_t *entry = get_file_entry_by_fileno(&fileno);
+        if (!complete_number(record, name)) {
+            return FCS_NAME_NOT_IN_TABLE;
+        }
+        const file_table_entry_t *entry = entry_of(record);
         if (entry == nullptr) {
             return FCS_NUMBER_NOT_IN_TABLE;
         }
@@ -264,14 +305,7 @@ uint32_t addNewFile(void *handle, const char *directory, const char *name, void 
         if (directory == nullptr || name == nullptr) {
             return FCS_INVALID_ARGUMENT;
         }
-        if (find_file(*store, name) != nullptr) {
-            return FCS_FILE_EXISTS;
-        }
-        if (!store->root->addFile(name, std::make_shared<File>(block, length, name))) {
-            return FCS_FILE_NOT_FOUND;
-        }
-        store->iterator->rewind();
-        return FCS_OK;
+        return add_file(*store, name, block, length);
     });
 }
 

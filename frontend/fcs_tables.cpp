@@ -98,12 +98,13 @@ bool load_value(const FcsTable &table, FcsFileEntry &entry) {
         report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
         return false;
     }
-    const uint32_t status = getFileData(table.handle, entry.name, block.get(), &length);
-    if (status != FCS_OK) {
+    if (const uint32_t status = getFileData(table.handle, entry.name, block.get(), &length);
+        status != FCS_OK) {
         setLibError(IMAGE_TOOLS_FCS_GET_FILE_FAILED, static_cast<int32_t>(status));
         return false;
     }
-    return qoQfsMemCpy(entry.data, entry.size, block.get() + record_size, entry.size) == 0;
+    return qoQfsMemCpy(entry.data, entry.size, block.get() + record_size, entry.size) ==
+           BYTE_COPY_OK;
 }
 
 // getFileAttributes leaves little-endian bytes; the record stays so, since it goes back as it is.
@@ -133,11 +134,9 @@ bool copy_value(FcsFileEntry &copy, const FcsFileEntry &entry) {
         return true;
     }
     copy.data = allocate(entry.size).release();
-    return copy.data != nullptr && qoQfsMemCpy(copy.data, copy.size, entry.data, entry.size) == 0;
+    return copy.data != nullptr &&
+           qoQfsMemCpy(copy.data, copy.size, entry.data, entry.size) == BYTE_COPY_OK;
 }
-
-// What came of adding an entry; all but the first have been reported.
-enum class add_result { added, refused, no_memory };
 
 // Puts the entry's record and value into the table's store.
 add_result add_to_store(const FcsTable &table, const FcsFileEntry &entry, bool enforceLimit) {
@@ -166,24 +165,13 @@ add_result add_to_store(const FcsTable &table, const FcsFileEntry &entry, bool e
                                         : add_result::refused;
 }
 
-add_result add_entry(FcsTable &table, FcsFileEntry *entry, bool enforceLimit) {
-    if (table.handle == nullptr || entry == nullptr) {
-        qoQfsAssert("Invalid FCS handle or fileEntry pointer");
-        return add_result::refused;
+bool add_copy_to_built(const FcsFileEntry &entry) {
+    unlinked_entry copy(copyFileEntry(&entry));
+    if (!copy || qoQfsAddNewFileFcs(s_builtVynCfgTable, copy.get(), true) != add_result::added) {
+        return false;
     }
-    if (entry->linked != 0) {
-        report_error(IMAGE_TOOLS_FCS_ENTRY_IN_USE);
-        return add_result::refused;
-    }
-    if (find_in_list(table, entry->name) != nullptr) {
-        report_error(IMAGE_TOOLS_FCS_DUPLICATE_LABEL);
-        return add_result::refused;
-    }
-    const add_result result = add_to_store(table, *entry, enforceLimit);
-    if (result == add_result::added) {
-        append(table, entry);
-    }
-    return result;
+    static_cast<void>(copy.release()); // the list owns it now
+    return true;
 }
 
 // Adds the current value of a base entry: the overriding entry of that name, or else the base entry
@@ -199,7 +187,7 @@ bool add_current_value(const FcsFileEntry &base) {
     if (!copy_value(*value, entry)) {
         return false;
     }
-    const add_result result = add_entry(s_currentValuesTable, value.get(), false);
+    const add_result result = qoQfsAddNewFileFcs(s_currentValuesTable, value.get(), false);
     if (result == add_result::added) {
         static_cast<void>(value.release()); // the list owns it now
     }
@@ -310,8 +298,24 @@ FcsFileEntry *copyFileEntry(const FcsFileEntry *entry) {
     return copy && copy_value(*copy, *entry) ? copy.release() : nullptr;
 }
 
-bool qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit) {
-    return add_entry(table, entry, enforceLimit) == add_result::added;
+add_result qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit) {
+    if (table.handle == nullptr || entry == nullptr) {
+        qoQfsAssert("Invalid FCS handle or fileEntry pointer");
+        return add_result::refused;
+    }
+    if (entry->linked != 0) {
+        report_error(IMAGE_TOOLS_FCS_ENTRY_IN_USE);
+        return add_result::refused;
+    }
+    if (find_in_list(table, entry->name) != nullptr) {
+        report_error(IMAGE_TOOLS_FCS_DUPLICATE_LABEL);
+        return add_result::refused;
+    }
+    const add_result result = add_to_store(table, *entry, enforceLimit);
+    if (result == add_result::added) {
+        append(table, entry);
+    }
+    return result;
 }
 
 FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path) {
@@ -405,6 +409,16 @@ bool qoQfsGenerateFcsCurrentsTable() {
     // A part of the values would pass for all of them at the next termination.
     qoQfsFreeFcsTable(s_currentValuesTable);
     return false;
+}
+
+bool copy_current_values_to_built() {
+    for (const FcsFileEntry *entry = s_currentValuesTable.firstEntry; entry != nullptr;
+         entry = entry->next) {
+        if (takes_part(*entry) && !add_copy_to_built(*entry)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool qoQfsSerializeFcsTable() {

@@ -119,9 +119,12 @@ bool qoQfsLoadFcsTableFiles(FcsTable &table, bool withData);
 // A deep copy that stands in no list; null without memory (or for null).
 FcsFileEntry *copyFileEntry(const FcsFileEntry *entry);
 
-// Adds entry to the table's store and list, which then owns it. With enforceLimit a value over its
-// maximum size is refused. On false everything has been reported and the entry stays the caller's.
-bool qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit);
+// What came of adding an entry; all but the first have been reported.
+enum class add_result { added, refused, no_memory };
+
+// Adds entry to the table's store and list, which then owns it; an entry that is not added stays
+// the caller's. With enforceLimit a value over its maximum size is refused.
+add_result qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit);
 
 // The entry of path in the table of that name, or null; only a null path and an unknown table are
 // reported. A path that does not begin with "/home/" is taken as one below it.
@@ -144,6 +147,10 @@ void free_all_tables();
 // one. An entry that the store refuses is reported and left out. False, reported, without memory:
 // the table is then free, its handle null.
 bool qoQfsGenerateFcsCurrentsTable();
+
+// Copies the current values that take part into s_builtVynCfgTable, within their limits. False,
+// reported, at the first that is refused; a lack of memory for an entry itself is not reported.
+bool copy_current_values_to_built();
 
 // Flushes the store of s_builtVynCfgTable into its buffer.
 bool qoQfsSerializeFcsTable();

@@ -12,6 +12,7 @@
 #include "frontend/deployed_vfs.h"
 #include "frontend/fcs_tables.h"
 #include "frontend/report.h"
+#include "memory_utils.h"
 #include "vynerrors.h"
 
 namespace {
@@ -90,7 +91,7 @@ bool copy_into_buffer(FcsTable &table, const uint8_t *bytes, uint32_t size) {
         return false;
     }
     table.bufferSize = size;
-    return qoQfsMemCpy(table.buffer, size, bytes, size) == 0;
+    return qoQfsMemCpy(table.buffer, size, bytes, size) == BYTE_COPY_OK;
 }
 
 bool load_from_buffer(FcsTable &table) {
@@ -153,25 +154,6 @@ bool start_up(const _commonDolmInputs *inputs) {
 void tear_down() {
     free_all_tables();
     take_afs_down();
-    report_error(IMAGE_TOOLS_VYN_CFG_CREATE_FAILED);
-}
-
-bool copy_current_values_to_built() {
-    for (const FcsFileEntry *entry = s_currentValuesTable.firstEntry; entry != nullptr;
-         entry = entry->next) {
-        if (!takes_part(*entry)) {
-            continue;
-        }
-        FcsFileEntry *copy = copyFileEntry(entry);
-        if (copy == nullptr) {
-            return false;
-        }
-        if (!qoQfsAddNewFileFcs(s_builtVynCfgTable, copy, true)) {
-            qoQfsFreeFileEntry(copy);
-            return false;
-        }
-    }
-    return true;
 }
 
 // All copies first, then the flash, then the bytes: a value that the store refuses must not have
@@ -250,6 +232,7 @@ bool qoQfsNvarTerm(bool keepOpen) {
     const bool has_current_values = s_currentValuesTable.handle != nullptr;
     if (has_current_values && !build_store()) {
         tear_down();
+        report_error(IMAGE_TOOLS_VYN_CFG_CREATE_FAILED);
         return false;
     }
     if (keepOpen) {
