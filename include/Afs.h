@@ -23,31 +23,31 @@
 
 // Flags of afs_init. Bit 0x2 must be clear. AFS_FLAG_ATTACH_DEVICE, also one of them, is passed on
 // to afs_physical_ftl_init (AfsFtl.h).
-inline constexpr uint32_t AFS_FLAG_FILE_SIZES = 0x1;     // keep file_sizes
-inline constexpr uint32_t AFS_FLAG_FTL = 0x4;            // must be set
-inline constexpr uint32_t AFS_FLAG_NO_CHUNK_MAP = 0x8;   // read only: no chunk map
-inline constexpr uint32_t AFS_FLAG_CREATE_FS = 0x10;     // no header found: write one
-inline constexpr uint32_t AFS_FLAG_MOUNT_FTL = 0x20;     // else the context's mounted FTL is used
-inline constexpr uint32_t AFS_FLAG_ZERO_CONTEXT = 0x40;  // forget what the context holds
-inline constexpr uint32_t AFS_FLAG_PRELOAD_CACHE = 0x80; // fill the cache at the end
-inline constexpr uint32_t AFS_FLAG_FORCE_FORMAT = 0x100; // format in any case, and create
-inline constexpr uint32_t AFS_FLAG_FORMAT_IF_BAD = 0x40000;   // format, without erase, what is bad
-inline constexpr uint32_t AFS_FLAG_ERASE_ON_FORMAT = 0x80000; // the same, with erase
+constexpr uint32_t AFS_FLAG_FILE_SIZES = 0x1;          // keep file_sizes
+constexpr uint32_t AFS_FLAG_FTL = 0x4;                 // must be set
+constexpr uint32_t AFS_FLAG_NO_CHUNK_MAP = 0x8;        // read only: no chunk map
+constexpr uint32_t AFS_FLAG_CREATE_FS = 0x10;          // no header found: write one
+constexpr uint32_t AFS_FLAG_MOUNT_FTL = 0x20;          // else the context's mounted FTL is used
+constexpr uint32_t AFS_FLAG_ZERO_CONTEXT = 0x40;       // forget what the context holds
+constexpr uint32_t AFS_FLAG_PRELOAD_CACHE = 0x80;      // fill the cache at the end
+constexpr uint32_t AFS_FLAG_FORCE_FORMAT = 0x100;      // format in any case, and create
+constexpr uint32_t AFS_FLAG_FORMAT_IF_BAD = 0x40000;   // format, without erase, what is bad
+constexpr uint32_t AFS_FLAG_ERASE_ON_FORMAT = 0x80000; // the same, with erase
 
 // Flag of afs_writefile: the file ends where the write ends.
-inline constexpr uint32_t AFS_WRITE_TRUNCATE = 0x1;
+constexpr uint32_t AFS_WRITE_TRUNCATE = 0x1;
 
-inline constexpr uint32_t AFS_MAX_FILE_SIZE = 262144;    // bytes
-inline constexpr uint32_t AFS_NO_FILE_SIZE = 0xFFFFFFFF; // entry of file_sizes without a file
-inline constexpr uint32_t AFS_FILE_BUFFER_SIZE = 4096;   // bytes at afs_context::file_buffer
+constexpr uint32_t AFS_MAX_FILE_SIZE = 262144;    // bytes
+constexpr uint32_t AFS_NO_FILE_SIZE = 0xFFFFFFFF; // entry of file_sizes without a file
+constexpr uint32_t AFS_FILE_BUFFER_SIZE = 4096;   // bytes at afs_context::file_buffer
 
 // Bounds of the arguments of afs_init and afs_setcache.
-inline constexpr uint32_t AFS_MIN_CACHE_LINES = 2;
-inline constexpr uint32_t AFS_MAX_CACHE_LINES = 1000;
-inline constexpr uint32_t AFS_MIN_FILE_COUNT = 65; // below, byte counts and cids would collide
-inline constexpr uint32_t AFS_MAX_FILE_COUNT = 2048;
-inline constexpr uint32_t AFS_MIN_DEVICE_SIZE = 32768;
-inline constexpr uint32_t AFS_MAX_DEVICE_SIZE = 2097152;
+constexpr uint32_t AFS_MIN_CACHE_LINES = 2;
+constexpr uint32_t AFS_MAX_CACHE_LINES = 1000;
+constexpr uint32_t AFS_MIN_FILE_COUNT = 65; // below, byte counts and cids would collide
+constexpr uint32_t AFS_MAX_FILE_COUNT = 2048;
+constexpr uint32_t AFS_MIN_DEVICE_SIZE = 32768;
+constexpr uint32_t AFS_MAX_DEVICE_SIZE = 2097152;
 
 DOLM_EXTERN_C_BEGIN
 

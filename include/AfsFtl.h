@@ -17,41 +17,41 @@
 #include "dolm_api.h"
 
 // Status numbers of all AFS operations.
-inline constexpr uint32_t AFS_RC_OK = 0;
-inline constexpr uint32_t AFS_RC_NO_FILE = 2;
-inline constexpr uint32_t AFS_RC_IO = 5; // input or output failure, or damaged data
-inline constexpr uint32_t AFS_RC_AGAIN = 11;
-inline constexpr uint32_t AFS_RC_NO_MEMORY = 12;
-inline constexpr uint32_t AFS_RC_INVALID = 22;
-inline constexpr uint32_t AFS_RC_TOO_LARGE = 27;
-inline constexpr uint32_t AFS_RC_NO_SPACE = 28;
-inline constexpr uint32_t AFS_RC_BAD_STATE = 99;
-inline constexpr uint32_t AFS_RC_NOT_RECLAIMED = 0x9797; // reclaim done and valid, nothing gained
-inline constexpr uint32_t AFS_RC_FLUSH_FIRST = 0xFFFD;   // flush the cache, then allocate again
+constexpr uint32_t AFS_RC_OK = 0;
+constexpr uint32_t AFS_RC_NO_FILE = 2;
+constexpr uint32_t AFS_RC_IO = 5; // input or output failure, or damaged data
+constexpr uint32_t AFS_RC_AGAIN = 11;
+constexpr uint32_t AFS_RC_NO_MEMORY = 12;
+constexpr uint32_t AFS_RC_INVALID = 22;
+constexpr uint32_t AFS_RC_TOO_LARGE = 27;
+constexpr uint32_t AFS_RC_NO_SPACE = 28;
+constexpr uint32_t AFS_RC_BAD_STATE = 99;
+constexpr uint32_t AFS_RC_NOT_RECLAIMED = 0x9797; // reclaim done and valid, nothing gained
+constexpr uint32_t AFS_RC_FLUSH_FIRST = 0xFFFD;   // flush the cache, then allocate again
 
 // Flags of afs_physical_ftl_init.
-inline constexpr uint32_t AFS_FTL_ALLOCATE_TABLES = 0x10000;
-inline constexpr uint32_t AFS_FLAG_ATTACH_DEVICE = 0x20000;
+constexpr uint32_t AFS_FTL_ALLOCATE_TABLES = 0x10000;
+constexpr uint32_t AFS_FLAG_ATTACH_DEVICE = 0x20000;
 
 // Geometry that every store shares.
-inline constexpr uint32_t AFS_PAGE_SIZE = 64;
-inline constexpr uint32_t AFS_EU_SIZE = 8192;
-inline constexpr uint32_t AFS_FTL_EU_PAGES = 120;  // page slots of a log EU
-inline constexpr uint32_t AFS_DATA_EU_PAGES = 122; // page slots of a data EU
-inline constexpr uint32_t AFS_DATA_EU_BYTES = AFS_DATA_EU_PAGES * AFS_PAGE_SIZE;
-inline constexpr uint32_t AFS_MAX_EU_COUNT = 255;
+constexpr uint32_t AFS_PAGE_SIZE = 64;
+constexpr uint32_t AFS_EU_SIZE = 8192;
+constexpr uint32_t AFS_FTL_EU_PAGES = 120;  // page slots of a log EU
+constexpr uint32_t AFS_DATA_EU_PAGES = 122; // page slots of a data EU
+constexpr uint32_t AFS_DATA_EU_BYTES = AFS_DATA_EU_PAGES * AFS_PAGE_SIZE;
+constexpr uint32_t AFS_MAX_EU_COUNT = 255;
 
 // "No EU" and "no chunk" in 32-bit fields and results.
-inline constexpr uint32_t AFS_FTL_NONE = 0xFFFFFFFF;
+constexpr uint32_t AFS_FTL_NONE = 0xFFFFFFFF;
 
 // Kinds of EU in a reclaim.
-inline constexpr uint32_t AFS_FTL_KIND_LOG = 0;
-inline constexpr uint32_t AFS_FTL_KIND_DATA = 1;
-inline constexpr uint32_t AFS_FTL_KIND_ANY = 2; // whatever the idle check finds
+constexpr uint32_t AFS_FTL_KIND_LOG = 0;
+constexpr uint32_t AFS_FTL_KIND_DATA = 1;
+constexpr uint32_t AFS_FTL_KIND_ANY = 2; // whatever the idle check finds
 
 // Modes of a reclaim: only move the log head or the allocator to an EU with room, or the real one.
-inline constexpr uint32_t AFS_FTL_MODE_MOVE = 0;
-inline constexpr uint32_t AFS_FTL_MODE_RECLAIM = 1;
+constexpr uint32_t AFS_FTL_MODE_MOVE = 0;
+constexpr uint32_t AFS_FTL_MODE_RECLAIM = 1;
 
 DOLM_EXTERN_C_BEGIN
 

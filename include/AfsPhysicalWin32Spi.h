@@ -9,7 +9,7 @@
 #include "dolm_api.h"
 
 // Bytes that one erase clears.
-inline constexpr uint32_t SPI_ERASE_BLOCK_SIZE = 4096;
+constexpr uint32_t SPI_ERASE_BLOCK_SIZE = 4096;
 
 DOLM_EXTERN_C_BEGIN
 

@@ -22,26 +22,26 @@
 #include "efs_tools_utils.h"
 
 // Results of the EFS functions.
-inline constexpr uint32_t EFS_OK = 0;
-inline constexpr uint32_t EFS_NOT_MOUNTED = 1; // not mounted, no geometry loaded, or no image
-inline constexpr uint32_t EFS_NO_FILE = 2;     // the file's record says that it does not exist
-inline constexpr uint32_t EFS_SEQUENCE_EXHAUSTED = 5; // the BM sequence cannot grow any more
-inline constexpr uint32_t EFS_LOOK_AGAIN = 11;        // inside the mount only: read the BM again
-inline constexpr uint32_t EFS_NO_MEMORY = 12;         // an allocation failed
-inline constexpr uint32_t EFS_INVALID = 22;           // invalid argument or address
-inline constexpr uint32_t EFS_NO_SPACE = 28;          // more spare blocks needed than there are
-inline constexpr uint32_t EFS_OUT_OF_RANGE = 34;    // a length or offset outside the file's limits
-inline constexpr uint32_t EFS_BAD_DATA = 41;        // data failed verification, or no usable BM
-inline constexpr uint32_t EFS_BAD_FILE_OFFSET = 99; // at format: a file's offset exceeds 4072
+constexpr uint32_t EFS_OK = 0;
+constexpr uint32_t EFS_NOT_MOUNTED = 1;        // not mounted, no geometry loaded, or no image
+constexpr uint32_t EFS_NO_FILE = 2;            // the file's record says that it does not exist
+constexpr uint32_t EFS_SEQUENCE_EXHAUSTED = 5; // the BM sequence cannot grow any more
+constexpr uint32_t EFS_LOOK_AGAIN = 11;        // inside the mount only: read the BM again
+constexpr uint32_t EFS_NO_MEMORY = 12;         // an allocation failed
+constexpr uint32_t EFS_INVALID = 22;           // invalid argument or address
+constexpr uint32_t EFS_NO_SPACE = 28;          // more spare blocks needed than there are
+constexpr uint32_t EFS_OUT_OF_RANGE = 34;      // a length or offset outside the file's limits
+constexpr uint32_t EFS_BAD_DATA = 41;          // data failed verification, or no usable BM
+constexpr uint32_t EFS_BAD_FILE_OFFSET = 99;   // at format: a file's offset exceeds 4072
 
 // Values of efs_ctx.next_bm_state.
-inline constexpr uint8_t EFS_NEXT_BM_UNKNOWN = 0;
-inline constexpr uint8_t EFS_NEXT_BM_ERASED = 1;
-inline constexpr uint8_t EFS_NEXT_BM_NEEDS_ERASE = 2;
+constexpr uint8_t EFS_NEXT_BM_UNKNOWN = 0;
+constexpr uint8_t EFS_NEXT_BM_ERASED = 1;
+constexpr uint8_t EFS_NEXT_BM_NEEDS_ERASE = 2;
 
 // Values in efs_ctx.block_status.
-inline constexpr uint8_t EFS_BLOCK_DIRTY = 1; // stale data or a failed write: erase before use
-inline constexpr uint8_t EFS_BLOCK_FREE = 2;  // erased, with a good header
+constexpr uint8_t EFS_BLOCK_DIRTY = 1; // stale data or a failed write: erase before use
+constexpr uint8_t EFS_BLOCK_FREE = 2;  // erased, with a good header
 
 // A block map in memory.
 struct EFS_bme {

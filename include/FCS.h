@@ -27,11 +27,11 @@ struct _cfg_file_entry_t {
 
 #pragma pack(pop)
 
-static_assert(sizeof(_cfg_file_entry_t) == 12);
-static_assert(offsetof(_cfg_file_entry_t, fileno) == 0);
-static_assert(offsetof(_cfg_file_entry_t, offset) == 4);
-static_assert(offsetof(_cfg_file_entry_t, size) == 8);
-static_assert(offsetof(_cfg_file_entry_t, opaque) == 10);
+static_assert(sizeof(_cfg_file_entry_t) == 12, "packed");
+static_assert(offsetof(_cfg_file_entry_t, fileno) == 0, "packed");
+static_assert(offsetof(_cfg_file_entry_t, offset) == 4, "packed");
+static_assert(offsetof(_cfg_file_entry_t, size) == 8, "packed");
+static_assert(offsetof(_cfg_file_entry_t, opaque) == 10, "packed");
 
 namespace image_editor {
 class IFile;

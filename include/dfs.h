@@ -18,14 +18,14 @@
 DOLM_EXTERN_C_BEGIN
 
 // Status of the operations below; AFS's own where one says so (Afs.h).
-inline constexpr uint32_t DFS_OK = 0;
-inline constexpr uint32_t DFS_NO_SUCH_FILE = 2;
-inline constexpr uint32_t DFS_IO_ERROR = 5;
-inline constexpr uint32_t DFS_OUT_OF_MEMORY = 12;
-inline constexpr uint32_t DFS_INVALID_ARGUMENT = 22;
-inline constexpr uint32_t DFS_FILE_TOO_LARGE = 27;
-inline constexpr uint32_t DFS_NO_SPACE = 28;
-inline constexpr uint32_t DFS_NO_CONTEXT = 0xFFFFFFFF;
+constexpr uint32_t DFS_OK = 0;
+constexpr uint32_t DFS_NO_SUCH_FILE = 2;
+constexpr uint32_t DFS_IO_ERROR = 5;
+constexpr uint32_t DFS_OUT_OF_MEMORY = 12;
+constexpr uint32_t DFS_INVALID_ARGUMENT = 22;
+constexpr uint32_t DFS_FILE_TOO_LARGE = 27;
+constexpr uint32_t DFS_NO_SPACE = 28;
+constexpr uint32_t DFS_NO_CONTEXT = 0xFFFFFFFF;
 
 // The one AFS store; null until dfs_init has run. Allocated once, kept for the life of the process.
 // A start-up of the front end (qoqfs.h) leaves no store in it unless it mounts one itself.

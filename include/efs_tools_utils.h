@@ -43,20 +43,20 @@ struct EFS_file_entry {
 
 #pragma pack(pop)
 
-static_assert(sizeof(file_table_entry_t) == 68);
-static_assert(offsetof(file_table_entry_t, name) == 0);
-static_assert(offsetof(file_table_entry_t, fileno) == 48);
-static_assert(offsetof(file_table_entry_t, attributes) == 52);
-static_assert(offsetof(file_table_entry_t, unread_54) == 54);
-static_assert(offsetof(file_table_entry_t, file_id) == 58);
-static_assert(offsetof(file_table_entry_t, unread_60) == 60);
-static_assert(offsetof(file_table_entry_t, store) == 63);
-static_assert(offsetof(file_table_entry_t, max_size) == 64);
+static_assert(sizeof(file_table_entry_t) == 68, "packed");
+static_assert(offsetof(file_table_entry_t, name) == 0, "packed");
+static_assert(offsetof(file_table_entry_t, fileno) == 48, "packed");
+static_assert(offsetof(file_table_entry_t, attributes) == 52, "packed");
+static_assert(offsetof(file_table_entry_t, unread_54) == 54, "packed");
+static_assert(offsetof(file_table_entry_t, file_id) == 58, "packed");
+static_assert(offsetof(file_table_entry_t, unread_60) == 60, "packed");
+static_assert(offsetof(file_table_entry_t, store) == 63, "packed");
+static_assert(offsetof(file_table_entry_t, max_size) == 64, "packed");
 
-static_assert(sizeof(EFS_file_entry) == 8);
-static_assert(offsetof(EFS_file_entry, block) == 0);
-static_assert(offsetof(EFS_file_entry, offset) == 1);
-static_assert(offsetof(EFS_file_entry, max_size) == 3);
+static_assert(sizeof(EFS_file_entry) == 8, "packed");
+static_assert(offsetof(EFS_file_entry, block) == 0, "packed");
+static_assert(offsetof(EFS_file_entry, offset) == 1, "packed");
+static_assert(offsetof(EFS_file_entry, max_size) == 3, "packed");
 
 DOLM_EXTERN_C_BEGIN
 
