@@ -11,7 +11,8 @@
  *
  * The library has one instance per process and runs on one thread at a time. Operations give back
  * plain success or failure; the reason of a failure reaches the host through its status callback,
- * during the call that fails. */
+ * during the call that fails. The numbers in brackets below are those of the reports, the last one
+ * of a failure behind those that say more; the host guide tells what each means and what to do. */
 #ifndef DOLM_QOQFS_H
 #define DOLM_QOQFS_H
 
@@ -123,27 +124,19 @@ DOLM_EXTERN_C_BEGIN
  * into the current values, the flash stores on their images, and, where the flash image holds a
  * deployed VFS, the values of its files. inputs is read only during the call. statusCallback may be
  * null, which drops all reports; otherwise it is kept, also after termination, until the next
- * start-up. A failure of the checks of the inputs leaves whatever stood before in use; from there
- * on a start-up replaces it, also if it fails later.
+ * start-up.
  *
- * False after these reports, all of level 4; "status" means that the message carries the status of
- * a lower layer:
- *   344  no inputs, or no "orvel.cfg"
- *   342  a range with a size but no data (the message names it); "vync.cfg" shorter than the
- *        payload that its head announces; AFS would not mount (after 1 with its status and a line
- *        on standard output); a deployed file could not be read, is shorter than its trailer, or
- *        found no place (after 39 or 324)
- *   405  no file table, or one that is refused (status)
- *   116  "vync.cfg" shorter than its head
- *   331  a store is refused (status)
- *   328  the files of a store could not be taken over (after 323, 324, or 332 or 333 with status)
- *   347  no memory for the current values (after 324, 334 with status 9, or 331 with status and
- * 346) 343  the EFS image is too short or would not mount 324  no memory Two kinds of reports come
- * while start-up goes on: a warning of level 2, number 0, names a file that the deployed VFS lacks,
- * whose value stays that of the tables; and a value that the store of the current values refuses is
- * left out of them, after 334 with status. Once the tables are up they stay up when the flash stage
- * fails, and a value whose file could not be read, with all behind it, is that of the tables: end
- * with qoQfsNvarTerm(false). */
+ * False, reported, where
+ * - the inputs are not what they have to be (344, 342, 405): whatever stood before stays in use.
+ *   Behind these checks a start-up replaces it, also one that fails;
+ * - the tables do not come up (405, 331, 328, 116, 342, 324, 347): nothing is up;
+ * - the flash stores do not (342, 343), or a file of the deployed VFS cannot be read (342): the
+ *   tables are up, and that file's value and all behind it are those of the tables. End with
+ *   qoQfsNvarTerm(false).
+ *
+ * True also after a warning (0) that names a file which the deployed VFS lacks, whose value stays
+ * that of the tables, and after a value has been left out that the store of the current values
+ * refuses (334). */
 DOLM_API bool qoQfsDolmInit(const _commonDolmInputs *inputs, DolmStatusCallback statusCallback);
 
 /* Whether AFS is up. */
@@ -160,15 +153,15 @@ DOLM_API bool qoQfsIsVfsDeployed(void);
  * default. Says nothing about whether an image was given. */
 DOLM_API uint32_t qoQfsGetEfsSize(void);
 
-/* The table of index 0 (base), 1 (overriding) or 2 (current values). A higher index reports number
- * 0 with "Invalid fcsFileNameMap value" and gives FCS_FILE_CURRENT_VALUES. */
+/* The table of index 0 (base), 1 (overriding) or 2 (current values). A higher index is
+ * reported (0) and gives FCS_FILE_CURRENT_VALUES. */
 DOLM_API FcsFileName qoQfsGetFcsFileNameMapping(uint32_t index);
 
 /* A path below is NUL-terminated and may leave out its leading "/home/". Comparison is
  * case-sensitive and ends after 255 characters. */
 
-/* Whether the table fileName holds path. False with a report of 402 for a null path and of 337 for
- * an unknown table; a missing name is not reported. */
+/* Whether the table fileName holds path. A missing name is not reported, but a null path (402) and
+ * an unknown table (337) are. */
 DOLM_API bool qoqfsCheckNvarExists(const char *path, FcsFileName fileName);
 
 /* Gives the value of path in the table fileName: *data points to the library's own buffer of *size
@@ -177,13 +170,10 @@ DOLM_API bool qoqfsCheckNvarExists(const char *path, FcsFileName fileName);
  * never frees it. Where not null, *writable is false if termination passes by the file of that
  * name in the deployed VFS (true without one), and *maxSize is the value's limit in bytes.
  *
- * False after these reports, with *writable and *maxSize untouched, and *data null and *size 0 but
- * for 402:
- *   402  path, data or size is null; nothing is written
- *   337  unknown table (followed by 39)
- *   39   no such name, or the tables are not up
- *   323  a value without a buffer
- *   349  the entry is not accessible */
+ * False, reported, for a null path, data or size (402), an unknown table (337, 39), a name that is
+ * not there or tables that are not up (39), a value without a buffer (323) and an entry that is not
+ * accessible (349). But for 402, which writes nothing, *data is then null and *size 0; *writable
+ * and *maxSize are untouched. */
 DOLM_API bool qoQfsNvarGet(const char *path, uint8_t **data, uint32_t *size, FcsFileName fileName,
                            bool *writable, uint32_t *maxSize);
 
@@ -192,11 +182,9 @@ DOLM_API bool qoQfsNvarGet(const char *path, uint8_t **data, uint32_t *size, Fcs
  * which the caller fills. Pointers got earlier for this name are dead, unless the size stayed the
  * same. The limit of the name is tested at termination, not here.
  *
- * False after these reports, with value, size and pointers as before:
- *   402  path or data is null
- *   39   no such name, or the tables are not up
- *   349  the entry is not accessible
- *   324  no memory */
+ * False, reported, with value, size and pointers as before, for a null path or data (402), a name
+ * that is not there or tables that are not up (39), an entry that is not accessible (349) and
+ * without memory (324). */
 DOLM_API bool qoQfsNvarResize(const char *path, uint8_t **data, uint32_t size);
 
 /* Writes the current values back: into a new store, into the files of a deployed VFS, and
@@ -204,25 +192,21 @@ DOLM_API bool qoQfsNvarResize(const char *path, uint8_t **data, uint32_t size);
  * where qoQfsGetBuildVynCfgFcsBuffer finds its bytes, and the library stays up; otherwise
  * everything is released, the bytes included. All pointers to values die.
  *
- * False after these reports; 348 comes last and says that all tables are released and AFS is down:
- *   327  the tables are not up; nothing happens
- *   331  no new store (status), then 348
- *   329, 330, 334, 324  a value was refused (334 with the status: 12 for one over its limit or over
- *        65,523 bytes), then 348
- *   102  a value could not be written to the flash (status), then 348
- *   339  a file is missing from the deployed VFS or unreadable, then 348
- *   336  the store could not be serialised (status), then 348
- *   346  no memory to make the current values anew (after 324, 334 with status 9, or 331 with
- *        status and 346 once more). Everything has been written by then, and the library stays up
- *        without current values. The next termination writes nothing: with keepOpen it tries again
- *        to make them, without it releases everything
- *   338  AFS would not terminate (status); without keepOpen the tables stay up */
+ * False, reported, where
+ * - the tables are not up (327): nothing happens;
+ * - a value is refused, above its limit for instance, or cannot be written to the flash, or memory
+ *   runs out before the new store stands (348): all tables are released and AFS is down, but files
+ *   that were written by then stay written;
+ * - memory runs out while the current values are made anew (346): everything is written, and the
+ *   library stays up without current values. The next termination writes nothing: with keepOpen it
+ *   tries again to make them, without it releases everything;
+ * - AFS does not terminate (338): without keepOpen the tables stay up. */
 DOLM_API bool qoQfsNvarTerm(bool keepOpen);
 
 /* Gives the bytes of the overriding table: after qoQfsNvarTerm(true) the rebuilt store, before that
  * the payload of "vync.cfg" as it came. They carry no "vync.cfg" head, stay the library's, and are
- * good until the next qoQfsNvarTerm or start-up. False with a report of 402 if an argument is null;
- * false without a report, and with nothing written, if there are no bytes. */
+ * good until the next qoQfsNvarTerm or start-up. False, reported, for a null argument (402); false,
+ * not reported and with nothing written, where there are no bytes. */
 DOLM_API bool qoQfsGetBuildVynCfgFcsBuffer(uint8_t **bytes, uint32_t *size);
 
 DOLM_EXTERN_C_END
