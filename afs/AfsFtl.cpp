@@ -93,6 +93,37 @@ bool has_data_area(const afs_context *context) {
     return context->total_va_size != context->data_va_start;
 }
 
+// Without the geometry nothing but page 0 is asked for.
+bool is_in_doubt(const log_contents &log, log_pages pages) {
+    return log.doubtful_slot != AFS_FTL_NONE &&
+           (!pages.provisional || std::find(log.pages + log.doubtful_slot, std::end(log.pages),
+                                            0) != std::end(log.pages));
+}
+
+// Whether an entry in doubt is chained to one that is missing: the slot then holds another page
+// than it decodes to, one that some link leads to. The flash is only read if there is such a link.
+uint32_t find_out_if_astray(uint32_t address, uint16_t entry, uint32_t page, uint32_t page_count,
+                            bool *astray) {
+    *astray = false;
+    uint8_t slot[page_slot_size] = {};
+    bool is_read = false;
+    for (uint32_t link = 0; link < page_count && !*astray; ++link) {
+        const uint32_t other = log_chain(static_cast<uint16_t>(link), entry);
+        if (other == page || other >= page_count) {
+            continue;
+        }
+        if (!is_read && SpiDrvRead(address, sizeof slot, slot) != 0) {
+            return AFS_RC_IO;
+        }
+        is_read = true;
+        if (page_slot_is_good(slot, page)) {
+            return AFS_RC_OK;
+        }
+        *astray = page_slot_is_good(slot, other);
+    }
+    return AFS_RC_OK;
+}
+
 uint32_t read_log(const afs_context *context, uint32_t eu, log_contents &log) {
     uint8_t map[log_map_size] = {};
     if (SpiDrvRead(eu_address(context, eu) + log_map_offset, sizeof map, map) != AFS_RC_OK) {
@@ -101,7 +132,20 @@ uint32_t read_log(const afs_context *context, uint32_t eu, log_contents &log) {
     const log_pages pages = {.count = std::min(log_page_count(context), context->ftl->page_count),
                              .provisional = !has_data_area(context)};
     log = read_log_map(map, pages);
-    return AFS_RC_OK;
+    if (!is_in_doubt(log, pages)) {
+        return AFS_RC_OK;
+    }
+    const uint32_t doubtful = log.doubtful_slot;
+    uint8_t *entry = map + doubtful * log_entry_size;
+    bool astray;
+    const uint32_t rc =
+        find_out_if_astray(eu_address(context, eu) + log_slot_offset(doubtful), load_le16(entry),
+                           log.pages[doubtful], pages.count, &astray);
+    if (rc == AFS_RC_OK && astray) {
+        store_le16(entry, log_entry_erased); // like the entries before it that did not land
+        log = read_log_map(map, pages);
+    }
+    return rc;
 }
 
 // A committed log entry: page has a copy in a slot of eu. The copy in the EU of the higher sequence

@@ -34,6 +34,7 @@ log_contents read_log_map(const uint8_t *map, log_pages pages) {
                         .slots = AFS_FTL_EU_PAGES,
                         .last_page = 0,
                         .next_slot = AFS_FTL_NONE,
+                        .doubtful_slot = AFS_FTL_NONE,
                         .closed = false,
                         .blank = is_erased_from(map, 0),
                         .damaged = false};
@@ -64,6 +65,9 @@ log_contents read_log_map(const uint8_t *map, log_pages pages) {
             close_log(log, slot);
             return log;
         }
+        if (slot == log.next_slot) {
+            log.doubtful_slot = slot;
+        }
         log.last_page = page;
         if (page >= pages.count) {
             log.slots = slot;
@@ -75,6 +79,7 @@ log_contents read_log_map(const uint8_t *map, log_pages pages) {
         behind_cut = behind_cut && pages.provisional;
         if (entry_at(map, slot + 1) == log_entry_commit_mark) {
             log.next_slot = slot + 1;
+            log.doubtful_slot = AFS_FTL_NONE;
             log.closed = !is_erased_from(map, slot + 2);
             return log;
         }

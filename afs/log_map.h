@@ -16,6 +16,9 @@ struct log_contents {
     uint32_t slots;                   // read: all, or those before a damaged entry
     uint16_t last_page;               // of the last entry read; 0 if there is none
     uint32_t next_slot;               // where the log goes on, or AFS_FTL_NONE if no end shows
+    uint32_t doubtful_slot;           // the first one behind a gap that no commit mark follows: its
+                                      // run may have landed without its first entry, so that it
+                                      // decodes to a wrong page. AFS_FTL_NONE if there is none
     bool closed;                      // the EU takes no more pages, whatever next_slot says
     bool blank;                       // nothing was ever written
     bool damaged;                     // an entry leads to a page that the store does not have

@@ -218,13 +218,15 @@ class Reader {
         }
         uint16_t last = 0;
         bool behind_cut = false;
+        uint32_t gap_end = 0; // slot behind two that were given up
         uint32_t slot = 0;
         while (slot < log_slots) {
             const uint16_t entry = log_entry(eu, slot);
             const uint16_t next = log_entry(eu, slot + 1);
             if ((next & entry_uncommitted_bit) == 0) {
                 const auto page = static_cast<uint16_t>(link_of(last) ^ entry);
-                const bool astray = behind_cut && page >= image_.pages.size();
+                const bool astray = (behind_cut && page >= image_.pages.size()) ||
+                                    (slot == gap_end && is_left_of_a_run(eu, slot, entry, page));
                 if ((entry & entry_page_mask) != entry || astray) {
                     end.closed = true;
                     return end;
@@ -245,11 +247,28 @@ class Reader {
             } else {
                 // The write of this slot was cut; the slot after it goes with it.
                 slot = std::min(slot + 2, log_slots);
-                end.slot = slot;
+                end.slot = gap_end = slot;
                 behind_cut = true;
             }
         }
         return end;
+    }
+
+    // Behind a gap that no commit mark follows, an entry can be chained to one that did not land.
+    // Then its slot holds another page, one that some link makes of it.
+    bool is_left_of_a_run(uint32_t eu, uint32_t slot, uint16_t entry, uint32_t page) const {
+        const uint8_t *record = at(log_record_at(eu, slot));
+        bool is_left = slot > 0 && !page_is_good(record, page);
+        for (uint32_t i = slot; is_left && i <= log_slots; ++i) {
+            is_left = log_entry(eu, i) != entry_commit_mark;
+        }
+        for (uint32_t link = 0; is_left && link < image_.pages.size(); ++link) {
+            const uint32_t other = link_of(static_cast<uint16_t>(link)) ^ entry;
+            if (other < image_.pages.size() && page_is_good(record, other)) {
+                return true;
+            }
+        }
+        return false;
     }
 
     void enter_page(uint32_t page, uint32_t eu, uint32_t slot) {

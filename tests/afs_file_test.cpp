@@ -264,6 +264,44 @@ TEST(AfsMount, TakesATornRunWhateverItDecodesToInTheProvisionalGeometry) {
     EXPECT_EQ(store.read_files(), (Files{{1, pattern(1, 300)}, {2, {2}}}));
 }
 
+// In a log of more than 128 pages, the first entry left of a torn run can lead to one of them. Only
+// the page in its slot tells it from one that was written behind a cut.
+TEST(AfsMount, LooksForThePageThatAnEntryBehindAGapLeadsTo) {
+    for (const uint16_t moved : std::initializer_list<uint16_t>{0, 1}) {
+        for (const bool torn : {true, false}) {
+            Store store(format_afs_image({60 * AFS_EU_SIZE, 40, 2048}));
+            ASSERT_EQ(store.write(2000, 0, pattern(1, 300)).run(), AFS_RC_OK);
+            const Files files = store.read_files();
+            const afs_ftl_state &ftl = store.ftl();
+            const uint32_t eu = ftl.write_eu;
+            const uint32_t slot = ftl.write_slot;
+            uint8_t *bytes = &store.image[eu * AFS_EU_SIZE];
+            const auto put_entry = [&](uint32_t i, uint16_t link, uint16_t page) {
+                store_le16(bytes + log_entry_offset(slot + i), log_chain(link, page));
+            };
+            const uint16_t last = ftl.last_page;
+            const uint16_t missing = last ^ 112; // its entry would stand in the next slot
+            ASSERT_LT(missing, ftl.page_count);
+            const uint16_t page = log_chain(last, log_chain(missing, 0)) ^ moved;
+            put_entry(0, last, 3);
+            put_entry(2, missing, page); // by the link that the mount has: moved
+            put_entry(3, page, 4);
+            const uint16_t held = torn ? page : moved;
+            uint8_t *record = bytes + log_slot_offset(slot + 2);
+            ASSERT_EQ(
+                afs_physical_ftl_read_page(store.context(), held * AFS_PAGE_SIZE, 0, record, 0),
+                AFS_RC_OK);
+            store_le16(record + page_crc_offset, page_crc(record, held));
+
+            ASSERT_EQ(store.remount(), AFS_RC_OK) << moved << torn;
+            EXPECT_EQ(log_head_is_full(store.ftl()), torn);
+            EXPECT_EQ(store.ftl().page_map[moved].slot == slot + 2, !torn);
+            EXPECT_EQ(store.read_files(), files);
+            EXPECT_EQ(store.check(store.image, files), std::vector<std::string>{});
+        }
+    }
+}
+
 TEST(AfsMount, LongCacheLinesHoldZerosBehindTheirPage) {
     Store store;
     ASSERT_EQ(afs_setcache(store.context(), 128, 2), AFS_RC_OK);
