@@ -196,6 +196,9 @@ void list_nvars(const ListOptions &options) {
 }
 
 void get_nvar(const GetOptions &options) {
+    if (tells_json() && options.raw_file == "-") {
+        throw UsageError("standard output cannot take the raw bytes and JSON");
+    }
     SetFiles set = load_set(options.folder, options.lock_timeout);
     const Library library(set, choose_sku(set, options.sku));
     const Nvar nvar = library.nvar(options.name, table_named(options.table));

@@ -205,7 +205,7 @@ void run(int argc, char **argv) {
     dolm::system::prepare_streams();
     const std::vector<std::string> words(argv + 1, argv + argc);
     if (asks_for_json(words)) {
-        dolm::choose_json();
+        dolm::choose_json(words.front());
     }
     CLI::App app("Builds, reads and changes sets of firmware storage inputs: configuration tables "
                  "and flash images.");

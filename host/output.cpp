@@ -16,6 +16,7 @@ namespace {
 constexpr int error_level = 4;
 
 bool json_chosen = false;
+std::string command_name;
 Json untold_reports = Json::array();
 
 std::string dump(const Json &json, int indent) {
@@ -71,8 +72,9 @@ void check_output() {
 
 } // namespace
 
-void choose_json() {
+void choose_json(const std::string &command) {
     json_chosen = true;
+    command_name = command;
 }
 
 bool tells_json() {
@@ -129,6 +131,7 @@ void print_text(std::string_view text) {
 }
 
 void print_json(Json json) {
+    json["command"] = command_name;
     json["reports"] = std::exchange(untold_reports, Json::array());
     print_raw(dump(json, 2));
 }

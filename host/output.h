@@ -15,8 +15,8 @@ namespace dolm {
 
 using Json = nlohmann::ordered_json;
 
-// How the command tells; text until JSON is chosen.
-void choose_json();
+// How a command tells; text until JSON is chosen. Its name goes into its result.
+void choose_json(const std::string &command);
 bool tells_json();
 
 // Something that the library reported, or that the command has to say beside its results.

@@ -173,6 +173,22 @@ TEST_F(DolmCalls, ReadersLeaveEveryTimeAlone) {
     }
 }
 
+TEST_F(DolmCalls, ShowsNothingThatATerminalWouldObey) {
+    patch(set / "ftbl.bin", "/home/net/dns", 10, "\x1b\n\x9b");
+    EXPECT_EQ(run("set set net/ntp 'gr\u00fc\u00dfe \u65e5'").code, 0);
+    patch(set / "ftbl.bin", "/home/net/ntp", 10, "\xc2\x9b");
+    for (const char *command : {"list set", "list set --json", "inspect set/qfs.img", "check set",
+                                "check set --json", "get set '\x1b[31m'", "\x1b[31m"}) {
+        const Outcome outcome = run(command);
+        for (const std::string &text : {outcome.out, outcome.err}) {
+            EXPECT_EQ(text.find_first_of("\x1b\x9b"), std::string::npos) << command;
+        }
+    }
+    const std::string list = run("list set").out;
+    EXPECT_NE(list.find("/home/net/\\x1b\\x0a\\x9b "), std::string::npos) << list;
+    EXPECT_NE(list.find("\"gr\u00fc\u00dfe \u65e5\""), std::string::npos) << list;
+}
+
 TEST_F(DolmCalls, WaitsForTheLockOfTheFolder) {
     const Call calls[] = {
         {"list set --lock-timeout 0", 1, "another command works on set"},
@@ -187,7 +203,8 @@ TEST_F(DolmCalls, WaitsForTheLockOfTheFolder) {
 }
 
 TEST_F(DolmCalls, WhatGetPrintsSetTakesBack) {
-    for (const std::string bytes : {"", "text", "hex:zz", "@here", "text:x", "a b", "\x01\xff"}) {
+    for (const std::string bytes : {"", "text", "hex:zz", "@here", "text:x", "a b", "\x01\xff",
+                                    "gr\u00fc\u00dfe", "\u200b"}) {
         write_whole(folder / "value.bin", bytes);
         ASSERT_EQ(run("set set net/ntp @value.bin").code, 0);
         std::string shown = value("set net/ntp");
