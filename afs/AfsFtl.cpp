@@ -14,7 +14,7 @@ using namespace dolm;
 
 namespace {
 
-// What the scan of the EU headers finds out, beyond the tables.
+// Found by the scan of the EU headers, beyond the tables.
 struct header_scan {
     uint32_t spare = AFS_FTL_NONE;   // the EU without a valid header
     uint32_t pending = AFS_FTL_NONE; // the EU whose header is not committed

@@ -23,7 +23,7 @@ bool is_of_kind(const afs_eu_info &row, uint32_t kind) {
     return (row.va_base != 0) == (kind == AFS_FTL_KIND_DATA);
 }
 
-// What decides between the EUs of one kind.
+// Decides between the EUs of one kind.
 struct wear_survey {
     uint32_t least_worn = AFS_FTL_NONE;
     uint32_t highest_erase_count = 0;

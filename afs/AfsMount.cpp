@@ -259,7 +259,7 @@ uint32_t afs_init(afs_context *context, void *image, uint32_t page_size, uint32_
     if (has_flag(flags, AFS_FLAG_ZERO_CONTEXT)) {
         *context = {};
     }
-    // What an earlier mount left in the cache belongs to its geometry, perhaps to another image.
+    // The cache of an earlier mount belongs to its geometry, perhaps to another image.
     release_tables(context);
     context->file_count = 0;
     context->last_fat_page = 0;

@@ -1,4 +1,4 @@
-// What lies at the start of the VA space of a store, and the ways to it through the page cache.
+// The start of the VA space of a store, and the ways to it through the page cache.
 //
 //   VA                   size             content
 //   0                    14               file-system header

@@ -1,4 +1,4 @@
-// What mount, page operations and reclaim of the FTL share: checked access to the device, and the
+// Shared by mount, page operations and reclaim of the FTL: checked access to the device, and the
 // way from a VA to its place.
 #pragma once
 
@@ -49,7 +49,7 @@ inline bool log_head_is_full(const afs_ftl_state &ftl) {
     return ftl.write_slot == AFS_FTL_EU_PAGES || ftl.head_closed != 0;
 }
 
-// What the next entry of the log is chained to.
+// The page that the next entry of the log is chained to.
 inline uint16_t log_link(const afs_ftl_state &ftl) {
     return ftl.chain_starts != 0 ? uint16_t{0} : ftl.last_page;
 }

@@ -1,4 +1,4 @@
-// What lies on the flash of an AFS store, byte by byte. All integers are little-endian.
+// The flash of an AFS store, byte by byte. All integers are little-endian.
 //
 // The store is cut into EUs of 8192 bytes, two erase blocks each. Every EU but one, the spare, has
 // a header; va_base in the header tells a log EU (0) from a data EU.

@@ -1,4 +1,4 @@
-// What the log map of a log EU says: which pages stand in its slots, and where the log goes on.
+// Reads the log map of a log EU: which pages stand in its slots, and where the log goes on.
 #pragma once
 
 #include <cstdint>
