@@ -107,8 +107,8 @@ void repair_first_record(Image &image, const EFS_file_entry &file) {
         size == format::no_file ? 0 : std::min(size, format::record_room - file.offset);
     const uint16_t crc = static_cast<uint16_t>(EFS_crc16(file.block, record, 2));
     dolm::store_le16(
-        record + format::record::crc16,
-        static_cast<uint16_t>(EFS_crc16(crc, record + format::record::payload, covered)));
+        record + format::file_record::crc16,
+        static_cast<uint16_t>(EFS_crc16(crc, record + format::file_record::payload, covered)));
 }
 
 } // namespace
