@@ -1,6 +1,7 @@
 // How a command of dolm ends other than well.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -39,6 +40,13 @@ struct Failure : std::runtime_error {
         return text;
     }
 };
+
+// What the library did not do, by its status: anything but 0 is a Failure.
+inline void require_done(uint32_t status, const std::string &what) {
+    if (status != 0) {
+        throw Failure(what + " failed with status " + std::to_string(status));
+    }
+}
 
 // The command line asks for something that makes no sense: exit code 2.
 struct UsageError : std::runtime_error {

@@ -13,17 +13,11 @@ namespace {
 
 constexpr uint8_t trailer_filler = 0x5A;
 
-void require(uint32_t status, const std::string &what) {
-    if (status != EFS_OK) {
-        throw Failure(what + " failed with status " + std::to_string(status));
-    }
-}
-
 // Formats the image in place. The first mount finds nothing and only attaches it.
 void format_efs(Bytes &image) {
     EFS_init_tools(image.data());
-    require(EFS_do_format(), "the format of the EFS image");
-    require(EFS_init_tools(image.data()), "the mount of the EFS image");
+    require_done(EFS_do_format(), "the format of the EFS image");
+    require_done(EFS_init_tools(image.data()), "the mount of the EFS image");
 }
 
 } // namespace
@@ -55,8 +49,9 @@ Bytes make_efs_image(const Manifest &manifest, const Bytes &ftbl) {
     if (!manifest.efs) {
         return {};
     }
-    require(load_file_table(ftbl.data(), manifest.default_sku, static_cast<uint32_t>(ftbl.size())),
-            "load_file_table");
+    require_done(
+        load_file_table(ftbl.data(), manifest.default_sku, static_cast<uint32_t>(ftbl.size())),
+        "load_file_table");
     Bytes image(EFS_get_efs_size(), 0xFF);
     format_efs(image);
     for (const ManifestFile &file : manifest.files) {
@@ -64,7 +59,7 @@ Bytes make_efs_image(const Manifest &manifest, const Bytes &ftbl) {
             Bytes content = flash_content(file);
             const auto size = static_cast<uint32_t>(content.size());
             content.push_back(0); // so that the data of an empty file is not null
-            require(EFS_write(file.id, 0, size, content.data()), "the write of " + file.name);
+            require_done(EFS_write(file.id, 0, size, content.data()), "the write of " + file.name);
         }
     }
     return image;

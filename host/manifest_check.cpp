@@ -12,8 +12,6 @@ namespace dolm {
 
 namespace {
 
-constexpr uint32_t max_afs_file = 262144;
-constexpr uint32_t afs_chunk = 64;
 constexpr uint32_t max_efs_file = 65534; // a length of 65535 means that there is no file
 
 // EFS data areas: a file's first record may stand anywhere, continuations at offset 0. A record is
@@ -134,8 +132,9 @@ void check_afs_file(const AfsLayout &afs, const ManifestFile &file, Problems &pr
                                              " file slots, the last is " +
                                              std::to_string(afs.file_count - 1));
     }
-    if (file.flash && flash_size(file) > max_afs_file) {
-        problems.add(file.place + "/flash", "a file of AFS has at most " + bytes(max_afs_file));
+    if (file.flash && flash_size(file) > AFS_MAX_FILE_SIZE) {
+        problems.add(file.place + "/flash",
+                     "a file of AFS has at most " + bytes(AFS_MAX_FILE_SIZE));
     }
 }
 
@@ -240,17 +239,14 @@ void check_efs_geometry(const EfsGeometry &efs, Problems &problems) {
 // The layout by itself, and room for the contents in it.
 void check_afs_room(const Manifest &manifest, Problems &problems) {
     try {
-        const uint32_t room = afs_geometry(*manifest.afs).chunk_count;
-        uint64_t needed = 0;
+        uint64_t chunks = 0;
         for (const ManifestFile &file : manifest.files) {
             if (file.store == Store::afs && file.flash) {
-                needed += (uint64_t{flash_size(file)} + afs_chunk - 1) / afs_chunk;
+                chunks += afs_chunks(flash_size(file));
             }
         }
-        if (needed > room) {
-            problems.add("/afs/data_units", "the files take " + std::to_string(needed) +
-                                                " chunks of " + bytes(afs_chunk) + ", there are " +
-                                                std::to_string(room));
+        if (const auto problem = afs_room_problem(*manifest.afs, chunks)) {
+            problems.add("/afs/data_units", *problem);
         }
     } catch (const AfsBuildError &error) {
         problems.add("/afs", error.what());

@@ -127,16 +127,10 @@ FileList files_where(const Manifest &manifest, auto &&wanted) {
     return files;
 }
 
-void require(uint32_t status, const char *what) {
-    if (status != FCS_OK) {
-        throw Failure(std::string(what) + " failed with status " + std::to_string(status));
-    }
-}
-
 // A store under construction.
 class StoreHandle {
   public:
-    StoreHandle() { require(createHandle(&handle_), "createHandle"); }
+    StoreHandle() { require_done(createHandle(&handle_), "createHandle"); }
     ~StoreHandle() { closeHandle(&handle_); }
     StoreHandle(const StoreHandle &) = delete;
     StoreHandle &operator=(const StoreHandle &) = delete;
@@ -145,19 +139,19 @@ class StoreHandle {
         Bytes block(sizeof(_cfg_file_entry_t));
         put_le(block, offsetof(_cfg_file_entry_t, fileno), file.number, 4);
         block.insert(block.end(), value.begin(), value.end());
-        require(addNewFile(handle_, "", file.name.c_str(), block.data(),
-                           static_cast<uint16_t>(block.size()), true),
-                "addNewFile");
+        require_done(addNewFile(handle_, "", file.name.c_str(), block.data(),
+                                static_cast<uint16_t>(block.size()), true),
+                     "addNewFile");
     }
 
     Bytes bytes() {
         uint32_t length = 0;
         const uint32_t sizing = flush(handle_, nullptr, &length);
         if (sizing != FCS_BUFFER_TOO_SMALL) {
-            require(sizing, "flush");
+            require_done(sizing, "flush");
         }
         Bytes store(length);
-        require(flush(handle_, store.data(), &length), "flush");
+        require_done(flush(handle_, store.data(), &length), "flush");
         return store;
     }
 
@@ -172,8 +166,8 @@ void load_table_of_all_files(const Manifest &manifest) {
     static Bytes table;
     const Row all{0, files_where(manifest, [](const ManifestFile &) { return true; })};
     Bytes fresh = make_ftbl({all}, std::nullopt, {});
-    require(load_file_table(fresh.data(), all.sku, static_cast<uint32_t>(fresh.size())),
-            "load_file_table");
+    require_done(load_file_table(fresh.data(), all.sku, static_cast<uint32_t>(fresh.size())),
+                 "load_file_table");
     table = std::move(fresh); // which moves no bytes
 }
 

@@ -4,12 +4,11 @@
 #include <string>
 
 #include "AfsFtl.h"
+#include "image/afs_records.h"
+#include "image/bytes.h"
 
 namespace dolm {
 namespace {
-
-constexpr uint32_t fs_magic = 0x724F6201;
-constexpr uint32_t fs_header_size = 14;
 
 // Attach the image, mount the FTL, keep a table of file sizes.
 constexpr uint32_t mount_flags =
@@ -49,14 +48,9 @@ void check_device(const AfsLayout &layout) {
 
 std::vector<uint8_t> header_page(const AfsLayout &layout, const AfsGeometry &geometry) {
     std::vector<uint8_t> page(AFS_PAGE_SIZE);
-    const auto put = [&page](size_t offset, uint32_t value, unsigned width) {
-        for (unsigned i = 0; i < width; ++i) {
-            page[offset + i] = static_cast<uint8_t>(value >> (8 * i));
-        }
-    };
-    put(0, fs_magic, 4);
-    put(8, geometry.total_va_size, 4);
-    put(12, layout.file_count, 2);
+    put_le(page, 0, afs::fs_magic, 4);
+    put_le(page, 8, geometry.total_va_size, 4);
+    put_le(page, 12, layout.file_count, 2);
     return page;
 }
 
@@ -94,12 +88,10 @@ void check_files(const AfsLayout &layout, std::span<const AfsFileInput> files) {
                                 number(file.contents.size()) + " bytes; the largest file has " +
                                 number(AFS_MAX_FILE_SIZE));
         }
-        chunks += (file.contents.size() + AFS_PAGE_SIZE - 1) / AFS_PAGE_SIZE;
+        chunks += afs_chunks(file.contents.size());
     }
-    const uint32_t room = afs_geometry(layout).chunk_count;
-    if (chunks > room) {
-        throw AfsBuildError("the AFS files need " + number(chunks) + " chunks of 64 bytes; " +
-                            number(layout.data_eus) + " data EUs have " + number(room));
+    if (const auto problem = afs_room_problem(layout, chunks)) {
+        throw AfsBuildError(*problem);
     }
 }
 
@@ -110,7 +102,7 @@ AfsGeometry afs_geometry(const AfsLayout &layout) {
     AfsGeometry geometry;
     geometry.eu_count = layout.device_size / AFS_EU_SIZE;
     geometry.chunk_count = layout.data_eus * AFS_DATA_EU_PAGES;
-    const uint32_t table_end = fs_header_size + 2 * (layout.file_count + geometry.chunk_count);
+    const uint32_t table_end = afs::fs_header_size + 2 * (layout.file_count + geometry.chunk_count);
     geometry.data_va_start = (table_end + AFS_PAGE_SIZE - 1) / AFS_PAGE_SIZE * AFS_PAGE_SIZE;
     geometry.total_va_size = geometry.data_va_start + geometry.chunk_count * AFS_PAGE_SIZE;
 
@@ -126,6 +118,19 @@ AfsGeometry afs_geometry(const AfsLayout &layout) {
     }
     geometry.log_eus = geometry.eu_count - 1 - layout.data_eus;
     return geometry;
+}
+
+uint64_t afs_chunks(uint64_t size) {
+    return (size + AFS_PAGE_SIZE - 1) / AFS_PAGE_SIZE;
+}
+
+std::optional<std::string> afs_room_problem(const AfsLayout &layout, uint64_t chunks) {
+    const uint32_t room = afs_geometry(layout).chunk_count;
+    if (chunks <= room) {
+        return std::nullopt;
+    }
+    return "the files take " + number(chunks) + " chunks of " + number(AFS_PAGE_SIZE) +
+           " bytes, there are " + number(room);
 }
 
 std::vector<uint8_t> format_afs_image(const AfsLayout &layout) {

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "Afs.h"
@@ -33,6 +35,12 @@ struct AfsGeometry {
 // The numbers that follow from a layout. Throws AfsBuildError if it cannot work: the metadata pages
 // must fit into the log with one erase unit beyond, or reclaims could not gain anything.
 AfsGeometry afs_geometry(const AfsLayout &layout);
+
+// Chunks of 64 bytes that a file takes.
+uint64_t afs_chunks(uint64_t size);
+
+// Whether the files of a store have room, in words if not. The layout must work.
+std::optional<std::string> afs_room_problem(const AfsLayout &layout, uint64_t chunks);
 
 struct AfsFileInput {
     uint32_t number = 0;

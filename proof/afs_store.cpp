@@ -53,12 +53,6 @@ bool same_log_slot(const DeviceEvent &entries, const DeviceEvent &records) {
                    (offset_in_eu(entries) - afs::header_size) / 2 * afs::record_size;
 }
 
-void throw_unless_done(uint32_t status, const std::string &what) {
-    if (status != 0) {
-        throw std::runtime_error(what + " gives " + std::to_string(status));
-    }
-}
-
 using Findings = std::vector<std::string>;
 
 void expect_equal(Findings &findings, const std::string &what, uint64_t reader, uint64_t store) {
@@ -132,11 +126,11 @@ Files AfsStore::read_files() {
         if (status == AFS_RC_NO_FILE) {
             continue;
         }
-        throw_unless_done(status, "the size of file " + std::to_string(number));
+        expect_done(status, "the size of file " + std::to_string(number));
         std::vector<uint8_t> contents(size + 1);
         uint32_t length = size + 1;
-        throw_unless_done(afs_readfile(context(), file, 0, &length, contents.data()),
-                          "the read of file " + std::to_string(number));
+        expect_done(afs_readfile(context(), file, 0, &length, contents.data()),
+                    "the read of file " + std::to_string(number));
         contents.resize(length);
         if (length != size) {
             throw std::runtime_error("file " + std::to_string(number) + " has " +

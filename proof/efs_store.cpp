@@ -1,7 +1,6 @@
 #include "proof/efs_store.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "EFS.h"
 
@@ -40,10 +39,7 @@ Files EfsStore::read_files() {
         if (status == EFS_NO_FILE) {
             continue;
         }
-        if (status != EFS_OK) {
-            throw std::runtime_error("the read of file " + std::to_string(place.number) +
-                                     " gives " + std::to_string(status));
-        }
+        expect_done(status, "the read of file " + std::to_string(place.number));
         bytes.resize(length);
         files.emplace(place.number, std::move(bytes));
     }

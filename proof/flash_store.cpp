@@ -3,25 +3,21 @@
 #include <stdexcept>
 
 namespace dolm::proof {
-namespace {
+std::string Tear::name() const {
+    return static_cast<char>(kind) + std::to_string(at);
+}
 
-void throw_unless_done(uint32_t status, const std::string &what) {
+void expect_done(uint32_t status, const std::string &what) {
     if (status != 0) {
         throw std::runtime_error(what + " gives " + std::to_string(status));
     }
 }
 
-} // namespace
-
-std::string Tear::name() const {
-    return static_cast<char>(kind) + std::to_string(at);
-}
-
 void run_changes(FlashStore &store, Image &image, Files &files,
                  const std::vector<Change> &changes) {
-    throw_unless_done(store.mount(image), "the mount");
+    expect_done(store.mount(image), "the mount");
     for (const Change &change : changes) {
-        throw_unless_done(change.run(), change.name);
+        expect_done(change.run(), change.name);
         if (change.effect) {
             change.effect(files);
         }

@@ -92,6 +92,9 @@ class FlashStore {
     }
 };
 
+// Throws std::runtime_error for any status but 0; what says what gave it.
+void expect_done(uint32_t status, const std::string &what);
+
 // Runs changes on an image without a look at what they leave. Throws std::runtime_error if one
 // fails.
 void run_changes(FlashStore &store, Image &image, Files &files, const std::vector<Change> &changes);

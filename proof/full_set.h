@@ -2,22 +2,16 @@
 #pragma once
 
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "EFS.h"
 #include "EFS_phy_win32.h"
 #include "proof/afs_build.h"
+#include "proof/flash_store.h"
 #include "proof/host_session.h"
 
 namespace full_set {
-
-inline void require(bool done) {
-    if (!done) {
-        throw std::runtime_error("the EFS image of the set could not be made");
-    }
-}
 
 inline constexpr uint8_t in_afs = 1;
 inline constexpr uint8_t in_efs = 2;
@@ -85,12 +79,15 @@ struct FlashSet : host_session::Inputs {
     }
 
     builders::Bytes build_efs(const std::vector<SetFile> &files) {
-        require(load_file_table(ftbl.data(), 1, static_cast<uint32_t>(ftbl.size())) == 0);
-        require(EFS_init(1) == EFS_OK);
+        using dolm::proof::expect_done;
+        expect_done(load_file_table(ftbl.data(), 1, static_cast<uint32_t>(ftbl.size())),
+                    "the load of the file table");
+        expect_done(EFS_init(1), "the format of EFS");
         for (const SetFile &file : files) {
             if (file.store == in_efs && file.flash) {
-                require(EFS_write(file.id, 0, static_cast<uint32_t>(file.flash->size()),
-                                  file.flash->data()) == EFS_OK);
+                expect_done(EFS_write(file.id, 0, static_cast<uint32_t>(file.flash->size()),
+                                      file.flash->data()),
+                            std::string("the write of ") + file.name);
             }
         }
         return {efs_image, efs_image + efs_size};

@@ -26,7 +26,7 @@ void on_report(ErrorLevel level, ImageToolsErrorName number, const char *, const
     }
 }
 
-void require(bool done, const std::string &what) {
+void expect_success(bool done, const std::string &what) {
     const std::string reports = std::exchange(errors, {});
     if (!done) {
         throw std::runtime_error(what + " fails" +
@@ -41,7 +41,7 @@ _commonDolmTable range_of(std::span<uint8_t> bytes) {
 void set_values(const std::vector<NewValue> &values) {
     for (const NewValue &change : values) {
         uint8_t *data = nullptr;
-        require(
+        expect_success(
             qoQfsNvarResize(change.name.c_str(), &data, static_cast<uint32_t>(change.value.size())),
             "the change of " + change.name);
         if (!change.value.empty()) {
@@ -114,7 +114,7 @@ uint32_t SetStore::mount(std::span<uint8_t> image) {
                                    range_of(tables_.ftbl),
                                    tables_.sku,
                                    range_of(image.subspan(afs_size_))};
-    require(qoQfsDolmInit(&inputs, on_report), "start-up");
+    expect_success(qoQfsDolmInit(&inputs, on_report), "start-up");
     if (!qoQfsIsVfsDeployed()) {
         throw std::runtime_error("start-up finds no deployed VFS");
     }
@@ -227,7 +227,7 @@ Change SetStore::termination(const Image &image, const std::vector<NewValue> &va
     change.name = "the termination";
     change.run = [values]() -> uint32_t {
         set_values(values);
-        require(qoQfsNvarTerm(true), "the termination");
+        expect_success(qoQfsNvarTerm(true), "the termination");
         return 0;
     };
     change.effect = [written](Files &files) {
