@@ -308,17 +308,16 @@ uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind) {
     if (!ftl_is_mounted(context)) {
         return AFS_RC_INVALID;
     }
-    uint32_t mode;
-    uint32_t eu = choose_eu_to_reclaim(context, kind, 1, &mode, 0);
-    const uint32_t status = reclaim_eu(context, eu, static_cast<int32_t>(mode));
-    if (status != AFS_RC_NOT_RECLAIMED) {
+    const reclaim_choice first = choose_on_demand(context, kind, wear_rule::on);
+    if (const uint32_t status = reclaim_eu(context, first.eu, static_cast<int32_t>(first.mode));
+        status != AFS_RC_NOT_RECLAIMED) {
         return status;
     }
-    eu = choose_eu_to_reclaim(context, kind, 0, &mode, 0);
-    if (mode == AFS_FTL_MODE_RECLAIM && context->ftl->eu_table[eu].dirty_pages == 0) {
+    const reclaim_choice second = choose_on_demand(context, kind, wear_rule::off);
+    if (second.mode == AFS_FTL_MODE_RECLAIM && context->ftl->eu_table[second.eu].dirty_pages == 0) {
         return AFS_RC_NO_SPACE;
     }
-    return reclaim_eu(context, eu, static_cast<int32_t>(mode));
+    return reclaim_eu(context, second.eu, static_cast<int32_t>(second.mode));
 }
 
 uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu, uint32_t source_eu,
@@ -391,12 +390,10 @@ uint32_t afs_physical_ftl_idle_reclaim(afs_context *context) {
     if (!ftl_is_mounted(context)) {
         return AFS_RC_INVALID;
     }
-    uint32_t mode;
-    const uint32_t eu = choose_eu_to_reclaim(context, AFS_FTL_KIND_ANY, 1, &mode, 1);
-    if (eu >= context->ftl->eu_count || mode != AFS_FTL_MODE_RECLAIM) {
-        return AFS_RC_OK;
-    }
-    return reclaim_eu(context, eu, static_cast<int32_t>(mode));
+    const reclaim_choice choice = choose_for_idle_time(context, wear_rule::on);
+    return choice.eu != AFS_FTL_NONE
+               ? reclaim_eu(context, choice.eu, static_cast<int32_t>(choice.mode))
+               : AFS_RC_OK;
 }
 
 uint32_t afs_physical_ftl_force_full_reclaim(afs_context *context) {

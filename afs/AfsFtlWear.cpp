@@ -19,6 +19,8 @@ constexpr uint32_t short_log = 29;
 constexpr uint32_t short_data = 63;
 constexpr uint32_t data_dirt_worth_reclaim = 96;
 
+constexpr reclaim_choice no_choice = {.eu = AFS_FTL_NONE, .mode = AFS_FTL_MODE_MOVE};
+
 bool is_of_kind(const afs_eu_info &row, uint32_t kind) {
     return (row.va_base != 0) == (kind == AFS_FTL_KIND_DATA);
 }
@@ -63,45 +65,29 @@ bool is_entirely_dead(const afs_context *context, uint32_t eu) {
            (row.va_base != 0 || eu != ftl.write_eu);
 }
 
-} // namespace
-
-uint32_t choose_eu_to_reclaim(afs_context *context, uint32_t kind, uint32_t wear, uint32_t *mode,
-                              uint8_t idle) {
-    if (!ftl_is_mounted(context) || mode == nullptr) {
-        return AFS_FTL_NONE;
-    }
-    const afs_ftl_state &ftl = *context->ftl;
-    *mode = AFS_FTL_MODE_MOVE;
-    uint32_t candidate = AFS_FTL_NONE;
-    if (idle != 0) {
-        if (afs_physical_ftl_idle_reclaim_needed(context, &candidate, &kind) == 0) {
-            return AFS_FTL_NONE;
-        }
-    } else {
-        const uint32_t with_room = find_oldest_eu(ftl, [kind](uint32_t, const afs_eu_info &row) {
-            return is_of_kind(row, kind) && row.free_pages != 0;
-        });
-        if (with_room != AFS_FTL_NONE) {
-            return with_room;
-        }
-    }
+// The dirtiest EU of a kind, or a candidate that costs nothing to copy, unless the wear rule fires.
+reclaim_choice choose_victim(const afs_ftl_state &ftl, uint32_t kind, uint32_t candidate,
+                             wear_rule rule) {
     const wear_survey survey = survey_kind(ftl, kind);
     if (survey.dirtiest == AFS_FTL_NONE) {
-        return AFS_FTL_NONE;
+        return no_choice;
     }
-    *mode = AFS_FTL_MODE_RECLAIM;
     const uint32_t lowest = ftl.eu_table[survey.least_worn].erase_count;
-    if (wear == 1 && survey.highest_erase_count - lowest > max_wear_spread &&
+    if (rule == wear_rule::on && survey.highest_erase_count - lowest > max_wear_spread &&
         survey.highest_erase_count % wear_rule_period == 0) {
-        return survey.least_worn;
+        return {.eu = survey.least_worn, .mode = AFS_FTL_MODE_RECLAIM};
     }
-    return candidate != AFS_FTL_NONE ? candidate : survey.dirtiest;
+    return {.eu = candidate != AFS_FTL_NONE ? candidate : survey.dirtiest,
+            .mode = AFS_FTL_MODE_RECLAIM};
 }
 
-uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu, uint32_t *kind) {
-    if (!ftl_is_mounted(context) || eu == nullptr || kind == nullptr) {
-        return 0;
-    }
+// Work for idle time: the kind of EU, and the EU itself where only one will do.
+struct idle_work {
+    uint32_t eu;
+    uint32_t kind;
+};
+
+bool find_idle_work(const afs_context *context, idle_work &work) {
     const afs_ftl_state &ftl = *context->ftl;
     uint32_t log_free = 0;
     uint32_t data_free = 0;
@@ -126,19 +112,65 @@ uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu
         }
     }
     if (log_free <= short_log) {
-        *kind = AFS_FTL_KIND_LOG;
-        *eu = AFS_FTL_NONE;
-        return 1;
+        work.kind = AFS_FTL_KIND_LOG;
+        work.eu = AFS_FTL_NONE;
+        return true;
     }
     if (data_free <= short_data && data_dirty > data_dirt_worth_reclaim) {
-        *kind = AFS_FTL_KIND_DATA;
-        *eu = AFS_FTL_NONE;
-        return 1;
+        work.kind = AFS_FTL_KIND_DATA;
+        work.eu = AFS_FTL_NONE;
+        return true;
     }
     if (candidate != AFS_FTL_NONE) {
-        *kind = ftl.eu_table[candidate].va_base != 0 ? AFS_FTL_KIND_DATA : AFS_FTL_KIND_LOG;
-        *eu = candidate;
-        return 1;
+        work.kind = ftl.eu_table[candidate].va_base != 0 ? AFS_FTL_KIND_DATA : AFS_FTL_KIND_LOG;
+        work.eu = candidate;
+        return true;
     }
-    return 0;
+    return false;
+}
+
+} // namespace
+
+namespace dolm {
+
+reclaim_choice choose_on_demand(const afs_context *context, uint32_t kind, wear_rule rule) {
+    const afs_ftl_state &ftl = *context->ftl;
+    const uint32_t with_room = find_oldest_eu(ftl, [kind](uint32_t, const afs_eu_info &row) {
+        return is_of_kind(row, kind) && row.free_pages != 0;
+    });
+    return with_room != AFS_FTL_NONE ? reclaim_choice{.eu = with_room, .mode = AFS_FTL_MODE_MOVE}
+                                     : choose_victim(ftl, kind, AFS_FTL_NONE, rule);
+}
+
+reclaim_choice choose_for_idle_time(const afs_context *context, wear_rule rule) {
+    idle_work work;
+    return find_idle_work(context, work) ? choose_victim(*context->ftl, work.kind, work.eu, rule)
+                                         : no_choice;
+}
+
+} // namespace dolm
+
+uint32_t choose_eu_to_reclaim(afs_context *context, uint32_t kind, uint32_t wear, uint32_t *mode,
+                              uint8_t idle) {
+    if (!ftl_is_mounted(context) || mode == nullptr) {
+        return AFS_FTL_NONE;
+    }
+    const wear_rule rule = wear == 1 ? wear_rule::on : wear_rule::off;
+    const reclaim_choice choice =
+        idle != 0 ? choose_for_idle_time(context, rule) : choose_on_demand(context, kind, rule);
+    *mode = choice.mode;
+    return choice.eu;
+}
+
+uint32_t afs_physical_ftl_idle_reclaim_needed(afs_context *context, uint32_t *eu, uint32_t *kind) {
+    if (!ftl_is_mounted(context) || eu == nullptr || kind == nullptr) {
+        return 0;
+    }
+    idle_work work;
+    if (!find_idle_work(context, work)) {
+        return 0;
+    }
+    *eu = work.eu;
+    *kind = work.kind;
+    return 1;
 }

@@ -116,6 +116,19 @@ uint32_t find_oldest_eu(const afs_ftl_state &ftl, Wanted wanted) {
     return oldest;
 }
 
+// An EU to reclaim, and how: AFS_FTL_MODE_... . AFS_FTL_NONE if there is none.
+struct reclaim_choice {
+    uint32_t eu;
+    uint32_t mode;
+};
+
+// Whether a large spread of wear decides before dirt does.
+enum class wear_rule : uint8_t { off, on };
+
+// Where room of a kind is to be had, and what idle time is best used for.
+reclaim_choice choose_on_demand(const afs_context *context, uint32_t kind, wear_rule rule);
+reclaim_choice choose_for_idle_time(const afs_context *context, wear_rule rule);
+
 // Erases both blocks of an EU, the lower one first. False if the device fails.
 bool erase_eu(uint32_t address);
 
