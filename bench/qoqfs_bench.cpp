@@ -51,7 +51,7 @@ void start_up_and_terminate(benchmark::State &state) {
     state.counters["ns_per_nvar"] = seconds * 1e9 / static_cast<double>(count);
     state.counters["times_copy"] = seconds / bench::seconds_of_copy(bytes);
 }
-BENCHMARK(start_up_and_terminate)->Arg(256)->Arg(1024)->Arg(4096)->Unit(benchmark::kMicrosecond);
+BENCHMARK(start_up_and_terminate)->Arg(256)->Arg(4096)->Arg(16384)->Unit(benchmark::kMicrosecond);
 
 void look_up(benchmark::State &state) {
     const auto count = static_cast<size_t>(state.range(0));
@@ -70,7 +70,7 @@ void look_up(benchmark::State &state) {
     }
     qoQfsNvarTerm(false);
 }
-BENCHMARK(look_up)->Arg(256)->Arg(1024)->Arg(4096);
+BENCHMARK(look_up)->Arg(256)->Arg(4096)->Arg(16384);
 
 void load_and_flush_store(benchmark::State &state) {
     const auto count = static_cast<size_t>(state.range(0));
@@ -91,6 +91,6 @@ void load_and_flush_store(benchmark::State &state) {
     state.counters["times_copy"] = seconds / bench::seconds_of_copy(out.size());
     builders::forget_file_table();
 }
-BENCHMARK(load_and_flush_store)->Arg(256)->Arg(1024)->Arg(4096)->Unit(benchmark::kMicrosecond);
+BENCHMARK(load_and_flush_store)->Arg(256)->Arg(4096)->Arg(16384)->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -40,6 +40,10 @@ bool Directory::addFile(const std::string &, const std::shared_ptr<IFile> &file)
     if (file == nullptr) {
         return false;
     }
+    if (children.empty() || !fileCompare(file, children.back())) {
+        children.push_back(file);
+        return true;
+    }
     // The place in the order costs log n comparisons, where sorting again would cost n log n for
     // each file.
     children.insert(std::upper_bound(children.begin(), children.end(), file, fileCompare), file);

@@ -58,6 +58,9 @@ FcsHandle *open_store(void *handle) {
 // be searched by halves.
 IFile *find_file(const FcsHandle &store, const char *name) {
     const auto &files = static_cast<const Directory &>(*store.root).children;
+    if (files.empty() || std::strcmp(files.back()->name, name) < 0) {
+        return nullptr; // files come in the order of their names, for the most part
+    }
     const auto place = std::lower_bound(
         files.begin(), files.end(), name,
         [](const auto &file, const char *wanted) { return std::strcmp(file->name, wanted) < 0; });

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/at_unload.h"
+#include "common/hash_index.h"
 #include "common/little_endian.h"
 #include "fcs/file_table.h"
 
@@ -198,6 +199,69 @@ uint32_t load_geometry_row(const uint8_t *table, uint32_t length, const geometry
     return status;
 }
 
+// The rows of the set that was selected last, by number and by name: the first of each. Made at the
+// first look-up in that set, and empty where there was no memory for it.
+struct row_index {
+    const file_table_entry_t *rows = nullptr;
+    int32_t count = 0;
+    bool made = false;
+    dolm::hash_index<file_table_entry_t> numbers = {};
+    dolm::hash_index<file_table_entry_t> names = {};
+};
+row_index selected;
+
+size_t hash_of(fileno_t fileno) {
+    return static_cast<size_t>(fileno * uint64_t{0x9E3779B97F4A7C15} >> 32);
+}
+
+std::string_view name_of(const char *name) {
+    return {name, strnlen(name, sizeof(file_table_entry_t::name))};
+}
+
+auto has_number(fileno_t fileno) {
+    return [=](const file_table_entry_t &row) { return dolm::entry_fileno(row) == fileno; };
+}
+
+auto has_name(std::string_view name) {
+    return [=](const file_table_entry_t &row) {
+        return std::memcmp(row.name, name.data(), name.size()) == 0 &&
+               (name.size() == sizeof row.name || row.name[name.size()] == '\0');
+    };
+}
+
+template <typename Matches>
+bool add_first(dolm::hash_index<file_table_entry_t> &index, size_t hash, file_table_entry_t &row,
+               Matches matches) {
+    return index.find(hash, matches) != nullptr || index.add(hash, &row);
+}
+
+void make_index() {
+    selected.made = true;
+    for (int32_t i = 0; i < selected.count; ++i) {
+        file_table_entry_t &row = g_table_buf[i];
+        const fileno_t fileno = dolm::entry_fileno(row);
+        const std::string_view name = name_of(row.name);
+        if (!add_first(selected.numbers, hash_of(fileno), row, has_number(fileno)) ||
+            !add_first(selected.names, dolm::hash_of(name), row, has_name(name))) {
+            selected.numbers = {};
+            selected.names = {};
+            return;
+        }
+    }
+}
+
+// Whether the table in use is the selected one, rather than one that a host points to itself.
+bool can_use_index() {
+    if (g_table_buf == nullptr || g_table_buf != selected.rows ||
+        g_table_num_files != selected.count) {
+        return false;
+    }
+    if (!selected.made) {
+        make_index();
+    }
+    return true;
+}
+
 // Selects the set of a SKU row. False if it does not lie whole within the table.
 bool select_entries(const uint8_t *table, uint32_t length, const uint8_t *row) {
     const uint32_t offset = load_le32(row + 4);
@@ -211,11 +275,20 @@ bool select_entries(const uint8_t *table, uint32_t length, const uint8_t *row) {
     g_table_buf = const_cast<file_table_entry_t *>(
         reinterpret_cast<const file_table_entry_t *>(table + offset));
     g_table_num_files = count;
+    selected = {.rows = g_table_buf, .count = count};
     return true;
 }
 
+// The first row that matches. A row that the index finds is compared as it is now; what the index
+// does not find is looked for in the table itself.
 template <typename Matches>
-file_table_entry_t *find_entry(Matches matches) {
+file_table_entry_t *find_entry(const dolm::hash_index<file_table_entry_t> &index, size_t hash,
+                               Matches matches) {
+    if (can_use_index()) {
+        if (file_table_entry_t *row = index.find(hash, matches); row != nullptr) {
+            return row;
+        }
+    }
     for (int32_t i = 0; i < g_table_num_files; ++i) {
         if (matches(g_table_buf[i])) {
             return &g_table_buf[i];
@@ -289,14 +362,8 @@ file_table_entry_t *get_file_entry_by_file_name(const char *name) {
     if (name == nullptr) {
         return nullptr;
     }
-    // Names of a table tend to begin alike, so their ends are compared first.
-    const size_t length = strnlen(name, sizeof(file_table_entry_t::name));
-    const size_t last = length > 0 ? length - 1 : 0;
-    const bool fills_field = length == sizeof(file_table_entry_t::name);
-    return find_entry([=](const file_table_entry_t &entry) {
-        return entry.name[last] == name[last] && (fills_field || entry.name[length] == '\0') &&
-               std::memcmp(entry.name, name, length) == 0;
-    });
+    const std::string_view wanted = name_of(name);
+    return find_entry(selected.names, dolm::hash_of(wanted), has_name(wanted));
 }
 
 int32_t get_fileno_by_file_name(const char *name, fileno_t *out) {
@@ -312,9 +379,7 @@ file_table_entry_t *get_file_entry_by_fileno(const fileno_t *fileno) {
     if (fileno == nullptr) {
         return nullptr;
     }
-    return find_entry([wanted = *fileno](const file_table_entry_t &entry) {
-        return dolm::entry_fileno(entry) == wanted;
-    });
+    return find_entry(selected.numbers, hash_of(*fileno), has_number(*fileno));
 }
 
 int32_t get_file_name_by_fileno(const fileno_t *fileno, void *out) {

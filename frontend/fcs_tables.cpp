@@ -16,10 +16,10 @@ constexpr size_t path_prefix_length = sizeof path_prefix - 1;
 
 } // namespace
 
-FcsTable s_orvelCfgTable = unset_table;
-FcsTable s_vynCfgTable = unset_table;
-FcsTable s_currentValuesTable = unset_table;
-FcsTable s_builtVynCfgTable = unset_table;
+indexed_table s_orvelCfgTable = {unset_table, {}};
+indexed_table s_vynCfgTable = {unset_table, {}};
+indexed_table s_currentValuesTable = {unset_table, {}};
+indexed_table s_builtVynCfgTable = {unset_table, {}};
 
 std::vector<uint8_t> s_fileTableBuffer;
 uint32_t s_mDolmAfsSkuId = 0;
@@ -33,15 +33,22 @@ struct entry_deleter {
 };
 using unlinked_entry = std::unique_ptr<FcsFileEntry, entry_deleter>;
 
+std::string_view name_of(const char *name) {
+    return {name, strnlen(name, name_limit)};
+}
+
 // The entry of that name; the first name_limit characters count.
-FcsFileEntry *find_in_list(const FcsTable &table, const char *name) {
-    // Names of a table tend to begin alike, so their ends are compared first.
-    const size_t length = strnlen(name, name_limit);
-    const size_t last = length > 0 ? length - 1 : 0;
+FcsFileEntry *find_in_list(const indexed_table &table, const char *name) {
+    const std::string_view wanted = name_of(name);
+    const auto matches = [wanted](const FcsFileEntry &entry) {
+        return std::memcmp(entry.name, wanted.data(), wanted.size()) == 0 &&
+               (wanted.size() == name_limit || entry.name[wanted.size()] == '\0');
+    };
+    if (table.names.size() == table.entryCount) {
+        return table.names.find(dolm::hash_of(wanted), matches);
+    }
     for (FcsFileEntry *entry = table.firstEntry; entry != nullptr; entry = entry->next) {
-        if (entry->name[last] == name[last] &&
-            (length == name_limit || entry->name[length] == '\0') &&
-            std::memcmp(entry->name, name, length) == 0) {
+        if (matches(*entry)) {
             return entry;
         }
     }
@@ -49,7 +56,7 @@ FcsFileEntry *find_in_list(const FcsTable &table, const char *name) {
 }
 
 // Hands the entry over to the table's list.
-void append(FcsTable &table, FcsFileEntry *entry) {
+void append(indexed_table &table, FcsFileEntry *entry) {
     entry->linked = 1;
     entry->next = nullptr;
     entry->prev = nullptr;
@@ -62,6 +69,7 @@ void append(FcsTable &table, FcsFileEntry *entry) {
         ++table.entryCount;
     }
     table.lastEntry = entry;
+    table.names.add(dolm::hash_of(name_of(entry->name)), entry);
 }
 
 bool load_file_table_once() {
@@ -206,7 +214,7 @@ bool add_current_values() {
 
 enum class load_step { appended, end_of_store, failed };
 
-load_step load_next_entry(FcsTable &table, bool withData) {
+load_step load_next_entry(indexed_table &table, bool withData) {
     unlinked_entry entry(static_cast<FcsFileEntry *>(std::calloc(1, sizeof(FcsFileEntry))));
     if (!entry) {
         report_error(IMAGE_TOOLS_INVALID_DATA_POINTER);
@@ -274,7 +282,7 @@ bool open_empty_store(FcsTable &table) {
     return true;
 }
 
-bool qoQfsLoadFcsTableFiles(FcsTable &table, bool withData) {
+bool qoQfsLoadFcsTableFiles(indexed_table &table, bool withData) {
     // Store records name their files by number alone, so the file table comes first.
     if (!load_file_table_once() || !open_store_from_buffer(table)) {
         return false;
@@ -298,7 +306,7 @@ FcsFileEntry *copyFileEntry(const FcsFileEntry *entry) {
     return copy && copy_value(*copy, *entry) ? copy.release() : nullptr;
 }
 
-add_result qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit) {
+add_result qoQfsAddNewFileFcs(indexed_table &table, FcsFileEntry *entry, bool enforceLimit) {
     if (table.handle == nullptr || entry == nullptr) {
         qoQfsAssert("Invalid FCS handle or fileEntry pointer");
         return add_result::refused;
@@ -323,7 +331,7 @@ FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path) 
         report_error(IMAGE_TOOLS_CORRUPTED_BUFFER, "Invalid NVAR path");
         return nullptr;
     }
-    const FcsTable *table = nullptr;
+    const indexed_table *table = nullptr;
     switch (fileName) {
     case FCS_FILE_ORVEL_CFG:
         table = &s_orvelCfgTable;
@@ -368,7 +376,7 @@ void qoQfsFreeFileEntry(FcsFileEntry *entry) {
     }
 }
 
-void qoQfsFreeFcsTable(FcsTable &table) {
+void qoQfsFreeFcsTable(indexed_table &table) {
     if (table.handle != nullptr) {
         void *handle = table.handle;
         closeHandle(&handle);
@@ -385,6 +393,7 @@ void qoQfsFreeFcsTable(FcsTable &table) {
         entry = next;
     }
     table.firstEntry = nullptr;
+    table.names = {};
 }
 
 void free_all_tables() {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "FCS.h"
+#include "common/hash_index.h"
 #include "efs_tools_utils.h"
 #include "qoqfs.h"
 
@@ -68,6 +69,12 @@ static_assert(sizeof(FcsTable) == 12 + 4 * sizeof(void *));
 
 #pragma pack(pop)
 
+// A table with its entries by name: the first of each name. The index is whole while it has as many
+// entries as the list; without memory for it the list is walked.
+struct indexed_table : FcsTable {
+    dolm::hash_index<FcsFileEntry> names;
+};
+
 // Bits of FcsFileEntry::attributes. With a trailer, the file in a deployed VFS ends in bytes that
 // are not part of the value, and it is never written back.
 inline constexpr file_attributes_t attribute_has_trailer = 0x01;
@@ -79,10 +86,10 @@ inline constexpr size_t name_limit = sizeof(FcsFileEntry::name);
 // A table that was never set up.
 inline constexpr FcsTable unset_table = {nullptr, FCS_FILE_UNSET, 0, nullptr, 0, nullptr, nullptr};
 
-extern FcsTable s_orvelCfgTable;      // base values; unchanged after the load
-extern FcsTable s_vynCfgTable;        // overriding values, or the store that termination built
-extern FcsTable s_currentValuesTable; // what the host reads and changes
-extern FcsTable s_builtVynCfgTable;   // under construction during termination
+extern indexed_table s_orvelCfgTable;      // base values; unchanged after the load
+extern indexed_table s_vynCfgTable;        // overriding values, or the store that termination built
+extern indexed_table s_currentValuesTable; // what the host reads and changes
+extern indexed_table s_builtVynCfgTable;   // under construction during termination
 
 // The library's copy of the file table. The selected rows point into it, so it stays for the life
 // of the process.
@@ -114,7 +121,7 @@ bool verifyOrvelTable(const char *label, const _commonDolmTable &table);
 
 // Fills the list of a table from its buffer, after loading the file table if that is still due. On
 // false everything has been reported; the caller frees the table, with the entries it got so far.
-bool qoQfsLoadFcsTableFiles(FcsTable &table, bool withData);
+bool qoQfsLoadFcsTableFiles(indexed_table &table, bool withData);
 
 // A deep copy that stands in no list; null without memory (or for null).
 FcsFileEntry *copyFileEntry(const FcsFileEntry *entry);
@@ -124,7 +131,7 @@ enum class add_result { added, refused, no_memory };
 
 // Adds entry to the table's store and list, which then owns it; an entry that is not added stays
 // the caller's. With enforceLimit a value over its maximum size is refused.
-add_result qoQfsAddNewFileFcs(FcsTable &table, FcsFileEntry *entry, bool enforceLimit);
+add_result qoQfsAddNewFileFcs(indexed_table &table, FcsFileEntry *entry, bool enforceLimit);
 
 // The entry of path in the table of that name, or null; only a null path and an unknown table are
 // reported. A path that does not begin with "/home/" is taken as one below it.
@@ -137,7 +144,7 @@ FcsFileEntry *find_current_value(const char *path);
 void qoQfsFreeFileEntry(FcsFileEntry *entry);
 
 // Releases what the table owns; harmless on a free table. The other fields stay as they are.
-void qoQfsFreeFcsTable(FcsTable &table);
+void qoQfsFreeFcsTable(indexed_table &table);
 
 // Releases all four tables and takes them down.
 void free_all_tables();

@@ -47,17 +47,17 @@ bool check_inputs(const _commonDolmInputs *inputs) {
 class superseded_state {
   public:
     explicit superseded_state(std::vector<uint8_t> new_file_table)
-        : tables_{std::exchange(s_builtVynCfgTable, unset_table),
-                  std::exchange(s_vynCfgTable, unset_table),
-                  std::exchange(s_orvelCfgTable, unset_table),
-                  std::exchange(s_currentValuesTable, unset_table)},
+        : tables_{std::exchange(s_builtVynCfgTable, {unset_table, {}}),
+                  std::exchange(s_vynCfgTable, {unset_table, {}}),
+                  std::exchange(s_orvelCfgTable, {unset_table, {}}),
+                  std::exchange(s_currentValuesTable, {unset_table, {}})},
           file_table_(std::exchange(s_fileTableBuffer, std::move(new_file_table))) {
         s_fcsInitialized = false;
         forget_flash();
         clear_selection();
     }
     ~superseded_state() {
-        for (FcsTable &table : tables_) {
+        for (indexed_table &table : tables_) {
             qoQfsFreeFcsTable(table);
         }
     }
@@ -78,7 +78,7 @@ class superseded_state {
         }
     }
 
-    std::array<FcsTable, 4> tables_;
+    std::array<indexed_table, 4> tables_;
     std::vector<uint8_t> file_table_;
 };
 
@@ -94,7 +94,7 @@ bool copy_into_buffer(FcsTable &table, const uint8_t *bytes, uint32_t size) {
     return qoQfsMemCpy(table.buffer, size, bytes, size) == BYTE_COPY_OK;
 }
 
-bool load_from_buffer(FcsTable &table) {
+bool load_from_buffer(indexed_table &table) {
     if (!qoQfsLoadFcsTableFiles(table, true)) {
         qoQfsFreeFcsTable(table);
         return false;
@@ -170,7 +170,7 @@ bool build_store() {
 void replace_overriding_values() {
     qoQfsFreeFcsTable(s_currentValuesTable);
     qoQfsFreeFcsTable(s_vynCfgTable);
-    s_vynCfgTable = s_builtVynCfgTable;
+    s_vynCfgTable = std::move(s_builtVynCfgTable);
     s_builtVynCfgTable.buffer = nullptr;
     s_builtVynCfgTable.firstEntry = nullptr;
     s_builtVynCfgTable.entryCount = 0;

@@ -166,4 +166,36 @@ TEST(FileTableTest, LoadsTheEfsGeometryAndFileList) {
     forget_file_table();
 }
 
+// What was found before does not hide what the rows say now, nor a table of the host's own.
+TEST(FileTableTest, LookUpsFollowTheRows) {
+    Bytes table = FileTable{.sku_rows = {{1, {{"/a", 1}, {"/b", 2}, {"/b", 2}, {"/c", 3}}}},
+                            .geometry_rows = {}}
+                      .build();
+    ASSERT_EQ(load(table, 1), 0u);
+    const auto row_of = [](const char *name, fileno_t fileno) {
+        const file_table_entry_t *by_name = get_file_entry_by_file_name(name);
+        const file_table_entry_t *by_number = get_file_entry_by_fileno(&fileno);
+        EXPECT_EQ(by_name, by_number);
+        return by_name == nullptr ? -1 : by_name - g_table_buf;
+    };
+    EXPECT_EQ(row_of("/b", 2), 1);
+    auto *rows = reinterpret_cast<uint8_t *>(g_table_buf);
+    rows[68 + 1] = 'x';
+    rows[68 + 48] = 9;
+    EXPECT_EQ(row_of("/b", 2), 2);
+    EXPECT_EQ(row_of("/x", 9), 1);
+    EXPECT_EQ(row_of("/y", 8), -1);
+
+    file_table_entry_t own[2] = {};
+    own[1].name[0] = 'z';
+    own[1].fileno = 7;
+    g_table_buf = own;
+    g_table_num_files = 2;
+    EXPECT_EQ(row_of("z", 7), 1);
+    EXPECT_EQ(row_of("/c", 3), -1);
+    g_table_num_files = 1;
+    EXPECT_EQ(row_of("z", 7), -1);
+    forget_file_table();
+}
+
 } // namespace
