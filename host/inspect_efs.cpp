@@ -6,14 +6,12 @@
 #include "host/inspect.h"
 #include "host/utf8.h"
 #include "image/efs_image.h"
+#include "image/efs_records.h"
 
 namespace dolm {
 
 namespace {
 
-constexpr uint32_t area_size = 4076; // of a block, for records
-constexpr uint32_t record_head = 4;
-constexpr uint32_t record_room = area_size - record_head;
 constexpr uint32_t bytes_per_sign = 128;
 
 const char *bm_state_name(EfsBmState state) {
@@ -58,15 +56,15 @@ const char *kind_name(EfsFile::Kind kind) {
 
 // Marks the records that `size` bytes of a file take, across blocks.
 void mark_records(const EfsPlace &place, size_t size, char sign, std::vector<std::string> &areas) {
-    uint32_t offset = std::min(place.offset, record_room);
+    uint32_t offset = std::min(place.offset, efs::record_room);
     uint32_t logical = place.block;
     do {
         if (logical >= areas.size()) {
             return;
         }
-        const size_t payload = std::min<size_t>(size, record_room - offset);
+        const size_t payload = std::min<size_t>(size, efs::record_room - offset);
         std::string &area = areas[logical];
-        const size_t last = (offset + record_head + payload - 1) / bytes_per_sign;
+        const size_t last = (offset + efs::record_head_size + payload - 1) / bytes_per_sign;
         for (size_t i = offset / bytes_per_sign; i <= last; ++i) {
             area[i] = area[i] == '#' ? '#' : sign;
         }
@@ -79,7 +77,7 @@ void mark_records(const EfsPlace &place, size_t size, char sign, std::vector<std
 // A line for each logical block: what its files take, and what they may take.
 std::vector<std::string> draw_areas(const EfsImage &image) {
     std::vector<std::string> areas(image.valid_map.size(),
-                                   std::string(area_size / bytes_per_sign + 1, '.'));
+                                   std::string(efs::data_size / bytes_per_sign + 1, '.'));
     for (const EfsFile &file : image.files) {
         if (file.kind == EfsFile::Kind::contents) {
             mark_records(file.place, file.contents.size(), '#', areas);

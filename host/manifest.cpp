@@ -11,6 +11,7 @@
 #include "host/manifest_check.h"
 #include "host/set_files.h"
 #include "host/value_text.h"
+#include "image/efs_records.h"
 
 namespace dolm {
 
@@ -172,8 +173,8 @@ class Reader {
         const EfsGeometry defaults;
         EfsGeometry geometry;
         geometry.bm_num = section.number("bm_num", 1, 255, defaults.bm_num);
-        geometry.valid = section.number("valid", 1, 255, defaults.valid);
-        geometry.non_valid = section.number("non_valid", 0, 255, defaults.non_valid);
+        geometry.valid_blocks = section.number("valid", 1, 255, defaults.valid_blocks);
+        geometry.spare_blocks = section.number("non_valid", 0, 255, defaults.spare_blocks);
         geometry.files_num = section.number("files_num", 1, 2048, 0);
         geometry.wear_threshold =
             section.number("wear_threshold", 0, max_u32, defaults.wear_threshold);
@@ -277,7 +278,7 @@ class Reader {
         }
         Object section(*json, object.at("efs"), problems);
         place.block = section.number("block", 0, 254, std::nullopt);
-        place.offset = section.number("offset", 0, 4072, 0);
+        place.offset = section.number("offset", 0, efs::record_room, 0);
         const uint32_t with_trailer =
             std::min(file.max_size, max_u32 - 56) + trailer_length(file.attributes);
         place.max_size = section.number("max_size", 0, max_u32, with_trailer);

@@ -77,8 +77,8 @@ struct ManifestFile {
 
 struct EfsGeometry {
     uint32_t bm_num = 2;
-    uint32_t valid = 7;     // logical blocks
-    uint32_t non_valid = 3; // spare blocks
+    uint32_t valid_blocks = 7; // logical ones
+    uint32_t spare_blocks = 3;
     uint32_t files_num = 0; // file slots
     uint32_t wear_threshold = 100;
     uint32_t layout_id = 0;

@@ -7,17 +7,13 @@
 
 #include "FCS.h"
 #include "host/set_files.h"
+#include "image/efs_records.h"
 
 namespace dolm {
 
 namespace {
 
 constexpr uint32_t max_efs_file = 65534; // a length of 65535 means that there is no file
-
-// EFS data areas: a file's first record may stand anywhere, continuations at offset 0. A record is
-// a 4-byte head and its payload.
-constexpr uint32_t record_head = 4;
-constexpr uint32_t block_payload = 4072;
 
 std::string quoted(const std::string &name) {
     constexpr size_t most_shown = 2 * max_name_length;
@@ -138,7 +134,8 @@ void check_afs_file(const AfsLayout &afs, const ManifestFile &file, Problems &pr
     }
 }
 
-// The stretches of data areas that the records of an EFS file may take: (block, begin, end).
+// The stretches of data areas that the records of an EFS file may take: (block, begin, end). The
+// first record may stand anywhere, those that go on with the file stand at offset 0.
 struct Stretch {
     uint32_t block;
     uint32_t begin;
@@ -151,8 +148,8 @@ void add_stretches(const ManifestFile &file, std::vector<Stretch> &stretches) {
     uint32_t rest = file.efs.max_size;
     uint32_t block = file.efs.block;
     while (true) {
-        const uint32_t payload = std::min(rest, block_payload - offset);
-        stretches.push_back({block, offset, offset + record_head + payload, &file});
+        const uint32_t payload = std::min(rest, efs::record_room - offset);
+        stretches.push_back({block, offset, offset + efs::record_head_size + payload, &file});
         rest -= payload;
         if (rest == 0) {
             return;
@@ -162,12 +159,12 @@ void add_stretches(const ManifestFile &file, std::vector<Stretch> &stretches) {
     }
 }
 
-void check_efs_file(const EfsGeometry &efs, const ManifestFile &file, Problems &problems) {
+void check_efs_file(const EfsGeometry &geometry, const ManifestFile &file, Problems &problems) {
     const std::string place = file.place + "/efs";
-    if (file.id >= efs.files_num) {
-        problems.add(file.place + "/id", "EFS has " + std::to_string(efs.files_num) +
+    if (file.id >= geometry.files_num) {
+        problems.add(file.place + "/id", "EFS has " + std::to_string(geometry.files_num) +
                                              " file slots, the last is " +
-                                             std::to_string(efs.files_num - 1));
+                                             std::to_string(geometry.files_num - 1));
     }
     if (file.efs.max_size > max_efs_file) {
         problems.add(place + "/max_size", "a file of EFS has at most " + bytes(max_efs_file));
@@ -175,18 +172,19 @@ void check_efs_file(const EfsGeometry &efs, const ManifestFile &file, Problems &
     }
     std::vector<Stretch> stretches;
     add_stretches(file, stretches);
-    if (stretches.back().block >= efs.valid) {
+    if (stretches.back().block >= geometry.valid_blocks) {
         problems.add(place, "the file runs to logical block " +
                                 std::to_string(stretches.back().block) + ", the last is " +
-                                std::to_string(efs.valid - 1));
+                                std::to_string(geometry.valid_blocks - 1));
     }
     // The store rounds up with the record's head counted against the payload.
     const uint32_t needed =
-        (file.efs.max_size + block_payload + record_head - 1 + file.efs.offset) / block_payload;
-    if (needed > efs.non_valid) {
+        (file.efs.max_size + efs::record_room + efs::record_head_size - 1 + file.efs.offset) /
+        efs::record_room;
+    if (needed > geometry.spare_blocks) {
         problems.add(place, "a write of " + bytes(file.efs.max_size) + " needs " +
                                 std::to_string(needed) + " spare blocks, there are " +
-                                std::to_string(efs.non_valid));
+                                std::to_string(geometry.spare_blocks));
     }
     if (file.flash && flash_size(file) > file.efs.max_size) {
         problems.add(file.place + "/flash", "the content has " + bytes(flash_size(file)) +
@@ -229,8 +227,8 @@ void check_efs_overlaps(const Manifest &manifest, Problems &problems) {
     }
 }
 
-void check_efs_geometry(const EfsGeometry &efs, Problems &problems) {
-    const uint32_t blocks = efs.valid + efs.non_valid;
+void check_efs_geometry(const EfsGeometry &geometry, Problems &problems) {
+    const uint32_t blocks = geometry.valid_blocks + geometry.spare_blocks;
     if (blocks < 2 || blocks > 256) {
         problems.add("/efs", "valid and non_valid together make 2 to 256 blocks");
     }

@@ -61,8 +61,8 @@ void put_efs_row(Bytes &ftbl, size_t at, uint32_t sku, const EfsGeometry &efs, s
                                static_cast<uint32_t>(records),
                                static_cast<uint32_t>(records * efst_record_size),
                                efs.bm_num,
-                               efs.valid,
-                               efs.non_valid,
+                               efs.valid_blocks,
+                               efs.spare_blocks,
                                efs.files_num,
                                efs.wear_threshold,
                                efs.layout_id};
