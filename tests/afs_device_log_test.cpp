@@ -126,6 +126,13 @@ const Case log_cases[] = {
      reclaim_log(3, spare,
                  " w7:6806+1320 w7:119+20 w7:2648+4092 w7:56+62"
                  " w7:338+2310 w7:21+35 w7:140+132 w7:18+2")},
+    {"allocation_behind_a_reclaim", fill(0, {2, 100, 121}),
+     [](FtlStore &store) {
+         reclaim_eu(store.context(), 3, AFS_FTL_MODE_RECLAIM);
+         DeviceDouble::instance().log().clear();
+         return allocate_and_write(store);
+     },
+     " w7:20+1 w7:272+66 w7:20+1"},
     {"reclaim_of_a_dead_data_eu", nothing, reclaim(5), reclaim_log(5, spare)},
     {"reclaim_of_a_log_eu_into_two", prepare_log, reclaim(0),
      reclaim_log(0, spare, " w1:6860+1320 w1:218+40 w1:259+1 w2:260+1320 w2:18+40 w2:59+1")},
