@@ -60,8 +60,12 @@ struct InspectOptions {
 };
 void inspect_image(const InspectOptions &options);
 
-// Throws Failure if something is wrong with the set.
-void check_set(const SetOptions &options);
+struct CheckOptions : SetOptions {
+    bool strict = false; // notes fail too
+    bool quiet = false;  // the counts alone
+};
+// Throws Failure if something is wrong with the set. Without a SKU all are checked.
+void check_set(const CheckOptions &options);
 
 struct ProveOptions : SetOptions {
     std::vector<std::string> words;              // names and values in turn

@@ -31,7 +31,9 @@ Table find_table(const InspectOptions &options, const std::optional<SetFolder> &
     }
     table.sku = options.sku;
     if (!table.sku && !options.ftbl && set) {
-        table.sku = set->sku();
+        if (const auto settings = set->settings()) {
+            table.sku = settings->sku;
+        }
     }
     return table;
 }

@@ -130,8 +130,13 @@ void add_inspect(CLI::App &app) {
 
 void add_check(CLI::App &app) {
     auto *command = app.add_subcommand("check", "Say what is wrong with a set");
-    auto options = std::make_shared<dolm::SetOptions>();
-    add_set_options(*command, *options);
+    auto options = std::make_shared<dolm::CheckOptions>();
+    command->add_option("SET", options->folder, "Folder of the set")->required();
+    command->add_option("--sku", options->sku, "Check this SKU alone instead of all");
+    command->add_flag("--strict", options->strict, "Fail over notes too");
+    command->add_flag("--quiet", options->quiet, "Print the counts alone");
+    add_lock_timeout(*command, options->lock_timeout);
+
     command->callback([options] { dolm::check_set(*options); });
 }
 

@@ -16,26 +16,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char *settings_name = "set.json";
-
-struct Member {
-    const char *name;
-    Bytes SetFiles::*content;
-    bool mandatory;
-    uint64_t max_size;
-};
-
-constexpr Member members[] = {
-    {"orvel.cfg", &SetFiles::orvel_cfg, true, max_table_size},
-    {"vync.cfg", &SetFiles::vync_cfg, false, max_table_size},
-    {"ftbl.bin", &SetFiles::ftbl, true, max_table_size},
-    {"qfs.img", &SetFiles::qfs_image, false, max_image_size},
-    {"efs.img", &SetFiles::efs_image, false, max_image_size},
-};
 constexpr uint64_t max_settings_size = 65536;
 
-Bytes make_settings(uint32_t sku) {
-    const std::string text = nlohmann::json{{"sku", sku}}.dump() + "\n";
+// Names what is there, and what was said to belong to the set before, so that a lost file is missed
+// after a change too.
+Bytes make_settings(const SetFiles &set) {
+    nlohmann::ordered_json settings{{"sku", *set.sku}, {"members", nlohmann::json::array()}};
+    for (const SetMember &member : set_members) {
+        const bool is_counted =
+            std::find(set.members.begin(), set.members.end(), member.name) != set.members.end();
+        if (is_counted || !(set.*member.content).empty()) {
+            settings["members"].push_back(member.name);
+        }
+    }
+    const std::string text = settings.dump() + "\n";
     return Bytes(text.begin(), text.end());
 }
 
@@ -74,14 +68,14 @@ Bytes read_file(const fs::path &path, uint64_t max_size) {
 
 bool is_member_name(const std::string &name) {
     return name == settings_name ||
-           std::any_of(std::begin(members), std::end(members),
-                       [&](const Member &member) { return name == member.name; });
+           std::any_of(std::begin(set_members), std::end(set_members),
+                       [&](const SetMember &member) { return name == member.name; });
 }
 
 bool holds_set(const fs::path &folder) {
     return fs::exists(folder / settings_name) ||
-           std::any_of(std::begin(members), std::end(members),
-                       [&](const Member &member) { return fs::exists(folder / member.name); });
+           std::any_of(std::begin(set_members), std::end(set_members),
+                       [&](const SetMember &member) { return fs::exists(folder / member.name); });
 }
 
 void refuse_other_set(const fs::path &folder, bool replace) {
@@ -132,24 +126,34 @@ void SetFolder::lock(system::FolderLock::Kind kind, double timeout) {
                   "; gave up waiting for it (--lock-timeout)");
 }
 
-std::optional<uint32_t> SetFolder::sku() const {
+std::optional<SetSettings> SetFolder::settings() const {
     const fs::path path = path_ / settings_name;
     if (!fs::exists(path)) {
         return std::nullopt;
     }
-    const Bytes content = read_file(path, max_settings_size);
-    const auto settings = nlohmann::json::parse(content, nullptr, false);
-    const auto sku = settings.is_object() ? settings.find("sku") : settings.end();
-    if (sku == settings.end() || !sku->is_number_unsigned() ||
-        sku->get<uint64_t>() > std::numeric_limits<uint32_t>::max()) {
-        throw Failure(path.string() + ": not of the form {\"sku\": NUMBER}");
+    const auto json = nlohmann::json::parse(read_file(path, max_settings_size), nullptr, false);
+    const auto bad_if = [&](bool bad) {
+        if (bad) {
+            throw Failure(path.string() +
+                          ": not of the form {\"sku\": NUMBER, \"members\": [NAME, ...]}");
+        }
+    };
+    bad_if(!json.is_object() || !json.contains("sku") || !json["sku"].is_number_unsigned());
+    bad_if(json["sku"].get<uint64_t>() > std::numeric_limits<uint32_t>::max());
+    SetSettings settings{json["sku"].get<uint32_t>(), {}};
+    if (json.contains("members")) {
+        bad_if(!json["members"].is_array());
+        for (const auto &name : json["members"]) {
+            bad_if(!name.is_string());
+            settings.members.push_back(name.get<std::string>());
+        }
     }
-    return sku->get<uint32_t>();
+    return settings;
 }
 
 SetFiles SetFolder::load() {
     SetFiles set;
-    for (const Member &member : members) {
+    for (const SetMember &member : set_members) {
         const fs::path path = path_ / member.name;
         if (member.mandatory || fs::exists(path)) {
             set.*member.content = read_file(path, member.max_size);
@@ -158,7 +162,10 @@ SetFiles SetFolder::load() {
             empty_.insert(member.name);
         }
     }
-    set.sku = sku();
+    if (auto said = settings()) {
+        set.sku = said->sku;
+        set.members = std::move(said->members);
+    }
     return set;
 }
 
@@ -169,14 +176,14 @@ void SetFolder::save(const SetFiles &set, const std::function<void()> &before_de
             changes.push_back({name, std::move(content)});
         }
     };
-    for (const Member &member : members) {
+    for (const SetMember &member : set_members) {
         const Bytes &content = set.*member.content;
         const bool absent = content.empty() && !member.mandatory;
         if (!absent || !empty_.contains(member.name)) {
             add(member.name, absent ? std::nullopt : std::optional(content));
         }
     }
-    add(settings_name, set.sku ? std::optional(make_settings(*set.sku)) : std::nullopt);
+    add(settings_name, set.sku ? std::optional(make_settings(set)) : std::nullopt);
     commit(path_, changes, before_decision);
 }
 

@@ -1,6 +1,6 @@
 // A set: a folder with the inputs of one start-up of the library, "orvel.cfg", "vync.cfg",
 // "ftbl.bin", "qfs.img" and "efs.img", of which all but the first and the third may be absent, and
-// "set.json", which remembers the SKU that the set is used with.
+// "set.json", which remembers the SKU that the set is used with and the files that belong to it.
 #pragma once
 
 #include <filesystem>
@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "host/system.h"
 #include "image/bytes.h"
@@ -21,7 +22,8 @@ struct SetFiles {
     Bytes ftbl;
     Bytes qfs_image;
     Bytes efs_image;
-    std::optional<uint32_t> sku; // from "set.json"
+    std::optional<uint32_t> sku;      // from "set.json"
+    std::vector<std::string> members; // names of files that "set.json" counts on, there or not
 };
 
 // The largest sizes that make sense, so that a file of another kind is refused by its size alone.
@@ -29,6 +31,28 @@ struct SetFiles {
 // be followed by what is left of the flash. The largest table is that of 65536 files and 10 SKUs.
 inline constexpr uint64_t max_image_size = uint64_t{2} << 20;
 inline constexpr uint64_t max_table_size = uint64_t{64} << 20;
+
+struct SetMember {
+    const char *name;
+    Bytes SetFiles::*content;
+    bool mandatory;
+    uint64_t max_size;
+};
+
+inline constexpr SetMember set_members[] = {
+    {"orvel.cfg", &SetFiles::orvel_cfg, true, max_table_size},
+    {"vync.cfg", &SetFiles::vync_cfg, false, max_table_size},
+    {"ftbl.bin", &SetFiles::ftbl, true, max_table_size},
+    {"qfs.img", &SetFiles::qfs_image, false, max_image_size},
+    {"efs.img", &SetFiles::efs_image, false, max_image_size},
+};
+inline constexpr const char *settings_name = "set.json";
+
+// What "set.json" says.
+struct SetSettings {
+    uint32_t sku = 0;
+    std::vector<std::string> members; // empty if it does not name them
+};
 
 // Reads a file, a device or a pipe, standard input for "-". Throws Failure if that fails or there
 // are more than max_size bytes.
@@ -61,8 +85,8 @@ class SetFolder {
     // Throws Failure.
     SetFiles load();
 
-    // The SKU that "set.json" names, if there is one. Throws Failure.
-    std::optional<uint32_t> sku() const;
+    // Nothing without a "set.json". Throws Failure if it is not of its form.
+    std::optional<SetSettings> settings() const;
 
     // Writes the whole set. A file that the set lacks is removed, but for one that was empty or a
     // link to nothing when the set was loaded; one that holds the same already is left alone.

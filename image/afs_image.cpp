@@ -177,6 +177,7 @@ class Reader {
             std::ranges::find_if(order, [this](uint32_t eu) { return is_blank(eu); });
         const bool any_blank = blank != order.end();
         for (const uint32_t eu : order) {
+            image_.eus[eu].pages.assign(log_slots, std::nullopt);
             if (is_blank(eu)) {
                 continue;
             }
@@ -282,6 +283,7 @@ class Reader {
             return;
         }
         image_.pages[page] = AfsPagePlace{eu, slot};
+        image_.eus[eu].pages[slot] = static_cast<uint16_t>(page);
     }
 
     // The bytes of a metadata page; a page without a copy reads as zeros.

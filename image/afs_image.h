@@ -45,7 +45,8 @@ struct AfsEu {
     uint16_t next_spare = 0;        // EU that is the spare once this header counts
     uint16_t va_base = 0;           // 0, or page number of the first page of a data EU
     std::vector<AfsSlot> slots;     // 120 for a log EU, 122 for a data EU, none otherwise
-    unsigned live = 0;              // slots of each kind
+    std::vector<std::optional<uint16_t>> pages; // of a log EU, what each slot holds if committed
+    unsigned live = 0;                          // slots of each kind
     unsigned dead = 0;
     unsigned free = 0;
 };

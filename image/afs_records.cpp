@@ -88,14 +88,36 @@ uint16_t link_of(uint16_t page) {
     return crc16_step(reg, static_cast<uint8_t>(page >> 8)) & 0x3FFF;
 }
 
-bool page_is_good(const uint8_t *record, uint32_t page) {
+namespace {
+
+uint16_t crc_of_page(const uint8_t *record) {
     uint16_t crc = 0xFFFF;
     for (uint32_t i = 0; i < page_size; ++i) {
         crc = crc16_step(crc, record[i]);
     }
+    return crc;
+}
+
+uint16_t with_number(uint16_t crc, uint32_t page) {
     crc = crc16_step(crc, static_cast<uint8_t>(page));
-    crc = crc16_step(crc, static_cast<uint8_t>(page >> 8));
-    return crc == le16(record + page_size);
+    return crc16_step(crc, static_cast<uint8_t>(page >> 8));
+}
+
+} // namespace
+
+bool page_is_good(const uint8_t *record, uint32_t page) {
+    return with_number(crc_of_page(record), page) == le16(record + page_size);
+}
+
+std::optional<uint16_t> page_of(const uint8_t *record, uint32_t page_count) {
+    const uint16_t crc = crc_of_page(record);
+    const uint16_t wanted = le16(record + page_size);
+    for (uint32_t page = 0; page < page_count; ++page) {
+        if (with_number(crc, page) == wanted) {
+            return static_cast<uint16_t>(page);
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace dolm::afs

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace dolm::afs {
 
@@ -77,5 +78,8 @@ uint16_t link_of(uint16_t page);
 
 // Every page carries its own number in its checksum, so that one in the wrong place fails.
 bool page_is_good(const uint8_t *record, uint32_t page);
+
+// The page below page_count whose number the checksum of a record carries, if there is one.
+std::optional<uint16_t> page_of(const uint8_t *record, uint32_t page_count);
 
 } // namespace dolm::afs

@@ -9,11 +9,10 @@ namespace {
 
 using namespace efs;
 
-using Bytes = std::span<const uint8_t>;
-
 class Reader {
   public:
-    Reader(Bytes bytes, const EfsLayout &layout) : bytes_(bytes), layout_(layout) {}
+    Reader(std::span<const uint8_t> bytes, const EfsLayout &layout)
+        : bytes_(bytes), layout_(layout) {}
 
     EfsImage read() {
         for (uint32_t i = 0; i < layout_.bm_num; ++i) {
@@ -29,12 +28,14 @@ class Reader {
     }
 
   private:
-    Bytes bm(uint32_t index) const { return bytes_.subspan(index * block_size, block_size); }
-    Bytes block(uint32_t number) const { return bm(layout_.bm_num + number); }
+    std::span<const uint8_t> bm(uint32_t index) const {
+        return bytes_.subspan(index * block_size, block_size);
+    }
+    std::span<const uint8_t> block(uint32_t number) const { return bm(layout_.bm_num + number); }
     uint32_t entry_size() const { return layout_.data_blocks() + entry_words_size; }
     uint32_t entries_in_bm() const { return (entry_limit - header_size) / entry_size(); }
 
-    Bytes entry(uint32_t bm_index, uint32_t slot) const {
+    std::span<const uint8_t> entry(uint32_t bm_index, uint32_t slot) const {
         return bm(bm_index).subspan(header_size + slot * entry_size(), entry_size());
     }
 
@@ -43,7 +44,7 @@ class Reader {
     void damage(EfsDamage damage) { image_.damages.push_back(std::move(damage)); }
 
     void read_bm(uint32_t index) {
-        const Bytes header = bm(index).first(header_size);
+        const std::span<const uint8_t> header = bm(index).first(header_size);
         EfsBm found;
         if (all(header, 0xFF)) {
             found.state = EfsBmState::erased;
@@ -51,7 +52,7 @@ class Reader {
             found.state = EfsBmState::retired;
         } else if (is_sealed(header)) {
             found.state = EfsBmState::good;
-            found.sequence = le32(header, 4);
+            found.sequence = get_le32(header, 4);
             found.layout_id = header[11];
             if (header[8] != layout_.bm_num || header[9] != layout_.valid_blocks ||
                 header[10] != layout_.spare_blocks || header[11] != layout_.layout_id) {
@@ -107,7 +108,7 @@ class Reader {
         }
     }
 
-    bool read_maps(Bytes maps) {
+    bool read_maps(std::span<const uint8_t> maps) {
         std::vector<bool> seen(layout_.data_blocks());
         image_.blocks.resize(layout_.data_blocks());
         for (uint32_t i = 0; i < layout_.data_blocks(); ++i) {
@@ -128,7 +129,7 @@ class Reader {
     void read_blocks() {
         for (uint32_t i = 0; i < layout_.valid_blocks; ++i) {
             EfsBlock &found = read_block(image_.valid_map[i], i);
-            const Bytes bytes = block(image_.valid_map[i]);
+            const std::span<const uint8_t> bytes = block(image_.valid_map[i]);
             found.footer_good = is_sealed(bytes.subspan(data_offset));
             if (found.state == EfsBlockState::no_header || !found.footer_good) {
                 damage({.rule = Rule::block,
@@ -149,11 +150,11 @@ class Reader {
     }
 
     EfsBlock &read_block(uint32_t number, uint32_t index) {
-        const Bytes bytes = block(number);
+        const std::span<const uint8_t> bytes = block(number);
         EfsBlock &found = image_.blocks[number];
         found.index = index;
         if (is_sealed(bytes.first(header_size))) {
-            found.erase_count = le32(bytes, 0);
+            found.erase_count = get_le32(bytes, 0);
             const bool erased = all(bytes.subspan(data_offset), 0xFF);
             found.state = erased ? EfsBlockState::free : EfsBlockState::dirty;
         }
@@ -161,13 +162,15 @@ class Reader {
     }
 
     // The payload of a record, empty if it fails its checksum.
-    std::optional<Bytes> read_record(uint32_t logical, uint32_t offset, uint32_t payload) {
+    std::optional<std::span<const uint8_t>> read_record(uint32_t logical, uint32_t offset,
+                                                        uint32_t payload) {
         if (logical >= layout_.valid_blocks || offset + payload > record_room) {
             return std::nullopt;
         }
-        const Bytes record = block(image_.valid_map[logical]).subspan(data_offset + offset);
-        const Bytes found = record.subspan(record_head_size, payload);
-        if (crc16(crc16(logical, record.first(2)), found) != le16(record, 2)) {
+        const std::span<const uint8_t> record =
+            block(image_.valid_map[logical]).subspan(data_offset + offset);
+        const std::span<const uint8_t> found = record.subspan(record_head_size, payload);
+        if (crc16(crc16(logical, record.first(2)), found) != get_le16(record, 2)) {
             return std::nullopt;
         }
         return found;
@@ -179,9 +182,9 @@ class Reader {
         if (place.block >= layout_.valid_blocks || place.offset > record_room) {
             return file;
         }
-        const Bytes first =
+        const std::span<const uint8_t> first =
             block(image_.valid_map[place.block]).subspan(data_offset + place.offset);
-        const uint32_t size = le16(first, 0);
+        const uint32_t size = get_le16(first, 0);
         const uint32_t length = size == no_file ? 0 : size;
         uint32_t offset = place.offset;
         for (uint32_t logical = place.block;
@@ -211,7 +214,7 @@ class Reader {
                 .file = place.number});
     }
 
-    Bytes bytes_;
+    std::span<const uint8_t> bytes_;
     const EfsLayout &layout_;
     EfsImage image_;
 };

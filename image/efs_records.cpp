@@ -28,6 +28,21 @@ constexpr auto crc16_table = [] {
     return table;
 }();
 
+// The index into the table of the entry with a top byte; each entry has another.
+constexpr auto index_by_top_byte = [] {
+    std::array<uint8_t, 256> index{};
+    for (uint32_t i = 0; i < 256; ++i) {
+        index[crc32_table[i] >> 24] = static_cast<uint8_t>(i);
+    }
+    return index;
+}();
+
+// What the register held before a byte of zero.
+uint32_t step_back(uint32_t crc) {
+    const uint32_t index = index_by_top_byte[crc >> 24];
+    return (crc ^ crc32_table[index]) << 8 | index;
+}
+
 } // namespace
 
 uint32_t crc32(std::span<const uint8_t> bytes) {
@@ -44,6 +59,25 @@ uint32_t crc16(uint32_t seed, std::span<const uint8_t> bytes) {
         crc = (crc << 8 & 0xFFFF) ^ crc16_table[crc >> 8 ^ byte];
     }
     return crc;
+}
+
+// The checksum is linear: a wrong byte leaves its difference in the register, and the bytes behind
+// it move that on as zeros do.
+std::optional<WrongByte> wrong_byte(std::span<const uint8_t> bytes) {
+    const size_t size = bytes.size() - 4;
+    uint32_t difference = crc32(bytes.first(size)) ^ get_le32(bytes, size);
+    for (size_t i = 0; i < 4; ++i) {
+        if ((difference & ~(uint32_t{0xFF} << (8 * i))) == 0) {
+            return WrongByte{size + i, static_cast<uint8_t>(difference >> (8 * i))};
+        }
+    }
+    for (size_t i = size; i > 0; --i) {
+        difference = step_back(difference);
+        if (difference < 256) {
+            return WrongByte{i - 1, static_cast<uint8_t>(difference)};
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace dolm::efs

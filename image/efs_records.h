@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
+
+#include "image/bytes.h"
 
 namespace dolm::efs {
 
@@ -25,14 +28,6 @@ constexpr uint32_t record_head_size = 4;
 constexpr uint32_t record_room = data_size - record_head_size;
 constexpr uint32_t no_file = 0xFFFF;
 
-inline uint32_t le16(std::span<const uint8_t> bytes, size_t at) {
-    return bytes[at] | static_cast<uint32_t>(bytes[at + 1]) << 8;
-}
-
-inline uint32_t le32(std::span<const uint8_t> bytes, size_t at) {
-    return le16(bytes, at) | le16(bytes, at + 2) << 16;
-}
-
 uint32_t crc32(std::span<const uint8_t> bytes);
 
 // Of a record in a logical block: seeded with the block's number.
@@ -44,7 +39,15 @@ inline bool all(std::span<const uint8_t> bytes, uint8_t value) {
 
 // Whether the last four bytes are the checksum of those before.
 inline bool is_sealed(std::span<const uint8_t> bytes) {
-    return crc32(bytes.first(bytes.size() - 4)) == le32(bytes, bytes.size() - 4);
+    return crc32(bytes.first(bytes.size() - 4)) == get_le32(bytes, bytes.size() - 4);
 }
+
+// Of bytes that fail their checksum at the end: the one byte that, if it alone is wrong, explains
+// it, and the bits that are wrong in it.
+struct WrongByte {
+    size_t at;
+    uint8_t bits;
+};
+std::optional<WrongByte> wrong_byte(std::span<const uint8_t> bytes);
 
 } // namespace dolm::efs

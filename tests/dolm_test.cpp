@@ -216,32 +216,27 @@ TEST_F(DolmCalls, WhatGetPrintsSetTakesBack) {
     }
 }
 
-TEST_F(DolmCalls, CheckNamesEachDamageAndChangesNothing) {
-    const struct {
-        const char *file;
-        std::string text; // as for patch
-        size_t offset;
-        std::string with;
-        const char *found; // part of what check prints
-    } damages[] = {
-        {"qfs.img", "carrier board B", 0, "K", "error: qfs.img: "},
-        {"efs.img", "\x11\x22\x33\x44\x55\x66\x77", 3, "x", "error: efs.img: file 2 is damaged"},
-        {"efs.img", "", 0, "",
-         "error: /home/radio/cal/rx: lies in EFS, and the set has no efs.img"},
-        {"ftbl.bin", "EFST", 36, "\x08", "error: efs.img: "},
-        {"ftbl.bin", "", 0, "no", "error: the set: start-up failed"},
-        {"ftbl.bin", "/home/net/hostname", 64, "\x02", "has 10 bytes, over the limit of 2"},
-        {"ftbl.bin", "/home/net/dns", 0, "/home/net/ntp", "the name stands twice"},
-        {"orvel.cfg", {"\xa2\0\0\0", 4}, 2, "\1", "note: orvel.cfg: file number 65698 is in no"},
+TEST_F(DolmCalls, CheckFailsOverErrorsAndChangesNothing) {
+    fs::copy(set, folder / "broken");
+    patch(folder / "broken/qfs.img", "carrier board B", 0, "K");
+    write_whole(folder / "broken/set.json", "{");
+    const Call calls[] = {
+        {"check set", 0, "set with SKUs 1, 2: 0 errors, 11 notes\n"},
+        {"check set --sku 2", 0, "set with SKU 2: 0 errors, 11 notes\n"},
+        {"check set --quiet", 0, "set with SKUs 1, 2: 0 errors, 11 notes\n"},
+        {"check set --strict", 1, "note: orvel.cfg: 0x226F, value of record 6: "},
+        {"check set --sku 7", 1, "there is no row for SKU 7, only for 1, 2"},
+        {"check broken", 1, "error: qfs.img: 0x3C152, EU 30, slot 3: /home/mca/board_name: "},
+        {"check broken", 1, "\n    the set: with SKU 2: start-up failed\n"},
+
+        {"check broken", 1, "\n    advice: bring back qfs.img"},
+        {"check broken --quiet", 1, "broken with SKUs 1, 2: 2 errors, 7 notes\n"},
+        {"check broken --json", 1, "\"file\": \"set.json\""},
+        {"check set --json", 0, "\"errors\": 0,\n  \"notes\": 11,\n"},
+        {"check nowhere --json", 1, "\"text\": \"cannot open the folder nowhere: "},
+        {"check", 2, "SET is required"},
     };
-    for (const auto &damage : damages) {
-        fs::copy(set, folder / "copy");
-        patch(folder / "copy" / damage.file, damage.text, damage.offset, damage.with);
-        const int code = std::string(damage.found).starts_with("note") ? 0 : 1;
-        const Call calls[] = {{"check copy", code, damage.found}, {"check copy --json", code, "{"}};
-        expect_each(calls);
-        fs::remove_all(folder / "copy");
-    }
+    expect_each(calls);
 }
 
 TEST_F(DolmCalls, ProveVisitsStatesAndReplaysOne) {

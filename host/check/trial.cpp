@@ -1,0 +1,137 @@
+// A run of the library on a copy of the set.
+#include "EFS.h"
+#include "dfs.h"
+#include "host/check/set_view.h"
+#include "host/errors.h"
+#include "host/library.h"
+#include "host/progress.h"
+#include "host/tables.h"
+
+namespace dolm {
+
+namespace {
+
+class Trial {
+  public:
+    Trial(const SetView &view, uint32_t sku, Findings &findings)
+        : view_(view), sku_(sku), findings_(findings) {}
+
+    void run() {
+        SetFiles copy = view_.files;
+        std::map<std::string, Bytes> values;
+        {
+            Library library(copy, sku_);
+            if (findings_.has_errors()) {
+                return; // it starts up in spite of them; more cannot be trusted
+            }
+            read_all_files();
+            for (const std::string &name : library.names()) {
+                values[name] = library.nvar(name).value;
+            }
+            copy.vync_cfg = with_vync_head(library.terminate());
+        }
+        check_result(copy, values);
+    }
+
+  private:
+    void error(const char *file, std::string text, const std::string &nvar = {}) {
+        findings_.error(
+            {file, "", "with SKU " + std::to_string(sku_) + ": " + std::move(text), nvar});
+    }
+
+    // Every file through the library, held against what the image says by itself.
+    void read_all_files() {
+        Progress progress("reading files", view_.afs.files.size() + view_.efs.files.size());
+        for (const AfsFile &file : view_.afs.files) {
+            progress.step();
+            if (file.kind != AfsFile::Kind::zombie) {
+                compare(qfs_img, file.number, file.contents, read_afs_file(file.number));
+            }
+        }
+        for (const EfsFile &file : view_.efs.files) {
+            progress.step();
+            if (file.kind == EfsFile::Kind::contents) {
+                compare(efs_img, file.place.number, file.contents,
+                        read_efs_file(file.place.number));
+            }
+        }
+    }
+
+    static std::optional<Bytes> read_afs_file(uint32_t number) {
+        uint32_t size = 0;
+        if (dfs_getsize(number, &size) != DFS_OK) {
+            return std::nullopt;
+        }
+        Bytes contents(size);
+        if (size != 0 && dfs_read(number, 0, &size, contents.data()) != DFS_OK) {
+            return std::nullopt;
+        }
+        contents.resize(size);
+        return contents;
+    }
+
+    static std::optional<Bytes> read_efs_file(uint32_t number) {
+        uint32_t size = 0;
+        if (EFS_get_file_size(number, &size) != EFS_OK) {
+            return std::nullopt;
+        }
+        Bytes contents(size);
+        if (size != 0 && EFS_read(number, 0, &size, contents.data()) != EFS_OK) {
+            return std::nullopt;
+        }
+        contents.resize(size);
+        return contents;
+    }
+
+    void compare(const char *image, uint32_t number, const std::vector<uint8_t> &on_image,
+                 const std::optional<Bytes> &read) {
+        const std::string file = "file " + std::to_string(number);
+        if (!read) {
+            error(image, file + " cannot be read");
+        } else if (*read != on_image) {
+            error(image, file + " reads as other bytes than lie on the image");
+        }
+    }
+
+    // What a termination left has to start up with the same values, on sound images.
+    void check_result(SetFiles &result, const std::map<std::string, Bytes> &values) {
+        const std::string after = "after a trial termination ";
+        if (!view_.files.qfs_image.empty()) {
+            for (const std::string &rule : check_invariants(result.qfs_image)) {
+                error(qfs_img, after + rule);
+            }
+        }
+        if (view_.layout) {
+            const EfsImage image = read_efs_image(result.efs_image, *view_.layout);
+            for (const std::string &rule : efs_damages(image)) {
+                error(efs_img, after + rule);
+            }
+        }
+        const Library library(result, sku_);
+        for (const auto &[name, value] : values) {
+            if (library.value(name, FCS_FILE_CURRENT_VALUES) != value) {
+                error("the set", after + "it has another value than before", name);
+            }
+        }
+    }
+
+    const SetView &view_;
+    const uint32_t sku_;
+    Findings &findings_;
+};
+
+} // namespace
+
+void try_running(const SetView &view, uint32_t sku, Findings &findings) {
+    if (view.files.orvel_cfg.empty() || view.files.ftbl.empty()) {
+        return;
+    }
+    try {
+        Trial(view, sku, findings).run();
+    } catch (const Failure &failure) {
+        Remark remark{"the set", "", "with SKU " + std::to_string(sku) + ": " + failure.what()};
+        findings.follow({ftbl_bin, orvel_cfg, vync_cfg, qfs_img, efs_img}, std::move(remark));
+    }
+}
+
+} // namespace dolm

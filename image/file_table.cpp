@@ -1,0 +1,122 @@
+#include "image/file_table.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace dolm {
+
+using namespace ftbl;
+
+namespace {
+
+class Reader {
+  public:
+    explicit Reader(const Bytes &bytes) : bytes_(bytes) {}
+
+    FileTable read() {
+        FileTable table;
+        if (!has(0, head_size)) {
+            return table;
+        }
+        table.has_magic = get_le32(bytes_, 0) == magic;
+        table.row_count = get_le32(bytes_, row_count_offset);
+        for (size_t i = 0; i < std::min(table.row_count, max_rows); ++i) {
+            if (has(head_size + i * row_size, row_size)) {
+                table.rows.push_back(read_row(head_size + i * row_size));
+            }
+        }
+        const uint64_t section = head_size + uint64_t{table.row_count} * row_size;
+        if (has(section, head_size) && get_le32(bytes_, section) == efst_magic) {
+            read_section(table, section);
+        }
+        return table;
+    }
+
+  private:
+    bool has(uint64_t at, uint64_t size) const { return at + size <= bytes_.size(); }
+
+    // How many of count records of a size lie in the table from an offset on.
+    size_t present(uint32_t at, uint32_t count, uint32_t size) const {
+        return at > bytes_.size() ? 0 : std::min<size_t>(count, (bytes_.size() - at) / size);
+    }
+
+    FtblRow read_row(size_t at) const {
+        FtblRow row{
+            at, get_le32(bytes_, at), get_le32(bytes_, at + 4), get_le32(bytes_, at + 8), {}};
+        const bool is_empty = row.entries_count >> 31 != 0;
+        const size_t count = is_empty ? 0 : present(row.entries_at, row.entries_count, entry_size);
+        row.entries.reserve(count);
+        for (size_t i = 0; i < count; ++i) {
+            row.entries.push_back(read_entry(row.entries_at + i * entry_size));
+        }
+        return row;
+    }
+
+    FtblEntry read_entry(size_t at) const {
+        constexpr uint16_t id_mask = 0x7FF;
+        FtblEntry entry;
+        entry.at = at;
+        const char *name = reinterpret_cast<const char *>(bytes_.data()) + at;
+        entry.name = {name, strnlen(name, name_size)};
+        entry.number = get_le32(bytes_, at + 48);
+        entry.attributes = get_le16(bytes_, at + 52);
+        entry.id = get_le16(bytes_, at + 58) & id_mask;
+        entry.store = bytes_[at + 63];
+        entry.max_size = get_le32(bytes_, at + 64);
+        return entry;
+    }
+
+    void read_section(FileTable &table, size_t section) const {
+        table.efst_at = section;
+        table.efst_row_count = get_le32(bytes_, section + row_count_offset);
+        for (size_t i = 0; i < std::min(table.efst_row_count, max_rows); ++i) {
+            const size_t at = section + head_size + i * efst_row_size;
+            if (has(at, efst_row_size)) {
+                table.efst_rows.push_back(read_efst_row(at));
+            }
+        }
+    }
+
+    EfstRow read_efst_row(size_t at) const {
+        const auto field = [&](size_t offset) { return get_le32(bytes_, at + offset); };
+        EfstRow row{at,        field(0),  field(4),  field(8),  field(12),        field(16),
+                    field(20), field(24), field(28), field(32), field(36) & 0xFF, {}};
+        const size_t count = present(row.records_at, row.records_count, efst_record_size);
+        row.records.reserve(count);
+        for (size_t i = 0; i < count; ++i) {
+            const size_t record = row.records_at + i * efst_record_size;
+            row.records.push_back({record, get_le16(bytes_, record), bytes_[record + 50],
+                                   get_le16(bytes_, record + 52), get_le16(bytes_, record + 54)});
+        }
+        return row;
+    }
+
+    const Bytes &bytes_;
+};
+
+} // namespace
+
+uint32_t FtblEntry::trailer() const {
+    if ((attributes & entry_has_trailer) == 0) {
+        return 0;
+    }
+    return (attributes & entry_has_long_trailer) != 0 ? 56 : 40;
+}
+
+const FtblRow *FileTable::row_of(uint32_t sku) const {
+    const auto found =
+        std::find_if(rows.begin(), rows.end(), [=](const FtblRow &row) { return row.sku == sku; });
+    return found == rows.end() ? nullptr : &*found;
+}
+
+const EfstRow *FileTable::efst_row_of(uint32_t sku) const {
+    const auto found = std::find_if(efst_rows.begin(), efst_rows.end(),
+                                    [=](const EfstRow &row) { return row.sku == sku; });
+    return found == efst_rows.end() ? nullptr : &*found;
+}
+
+FileTable read_file_table(const Bytes &bytes) {
+    return Reader(bytes).read();
+}
+
+} // namespace dolm
