@@ -5,6 +5,7 @@
 namespace {
 
 void *absolute_address(uint32_t a, uint32_t b) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the arguments are an address
     return reinterpret_cast<void *>(static_cast<uintptr_t>(uint64_t{a} + b));
 }
 

@@ -18,7 +18,7 @@ install_packages() {
 
 build_packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
 test_packages=("${build_packages[@]}" libgtest-dev pkg-config python3-jsonschema)
-ci_packages=("${test_packages[@]}" clang clang-format libclang-rt-14-dev libbenchmark-dev
+ci_packages=("${test_packages[@]}" clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev
     lintian mmdebstrap)
 
 # configure_and_build PRESET [CMake argument...]; prints only what a warning or an error says.
