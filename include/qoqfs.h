@@ -127,8 +127,9 @@ DOLM_EXTERN_C_BEGIN
  * start-up.
  *
  * False, reported, where
- * - the inputs are not what they have to be (344, 342, 405): whatever stood before stays in use.
- *   Behind these checks a start-up replaces it, also one that fails;
+ * - the inputs are not what they have to be (344, 342, 405), or there is no memory to begin with
+ *   (324): whatever stood before stays in use. From there on a start-up replaces it, also one that
+ *   fails;
  * - the tables do not come up (405, 331, 328, 116, 342, 324, 347): nothing is up;
  * - the flash stores do not (342, 343), or a file of the deployed VFS cannot be read (342): the
  *   tables are up, and that file's value and all behind it are those of the tables. End with

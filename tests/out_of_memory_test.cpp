@@ -205,6 +205,27 @@ TEST_P(OutOfMemory, AtStartUp) {
     EXPECT_EQ(fail_each_allocation(first_in_process, start), expected);
 }
 
+// Without memory for the catalogue or the file table.
+TEST_P(OutOfMemory, BeforeAStartUpReplacesWhatStandsEachValueStays) {
+    FlashSet set = make_set(GetParam());
+    ASSERT_TRUE(start(set));
+    ASSERT_TRUE(set_value("/home/afs/plain", "changed"));
+    long number = 0;
+    for (bool up = true; up && !HasFailure(); ++number) {
+        reports.clear();
+        heap_double::fail_once(number);
+        EXPECT_FALSE(start(set));
+        heap_double::stop();
+        up = qoFcsIsInitialized();
+        if (up) {
+            EXPECT_EQ(take_reports(), Reports{"324:"});
+            EXPECT_EQ(value_of("/home/afs/plain"), "changed");
+            EXPECT_EQ(qoQfsIsInitialized(), GetParam());
+        }
+    }
+    EXPECT_GT(number, 35); // rows of the catalogue
+}
+
 TEST_P(OutOfMemory, AtTermination) {
     const auto prepare = [](Inputs &set) { return start(set) && change_values(); };
     const auto keep_open = [](Inputs &) { return qoQfsNvarTerm(true); };
