@@ -78,6 +78,11 @@ TEST(AfsMount, SettlesWhatTheHeadersShow) {
          7},
         {"data EU below the data area", {field(4, &Header::va_base, 1)}, refused},
         {"data EU past the chunks", {field(6, &Header::va_base, 48 + 4 * 122)}, refused},
+        {"no log EU left, before the geometry is known",
+         {field(0, &Header::va_base, 1), field(1, &Header::va_base, 1),
+          field(2, &Header::va_base, 1),
+          [](FtlStore &store) { store.context()->total_va_size = store.context()->data_va_start; }},
+         refused},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
