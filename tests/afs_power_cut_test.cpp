@@ -387,7 +387,7 @@ TEST(AfsWipe, EveryFaultInAFormatCanBeWiped) {
     AfsStore store;
     const Base base = populated(two_log_eus);
     const Change format = {"the format",
-                           [&store] {
+                           [] {
                                constexpr uint32_t flags = AFS_FLAG_MOUNT_FTL | AFS_FLAG_FTL |
                                                           AFS_FLAG_FORCE_FORMAT |
                                                           AFS_FLAG_ERASE_ON_FORMAT;

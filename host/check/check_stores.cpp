@@ -520,7 +520,7 @@ bool check_vync_head(const Bytes &bytes, Findings &findings) {
         findings.note({vync_cfg, at_offset(fcs::vync_head_size + length),
                        counted(behind.size(), "byte") + " behind the store, which nothing reads"});
     }
-    for (const size_t at : {0, 1, 2, 3, 4, 5, 6, 7, 12, 13, 14, 15}) {
+    for (const size_t at : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 12u, 13u, 14u, 15u}) {
         if (bytes[at] != 0) {
             findings.note({vync_cfg, at_offset(at, "head"),
                            "a byte of the head that nothing reads is not zero"});
