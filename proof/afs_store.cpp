@@ -264,7 +264,8 @@ bool AfsStore::leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_
     return k > 0 && same_log_slot(event, events[k - 1]);
 }
 
-Change AfsStore::write(uint32_t file, uint32_t offset, std::vector<uint8_t> bytes, uint32_t flags) {
+Change AfsStore::write(uint32_t file, uint32_t offset, const std::vector<uint8_t> &bytes,
+                       uint32_t flags) {
     Change change;
     change.name = "a write to file " + std::to_string(file);
     change.run = [this, file, offset, bytes, flags] {

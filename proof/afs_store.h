@@ -34,7 +34,8 @@ class AfsStore : public FlashStore {
     const afs_ftl_state &ftl() { return *context()->ftl; }
 
     // Changes; each runs on whatever image is mounted by then.
-    Change write(uint32_t file, uint32_t offset, std::vector<uint8_t> bytes, uint32_t flags = 0);
+    Change write(uint32_t file, uint32_t offset, const std::vector<uint8_t> &bytes,
+                 uint32_t flags = 0);
     Change remove(uint32_t file);
     Change mark_zombie(uint32_t file);
     // What file operations are not allowed to change. A status of "nothing gained" or "call again"

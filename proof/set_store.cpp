@@ -81,9 +81,9 @@ Files part_of(const Files &files, bool of_efs) {
     return part;
 }
 
-void add_part(Files &files, Files part, uint32_t selector) {
-    for (auto &[number, contents] : part) {
-        files[number | selector] = std::move(contents);
+void add_part(Files &files, const Files &part, uint32_t selector) {
+    for (const auto &[number, contents] : part) {
+        files[number | selector] = contents;
     }
 }
 
@@ -193,7 +193,7 @@ Change SetStore::efs_overwrite(uint32_t choice, const Files &files) {
     change.effect = [effect = change.effect](Files &all) {
         Files part = part_of(all, true);
         effect(part);
-        add_part(all, std::move(part), efs_selector);
+        add_part(all, part, efs_selector);
     };
     return change;
 }

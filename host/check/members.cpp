@@ -128,7 +128,7 @@ class Loader {
     }
 
     // The finding names the file already.
-    std::string without_path(std::string text, const char *name) const {
+    std::string without_path(const std::string &text, const char *name) const {
         const std::string path = (folder_.path() / name).string() + ": ";
         return text.starts_with(path) ? text.substr(path.size()) : text;
     }
