@@ -4,6 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
+
+#include "image/bytes.h"
 
 namespace dolm::afs {
 
@@ -60,9 +63,6 @@ constexpr size_t data_record_at(uint32_t eu, uint32_t slot) {
     return header_at(eu) + data_records_offset + size_t{slot} * record_size;
 }
 
-uint16_t le16(const uint8_t *bytes);
-uint32_t le32(const uint8_t *bytes);
-
 enum class HeaderState { invalid, pending, committed };
 
 struct Header {
@@ -71,15 +71,23 @@ struct Header {
     bool erase_count_known = false; // it is valid or given up
 };
 
-Header judge_header(const uint8_t *header);
+// Of the first header_size bytes of an EU.
+Header judge_header(std::span<const uint8_t> header);
 
 // Links an entry of a log to the page number of the entry before it.
 uint16_t link_of(uint16_t page);
 
+// A page as it lies on the flash, with its checksum behind it.
+using PageRecord = std::span<const uint8_t, record_size>;
+
+inline PageRecord page_record(std::span<const uint8_t> bytes, size_t offset) {
+    return bytes.subspan(offset).first<record_size>();
+}
+
 // Every page carries its own number in its checksum, so that one in the wrong place fails.
-bool page_is_good(const uint8_t *record, uint32_t page);
+bool page_is_good(PageRecord record, uint32_t page);
 
 // The page below page_count whose number the checksum of a record carries, if there is one.
-std::optional<uint16_t> page_of(const uint8_t *record, uint32_t page_count);
+std::optional<uint16_t> page_of(PageRecord record, uint32_t page_count);
 
 } // namespace dolm::afs

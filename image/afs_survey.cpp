@@ -44,7 +44,9 @@ class Survey {
     }
 
     const uint8_t *at(size_t offset) const { return bytes_.data() + offset; }
-    uint16_t entry(uint32_t eu, uint32_t index) const { return le16(at(log_entry_at(eu, index))); }
+    uint16_t entry(uint32_t eu, uint32_t index) const {
+        return get_le16(bytes_, log_entry_at(eu, index));
+    }
     uint32_t page_count() const { return image_.data_va_start / page_size; }
 
     // The first byte of a range that is not erased; its end if all are.
@@ -101,7 +103,7 @@ class Survey {
                 }
             } else if (!eu.pages[slot]) {
                 told_cut = look_at_uncommitted(index, slot, told_cut);
-            } else if (!page_is_good(at(record), *eu.pages[slot])) {
+            } else if (!page_is_good(page_record(bytes_, record), *eu.pages[slot])) {
                 told_wrong = look_at_bad(index, slot, told_wrong);
             }
         }
@@ -115,7 +117,7 @@ class Survey {
 
     // Tells of the first write in an EU that was cut, and of every page that was not.
     bool look_at_uncommitted(uint32_t eu, uint32_t slot, bool told_cut) {
-        const uint8_t *record = at(log_record_at(eu, slot));
+        const PageRecord record = page_record(bytes_, log_record_at(eu, slot));
         const bool looks_committed = (entry(eu, slot + 1) & entry_uncommitted_bit) == 0;
         const auto page = page_of(record, page_count());
         const bool never_counted = entry(eu, 0) == entry_empty; // a run of entries that was cut
@@ -148,16 +150,16 @@ class Survey {
                                 : image_.eus[place->eu].sequence < image_.eus[eu].sequence);
     }
 
-    bool is_in_force(const uint8_t *record, uint32_t page) const {
+    bool is_in_force(PageRecord record, uint32_t page) const {
         const auto &place = image_.pages[page];
-        return place &&
-               std::equal(record, record + page_size, at(log_record_at(place->eu, place->slot)));
+        return place && std::equal(record.begin(), record.begin() + page_size,
+                                   at(log_record_at(place->eu, place->slot)));
     }
 
     // A committed slot that is not good: either it holds another page than its entry says, or its
     // bytes are not what was written. A page in force is the reader's to tell.
     bool look_at_bad(uint32_t eu, uint32_t slot, bool told_wrong) {
-        if (const auto page = page_of(at(log_record_at(eu, slot)), page_count())) {
+        if (const auto page = page_of(page_record(bytes_, log_record_at(eu, slot)), page_count())) {
             if (!told_wrong) {
                 const uint32_t wrong = wrong_entry(eu, slot);
                 tell(Kind::log_entry, log_entry_at(eu, wrong), eu, "log entry " + number(wrong),
@@ -178,9 +180,10 @@ class Survey {
     // Which of the entries up to the slot is not what the pages in the slots ask for.
     uint32_t wrong_entry(uint32_t eu, uint32_t slot) const {
         for (uint32_t i = slot < 2 ? 0 : slot - 2; i < slot; ++i) {
-            const auto page = page_of(at(log_record_at(eu, i)), page_count());
-            const auto before = i == 0 ? std::optional<uint16_t>(0)
-                                       : page_of(at(log_record_at(eu, i - 1)), page_count());
+            const auto page = page_of(page_record(bytes_, log_record_at(eu, i)), page_count());
+            const auto before =
+                i == 0 ? std::optional<uint16_t>(0)
+                       : page_of(page_record(bytes_, log_record_at(eu, i - 1)), page_count());
             if (page && before && entry(eu, i) != (*page ^ link_of(*before))) {
                 return i;
             }

@@ -169,11 +169,10 @@ class Reader {
         }
         const std::span<const uint8_t> record =
             block(image_.valid_map[logical]).subspan(data_offset + offset);
-        const std::span<const uint8_t> found = record.subspan(record_head_size, payload);
-        if (crc16(crc16(logical, record.first(2)), found) != get_le16(record, 2)) {
+        if (!record_is_good(record, logical, payload)) {
             return std::nullopt;
         }
-        return found;
+        return record.subspan(record_head_size, payload);
     }
 
     EfsFile read_file(const EfsPlace &place) {

@@ -14,6 +14,10 @@
 
 namespace dolm {
 
+namespace efs {
+constexpr uint32_t block_size = 4096;
+}
+
 // A file of the list that belongs to an image.
 struct EfsPlace {
     uint32_t number = 0;   // slot in the file list
@@ -31,7 +35,7 @@ struct EfsLayout {
     std::vector<EfsPlace> files;
 
     uint32_t data_blocks() const { return valid_blocks + spare_blocks; }
-    uint32_t image_size() const { return (bm_num + data_blocks()) * 4096; }
+    uint32_t image_size() const { return (bm_num + data_blocks()) * efs::block_size; }
 };
 
 enum class EfsBmState : uint8_t {

@@ -2,6 +2,8 @@
 
 #include <array>
 
+#include "image/crc16.h"
+
 namespace dolm::efs {
 
 namespace {
@@ -12,17 +14,6 @@ constexpr auto crc32_table = [] {
         table[i] = i;
         for (int bit = 0; bit < 8; ++bit) {
             table[i] = table[i] >> 1 ^ ((table[i] & 1) != 0 ? 0xEDB88320 : 0);
-        }
-    }
-    return table;
-}();
-
-constexpr auto crc16_table = [] {
-    std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < 256; ++i) {
-        table[i] = i << 8;
-        for (int bit = 0; bit < 8; ++bit) {
-            table[i] = (table[i] << 1 ^ ((table[i] & 0x8000) != 0 ? 0x1021 : 0)) & 0xFFFF;
         }
     }
     return table;
@@ -53,12 +44,9 @@ uint32_t crc32(std::span<const uint8_t> bytes) {
     return crc;
 }
 
-uint32_t crc16(uint32_t seed, std::span<const uint8_t> bytes) {
-    uint32_t crc = seed;
-    for (const uint8_t byte : bytes) {
-        crc = (crc << 8 & 0xFFFF) ^ crc16_table[crc >> 8 ^ byte];
-    }
-    return crc;
+bool record_is_good(std::span<const uint8_t> record, uint32_t logical, uint32_t payload) {
+    const uint16_t head = crc16(static_cast<uint16_t>(logical), record.first(2));
+    return crc16(head, record.subspan(record_head_size, payload)) == get_le16(record, 2);
 }
 
 // The checksum is linear: a wrong byte leaves its difference in the register, and the bytes behind

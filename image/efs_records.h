@@ -8,10 +8,9 @@
 #include <span>
 
 #include "image/bytes.h"
+#include "image/efs_image.h"
 
 namespace dolm::efs {
-
-constexpr uint32_t block_size = 4096;
 
 // BM: header with checksum at 12, then entries; the last one ends at 4095 at most.
 constexpr uint32_t header_size = 16;
@@ -30,8 +29,9 @@ constexpr uint32_t no_file = 0xFFFF;
 
 uint32_t crc32(std::span<const uint8_t> bytes);
 
-// Of a record in a logical block: seeded with the block's number.
-uint32_t crc16(uint32_t seed, std::span<const uint8_t> bytes);
+// Whether a record carries the checksum of its length and so many bytes of payload in the logical
+// block, whose number the checksum begins with: one in the wrong place fails.
+bool record_is_good(std::span<const uint8_t> record, uint32_t logical, uint32_t payload);
 
 inline bool all(std::span<const uint8_t> bytes, uint8_t value) {
     return std::all_of(bytes.begin(), bytes.end(), [=](uint8_t byte) { return byte == value; });

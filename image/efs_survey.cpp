@@ -169,8 +169,7 @@ bool is_good_record(std::span<const uint8_t> bytes, const EfsLayout &layout, con
         return false;
     }
     const uint32_t payload = size == no_file ? 0 : std::min(size, record_room - place.offset);
-    return crc16(crc16(place.block, record.first(2)), record.subspan(record_head_size, payload)) ==
-           get_le16(record, 2);
+    return record_is_good(record, place.block, payload);
 }
 
 } // namespace dolm

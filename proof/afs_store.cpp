@@ -238,7 +238,7 @@ const Limit *AfsStore::limit(std::span<const DeviceEvent> events, size_t k, cons
         return nullptr;
     }
     if (offset_in_eu(event) == 0 && event.length == afs::state_offset &&
-        afs::judge_header(&torn_image[event.address]).state != afs::HeaderState::invalid) {
+        afs::judge_header(torn_image.subspan(event.address)).state != afs::HeaderState::invalid) {
         return &torn_header;
     }
     // Each entry of a run commits the page before it. One that landed with some of its bits leads

@@ -145,11 +145,12 @@ class AfsCheck {
         return found;
     }
 
-    const uint8_t *header(uint32_t eu) const { return bytes_.data() + afs::header_at(eu); }
+    std::span<const uint8_t> header(uint32_t eu) const {
+        return std::span(bytes_).subspan(afs::header_at(eu), afs::header_size);
+    }
 
     bool is_erased(uint32_t eu) const {
-        return std::all_of(header(eu), header(eu) + afs::header_size,
-                           [](uint8_t byte) { return byte == 0xFF; });
+        return std::ranges::all_of(header(eu), [](uint8_t byte) { return byte == 0xFF; });
     }
 
     // Of several EUs without a valid header: the one that was given up or erased on purpose. The
@@ -179,8 +180,8 @@ class AfsCheck {
         std::optional<uint32_t> named;
         uint32_t newest = 0;
         for (uint32_t eu = 0; eu < image_.eu_count; ++eu) {
-            const uint32_t sequence = afs::le32(header(eu) + 4);
-            const uint32_t spare = afs::le16(header(eu) + 12);
+            const uint32_t sequence = get_le32(header(eu), 4);
+            const uint32_t spare = get_le16(header(eu), 12);
             const bool is_known = afs::judge_header(header(eu)).erase_count_known;
             if (is_known && sequence > newest && spare != eu &&
                 std::find(eus.begin(), eus.end(), spare) != eus.end()) {
@@ -203,10 +204,10 @@ class AfsCheck {
     }
 
     const char *state_of_header(uint32_t eu) const {
-        return is_erased(eu)                                 ? "is erased"
-               : afs::judge_header(header(eu)).given_up      ? "says that the EU was given up"
-               : afs::le32(header(eu)) == afs::magic_written ? "fails its checksum"
-                                                             : "has a wrong magic";
+        return is_erased(eu)                                   ? "is erased"
+               : afs::judge_header(header(eu)).given_up        ? "says that the EU was given up"
+               : get_le32(header(eu), 0) == afs::magic_written ? "fails its checksum"
+                                                               : "has a wrong magic";
     }
 
     // Of neighbouring EUs, the cause of whose loss is likely the same.
@@ -221,7 +222,7 @@ class AfsCheck {
         header_cause_ = header_cause_ == nullptr ? &cause : header_cause_;
         std::set<uint32_t> files;
         for (uint32_t eu = first; eu <= last; ++eu) {
-            const uint16_t va_base = afs::le16(header(eu) + 14);
+            const uint16_t va_base = get_le16(header(eu), 14);
             lost_log_ = lost_log_ || (va_base == 0 && !is_erased(eu));
             for (const AfsDamage *damage : damages_of(Rule::chunk)) {
                 if (!damage->eu && (invalid <= 2 || chunk_lies_in(*damage->chunk, va_base))) {
@@ -287,11 +288,13 @@ class AfsCheck {
                                    ? image_.data_va_start / afs::page_size
                                    : static_cast<uint32_t>(bytes_.size() / afs::page_size);
         for (uint32_t i = slot < 2 ? 0 : slot - 2; i < slot; ++i) {
-            const auto page = afs::page_of(bytes_.data() + afs::log_record_at(eu, i), pages);
+            const auto page =
+                afs::page_of(afs::page_record(bytes_, afs::log_record_at(eu, i)), pages);
             const auto before =
-                i == 0 ? std::optional<uint16_t>(0)
-                       : afs::page_of(bytes_.data() + afs::log_record_at(eu, i - 1), pages);
-            const uint16_t entry = afs::le16(bytes_.data() + afs::log_entry_at(eu, i));
+                i == 0
+                    ? std::optional<uint16_t>(0)
+                    : afs::page_of(afs::page_record(bytes_, afs::log_record_at(eu, i - 1)), pages);
+            const uint16_t entry = get_le16(bytes_, afs::log_entry_at(eu, i));
             if (page && before && entry != (*page ^ afs::link_of(*before))) {
                 return i;
             }

@@ -58,7 +58,7 @@ bool is_file_table(const Bytes &bytes) {
 
 bool is_afs_image(const Bytes &bytes) {
     for (size_t at = 0; at + afs::eu_size <= bytes.size(); at += afs::eu_size) {
-        if (afs::judge_header(bytes.data() + at).erase_count_known) {
+        if (afs::judge_header(std::span(bytes).subspan(at)).erase_count_known) {
             return true;
         }
     }
