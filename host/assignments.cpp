@@ -4,6 +4,7 @@
 
 #include "host/errors.h"
 #include "host/output.h"
+#include "host/patterns.h"
 #include "host/value_text.h"
 
 namespace dolm {

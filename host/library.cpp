@@ -11,6 +11,7 @@
 #include "host/errors.h"
 #include "host/manifest.h"
 #include "host/output.h"
+#include "host/patterns.h"
 #include "host/report_meaning.h"
 #include "host/system.h"
 #include "host/tables.h"
@@ -19,8 +20,6 @@
 namespace dolm {
 
 namespace {
-
-constexpr std::string_view home_prefix = "/home/";
 
 // What the library has reported since the host last looked, and whether anyone wants to know.
 std::vector<Report> reports;
@@ -152,10 +151,6 @@ std::vector<std::string> Library::override_only_names() const {
     return table_names_where([](const std::string &name) {
         return qoqfsCheckNvarExists(name.c_str(), FCS_FILE_VYN_CFG) && !is_current(name);
     });
-}
-
-std::string full_name(const std::string &name) {
-    return name.starts_with(home_prefix) ? name : std::string(home_prefix) + name;
 }
 
 Nvar Library::nvar(const std::string &given_name, FcsFileName table) const {

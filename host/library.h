@@ -28,9 +28,6 @@ struct Nvar {
     std::optional<Bytes> override_value;
 };
 
-// The name with "/home/" in front, which may be left out where a name is looked up.
-std::string full_name(const std::string &name);
-
 // While it lives the library is up; one at a time. What the library reports is told before a
 // Failure is thrown here, which says only what was being tried.
 class Library {
