@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/content.h"
 #include "image/bytes.h"
 #include "proof/afs_build.h"
 
@@ -30,28 +31,6 @@ inline constexpr uint16_t attribute_long_trailer = 0x40;
 
 // As the file table encodes them.
 enum class Store : uint8_t { none = 0, afs = 1, efs = 2 };
-
-// A content that a manifest asks for: a few bytes, repeated up to a size. A short text can ask for
-// very much, so it is made only when the whole manifest has been found good.
-class Content {
-  public:
-    Content(Bytes period, size_t size) : period_(std::move(period)), size_(size) {}
-
-    size_t size() const { return size_; }
-
-    // The period must not be empty if the size is not 0.
-    Bytes bytes() const {
-        Bytes filled(size_);
-        for (size_t i = 0; i < size_; ++i) {
-            filled[i] = i < period_.size() ? period_[i] : filled[i - period_.size()];
-        }
-        return filled;
-    }
-
-  private:
-    Bytes period_;
-    size_t size_;
-};
 
 // Where a file has its fixed place in EFS.
 struct EfsPlacement {

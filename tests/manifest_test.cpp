@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/errors.h"
+#include "host/json_value.h"
 #include "host/manifest.h"
 #include "host/tables.h"
 
@@ -31,7 +32,7 @@ TEST(Manifest, RefusesWhatHasNotItsForm) {
          "store": "efs", "id": 1}]})";
     const char *problems = R"(m: /skus: SKU 3 stands twice
 m: /files/0: 'number' is missing (/home/a)
-m: /files/0/base: one of 'text', 'hex' and 'file' is needed here (/home/a)
+m: /files/0/base: one of 'text', 'hex', 'base64', 'file' and a number like 'u32' is needed here (/home/a)
 m: /files/0/bass: unknown member (/home/a)
 m: /files/1/number: a whole number from 0 to 268435455 is needed here (/home/b)
 m: /files/1/base/hex: not hexadecimal: two digits make a byte (/home/b)
@@ -148,6 +149,41 @@ TEST(Manifest, RefusesWhatIsTooMuchAtItsFirstItemTooMany) {
     for (const auto &[manifest, message] : cases) {
         const std::string problems = problems_of(manifest);
         EXPECT_NE(problems.find(message), std::string::npos) << message << ", got " << problems;
+    }
+}
+
+TEST(Manifest, TakesValuesInEachForm) {
+    const std::pair<const char *, Bytes> cases[] = {
+        {R"("a\u00e9")", {'a', 0xC3, 0xA9}},
+        {R"({"base64": "AP8="})", {0x00, 0xFF}},
+        {R"({"base64": "+/+/", "size": 4})", {0xFB, 0xFF, 0xBF, 0xFB}},
+        {R"({"u8": [0, 255]})", {0, 255}},
+        {R"({"u16": ["0x1234", 1]})", {0x34, 0x12, 1, 0}},
+        {R"({"u32be": 258})", {0, 0, 1, 2}},
+        {R"({"u64": 18446744073709551615})", Bytes(8, 0xFF)},
+        {R"({"i8": [-128, 127, "-1"]})", {0x80, 0x7F, 0xFF}},
+        {R"({"i16be": "-0x8000"})", {0x80, 0x00}},
+        {R"({"i64": [-9223372036854775808, "-9223372036854775808"], "size": 16})",
+         {0, 0, 0, 0, 0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 0, 0x80}},
+        {R"({"u32": []})", {}},
+    };
+    for (const auto &[value, bytes] : cases) {
+        Problems problems;
+        const auto content = ValueReader("", problems).read(nlohmann::json::parse(value), "");
+        ASSERT_TRUE(content && problems.empty()) << value;
+        EXPECT_EQ(content->bytes(), bytes) << value;
+    }
+    const char *refused[] = {
+        R"({"u8": 256})",        R"({"u8": -1})",          R"({"u16": 1.5})",
+        R"({"i8": 128})",        R"({"i8": "-129"})",      R"({"i64": 9223372036854775808})",
+        R"({"u8": [1, true]})",  R"({"u16": ""})",         R"({"u64": "0x1ffffffffffffffff"})",
+        R"({"base64": "AP8"})",  R"({"base64": "A==="})",  R"({"base64": "AP8=AP8="})",
+        R"({"base64": "A P8"})", R"({"u8": 1, "u16": 1})", R"(["u8", 1])",
+    };
+    for (const char *value : refused) {
+        Problems problems;
+        EXPECT_FALSE(ValueReader("", problems).read(nlohmann::json::parse(value), "")) << value;
+        EXPECT_FALSE(problems.empty()) << value;
     }
 }
 
