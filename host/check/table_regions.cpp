@@ -64,36 +64,33 @@ class RegionCheck {
     }
 
     void add_entries(const FtblRow &row) {
-        const std::string sku = "SKU " + std::to_string(row.sku);
-        Region region{row.entries_at,
-                      row.entries_at + row.entries.size() * entry_size,
-                      "the entries of " + sku,
-                      at_offset(row.at + 4, "entries_offset and entries_count of " + sku),
-                      subject_of(row),
-                      0};
+        unsigned doubts = 0;
         std::set<std::string_view> names;
         for (const FtblEntry &entry : row.entries) {
-            const bool is_new = names.insert(entry.name).second;
-            region.doubts += looks_like_name(entry.name) && is_new ? 0 : 1;
+            doubts += looks_like_name(entry.name) && names.insert(entry.name).second ? 0 : 1;
         }
-        add(std::move(region));
+        add(row, row.entries_at, row.entries.size() * entry_size, "entries", "entries", doubts);
     }
 
     void add_records(const EfstRow &row) {
-        const std::string sku = "SKU " + std::to_string(row.sku);
-        Region region{row.records_at,
-                      row.records_at + row.records.size() * efst_record_size,
-                      "the EFS file list of " + sku,
-                      at_offset(row.at + 4, "records_offset and records_count of " + sku),
-                      subject_of(row),
-                      row.records_bytes == row.records_count * efst_record_size ? 0U : 1U};
+        unsigned doubts = row.records_bytes == row.records_count * efst_record_size ? 0 : 1;
         std::set<uint16_t> slots;
         for (const EfstRecord &record : row.records) {
-            const bool is_new = slots.insert(record.file_index).second;
             const bool fits = record.file_index < row.files_num && record.block < row.valid_blocks;
-            region.doubts += fits && is_new ? 0 : 1;
+            const bool is_new = slots.insert(record.file_index).second;
+            doubts += fits && is_new ? 0 : 1;
         }
-        add(std::move(region));
+        add(row, row.records_at, row.records.size() * efst_record_size, "EFS file list", "records",
+            doubts);
+    }
+
+    // The range that a row gives with an offset and a count.
+    void add(const auto &row, size_t begin, size_t size, const std::string &what,
+             const std::string &fields, unsigned doubts) {
+        const std::string sku = " of SKU " + std::to_string(row.sku);
+        add({begin, begin + size, "the " + what + sku,
+             at_offset(row.at + 4, fields + "_offset and " + fields + "_count" + sku),
+             subject_of(row), doubts});
     }
 
     // Rows may share their records; what matters is how many ranges there are.
