@@ -53,12 +53,16 @@ struct ChangeOptions : SetOptions {
 void set_nvars(const ChangeOptions &options);
 
 struct InspectOptions {
-    std::filesystem::path image;
+    std::filesystem::path path;   // of a member, or of a set's folder
+    std::optional<uint32_t> page; // at most one of these: show this alone
+    std::optional<uint32_t> unit;
+    std::optional<uint32_t> block;
     std::optional<std::filesystem::path> ftbl;
     std::optional<uint32_t> sku;
     double lock_timeout = default_lock_timeout;
 };
-void inspect_image(const InspectOptions &options);
+// Throws Failure if a member breaks its format.
+void inspect_member(const InspectOptions &options);
 
 struct CheckOptions : SetOptions {
     bool strict = false; // notes fail too

@@ -12,6 +12,7 @@
 #include "host/set_files.h"
 #include "host/tables.h"
 #include "host/utf8.h"
+#include "host/value_json.h"
 #include "host/value_text.h"
 
 namespace dolm {
@@ -20,23 +21,13 @@ namespace {
 
 constexpr size_t preview_width = 28;
 
-// Size, the text if it is printable, and hexadecimal.
-Json to_json(const Bytes &value) {
-    Json json{{"size", value.size()}};
-    if (is_printable(to_text(value))) {
-        json["text"] = to_text(value);
-    }
-    json["hex"] = to_hex(value);
-    return json;
-}
-
 Json to_json(const std::optional<Bytes> &value) {
-    return value ? to_json(*value) : Json();
+    return value ? value_to_json(*value) : Json();
 }
 
 Json to_json(const Nvar &nvar) {
     Json json{{"name", nvar.name}};
-    json.update(to_json(nvar.value));
+    json.update(value_to_json(nvar.value));
     json["max_size"] = nvar.entry.max_size;
     json["attributes"] = nvar.entry.attributes;
     json["origin"] = to_string(nvar.origin);

@@ -115,17 +115,27 @@ void add_set(CLI::App &app) {
 }
 
 void add_inspect(CLI::App &app) {
-    auto *command = app.add_subcommand("inspect", "Show what lies on an AFS or EFS image");
+    auto *command = app.add_subcommand("inspect", "Show what lies in the members of a set");
     auto options = std::make_shared<dolm::InspectOptions>();
-    command->add_option("IMAGE", options->image, "The image; it is not changed")->required();
+    command
+        ->add_option("PATH", options->path,
+                     "A table, store or image, known by its content, or the folder of a set")
+        ->required();
     command->add_option("--ftbl", options->ftbl,
                         "File table with the geometry of an EFS image and the names of files; "
-                        "without it the ftbl.bin beside the image");
+                        "without it the ftbl.bin beside the file");
     command->add_option("--sku", options->sku,
                         "SKU in the file table; without it and --ftbl the "
-                        "one in set.json beside the image");
+                        "one in set.json beside the file");
+    auto *part = command->add_option_group("part");
+    part->add_option("--page", options->page, "Show this page of an AFS image with its fields");
+    part->add_option("--unit", options->unit,
+                     "Show this erase unit of an image with its fields, counted from its start");
+    part->add_option("--block", options->block,
+                     "Show this data block of an EFS image with its fields");
+    part->require_option(0, 1);
     add_lock_timeout(*command, options->lock_timeout);
-    command->callback([options] { dolm::inspect_image(*options); });
+    command->callback([options] { dolm::inspect_member(*options); });
 }
 
 void add_check(CLI::App &app) {

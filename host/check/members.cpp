@@ -3,8 +3,7 @@
 
 #include "host/check/set_view.h"
 #include "host/errors.h"
-#include "image/afs_records.h"
-#include "image/efs_records.h"
+#include "image/member_kind.h"
 
 namespace dolm {
 
@@ -12,20 +11,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-enum class Kind : uint8_t { base_store, override_store, file_table, afs_image, efs_image };
-
 struct KindOfMember {
     const char *file;
-    Kind kind;
+    MemberKind kind;
     const char *content;
 };
 
 constexpr KindOfMember kinds[] = {
-    {orvel_cfg, Kind::base_store, "a store of base values"},
-    {vync_cfg, Kind::override_store, "a store of overriding values"},
-    {ftbl_bin, Kind::file_table, "a file table"},
-    {qfs_img, Kind::afs_image, "an AFS image"},
-    {efs_img, Kind::efs_image, "an EFS image"},
+    {orvel_cfg, MemberKind::base_store, "a store of base values"},
+    {vync_cfg, MemberKind::override_store, "a store of overriding values"},
+    {ftbl_bin, MemberKind::file_table, "a file table"},
+    {qfs_img, MemberKind::afs_image, "an AFS image"},
+    {efs_img, MemberKind::efs_image, "an EFS image"},
 };
 
 const KindOfMember &kind_of_member(const std::string &file) {
@@ -33,81 +30,12 @@ const KindOfMember &kind_of_member(const std::string &file) {
                          [&](const KindOfMember &kind) { return kind.file == file; });
 }
 
-// Packed as the library writes it; one that is not may be no store at all.
-bool is_written_store(std::span<const uint8_t> bytes) {
-    const FcsStore store = read_fcs_store(bytes);
-    uint64_t end = store.payloads_at();
-    for (const FcsRecord &record : store.records) {
-        if (record.offset != end) {
-            return false;
-        }
-        end = record.end();
-    }
-    return store.has_all_records() && end == bytes.size();
-}
-
-bool is_override_store(const Bytes &bytes) {
-    return bytes.size() >= fcs::vync_head_size + fcs::head_size &&
-           get_le32(bytes, fcs::vync_length_offset) == bytes.size() - fcs::vync_head_size &&
-           is_written_store(std::span(bytes).subspan(fcs::vync_head_size));
-}
-
-bool is_file_table(const Bytes &bytes) {
-    return bytes.size() >= 4 && get_le32(bytes, 0) == ftbl::magic;
-}
-
-bool is_afs_image(const Bytes &bytes) {
-    for (size_t at = 0; at + afs::eu_size <= bytes.size(); at += afs::eu_size) {
-        if (afs::judge_header(std::span(bytes).subspan(at)).erase_count_known) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool is_efs_image(const Bytes &bytes) {
-    for (size_t at = 0; at + efs::block_size <= bytes.size(); at += efs::block_size) {
-        const auto header = std::span(bytes).subspan(at, efs::header_size);
-        const size_t blocks = size_t{header[8]} + header[9] + header[10];
-        if (!efs::all(header, 0) && efs::is_sealed(header) && header[8] > at / efs::block_size &&
-            blocks * efs::block_size <= bytes.size()) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool is_of_kind(const Bytes &bytes, Kind kind) {
-    switch (kind) {
-    case Kind::base_store:
-        return is_written_store(bytes);
-    case Kind::override_store:
-        return is_override_store(bytes);
-    case Kind::file_table:
-        return is_file_table(bytes);
-    case Kind::afs_image:
-        return is_afs_image(bytes);
-    case Kind::efs_image:
-        return is_efs_image(bytes);
-    }
-    return false;
-}
-
 // What the bytes look like; null if they are like nothing known.
-const KindOfMember *recognise(const Bytes &bytes) {
-    const auto *found =
-        std::find_if(std::begin(kinds), std::end(kinds),
-                     [&](const KindOfMember &known) { return is_of_kind(bytes, known.kind); });
+const KindOfMember *seen_in(const Bytes &bytes) {
+    const auto seen = recognise(bytes);
+    const auto *found = std::find_if(std::begin(kinds), std::end(kinds),
+                                     [&](const KindOfMember &known) { return known.kind == seen; });
     return found == std::end(kinds) ? nullptr : found;
-}
-
-// What lies behind the head of "vync.cfg", as long as the head says or the file is.
-std::span<const uint8_t> override_store(const Bytes &file) {
-    if (file.size() < fcs::vync_head_size) {
-        return {};
-    }
-    const auto rest = std::span(file).subspan(fcs::vync_head_size);
-    return rest.first(std::min<size_t>(rest.size(), get_le32(file, fcs::vync_length_offset)));
 }
 
 class Loader {
@@ -169,7 +97,7 @@ class Loader {
             return;
         }
         const KindOfMember &due = kind_of_member(member.name);
-        const KindOfMember *seen = is_of_kind(bytes, due.kind) ? &due : recognise(bytes);
+        const KindOfMember *seen = is_of_kind(bytes, due.kind) ? &due : seen_in(bytes);
         if (seen != nullptr && seen->kind != due.kind) {
             error(member.name,
                   std::string("holds ") + seen->content + ", which belongs into " + seen->file,
