@@ -30,6 +30,11 @@ configure_file(cmake/DolmStorageLib.pc.in DolmStorageLib.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/DolmStorageLib.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# Where Debian's Python looks; the module finds the library in the folders above.
+set(DOLM_PYTHON_DIR lib/python3/dist-packages CACHE STRING "Folder for the Python module")
+install(DIRECTORY python/dolmstorage DESTINATION ${DOLM_PYTHON_DIR} COMPONENT python
+    FILES_MATCHING PATTERN *.py PATTERN py.typed)
+
 if(TARGET dolm)
     install(TARGETS dolm COMPONENT program)
     install(FILES docs/dolm.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)

@@ -6,6 +6,10 @@ if(NOT release MATCHES "^## ([0-9.]+) \\(([0-9-]+)\\)$" OR
     message(FATAL_ERROR "CHANGELOG.md begins with another version than ${PROJECT_VERSION}: ${release}")
 endif()
 set(DOLM_RELEASE_DATE ${CMAKE_MATCH_2})
+file(STRINGS python/dolmstorage/_version.py version REGEX "^VERSION")
+if(NOT version STREQUAL "VERSION = \"${PROJECT_VERSION}\"")
+    message(FATAL_ERROR "python/dolmstorage/_version.py has another version than ${PROJECT_VERSION}")
+endif()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME dolmstoragelib)
@@ -22,7 +26,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_COMPONENTS_ALL library development)
+set(CPACK_COMPONENTS_ALL library development python)
 set(library_package libdolmstoragelib${PROJECT_VERSION_MAJOR})
 
 # dolm_package(COMPONENT NAME SECTION DEPENDS synopsis text): the package of a component.
@@ -43,6 +47,16 @@ dolm_package(development libdolmstoragelib-dev libdevel "${library_package} (= $
     "storage library of a firmware image tool (development files)"
     "Headers for programs in C and in C++, the static library, and what
 CMake and pkg-config need to find the library.")
+dolm_package(python python3-dolmstorage python
+    "python3:any (>= 3.9), ${library_package} (>= ${PROJECT_VERSION})"
+    "storage library of a firmware image tool (Python 3)"
+    "The values and flash files of a firmware image as mappings, over the
+library, with the locks and the safe changes of several files that
+dolm has.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/python/postinst ${PROJECT_SOURCE_DIR}/cmake/debian/python/prerm)
 if(TARGET dolm)
     list(APPEND CPACK_COMPONENTS_ALL program)
     dolm_package(program dolm utils "${library_package} (= ${PROJECT_VERSION})"

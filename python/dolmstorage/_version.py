@@ -1,0 +1,3 @@
+"""The version of the package, that of the library. CMake checks that the two are the same."""
+
+VERSION = "1.1.0"
