@@ -12,21 +12,6 @@ namespace dolm {
 
 namespace {
 
-// Chunks looked up since the last file slot. More of them than the store has make a loop.
-uint32_t chunk_cntr;
-
-bool names_chunk(const afs_context *context, uint16_t value) {
-    return value >= context->file_count && value - context->file_count < context->chunk_count;
-}
-
-bool valid_in_slot(const afs_context *context, uint16_t value) {
-    return value == fat_free || value >= fat_zombie || names_chunk(context, value);
-}
-
-bool valid_in_chain(const afs_context *context, uint16_t value) {
-    return value <= fat_last_chunk || names_chunk(context, value);
-}
-
 // Gives up a page of the FAT if it holds nothing but entries of free chunks: a page without a copy
 // reads as zeros, which is what they are to hold. The pages at both ends of the chunks' entries,
 // shared with the slots or with what lies behind, always stay.
@@ -56,16 +41,43 @@ uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes) {
     return AFS_RC_OK;
 }
 
-uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t &value) {
-    const bool is_slot = cid < context->file_count;
-    chunk_cntr = is_slot ? 0 : chunk_cntr + 1;
-    uint8_t *entry = nullptr;
-    if (const uint32_t status = cached_bytes(context, fat_va(cid), entry); status != AFS_RC_OK) {
-        return status;
+// The steps that need no look at the cache, some ten instructions for each. Stops in front of what
+// next() refuses.
+uint32_t fat_reader::follow_in_line(chain_place &place, uint32_t steps) const {
+    const fat_reader fat = *this; // both lie in registers
+    chain_place at = place;
+    const uint32_t limit = std::min(steps, chunk_count_ - chunk_cntr);
+    uint32_t step = 0;
+    while (step < limit && at.entry > fat_last_chunk) {
+        const uint32_t va = fat_va(at.entry);
+        if (va >> fat.page_shift_ != fat.page_) {
+            break;
+        }
+        const uint16_t entry = load_le16(fat.line_ + (va & fat.offset_mask_));
+        if (!fat.valid_in_chain(entry)) {
+            break;
+        }
+        at = {at.chunk, at.entry, entry};
+        ++step;
     }
-    value = load_le16(entry);
-    const bool valid = is_slot ? valid_in_slot(context, value) : valid_in_chain(context, value);
-    return valid && chunk_cntr <= context->chunk_count ? AFS_RC_OK : AFS_RC_IO;
+    place = at;
+    return step;
+}
+
+uint32_t fat_reader::follow(uint32_t steps, chain_place &place, uint32_t &taken) {
+    taken = 0;
+    uint32_t status = next(place.chunk, place.entry);
+    while (status == AFS_RC_OK && taken < steps && is_chunk(place.entry)) {
+        const uint32_t in_line = follow_in_line(place, steps - taken);
+        chunk_cntr += in_line;
+        taken += in_line;
+        if (taken < steps && is_chunk(place.entry)) {
+            place = {place.chunk, place.entry, 0};
+            ++taken;
+            status = next(place.chunk, place.entry);
+        }
+    }
+    return status;
 }
 
 uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value) {
@@ -97,10 +109,11 @@ uint32_t afs_get_next_cid(afs_context *context, uint16_t cid, uint16_t *value) {
     if (!is_mounted(context) || value == nullptr) {
         return AFS_RC_INVALID;
     }
-    if (cid >= context->file_count && !names_chunk(context, cid)) {
+    fat_reader fat(context);
+    if (cid >= context->file_count && !fat.names_chunk(cid)) {
         return AFS_RC_IO;
     }
-    return next_cid(context, cid, *value);
+    return fat.next(cid, *value);
 }
 
 uint32_t afs_allocate_chunk(afs_context *context, uint16_t *cid) {
@@ -134,10 +147,11 @@ uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t co
     if (invalidate) {
         cache_invalidate(context);
     }
-    chunk_cntr = 0; // the caller may have walked the same chain before
+    chunk_cntr = 0;          // the caller may have walked the same chain before
+    fat_reader fat(context); // a trim leaves the cache alone
     uint16_t cid = first;
     for (uint32_t freed = 1; freed <= count && cid > fat_last_chunk; ++freed) {
-        if (!names_chunk(context, cid)) {
+        if (!fat.names_chunk(cid)) {
             return AFS_RC_IO;
         }
         const auto chunk = static_cast<uint16_t>(cid - context->file_count);
@@ -147,7 +161,7 @@ uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t co
             return status;
         }
         if (cids == nullptr) {
-            status = next_cid(context, cid, cid);
+            status = fat.next(cid, cid);
         } else if (freed < count) {
             cid = cids[freed - 1];
         }

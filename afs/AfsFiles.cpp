@@ -30,6 +30,7 @@ bool no_such_file(uint16_t slot) {
 // side by side, since only the first run has bytes before the offset.
 struct read_job {
     afs_context *context;
+    fat_reader fat; // only the chain is read through the cache
     uint8_t *out;
     uint32_t wanted;    // bytes still to deliver
     uint32_t skip;      // bytes of the first run that lie before the offset, then 0
@@ -58,11 +59,10 @@ bool can_extend(const read_job &job, const chunk_run &run) {
 }
 
 // Takes the run that begins at a chunk as far as it goes.
-uint32_t gather_run(const read_job &job, chunk_run &run) {
+uint32_t gather_run(read_job &job, chunk_run &run) {
     while (can_extend(job, run)) {
         ++run.last;
-        if (const uint32_t status = next_cid(job.context, run.last, run.entry);
-            status != AFS_RC_OK) {
+        if (const uint32_t status = job.fat.next(run.last, run.entry); status != AFS_RC_OK) {
             return status;
         }
     }
@@ -115,7 +115,7 @@ uint32_t read_runs(read_job &job, chunk_run run) {
             return AFS_RC_OK;
         }
         run.first = run.last = run.entry;
-        status = next_cid(job.context, run.first, run.entry);
+        status = job.fat.next(run.first, run.entry);
         if (status != AFS_RC_OK) {
             return status;
         }
@@ -125,19 +125,17 @@ uint32_t read_runs(read_job &job, chunk_run run) {
 // Goes to the chunk of a chain that holds `offset`. The run is left with `first` 0 if the file ends
 // before it.
 uint32_t seek_chunk(afs_context *context, uint16_t slot, uint32_t offset, chunk_run &run) {
-    uint16_t cid = slot;
-    for (uint32_t end = AFS_PAGE_SIZE; is_chunk(cid); end += AFS_PAGE_SIZE) {
-        uint16_t entry = 0;
-        if (const uint32_t status = next_cid(context, cid, entry); status != AFS_RC_OK) {
-            return status;
-        }
-        if (end > offset) {
-            run = {.first = cid, .last = cid, .entry = entry};
-            return AFS_RC_OK;
-        }
-        cid = entry;
+    if (!is_chunk(slot)) {
+        return AFS_RC_OK;
     }
-    return AFS_RC_OK;
+    const uint32_t steps = offset / AFS_PAGE_SIZE;
+    chain_place place = {.previous = 0, .chunk = slot, .entry = 0};
+    uint32_t taken = 0;
+    const uint32_t status = fat_reader(context).follow(steps, place, taken);
+    if (status == AFS_RC_OK && taken == steps) {
+        run = {.first = place.chunk, .last = place.chunk, .entry = place.entry};
+    }
+    return status;
 }
 
 } // namespace
@@ -154,24 +152,25 @@ uint32_t afs_getfilesize(afs_context *context, int32_t file, uint32_t *size) {
         *size = known;
         return AFS_RC_OK;
     }
-    uint16_t cid = 0;
-    uint32_t status = next_cid(context, static_cast<uint16_t>(file), cid);
+    uint16_t slot = 0;
+    uint32_t status = next_cid(context, static_cast<uint16_t>(file), slot);
     if (status != AFS_RC_OK) {
         return status;
     }
-    if (no_such_file(cid)) {
+    if (no_such_file(slot)) {
         return AFS_RC_NO_FILE;
     }
-    uint32_t total = 0;
-    while (is_chunk(cid)) {
-        status = next_cid(context, cid, cid);
-        if (status != AFS_RC_OK) {
-            return status;
-        }
-        total += bytes_in_chunk(cid);
+    if (slot == fat_empty_file) {
+        *size = 0;
+        return AFS_RC_OK;
     }
-    *size = total;
-    return AFS_RC_OK;
+    chain_place place = {.previous = 0, .chunk = slot, .entry = 0};
+    uint32_t steps = 0;
+    status = fat_reader(context).follow(UINT32_MAX, place, steps);
+    if (status == AFS_RC_OK) {
+        *size = steps * AFS_PAGE_SIZE + bytes_in_chunk(place.entry);
+    }
+    return status;
 }
 
 uint32_t afs_readfile(afs_context *context, int32_t file, uint32_t offset, uint32_t *length,
@@ -198,6 +197,7 @@ uint32_t afs_readfile(afs_context *context, int32_t file, uint32_t offset, uint3
     }
     const uint32_t skip = offset % AFS_PAGE_SIZE;
     read_job job = {.context = context,
+                    .fat = fat_reader(context),
                     .out = static_cast<uint8_t *>(buffer),
                     .wanted = *length,
                     .skip = skip,

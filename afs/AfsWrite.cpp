@@ -46,19 +46,10 @@ bool has_gone_far_enough(const write_job &job) {
     return job.left == 0 && (!job.truncate || job.offset < job.position);
 }
 
-uint32_t look_up_old_chunk(write_job &job) {
-    if (!is_chunk(job.current)) {
-        job.current = no_chunk;
-        job.next = 0;
-        return AFS_RC_OK;
-    }
-    return next_cid(job.context, job.current, job.next);
-}
-
-// A chunk before the range stays, except for a last one that ends before it: that is to be padded.
+// A last chunk before the range stays, unless it ends before it: then it is to be padded.
 bool stays(const write_job &job) {
     return job.current != no_chunk && job.offset >= job.position + AFS_PAGE_SIZE &&
-           (is_chunk(job.next) || job.offset <= job.position + job.next);
+           job.offset <= job.position + job.next;
 }
 
 void begin_replacing(write_job &job) {
@@ -72,6 +63,25 @@ void step_forward(write_job &job) {
     job.previous = job.current;
     job.current = job.next;
     job.position += AFS_PAGE_SIZE;
+}
+
+// Looks up the old chunk at the position, or passes those that stay since more of them come before
+// the range.
+uint32_t look_up_old_chunk(write_job &job) {
+    if (!is_chunk(job.current)) {
+        job.current = no_chunk;
+        job.next = 0;
+        return AFS_RC_OK;
+    }
+    const uint32_t before = job.offset > job.position ? job.offset - job.position : 0;
+    chain_place place = {.previous = job.previous, .chunk = job.current, .entry = 0};
+    uint32_t taken = 0;
+    const uint32_t status = fat_reader(job.context).follow(before / AFS_PAGE_SIZE, place, taken);
+    job.previous = place.previous;
+    job.current = place.chunk;
+    job.next = place.entry;
+    job.position += taken * AFS_PAGE_SIZE;
+    return status;
 }
 
 // A reclaim takes chunks that are still in the cache for free ones, so the allocator asks for a

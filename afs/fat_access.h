@@ -18,6 +18,7 @@
 // Everything else is damage.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 
 #include "Afs.h"
@@ -69,8 +70,75 @@ inline bool is_mounted(const afs_context *context) {
 // Where the bytes of a VA lie in the cache; good until the call after the next one.
 uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes);
 
-// afs_get_next_cid for a mounted store and a cid that is a file or a chunk.
-uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t &value);
+// Chunks looked up since the last file slot. More of them than the store has make a loop.
+inline uint32_t chunk_cntr;
+
+// Where a walk along a chain stands.
+struct chain_place {
+    uint16_t previous; // cid whose FAT entry leads to the chunk
+    uint16_t chunk;
+    uint16_t entry; // FAT entry of the chunk
+};
+
+// Looks up FAT entries. The line with the entry looked up last is at the head of the cache, and the
+// entries in it are read without a call: a reader is only good until the next other call into the
+// cache.
+class fat_reader {
+  public:
+    explicit fat_reader(afs_context *context)
+        : context_(context), offset_mask_(context->page_size - 1u),
+          page_shift_(static_cast<unsigned>(std::countr_zero(context->page_size))),
+          file_count_(context->file_count), chunk_count_(context->chunk_count) {}
+
+    bool names_chunk(uint16_t value) const {
+        return value - file_count_ < chunk_count_; // unsigned: not below file_count_ either
+    }
+
+    // afs_get_next_cid for a mounted store and a cid that is a file or a chunk.
+    uint32_t next(uint16_t cid, uint16_t &value) {
+        const bool is_slot = cid < file_count_;
+        chunk_cntr = is_slot ? 0 : chunk_cntr + 1;
+        const uint32_t va = fat_va(cid);
+        if (va >> page_shift_ != page_) {
+            uint8_t *entry = nullptr;
+            if (const uint32_t status = cached_bytes(context_, va, entry); status != AFS_RC_OK) {
+                return status;
+            }
+            line_ = entry - (va & offset_mask_);
+            page_ = va >> page_shift_;
+        }
+        value = load_le16(line_ + (va & offset_mask_));
+        const bool valid = is_slot ? valid_in_slot(value) : valid_in_chain(value);
+        return valid && chunk_cntr <= chunk_count_ ? AFS_RC_OK : AFS_RC_IO;
+    }
+
+    // Looks up the entry of place.chunk and goes on, one chunk for each entry that names one, by at
+    // most `steps`. `taken` is how many it were, also after a failure.
+    uint32_t follow(uint32_t steps, chain_place &place, uint32_t &taken);
+
+  private:
+    bool valid_in_slot(uint16_t value) const {
+        return value == fat_free || value >= fat_zombie || names_chunk(value);
+    }
+    bool valid_in_chain(uint16_t value) const {
+        return value <= fat_last_chunk || names_chunk(value);
+    }
+
+    uint32_t follow_in_line(chain_place &place, uint32_t steps) const;
+
+    afs_context *context_;
+    uint32_t offset_mask_;
+    unsigned page_shift_;
+    uint32_t file_count_;
+    uint32_t chunk_count_;
+    const uint8_t *line_ = nullptr;
+    uint32_t page_ = UINT32_MAX; // in the line; as yet there is none
+};
+
+// A look-up that stands alone.
+inline uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t &value) {
+    return fat_reader(context).next(cid, value);
+}
 
 // Changes a FAT entry in the cache.
 uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value);
