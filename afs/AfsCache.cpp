@@ -28,40 +28,49 @@ bool is_dirty(const afs_cache_line &line) {
     return (line.flags_and_link & line_flags) == line_flags;
 }
 
-// A place in the list.
-struct list_place {
-    uint16_t before; // the line that links to it; without meaning for the head
-    uint16_t line;
-};
-
-void move_to_head(afs_context *context, list_place place) {
-    if (place.line != context->cache_head) {
-        set_link(context, place.before, link_of(context, place.line));
-        set_link(context, place.line, context->cache_head);
-        context->cache_head = place.line;
-    }
+// Behind the control records the array has one more number for each line: the line before it in the
+// list, and for the head the last line. Not part of the record, it is checked against the list
+// whenever it is used.
+uint16_t *back_links(const afs_context *context) {
+    return reinterpret_cast<uint16_t *>(context->cache_lines + context->cache_line_count);
 }
 
-// The first line from the head on that matches, or else the last line.
-template <typename Matches>
-list_place find_line(const afs_context *context, Matches matches) {
-    list_place place{end_of_list, context->cache_head};
-    for (uint16_t visited = 1; visited < context->cache_line_count && !matches(place.line);
-         ++visited) {
-        place = {place.line, link_of(context, place.line)};
-    }
-    return place;
-}
-
-// The dirty line used longest ago, or end_of_list.
-uint16_t oldest_dirty_line(const afs_context *context) {
-    uint16_t oldest = end_of_list;
-    for (uint16_t line = context->cache_head; line != end_of_list; line = link_of(context, line)) {
-        if (is_dirty(context->cache_lines[line])) {
-            oldest = line;
+// The line whose link is `next`, which may be end_of_list.
+uint16_t line_before(const afs_context *context, uint16_t next) {
+    const bool at_end = next == end_of_list;
+    uint16_t line = back_links(context)[at_end ? context->cache_head : next];
+    if (line >= context->cache_line_count || link_of(context, line) != next) {
+        line = context->cache_head;
+        for (uint16_t i = 1; i < context->cache_line_count && link_of(context, line) != next; ++i) {
+            line = link_of(context, line);
         }
     }
-    return oldest;
+    return line;
+}
+
+void move_to_head(afs_context *context, uint16_t line) {
+    const uint16_t head = context->cache_head;
+    if (line == head) {
+        return;
+    }
+    uint16_t *const back = back_links(context);
+    const uint16_t before = line_before(context, line);
+    const uint16_t next = link_of(context, line);
+    set_link(context, before, next);
+    back[next == end_of_list ? head : next] = before;
+    set_link(context, line, head);
+    back[line] = back[head];
+    back[head] = line;
+    context->cache_head = line;
+}
+
+// The line that holds a page, or cache_line_count.
+uint16_t find_line(const afs_context *context, uint16_t page) {
+    uint16_t line = 0;
+    while (line < context->cache_line_count && !holds_page(context, line, page)) {
+        ++line;
+    }
+    return line;
 }
 
 uint32_t write_back(afs_context *context, uint16_t line) {
@@ -124,8 +133,8 @@ uint32_t cache_init(afs_context *context, uint32_t page_size, uint16_t lines) {
     // The lines have room for the context's present page size too: it holds until the caller sets
     // the new one.
     const size_t line_size = std::max<size_t>(page_size, context->page_size);
-    context->cache_lines =
-        static_cast<afs_cache_line *>(std::calloc(lines, sizeof(afs_cache_line)));
+    context->cache_lines = static_cast<afs_cache_line *>(
+        std::calloc(lines, sizeof(afs_cache_line) + sizeof(uint16_t)));
     context->cache_data = static_cast<uint8_t *>(std::calloc(lines, line_size));
     if (context->cache_lines == nullptr || context->cache_data == nullptr) {
         return AFS_RC_NO_MEMORY;
@@ -133,6 +142,7 @@ uint32_t cache_init(afs_context *context, uint32_t page_size, uint16_t lines) {
     context->cache_head = 0;
     for (uint16_t line = 0; line < lines; ++line) {
         set_link(context, line, line + 1 < lines ? static_cast<uint16_t>(line + 1) : end_of_list);
+        back_links(context)[line] = static_cast<uint16_t>(line == 0 ? lines - 1 : line - 1);
     }
     return AFS_RC_OK;
 }
@@ -141,12 +151,12 @@ uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
     if (!has_cache(context) || line == nullptr) {
         return AFS_RC_INVALID;
     }
-    const list_place place =
-        find_line(context, [=](uint16_t i) { return holds_page(context, i, page); });
-    const uint16_t index = place.line;
-    const bool hit = holds_page(context, index, page);
-    move_to_head(context, place);
-    if (!hit) {
+    uint16_t index = find_line(context, page);
+    if (index < context->cache_line_count) {
+        move_to_head(context, index);
+    } else {
+        index = line_before(context, end_of_list);
+        move_to_head(context, index);
         if (const uint32_t status = load(context, index, page); status != AFS_RC_OK) {
             return status;
         }
@@ -166,7 +176,7 @@ void cache_line_written(afs_context *context, const void *pointer) {
         return;
     }
     const auto line = static_cast<uint16_t>(index);
-    move_to_head(context, find_line(context, [line](uint16_t i) { return i == line; }));
+    move_to_head(context, line);
     context->cache_lines[line].flags_and_link |= line_dirty;
 }
 
@@ -174,17 +184,16 @@ uint32_t cache_flush(afs_context *context) {
     if (!has_cache(context)) {
         return AFS_RC_INVALID;
     }
-    // Each pass leaves one dirty line less.
-    for (uint16_t pass = 0; pass < context->cache_line_count; ++pass) {
-        const uint16_t line = oldest_dirty_line(context);
-        if (line == end_of_list) {
-            return AFS_RC_OK;
+    uint16_t line = end_of_list;
+    do {
+        line = line_before(context, line);
+        if (is_dirty(context->cache_lines[line])) {
+            if (const uint32_t status = write_back(context, line); status != AFS_RC_OK) {
+                return status;
+            }
+            set_flags(context->cache_lines[line], line_valid);
         }
-        if (const uint32_t status = write_back(context, line); status != AFS_RC_OK) {
-            return status;
-        }
-        set_flags(context->cache_lines[line], line_valid);
-    }
+    } while (line != context->cache_head);
     return AFS_RC_OK;
 }
 

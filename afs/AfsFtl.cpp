@@ -78,6 +78,7 @@ void reset_state(afs_context *context, uint32_t device_size) {
     ftl.reclaim_cursor = 0;
     ftl.needs_mount = 0;
     ftl.last_data_eu = 0;
+    std::fill_n(ftl.data_eus, AFS_MAX_EU_COUNT, uint8_t{0});
     ftl.head_closed = 0;
     ftl.chain_starts = 0;
     ftl.barren_ranges = 0;

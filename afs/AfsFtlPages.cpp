@@ -44,8 +44,7 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
 
     head.free_pages = 0;
     if (verified_write(address + log_entry_offset(slot), entry, sizeof entry) != AFS_RC_OK ||
-        verified_write(address + log_slot_offset(slot), record.bytes, sizeof record.bytes) !=
-            AFS_RC_OK ||
+        verified_write_slot(address + log_slot_offset(slot), record.bytes) != AFS_RC_OK ||
         verified_write_byte(address + log_commit_offset(slot + 1), log_commit_byte) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
@@ -78,8 +77,7 @@ uint32_t write_data_page(afs_context *context, uint32_t va, const void *data) {
     // for a free slot that is not there, again and again.
     row.free_pages = static_cast<uint8_t>(row.free_pages - (row.free_pages != 0 ? 1 : 0));
     if (verified_write_byte(status_address, slot_being_written) != AFS_RC_OK ||
-        verified_write(address + data_slot_offset(place.slot), record.bytes, sizeof record.bytes) !=
-            AFS_RC_OK ||
+        verified_write_slot(address + data_slot_offset(place.slot), record.bytes) != AFS_RC_OK ||
         verified_write_byte(status_address, slot_complete) != AFS_RC_OK) {
         return AFS_RC_IO;
     }

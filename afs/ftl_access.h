@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
+#include <cstring>
 
 #include "AfsFtl.h"
 #include "AfsPhysicalWin32Spi.h"
@@ -24,7 +25,10 @@ static_assert(max_run == 62);
 bool ftl_has_tables(const afs_context *context);
 
 // Tables that the last mount has filled without a failure.
-bool ftl_is_mounted(const afs_context *context);
+inline bool ftl_is_mounted(const afs_context *context) {
+    return context != nullptr && context->ftl != nullptr && context->ftl->eu_table != nullptr &&
+           context->ftl->write_eu != AFS_FTL_NONE;
+}
 
 // Releases the state with its tables.
 void release_ftl_state(afs_context *context);
@@ -69,9 +73,53 @@ struct data_place {
     uint32_t chunk; // below the chunk count, so good as an index of the chunk map
 };
 
+// Chunks that the store can have. Before the file layer has set a count, only the EUs bound them.
+inline uint32_t chunk_limit(const afs_context *context) {
+    return context->chunk_map == nullptr && context->chunk_count == 0 ? UINT32_MAX
+                                                                      : context->chunk_count;
+}
+
+inline uint32_t first_data_page(const afs_context *context) {
+    return context->data_va_start / AFS_PAGE_SIZE;
+}
+
+// The first EU whose data pages start at va_base, or AFS_FTL_NONE.
+uint32_t search_data_eu(afs_ftl_state *ftl, uint32_t va_base);
+
+// The EU of the data pages from va_base on, which are those of the chunks `group` times
+// AFS_DATA_EU_PAGES onwards. The EU found there last is only looked at again.
+inline uint32_t find_data_eu(afs_ftl_state *ftl, uint32_t group, uint32_t va_base) {
+    if (va_base == 0) {
+        return AFS_FTL_NONE;
+    }
+    uint8_t &found = ftl->data_eus[group % AFS_MAX_EU_COUNT];
+    if (found >= ftl->eu_count || ftl->eu_table[found].va_base != va_base) {
+        const uint32_t eu = search_data_eu(ftl, va_base);
+        if (eu == AFS_FTL_NONE) {
+            return AFS_FTL_NONE;
+        }
+        found = static_cast<uint8_t>(eu);
+    }
+    ftl->last_data_eu = found;
+    return found;
+}
+
 // Finds the slot of a data VA. False if it lies below the data area or past the chunks, or if no EU
 // covers it.
-bool find_data_place(const afs_context *context, uint32_t va, data_place &place);
+inline bool find_data_place(const afs_context *context, uint32_t va, data_place &place) {
+    if (va < context->data_va_start) {
+        return false;
+    }
+    const uint32_t chunk = (va - context->data_va_start) / AFS_PAGE_SIZE;
+    if (chunk >= chunk_limit(context)) {
+        return false;
+    }
+    const uint32_t group = chunk / AFS_DATA_EU_PAGES;
+    const uint32_t first = group * AFS_DATA_EU_PAGES;
+    const uint32_t eu = find_data_eu(context->ftl, group, first_data_page(context) + first);
+    place = {.eu = eu, .slot = chunk - first, .chunk = chunk};
+    return eu != AFS_FTL_NONE;
+}
 
 // First chunk of a data EU. False if its va_base does not fit the data area.
 bool find_first_chunk(const afs_context *context, uint32_t eu, uint32_t &chunk);
@@ -132,13 +180,58 @@ reclaim_choice choose_for_idle_time(const afs_context *context, wear_rule rule);
 // Erases both blocks of an EU, the lower one first. False if the device fails.
 bool erase_eu(uint32_t address);
 
-// Writes once, then reads back until it compares equal, at most max_reads times. readback has room
-// for length bytes. AFS_RC_OK or AFS_RC_IO.
+// Writes once, then reads back until same() says that it compares equal, at most max_reads times.
+// AFS_RC_OK or AFS_RC_IO.
+template <typename Same>
+uint32_t write_until(uint32_t address, const void *data, uint32_t length, uint8_t *readback,
+                     Same same) {
+    if (length != 0) { // what no read brings does not compare equal
+        readback[0] = static_cast<uint8_t>(~*static_cast<const uint8_t *>(data));
+    }
+    if (SpiDrvWrite(address, length, data) != AFS_RC_OK) {
+        return AFS_RC_IO;
+    }
+    for (int reads = 0; reads < max_reads; ++reads) {
+        if (SpiDrvRead(address, length, readback) != AFS_RC_OK) {
+            return AFS_RC_IO;
+        }
+        if (same()) {
+            return AFS_RC_OK;
+        }
+    }
+    return AFS_RC_IO;
+}
+
+// The same for any bytes; readback has room for length bytes.
 uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uint8_t *readback);
 
-// The same for records of up to page_slot_size bytes or a whole row of status bytes.
+// The same for up to a whole row of status bytes.
 uint32_t verified_write(uint32_t address, const void *data, uint32_t length);
-uint32_t verified_write_byte(uint32_t address, uint8_t value);
+
+inline uint32_t verified_write_byte(uint32_t address, uint8_t value) {
+    uint8_t readback;
+    return write_until(address, &value, 1, &readback, [&] { return readback == value; });
+}
+
+// A page slot is compared by words: bytes that were just copied are only at hand for loads no wider
+// than the stores.
+inline bool same_slot(const uint8_t *a, const uint8_t *b) {
+    uint64_t difference = load_le16(a + page_crc_offset) ^ load_le16(b + page_crc_offset);
+    for (uint32_t at = 0; at < AFS_PAGE_SIZE; at += sizeof(uint64_t)) {
+        uint64_t word_a;
+        uint64_t word_b;
+        std::memcpy(&word_a, a + at, sizeof word_a);
+        std::memcpy(&word_b, b + at, sizeof word_b);
+        difference |= word_a ^ word_b;
+    }
+    return difference == 0;
+}
+
+inline uint32_t verified_write_slot(uint32_t address, const uint8_t *slot) {
+    uint8_t readback[page_slot_size];
+    return write_until(address, slot, page_slot_size, readback,
+                       [&] { return same_slot(readback, slot); });
+}
 
 // Reads count page slots in one device read and checks each against its page number, page_of(i);
 // reads all again, at most max_reads times, if one does not match. AFS_RC_OK or AFS_RC_IO.

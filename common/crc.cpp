@@ -163,8 +163,12 @@ uint32_t portable_crc32(uint32_t crc, const uint8_t *data, size_t length) {
     return crc;
 }
 
-// The portable ones until the library is loaded, then the best that the processor has.
+} // namespace
+
+constinit const crc_kernels portable_kernels{portable_crc16_page, portable_crc32};
 constinit crc_kernels kernels_in_use{portable_crc16_page, portable_crc32};
+
+namespace {
 
 [[maybe_unused]] const bool kernels_chosen = [] {
     const crc_kernels *const kernels = carry_less_kernels();
@@ -175,8 +179,6 @@ constinit crc_kernels kernels_in_use{portable_crc16_page, portable_crc32};
 }();
 
 } // namespace
-
-constinit const crc_kernels portable_kernels{portable_crc16_page, portable_crc32};
 
 uint8_t crc8_msb_first(uint8_t crc, const uint8_t *data, size_t length) {
     for (; length >= slices; data += slices, length -= slices) {
@@ -214,14 +216,6 @@ uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length) {
         crc = static_cast<uint16_t>(crc << 8 ^ crc16_tables[0][crc >> 8 ^ *data]);
     }
     return crc;
-}
-
-uint16_t crc16_page(const uint8_t *data, uint16_t page) {
-    return kernels_in_use.crc16_page(data, page);
-}
-
-uint32_t crc32_reflected(uint32_t crc, const uint8_t *data, size_t length) {
-    return kernels_in_use.crc32_reflected(crc, data, length);
 }
 
 } // namespace dolm

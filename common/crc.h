@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/crc_kernels.h"
 #include "common/little_endian.h"
 
 namespace dolm {
@@ -52,11 +53,15 @@ inline constexpr uint16_t crc16_ccitt_polynomial = 0x1021;
 uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length);
 
 // CRC-16 of a page of 64 bytes followed by its number, low byte first, started at 0xFFFF.
-uint16_t crc16_page(const uint8_t *data, uint16_t page);
+inline uint16_t crc16_page(const uint8_t *data, uint16_t page) {
+    return kernels_in_use.crc16_page(data, page);
+}
 
 inline constexpr uint32_t crc32_reflected_polynomial = 0xEDB88320;
 
 // CRC-32 with the reflected polynomial above, without inversions, continued from crc.
-uint32_t crc32_reflected(uint32_t crc, const uint8_t *data, size_t length);
+inline uint32_t crc32_reflected(uint32_t crc, const uint8_t *data, size_t length) {
+    return kernels_in_use.crc32_reflected(crc, data, length);
+}
 
 } // namespace dolm

@@ -14,6 +14,9 @@ struct crc_kernels {
 
 extern const crc_kernels portable_kernels;
 
+// The portable ones until the library is loaded, then the best that the processor has.
+extern crc_kernels kernels_in_use;
+
 // Null where the processor has no such instruction.
 const crc_kernels *carry_less_kernels();
 
