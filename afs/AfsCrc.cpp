@@ -6,9 +6,6 @@
 
 namespace {
 
-constexpr uint16_t crc14_mask = 0x3FFF;
-constexpr auto crc16_table = dolm::crc_table_msb_first<uint16_t>(dolm::crc16_ccitt_polynomial);
-
 size_t byte_count(int32_t length) {
     return static_cast<size_t>(std::max(length, 0));
 }
@@ -41,9 +38,9 @@ uint32_t crc8(const void *data, int32_t length) {
 
 uint32_t crc14(const void *data, int32_t length) {
     const auto *bytes = static_cast<const uint8_t *>(data);
-    uint32_t crc = crc14_mask;
+    uint16_t crc = dolm::crc14_mask;
     for (size_t i = 0; i < byte_count(length); ++i) {
-        crc = (crc << 8 ^ crc16_table[bytes[i] ^ crc >> 8]) & crc14_mask;
+        crc = dolm::crc14_step(crc, bytes[i]);
     }
     return crc;
 }

@@ -151,18 +151,20 @@ uint32_t allocate_tables(afs_context *context, uint32_t flags) {
 // Marks the chunks of a chain as allocated and adds up what they hold.
 uint32_t scan_chain(afs_context *context, uint16_t first, uint32_t &size) {
     fat_reader fat(context);
-    size = 0;
-    for (uint16_t cid = first; is_chunk(cid);) {
-        if (context->chunk_map != nullptr) {
-            const uint32_t chunk = cid - uint32_t{context->file_count};
-            context->chunk_map[chunk / 32] |= uint32_t{1} << chunk % 32;
+    uint32_t *const map = context->chunk_map;
+    const uint32_t file_count = context->file_count;
+    uint32_t status = AFS_RC_OK;
+    uint32_t total = 0;
+    for (uint16_t cid = first; status == AFS_RC_OK && is_chunk(cid);) {
+        if (map != nullptr) {
+            const uint32_t chunk = cid - file_count;
+            map[chunk / 32] |= uint32_t{1} << chunk % 32;
         }
-        if (const uint32_t status = fat.next(cid, cid); status != AFS_RC_OK) {
-            return status;
-        }
-        size += bytes_in_chunk(cid);
+        status = fat.next(cid, cid);
+        total += bytes_in_chunk(cid);
     }
-    return AFS_RC_OK;
+    size = total;
+    return status;
 }
 
 uint32_t scan_file(afs_context *context, uint16_t file) {

@@ -116,9 +116,9 @@ constexpr uint32_t log_slot_offset(uint32_t slot) {
 
 // Turns a page number into its log entry and back.
 inline uint16_t log_chain(uint16_t last_page, uint32_t page_or_entry) {
-    uint8_t link[2];
-    store_le16(link, last_page);
-    return static_cast<uint16_t>(crc14(link, sizeof link) ^ page_or_entry);
+    const uint16_t low = crc14_step(crc14_mask, static_cast<uint8_t>(last_page));
+    return static_cast<uint16_t>(crc14_step(low, static_cast<uint8_t>(last_page >> 8)) ^
+                                 page_or_entry);
 }
 
 // ---- Body of a data EU: 122 status bytes, then 122 page slots, full to the last byte.

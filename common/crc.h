@@ -48,6 +48,14 @@ inline constexpr uint8_t crc8_polynomial = 0x07;
 uint8_t crc8_msb_first(uint8_t crc, const uint8_t *data, size_t length);
 
 inline constexpr uint16_t crc16_ccitt_polynomial = 0x1021;
+inline constexpr auto crc16_ccitt_table = crc_table_msb_first<uint16_t>(crc16_ccitt_polynomial);
+
+// The same register cut to 14 bits after every byte.
+inline constexpr uint16_t crc14_mask = 0x3FFF;
+
+constexpr uint16_t crc14_step(uint16_t crc, uint8_t byte) {
+    return static_cast<uint16_t>((crc << 8 ^ crc16_ccitt_table[byte ^ crc >> 8]) & crc14_mask);
+}
 
 // CRC-16 with the CCITT polynomial, most significant bit first, no final XOR, continued from crc.
 uint16_t crc16_ccitt(uint16_t crc, const uint8_t *data, size_t length);
