@@ -41,45 +41,6 @@ uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes) {
     return AFS_RC_OK;
 }
 
-// The steps that need no look at the cache, some ten instructions for each. Stops in front of what
-// next() refuses.
-uint32_t fat_reader::follow_in_line(chain_place &place, uint32_t steps) const {
-    const fat_reader fat = *this; // both lie in registers
-    chain_place at = place;
-    const uint32_t limit = std::min(steps, chunk_count_ - chunk_cntr);
-    uint32_t step = 0;
-    while (step < limit && at.entry > fat_last_chunk) {
-        const uint32_t va = fat_va(at.entry);
-        if (va >> fat.page_shift_ != fat.page_) {
-            break;
-        }
-        const uint16_t entry = load_le16(fat.line_ + (va & fat.offset_mask_));
-        if (!fat.valid_in_chain(entry)) {
-            break;
-        }
-        at = {at.chunk, at.entry, entry};
-        ++step;
-    }
-    place = at;
-    return step;
-}
-
-uint32_t fat_reader::follow(uint32_t steps, chain_place &place, uint32_t &taken) {
-    taken = 0;
-    uint32_t status = next(place.chunk, place.entry);
-    while (status == AFS_RC_OK && taken < steps && is_chunk(place.entry)) {
-        const uint32_t in_line = follow_in_line(place, steps - taken);
-        chunk_cntr += in_line;
-        taken += in_line;
-        if (taken < steps && is_chunk(place.entry)) {
-            place = {place.chunk, place.entry, 0};
-            ++taken;
-            status = next(place.chunk, place.entry);
-        }
-    }
-    return status;
-}
-
 uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value) {
     uint8_t *entry = nullptr;
     const uint32_t status = cached_bytes(context, fat_va(cid), entry);

@@ -77,7 +77,6 @@ void reset_state(afs_context *context, uint32_t device_size) {
     ftl.reclaim_armed = 0;
     ftl.reclaim_cursor = 0;
     ftl.needs_mount = 0;
-    ftl.last_data_eu = 0;
     std::fill_n(ftl.data_eus, AFS_MAX_EU_COUNT, uint8_t{0});
     ftl.head_closed = 0;
     ftl.chain_starts = 0;

@@ -158,6 +158,13 @@ uint32_t count_data_eu(afs_context *context, uint32_t eu, uint32_t &newest_with_
         return AFS_RC_IO;
     }
     const uint32_t slots = usable_slots(context, eu);
+    if (std::all_of(states, states + slots, [](uint8_t s) { return s == slot_complete; })) {
+        // As nearly all EUs are.
+        row.dirty_pages = static_cast<uint8_t>(
+            slots - count_live_chunks(context, first_chunk, first_chunk + slots));
+        row.free_pages = 0;
+        return AFS_RC_OK;
+    }
     uint32_t first_free = AFS_FTL_NONE;
     row.dirty_pages = static_cast<uint8_t>(slots);
     row.free_pages = 0;

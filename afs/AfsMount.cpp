@@ -148,22 +148,20 @@ uint32_t allocate_tables(afs_context *context, uint32_t flags) {
     return AFS_RC_OK;
 }
 
-// Marks the chunks of a chain as allocated and adds up what they hold.
+// Marks the chunks of a chain as allocated and finds the size of the file.
 uint32_t scan_chain(afs_context *context, uint16_t first, uint32_t &size) {
-    fat_reader fat(context);
     uint32_t *const map = context->chunk_map;
     const uint32_t file_count = context->file_count;
-    uint32_t status = AFS_RC_OK;
-    uint32_t total = 0;
-    for (uint16_t cid = first; status == AFS_RC_OK && is_chunk(cid);) {
+    const auto mark = [=](uint16_t cid) {
         if (map != nullptr) {
             const uint32_t chunk = cid - file_count;
             map[chunk / 32] |= uint32_t{1} << chunk % 32;
         }
-        status = fat.next(cid, cid);
-        total += bytes_in_chunk(cid);
-    }
-    size = total;
+    };
+    chain_place place = {.previous = 0, .chunk = first, .entry = 0};
+    uint32_t steps = 0;
+    const uint32_t status = fat_reader(context).follow(UINT32_MAX, place, steps, mark);
+    size = steps * AFS_PAGE_SIZE + bytes_in_chunk(place.entry);
     return status;
 }
 
@@ -177,7 +175,7 @@ uint32_t scan_file(afs_context *context, uint16_t file) {
         return set_fat_entry(context, file, fat_free); // reaches the flash with the next flush
     }
     uint32_t size = 0;
-    status = scan_chain(context, slot, size);
+    status = is_chunk(slot) ? scan_chain(context, slot, size) : AFS_RC_OK;
     if (status == AFS_RC_OK && context->file_sizes != nullptr) {
         context->file_sizes[file] = size;
     }

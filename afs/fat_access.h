@@ -18,6 +18,7 @@
 // Everything else is damage.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 
@@ -113,8 +114,29 @@ class fat_reader {
     }
 
     // Looks up the entry of place.chunk and goes on, one chunk for each entry that names one, by at
-    // most `steps`. `taken` is how many it were, also after a failure.
-    uint32_t follow(uint32_t steps, chain_place &place, uint32_t &taken);
+    // most `steps`. `taken` is how many it were, also after a failure. visit(cid) is told each
+    // chunk before its entry is looked at.
+    template <typename Visit>
+    uint32_t follow(uint32_t steps, chain_place &place, uint32_t &taken, Visit visit) {
+        taken = 0;
+        visit(place.chunk);
+        uint32_t status = next(place.chunk, place.entry);
+        while (status == AFS_RC_OK && taken < steps && is_chunk(place.entry)) {
+            const uint32_t in_line = follow_in_line(place, steps - taken, visit);
+            chunk_cntr += in_line;
+            taken += in_line;
+            if (taken < steps && is_chunk(place.entry)) {
+                place = {place.chunk, place.entry, 0};
+                ++taken;
+                visit(place.chunk);
+                status = next(place.chunk, place.entry);
+            }
+        }
+        return status;
+    }
+    uint32_t follow(uint32_t steps, chain_place &place, uint32_t &taken) {
+        return follow(steps, place, taken, [](uint16_t) {});
+    }
 
   private:
     bool valid_in_slot(uint16_t value) const {
@@ -124,7 +146,30 @@ class fat_reader {
         return value <= fat_last_chunk || names_chunk(value);
     }
 
-    uint32_t follow_in_line(chain_place &place, uint32_t steps) const;
+    // The steps that need no look at the cache, some ten instructions for each. Stops in front of
+    // what next() refuses.
+    template <typename Visit>
+    uint32_t follow_in_line(chain_place &place, uint32_t steps, Visit visit) const {
+        const fat_reader fat = *this; // both lie in registers
+        chain_place at = place;
+        const uint32_t limit = std::min(steps, chunk_count_ - chunk_cntr);
+        uint32_t step = 0;
+        while (step < limit && at.entry > fat_last_chunk) {
+            const uint32_t va = fat_va(at.entry);
+            if (va >> fat.page_shift_ != fat.page_) {
+                break;
+            }
+            const uint16_t entry = load_le16(fat.line_ + (va & fat.offset_mask_));
+            if (!fat.valid_in_chain(entry)) {
+                break;
+            }
+            at = {at.chunk, at.entry, entry};
+            visit(at.chunk);
+            ++step;
+        }
+        place = at;
+        return step;
+    }
 
     afs_context *context_;
     uint32_t offset_mask_;

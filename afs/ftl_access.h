@@ -100,7 +100,6 @@ inline uint32_t find_data_eu(afs_ftl_state *ftl, uint32_t group, uint32_t va_bas
         }
         found = static_cast<uint8_t>(eu);
     }
-    ftl->last_data_eu = found;
     return found;
 }
 
@@ -147,6 +146,18 @@ inline uint32_t find_chunk(const afs_context *context, uint32_t from, uint32_t e
         from = (from / 32 + 1) * 32;
     }
     return end;
+}
+
+// Live chunks from `from` on, below `end`. Only for a store with a chunk map.
+inline uint32_t count_live_chunks(const afs_context *context, uint32_t from, uint32_t end) {
+    uint32_t live = 0;
+    while (from < end) {
+        const uint32_t next = std::min((from / 32 + 1) * 32, end);
+        const uint32_t bits = context->chunk_map[from / 32] >> from % 32 << (32 - (next - from));
+        live += static_cast<uint32_t>(std::popcount(bits));
+        from = next;
+    }
+    return live;
 }
 
 // The EU with the lowest sequence, the first of equals, that is not the spare and that is wanted;

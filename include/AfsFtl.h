@@ -94,7 +94,6 @@ struct afs_ftl_state {
     uint8_t reclaim_cursor;
     uint8_t needs_mount;   // 1: a reclaim failed half-way and left the tables ahead of the flash;
                            // writes and reclaims give AFS_RC_IO until the next mount
-    uint8_t last_data_eu;  // the data EU found last; only a hint
     uint8_t head_closed;   // 1: write_eu takes no more pages, even if write_slot is below 120
     uint8_t chain_starts;  // 1: write_eu holds no committed entry, so that its next one is linked
                            // to 0, whatever last_page says
