@@ -1,9 +1,10 @@
 // What a benchmark makes the devices of both stores do. The counting functions stand in front of
-// the real ones (see add_dolm_bench) and cost two additions for a write or an erase, under a
+// the real ones (see add_dolm_bench) and cost two additions and a test for each call, under a
 // hundredth of what a page write takes.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace bench {
 
@@ -22,5 +23,34 @@ DeviceCounts counts_of(Operation operation) {
     return {device_counts.bytes_programmed - before.bytes_programmed,
             device_counts.block_erases - before.block_erases};
 }
+
+// A call of a device function.
+struct DeviceCall {
+    enum class Kind : uint8_t { afs_read, afs_write, afs_erase, efs_read, efs_write, efs_erase };
+    Kind kind;
+    bool checked; // the bytes are ones that the store takes a checksum of
+    uint32_t address;
+    uint32_t length;
+};
+
+using DeviceCalls = std::vector<DeviceCall>;
+
+// Where calls are put down, if anywhere.
+inline DeviceCalls *recorded_calls = nullptr;
+
+// The calls that operation makes.
+template <typename Operation>
+DeviceCalls calls_of(Operation operation) {
+    DeviceCalls calls;
+    recorded_calls = &calls;
+    operation();
+    recorded_calls = nullptr;
+    return calls;
+}
+
+// Makes the same calls again, in a tight loop, with the checksums of pages and data areas. What a
+// store does takes at least as long. It leaves no store on the device, since all writes are of the
+// same bytes.
+void replay(const DeviceCalls &calls);
 
 } // namespace bench

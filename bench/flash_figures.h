@@ -4,6 +4,9 @@
 //   copies               the time in plain copies of the same bytes
 //   of_Y                 the speed in parts of that of Y, a byte-wise CRC-16
 //   Y64_over_t           how often the time fits into that of Y for 64 KiB
+//   times_floor          the time in floors: the same device calls and checksums of pages and data
+//                        areas, in a tight loop and nothing else
+//   Y64_over_floor       how often the floor fits into the time of Y for 64 KiB
 //   programmed_per_byte  bytes written to the device for each byte of payload
 //   erases_per_MiB       erases of 4096-byte blocks for each MiB of payload
 //   erases_per_1000      the same for 1000 calls
@@ -14,9 +17,11 @@
 
 namespace bench {
 
-// Shows what one call of operation takes, as the benchmark's time and in counters.
+// Shows what one call of operation takes, as the benchmark's time and in counters. The floor is
+// that of so many calls on an average. No store is left on the device.
 template <typename Operation>
-void show_time(benchmark::State &state, uint32_t payload, Operation operation) {
+void show_time(benchmark::State &state, uint32_t payload, Operation operation,
+               uint32_t calls = 16) {
     for (auto _ : state) {
         const double yardstick = seconds_of_yardstick();
         const double seconds = best_seconds_per_call(operation);
@@ -25,6 +30,14 @@ void show_time(benchmark::State &state, uint32_t payload, Operation operation) {
         state.counters["copies"] = seconds / seconds_of_copy(payload);
         state.counters["of_Y"] = y * payload / yardstick_size / seconds;
         state.counters["Y64_over_t"] = y / seconds;
+        const DeviceCalls device_calls = calls_of([&] {
+            for (uint32_t i = 0; i < calls; ++i) {
+                operation();
+            }
+        });
+        const double floor = best_seconds_per_call([&] { replay(device_calls); }) / calls;
+        state.counters["times_floor"] = seconds / floor;
+        state.counters["Y64_over_floor"] = y / floor;
     }
 }
 
@@ -44,7 +57,7 @@ void show_change(benchmark::State &state, uint32_t payload, uint64_t steady_eras
             operation();
         }
     });
-    show_time(state, payload, operation);
+    show_time(state, payload, operation, calls);
     const auto erases = static_cast<double>(counts.block_erases);
     const double bytes = static_cast<double>(payload) * calls;
     state.counters["programmed_per_byte"] = static_cast<double>(counts.bytes_programmed) / bytes;
