@@ -23,8 +23,8 @@ struct ValueChange {
     Bytes after;
 };
 
-// Changes a current value. Throws Failure if there is none of that name, or if the new one is over
-// its limit; says so if it will not reach the flash.
-ValueChange assign(Library &library, const Assignment &assignment);
+// Changes current values, in the order given. Throws Failure if one has no NVAR, or is over its
+// limit; says so if one will not reach the flash.
+std::vector<ValueChange> assign(Library &library, const std::vector<Assignment> &assignments);
 
 } // namespace dolm

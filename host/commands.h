@@ -30,18 +30,19 @@ struct SetOptions {
 struct ListOptions : SetOptions {
     bool changed_only = false;                    // those whose value differs from the base value
     std::optional<std::filesystem::path> against; // those whose value differs from this set's
+    std::vector<std::string> names;               // or patterns; all without any
 };
 void list_nvars(const ListOptions &options);
 
 enum class ValueForm { notation, text, hex, raw };
 
 struct GetOptions : SetOptions {
-    std::string name;
+    std::vector<std::string> names; // or patterns; at least one
     ValueForm form = ValueForm::notation;
     std::optional<std::filesystem::path> raw_file;
     std::string table = "current"; // or "base", "override"
 };
-void get_nvar(const GetOptions &options);
+void get_nvars(const GetOptions &options);
 
 struct ChangeOptions : SetOptions {
     std::string name;

@@ -37,8 +37,7 @@ std::vector<proof::NewValue> try_assignments(SetFiles copy, uint32_t sku,
         throw Failure("the set has no deployed VFS, so that no value is ever written to flash");
     }
     std::vector<proof::NewValue> values;
-    for (const Assignment &assignment : assignments) {
-        const ValueChange change = assign(library, assignment);
+    for (const ValueChange &change : assign(library, assignments)) {
         values.push_back({change.name, change.after});
     }
     return values;

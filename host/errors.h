@@ -11,12 +11,15 @@ namespace dolm {
 
 // One of many things that are wrong with an input.
 struct Problem {
-    std::string source; // the file
+    std::string source; // the file; empty where it is about a name alone
     std::string place;  // in it: a JSON pointer; empty where it is about the whole
     std::string name;   // of the file or NVAR that it is about, if it is about one
     std::string text;
 
     std::string line() const {
+        if (source.empty()) {
+            return name + ": " + text;
+        }
         return source + ": " + (place.empty() ? "" : place + ": ") + text +
                (name.empty() ? "" : " (" + name + ")");
     }

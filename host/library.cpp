@@ -143,8 +143,13 @@ void Library::require(bool success, const std::string &otherwise) const {
     }
 }
 
-std::vector<std::string> Library::names() const {
-    return table_names_where(is_current);
+std::vector<std::string> Library::names(FcsFileName table) const {
+    return table_names_where(
+        [&](const std::string &name) { return qoqfsCheckNvarExists(name.c_str(), table); });
+}
+
+bool Library::has(const std::string &given_name) const {
+    return is_current(full_name(given_name));
 }
 
 std::vector<std::string> Library::override_only_names() const {

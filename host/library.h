@@ -38,8 +38,15 @@ class Library {
     Library(const Library &) = delete;
     Library &operator=(const Library &) = delete;
 
-    // Every name of the file table that has a current value, in the table's order.
-    std::vector<std::string> names() const;
+    // What it was started up with.
+    const SetFiles &set() const { return set_; }
+    uint32_t sku() const { return sku_; }
+
+    // Every name of the file table that has a value in the table, in the file table's order.
+    std::vector<std::string> names(FcsFileName table = FCS_FILE_CURRENT_VALUES) const;
+
+    // True if the name has a current value.
+    bool has(const std::string &given_name) const;
 
     // Names that have an overriding value only, so that no current value comes of it.
     std::vector<std::string> override_only_names() const;

@@ -2,8 +2,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
-#include <numeric>
 
+#include "host/close_words.h"
 #include "host/commands.h"
 #include "host/errors.h"
 #include "host/output.h"
@@ -53,10 +53,16 @@ void add_set_options(CLI::App &command, dolm::SetOptions &options) {
     add_lock_timeout(command, options.lock_timeout);
 }
 
+CLI::Option *add_names(CLI::App &command, std::vector<std::string> &names) {
+    return command.add_option("NAME", names,
+                              "Name or pattern ('net/*'), with or without /home/ in front");
+}
+
 void add_list(CLI::App &app) {
-    auto *command = app.add_subcommand("list", "Show all NVARs of a set");
+    auto *command = app.add_subcommand("list", "Show the NVARs of a set");
     auto options = std::make_shared<dolm::ListOptions>();
     add_set_options(*command, *options);
+    add_names(*command, options->names);
     command->add_flag("--changed", options->changed_only,
                       "Only those whose value differs from the base value");
     command->add_option("--against", options->against,
@@ -65,10 +71,10 @@ void add_list(CLI::App &app) {
 }
 
 void add_get(CLI::App &app) {
-    auto *command = app.add_subcommand("get", "Show the value of one NVAR, as set takes it");
+    auto *command = app.add_subcommand("get", "Show the values of NVARs, as set takes them");
     auto options = std::make_shared<dolm::GetOptions>();
     add_set_options(*command, *options);
-    command->add_option("NAME", options->name, "Name, with or without /home/ in front")->required();
+    add_names(*command, options->names)->required();
     command->add_option("--table", options->table, "Where from: current, base or override")
         ->check(CLI::IsMember({"current", "base", "override"}));
     auto *form = command->add_option_group("form");
@@ -84,7 +90,7 @@ void add_get(CLI::App &app) {
         },
         "The bytes as they are, into this file (- for standard output)");
     form->require_option(0, 1);
-    command->callback([options] { dolm::get_nvar(*options); });
+    command->callback([options] { dolm::get_nvars(*options); });
 }
 
 // What stands behind the named arguments.
@@ -182,31 +188,15 @@ void add_prove(CLI::App &app) {
     });
 }
 
-// Insertions, removals and replacements of characters that make one word the other.
-size_t distance(const std::string &one, const std::string &other) {
-    std::vector<size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < one.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < other.size(); ++j) {
-            const size_t replaced = diagonal + (one[i] == other[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
-        }
-    }
-    return row.back();
-}
-
 void refuse_unknown_command(const CLI::App &app, const std::string &word) {
-    const auto commands = app.get_subcommands([](const CLI::App *) { return true; });
-    const auto nearest =
-        std::min_element(commands.begin(), commands.end(), [&](const auto *a, const auto *b) {
-            return distance(word, a->get_name()) < distance(word, b->get_name());
-        });
-    if (distance(word, (*nearest)->get_name()) != 0) {
-        throw dolm::UsageError("there is no command '" + word + "'; the nearest is '" +
-                               (*nearest)->get_name() + "'");
+    std::vector<std::string> names;
+    for (const CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
+        names.push_back(command->get_name());
+    }
+    const std::string nearest = dolm::nearest(word, names, 1).front();
+    if (nearest != word) {
+        throw dolm::UsageError("there is no command '" + word + "'; the nearest is '" + nearest +
+                               "'");
     }
 }
 

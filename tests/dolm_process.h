@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <span>
 #include <string>
 
 namespace dolm_process {
@@ -75,6 +76,28 @@ class Dolm : public testing::Test {
 
     const fs::path folder = testing::TempDir() + "dolm_test." + std::to_string(getpid());
     const fs::path set = folder / "set";
+};
+
+struct Call {
+    const char *arguments;
+    int code;
+    const char *part; // of what it prints; of its complaints if it prints nothing
+};
+
+class DolmCalls : public Dolm {
+  protected:
+    // None of them changes anything in the folder.
+    void expect_each(std::span<const Call> calls) {
+        const Folder before = snapshot(folder);
+        for (const Call &expected : calls) {
+            SCOPED_TRACE(expected.arguments);
+            const Outcome outcome = run(expected.arguments);
+            const std::string &said = outcome.out.empty() ? outcome.err : outcome.out;
+            EXPECT_EQ(outcome.code, expected.code);
+            EXPECT_NE(said.find(expected.part), std::string::npos) << said;
+            EXPECT_EQ(snapshot(folder), before);
+        }
+    }
 };
 
 } // namespace dolm_process
