@@ -10,6 +10,7 @@
 #include "AfsCrc.h"
 #include "EFS.h"
 #include "flash_figures.h"
+#include "image/efs_records.h"
 #include "proof/afs_build.h"
 
 namespace {
@@ -248,7 +249,7 @@ void checksum(benchmark::State &state, Checksum library, Checksum bytewise, size
 DOLM_CHECKSUM_BENCHMARK(crc8, library_crc8, bytewise_crc8, 16);
 DOLM_CHECKSUM_BENCHMARK(crc14, library_crc14, bytewise_crc14, 2);
 DOLM_CHECKSUM_BENCHMARK(crc16, library_crc16, bytewise_crc16_with_tail, 64);
-DOLM_CHECKSUM_BENCHMARK(EFS_crc16, library_efs_crc16, bytewise_efs_crc16, 4072);
-DOLM_CHECKSUM_BENCHMARK(EFS_crc32, library_crc32, bytewise_crc32, 4076);
+DOLM_CHECKSUM_BENCHMARK(EFS_crc16, library_efs_crc16, bytewise_efs_crc16, dolm::efs::record_room);
+DOLM_CHECKSUM_BENCHMARK(EFS_crc32, library_crc32, bytewise_crc32, dolm::efs::data_size);
 
 } // namespace

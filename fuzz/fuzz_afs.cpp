@@ -5,10 +5,10 @@
 // of an image's size is taken as the image.
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "Afs.h"
 #include "damage.h"
+#include "fuzz/require.h"
 #include "image/afs_image.h"
 #include "proof/afs_build.h"
 #include "proof/device.h"
@@ -56,9 +56,8 @@ void read_all(afs_context *context) {
         uint32_t size = 0;
         uint32_t length = AFS_MAX_FILE_SIZE;
         const uint32_t status = afs_getfilesize(context, file, &size);
-        if (status == 0 && afs_readfile(context, file, 0, &length, bytes.data()) == 0 &&
-            length > bytes.size()) {
-            std::abort();
+        if (status == 0 && afs_readfile(context, file, 0, &length, bytes.data()) == 0) {
+            require(length <= bytes.size());
         }
     }
 }
@@ -84,25 +83,17 @@ std::vector<Image> make_bases() {
     return bases;
 }
 
-void require_sound(const Image &image) {
-    if (!dolm::check_invariants(image).empty()) {
-        std::abort();
-    }
-}
-
 void run(Image &image, uint8_t seed, bool is_damaged) {
     for (uint32_t round = 0; round < 2; ++round) {
         dolm::AfsMount mount(image);
         if (mount.status() != 0) {
-            if (!is_damaged) {
-                std::abort();
-            }
+            require(is_damaged);
             return;
         }
         read_all(mount.context());
         change(mount.context(), seed + round, 6);
         if (!is_damaged) {
-            require_sound(image);
+            require(dolm::check_invariants(image).empty());
         }
     }
 }

@@ -4,13 +4,13 @@
 // Input: u8 BMs | u8 logical blocks | u8 spare blocks | u8 cut of the power | u8 seed of the
 // changes, 0 modulo 4 for checksums left as damaged | edits (damage.h) of the image's bytes.
 
-#include <cstdlib>
 #include <cstring>
 
 #include "EFS.h"
 #include "EFS_phy_win32.h"
 #include "damage.h"
 #include "efs_tools_utils.h"
+#include "fuzz/require.h"
 #include "proof/builders.h"
 #include "proof/device.h"
 
@@ -68,8 +68,8 @@ void read_all() {
         for (const uint32_t offset : {0u, 1u, size / 2, size}) {
             uint32_t length = static_cast<uint32_t>(bytes.size());
             const uint32_t rest = size == 0 ? 0 : size - offset; // an empty file takes any offset
-            if (EFS_read(file, offset, &length, bytes.data()) == EFS_OK && length != rest) {
-                std::abort();
+            if (EFS_read(file, offset, &length, bytes.data()) == EFS_OK) {
+                require(length == rest);
             }
         }
     }
@@ -112,9 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     for (uint32_t round = 0; round < 2; ++round) {
         if (EFS_init_tools(image.data()) != EFS_OK) {
-            if (edits.empty()) {
-                std::abort(); // no cut of the power may cost the store
-            }
+            require(!edits.empty()); // no cut of the power may cost the store
             break;
         }
         read_all();

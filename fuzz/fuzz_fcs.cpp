@@ -1,21 +1,15 @@
 // The reader of serialised stores over arbitrary bytes, and what a host does with a loaded store.
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "FCS.h"
 #include "common/little_endian.h"
+#include "fuzz/require.h"
 #include "proof/builders.h"
 
 using builders::Bytes;
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 // Numbers 1 to 8; the last name fills its field, and number 3 stands twice.
 Bytes make_table() {

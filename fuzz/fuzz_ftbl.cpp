@@ -1,18 +1,12 @@
 // The file table over arbitrary bytes. Input: the SKU to load as a u32, then the FTBL.
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "common/little_endian.h"
 #include "efs_tools_utils.h"
+#include "fuzz/require.h"
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 void look_up_every_entry() {
     for (int32_t i = 0; i < g_table_num_files; ++i) {

@@ -5,13 +5,13 @@
 // (little-endian lengths, cut to what is there).
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "common/little_endian.h"
 #include "frontend/fcs_tables.h"
+#include "fuzz/require.h"
 #include "qoqfs.h"
 
 namespace {
@@ -29,9 +29,7 @@ Bytes take(const uint8_t *&data, size_t &left, size_t wanted) {
 }
 
 void on_report(ErrorLevel, ImageToolsErrorName, const char *text, const char *message) {
-    if (std::strlen(text) + std::strlen(message) > 1000) {
-        std::abort();
-    }
+    require(std::strlen(text) + std::strlen(message) <= 1000);
 }
 
 _commonDolmTable table_of(Bytes &bytes) {
@@ -52,10 +50,8 @@ void change_values(uint8_t seed) {
         bool writable = false;
         if (!qoQfsNvarGet(name.c_str(), &data, &size, FCS_FILE_CURRENT_VALUES, &writable,
                           &max_size)) {
-            if (name.starts_with("/home/")) {
-                std::abort(); // the table holds the name
-            }
-            continue; // a path cannot name it
+            require(!name.starts_with("/home/")); // the table holds the name
+            continue;                             // a path cannot name it
         }
         if (seed++ % 2 == 0) {
             size = std::min<uint32_t>(max_size, seed * 11u);
@@ -86,14 +82,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (qoQfsNvarTerm(true)) {
             uint8_t *store = nullptr;
             uint32_t store_size = 0;
-            if (!qoQfsGetBuildVynCfgFcsBuffer(&store, &store_size)) {
-                std::abort();
-            }
+            require(qoQfsGetBuildVynCfgFcsBuffer(&store, &store_size));
             Bytes rebuilt(store, store + store_size);
             inputs.orvelCfg = table_of(rebuilt);
-            if (!qoQfsDolmInit(&inputs, on_report)) {
-                std::abort(); // the library refuses what it wrote
-            }
+            require(qoQfsDolmInit(&inputs, on_report)); // what the library wrote
         }
     }
     qoQfsNvarTerm(false);

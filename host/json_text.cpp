@@ -94,7 +94,7 @@ class FormCheck : public nlohmann::json_sax<Json> {
         if (is_number_form(key)) {
             return {max_content, "numbers"};
         }
-        return {max_sku_rows, key == "skus" ? "SKUs" : "items"};
+        return {ftbl::max_rows, key == "skus" ? "SKUs" : "items"};
     }
 
     // A member of an object has begun with its key.

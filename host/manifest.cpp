@@ -241,17 +241,10 @@ std::string name_at(const Json &manifest, const std::string &place) {
     const auto name = file.is_object() ? file.find("name") : file.end();
     return name == file.end() || !name->is_string()
                ? ""
-               : name->get<std::string>().substr(0, 2 * size_t{max_name_length});
+               : name->get<std::string>().substr(0, 2 * size_t{ftbl::name_size});
 }
 
 } // namespace
-
-uint32_t trailer_length(uint16_t attributes) {
-    if ((attributes & attribute_trailer) == 0) {
-        return 0;
-    }
-    return (attributes & attribute_long_trailer) != 0 ? 56 : 40;
-}
 
 Manifest parse_manifest(std::string_view text, const std::string &source,
                         const std::filesystem::path &folder) {

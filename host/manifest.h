@@ -11,6 +11,7 @@
 
 #include "host/content.h"
 #include "image/bytes.h"
+#include "image/file_table.h"
 #include "proof/afs_build.h"
 
 namespace dolm {
@@ -19,15 +20,7 @@ namespace dolm {
 // termination.
 inline constexpr std::string_view deploy_marker = "/home/mca/deploy";
 
-inline constexpr uint32_t max_name_length = 48;
-inline constexpr uint32_t max_value_size = 65523; // of a value in a configuration store
-inline constexpr uint32_t max_sku_rows = 10;      // of a file table
-inline constexpr size_t max_files = 65536;        // whose entries for all SKUs fit a table file
-
-// Attribute bits with a meaning.
-inline constexpr uint16_t attribute_trailer = 0x01;
-inline constexpr uint16_t attribute_not_pulled = 0x02;
-inline constexpr uint16_t attribute_long_trailer = 0x40;
+inline constexpr size_t max_files = 65536; // whose entries for all SKUs fit a table file
 
 // As the file table encodes them.
 enum class Store : uint8_t { none = 0, afs = 1, efs = 2 };
@@ -70,9 +63,6 @@ struct Manifest {
     std::optional<EfsGeometry> efs;
     std::vector<ManifestFile> files;
 };
-
-// Bytes that a file in flash carries behind its value: 0, 40 or 56.
-uint32_t trailer_length(uint16_t attributes);
 
 // Reads a manifest and checks it (see manifest_check.h). File names in it are taken from folder.
 // Throws Failure with one line for each problem, which names the place in the JSON text; source

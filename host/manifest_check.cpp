@@ -8,6 +8,7 @@
 #include "FCS.h"
 #include "host/set_files.h"
 #include "image/efs_records.h"
+#include "image/fcs_store.h"
 
 namespace dolm {
 
@@ -16,7 +17,7 @@ namespace {
 constexpr uint32_t max_efs_file = 65534; // a length of 65535 means that there is no file
 
 std::string quoted(const std::string &name) {
-    constexpr size_t most_shown = 2 * max_name_length;
+    constexpr size_t most_shown = 2 * ftbl::name_size;
     return "\"" + name.substr(0, most_shown) + (name.size() > most_shown ? "...\"" : "\"");
 }
 
@@ -63,9 +64,9 @@ void check_name(const ManifestFile &file, Problems &problems) {
     if (file.name.empty() || file.name.find('\0') != std::string::npos) {
         problems.add(place, "a name without NUL characters is needed here");
     }
-    if (file.name.size() > max_name_length) {
+    if (file.name.size() > ftbl::name_size) {
         problems.add(place, quoted(file.name) + " has " + bytes(file.name.size()) + ", at most " +
-                                std::to_string(max_name_length) + " fit");
+                                std::to_string(ftbl::name_size) + " fit");
     }
     if (file.base && !file.name.starts_with("/home/")) {
         problems.add(place, quoted(file.name) +
@@ -78,7 +79,7 @@ void check_value(const ManifestFile &file, const char *member, const std::option
     if (!value) {
         return;
     }
-    const uint32_t limit = std::min(file.max_size, max_value_size);
+    const uint32_t limit = std::min(file.max_size, fcs::max_payload);
     if (value->size() > limit) {
         problems.add(file.place + "/" + member, "the value has " + bytes(value->size()) +
                                                     ", over the limit of " + bytes(limit));

@@ -1,9 +1,11 @@
 #include "host/table_entries.h"
 
 #include <cstring>
+#include <span>
 
 #include "efs_tools_utils.h"
 #include "host/tables.h"
+#include "image/file_table.h"
 
 namespace dolm {
 
@@ -12,18 +14,14 @@ namespace {
 constexpr uint16_t id_mask = 0x7FF;
 
 TableEntry read_entry(const file_table_entry_t &entry) {
-    Bytes bytes(sizeof entry);
-    std::memcpy(bytes.data(), &entry, sizeof entry);
-    const auto u16 = [&](size_t at) {
-        return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
-    };
+    const std::span bytes(reinterpret_cast<const uint8_t *>(&entry), sizeof entry);
     TableEntry read;
     read.name.assign(entry.name, strnlen(entry.name, sizeof entry.name));
-    read.number = get_le32(bytes, offsetof(file_table_entry_t, fileno));
-    read.attributes = u16(offsetof(file_table_entry_t, attributes));
-    read.id = u16(offsetof(file_table_entry_t, file_id)) & id_mask;
+    read.number = get_le32(bytes, ftbl::entry_number_offset);
+    read.attributes = get_le16(bytes, ftbl::entry_attributes_offset);
+    read.id = get_le16(bytes, ftbl::entry_id_offset) & id_mask;
     read.store = entry.store;
-    read.max_size = get_le32(bytes, offsetof(file_table_entry_t, max_size));
+    read.max_size = get_le32(bytes, ftbl::entry_max_size_offset);
     return read;
 }
 

@@ -6,25 +6,14 @@
 #include "FCS.h"
 #include "efs_tools_utils.h"
 #include "host/errors.h"
+#include "image/fcs_store.h"
+#include "image/file_table.h"
 
 namespace dolm {
 
 namespace {
 
-// FTBL: head, SKU rows, EFST section (head, geometry rows), then the EFS file records and the
-// entry sets wherever the rows say.
-constexpr size_t ftbl_row_size = 16; // the head has the same size
-constexpr size_t ftbl_row_count_offset = 12;
-constexpr size_t ftbl_min_size = 1024;
-constexpr size_t entry_size = sizeof(file_table_entry_t);
-
-constexpr size_t efst_head_size = 16;
-constexpr size_t efst_row_count_offset = 12;
-constexpr size_t efst_row_size = 40;
-constexpr size_t efst_record_size = 60;
-
-constexpr size_t vync_head_size = 16;
-constexpr size_t vync_length_offset = 8;
+using namespace ftbl;
 
 using FileList = std::vector<const ManifestFile *>;
 
@@ -39,19 +28,19 @@ void put_text(Bytes &bytes, size_t offset, std::string_view text) {
 }
 
 void put_entry(Bytes &ftbl, size_t at, const ManifestFile &file) {
-    put_text(ftbl, at + offsetof(file_table_entry_t, name), file.name);
-    put_le(ftbl, at + offsetof(file_table_entry_t, fileno), file.number, 4);
-    put_le(ftbl, at + offsetof(file_table_entry_t, attributes), file.attributes, 2);
-    put_le(ftbl, at + offsetof(file_table_entry_t, file_id), file.id, 2);
-    put_le(ftbl, at + offsetof(file_table_entry_t, store), static_cast<uint32_t>(file.store), 1);
-    put_le(ftbl, at + offsetof(file_table_entry_t, max_size), file.max_size, 4);
+    put_text(ftbl, at, file.name);
+    put_le(ftbl, at + entry_number_offset, file.number, 4);
+    put_le(ftbl, at + entry_attributes_offset, file.attributes, 2);
+    put_le(ftbl, at + entry_id_offset, file.id, 2);
+    put_le(ftbl, at + entry_store_offset, static_cast<uint32_t>(file.store), 1);
+    put_le(ftbl, at + entry_max_size_offset, file.max_size, 4);
 }
 
 void put_efs_record(Bytes &ftbl, size_t at, const ManifestFile &file) {
     put_le(ftbl, at, file.id, 2);
-    put_le(ftbl, at + 50, file.efs.block, 2);
-    put_le(ftbl, at + 52, file.efs.offset, 2);
-    put_le(ftbl, at + 54, file.efs.max_size, 2);
+    put_le(ftbl, at + record_block_offset, file.efs.block, 2);
+    put_le(ftbl, at + record_start_offset, file.efs.offset, 2);
+    put_le(ftbl, at + record_max_size_offset, file.efs.max_size, 2);
 }
 
 void put_efs_row(Bytes &ftbl, size_t at, uint32_t sku, const EfsGeometry &efs, size_t records_at,
@@ -77,13 +66,13 @@ void put_efs_row(Bytes &ftbl, size_t at, uint32_t sku, const EfsGeometry &efs, s
 void append_efst(Bytes &ftbl, const std::vector<Row> &rows, const EfsGeometry &efs,
                  const FileList &efs_files) {
     const size_t section = ftbl.size();
-    const size_t records_at = section + efst_head_size + rows.size() * efst_row_size;
+    const size_t records_at = section + head_size + rows.size() * efst_row_size;
     ftbl.resize(records_at + efs_files.size() * efst_record_size);
-    put_text(ftbl, section, "EFST");
-    put_le(ftbl, section + efst_row_count_offset, static_cast<uint32_t>(rows.size()), 4);
+    put_le(ftbl, section, efst_magic, 4);
+    put_le(ftbl, section + row_count_offset, static_cast<uint32_t>(rows.size()), 4);
     for (size_t i = 0; i < rows.size(); ++i) {
-        put_efs_row(ftbl, section + efst_head_size + i * efst_row_size, rows[i].sku, efs,
-                    records_at, efs_files.size());
+        put_efs_row(ftbl, section + head_size + i * efst_row_size, rows[i].sku, efs, records_at,
+                    efs_files.size());
     }
     for (size_t i = 0; i < efs_files.size(); ++i) {
         put_efs_record(ftbl, records_at + i * efst_record_size, *efs_files[i]);
@@ -93,10 +82,10 @@ void append_efst(Bytes &ftbl, const std::vector<Row> &rows, const EfsGeometry &e
 void append_entries(Bytes &ftbl, size_t row_index, const Row &row) {
     const size_t entries_at = ftbl.size();
     ftbl.resize(entries_at + row.files.size() * entry_size);
-    const size_t row_at = ftbl_row_size * (row_index + 1);
+    const size_t row_at = head_size + row_size * row_index;
     put_le(ftbl, row_at, row.sku, 4);
-    put_le(ftbl, row_at + 4, static_cast<uint32_t>(entries_at), 4);
-    put_le(ftbl, row_at + 8, static_cast<uint32_t>(row.files.size()), 4);
+    put_le(ftbl, row_at + row_entries_offset, static_cast<uint32_t>(entries_at), 4);
+    put_le(ftbl, row_at + row_entry_count_offset, static_cast<uint32_t>(row.files.size()), 4);
     for (size_t i = 0; i < row.files.size(); ++i) {
         put_entry(ftbl, entries_at + i * entry_size, *row.files[i]);
     }
@@ -104,16 +93,16 @@ void append_entries(Bytes &ftbl, size_t row_index, const Row &row) {
 
 Bytes make_ftbl(const std::vector<Row> &rows, const std::optional<EfsGeometry> &efs,
                 const FileList &efs_files) {
-    Bytes ftbl(ftbl_row_size * (rows.size() + 1));
-    put_text(ftbl, 0, "FTBL");
-    put_le(ftbl, ftbl_row_count_offset, static_cast<uint32_t>(rows.size()), 4);
+    Bytes ftbl(head_size + row_size * rows.size());
+    put_le(ftbl, 0, magic, 4);
+    put_le(ftbl, row_count_offset, static_cast<uint32_t>(rows.size()), 4);
     if (efs) {
         append_efst(ftbl, rows, *efs, efs_files);
     }
     for (size_t i = 0; i < rows.size(); ++i) {
         append_entries(ftbl, i, rows[i]);
     }
-    ftbl.resize(std::max(ftbl.size(), ftbl_min_size));
+    ftbl.resize(std::max<size_t>(ftbl.size(), min_size));
     return ftbl;
 }
 
@@ -136,8 +125,8 @@ class StoreHandle {
     StoreHandle &operator=(const StoreHandle &) = delete;
 
     void add(const ManifestFile &file, const Bytes &value) {
-        Bytes block(sizeof(_cfg_file_entry_t));
-        put_le(block, offsetof(_cfg_file_entry_t, fileno), file.number, 4);
+        Bytes block(fcs::record_size);
+        put_le(block, 0, file.number, 4);
         block.insert(block.end(), value.begin(), value.end());
         require_done(addNewFile(handle_, "", file.name.c_str(), block.data(),
                                 static_cast<uint16_t>(block.size()), true),
@@ -198,14 +187,12 @@ Bytes make_ftbl(const Manifest &manifest) {
 }
 
 std::vector<uint32_t> skus_of(const Bytes &ftbl) {
-    constexpr std::string_view magic = "FTBL";
+    const FileTable table = read_file_table(ftbl);
     std::vector<uint32_t> skus;
-    if (ftbl.size() < ftbl_min_size || !std::equal(magic.begin(), magic.end(), ftbl.begin())) {
-        return skus;
-    }
-    const uint32_t rows = std::min(get_le32(ftbl, ftbl_row_count_offset), max_sku_rows);
-    for (uint32_t i = 0; i < rows; ++i) {
-        skus.push_back(get_le32(ftbl, ftbl_row_size * (i + 1)));
+    for (const FtblRow &row : table.rows) {
+        if (table.has_magic && ftbl.size() >= min_size) {
+            skus.push_back(row.sku);
+        }
     }
     return skus;
 }
@@ -219,9 +206,9 @@ Bytes make_vync_cfg(const Manifest &manifest) {
 }
 
 Bytes with_vync_head(const Bytes &store) {
-    Bytes bytes(vync_head_size + store.size());
-    put_le(bytes, vync_length_offset, static_cast<uint32_t>(store.size()), 4);
-    std::copy(store.begin(), store.end(), bytes.begin() + vync_head_size);
+    Bytes bytes(fcs::vync_head_size + store.size());
+    put_le(bytes, fcs::vync_length_offset, static_cast<uint32_t>(store.size()), 4);
+    std::copy(store.begin(), store.end(), bytes.begin() + fcs::vync_head_size);
     return bytes;
 }
 

@@ -11,6 +11,7 @@
 namespace dolm::afs {
 
 constexpr uint32_t eu_size = 8192;
+constexpr uint32_t erase_block_size = 4096; // what one erase of the device takes
 constexpr uint32_t max_eu_count = 255;
 constexpr uint32_t page_size = 64;
 constexpr uint32_t record_size = 66; // a page and its checksum

@@ -18,8 +18,11 @@ FcsStore read_fcs_store(std::span<const uint8_t> bytes, uint32_t count) {
     store.records.reserve(present);
     for (size_t i = 0; i < present; ++i) {
         const size_t at = fcs::head_size + i * fcs::record_size;
-        store.records.push_back({at, get_le32(bytes, at), get_le32(bytes, at + 4),
-                                 get_le16(bytes, at + 8), get_le16(bytes, at + 10)});
+        store.records.push_back({.at = at,
+                                 .number = get_le32(bytes, at),
+                                 .offset = get_le32(bytes, at + fcs::record_offset_offset),
+                                 .size = get_le16(bytes, at + fcs::record_size_offset),
+                                 .opaque = get_le16(bytes, at + fcs::record_opaque_offset)});
     }
     return store;
 }

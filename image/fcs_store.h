@@ -14,7 +14,13 @@ namespace dolm {
 namespace fcs {
 
 constexpr uint32_t head_size = 4; // the number of records
+
+// Record: u32 number, u32 offset of the payload in the store, u16 size of it, u16 that nothing
+// reads.
 constexpr uint32_t record_size = 12;
+constexpr uint32_t record_offset_offset = 4;
+constexpr uint32_t record_size_offset = 8;
+constexpr uint32_t record_opaque_offset = 10;
 constexpr uint32_t max_payload = 65523; // record and payload travel with a length of 16 bits
 
 constexpr uint32_t vync_head_size = 16;

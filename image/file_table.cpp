@@ -41,8 +41,11 @@ class Reader {
     }
 
     FtblRow read_row(size_t at) const {
-        FtblRow row{
-            at, get_le32(bytes_, at), get_le32(bytes_, at + 4), get_le32(bytes_, at + 8), {}};
+        FtblRow row{at,
+                    get_le32(bytes_, at),
+                    get_le32(bytes_, at + row_entries_offset),
+                    get_le32(bytes_, at + row_entry_count_offset),
+                    {}};
         const bool is_empty = row.entries_count >> 31 != 0;
         const size_t count = is_empty ? 0 : present(row.entries_at, row.entries_count, entry_size);
         row.entries.reserve(count);
@@ -58,11 +61,11 @@ class Reader {
         entry.at = at;
         const char *name = reinterpret_cast<const char *>(bytes_.data()) + at;
         entry.name = {name, strnlen(name, name_size)};
-        entry.number = get_le32(bytes_, at + 48);
-        entry.attributes = get_le16(bytes_, at + 52);
-        entry.id = get_le16(bytes_, at + 58) & id_mask;
-        entry.store = bytes_[at + 63];
-        entry.max_size = get_le32(bytes_, at + 64);
+        entry.number = get_le32(bytes_, at + entry_number_offset);
+        entry.attributes = get_le16(bytes_, at + entry_attributes_offset);
+        entry.id = get_le16(bytes_, at + entry_id_offset) & id_mask;
+        entry.store = bytes_[at + entry_store_offset];
+        entry.max_size = get_le32(bytes_, at + entry_max_size_offset);
         return entry;
     }
 
@@ -79,14 +82,27 @@ class Reader {
 
     EfstRow read_efst_row(size_t at) const {
         const auto field = [&](size_t offset) { return get_le32(bytes_, at + offset); };
-        EfstRow row{at,        field(0),  field(4),  field(8),  field(12),        field(16),
-                    field(20), field(24), field(28), field(32), field(36) & 0xFF, {}};
+        EfstRow row{.at = at,
+                    .sku = field(0),
+                    .records_at = field(efst_records_offset),
+                    .records_count = field(efst_record_count_offset),
+                    .records_bytes = field(efst_records_bytes_offset),
+                    .bm_num = field(efst_bm_num_offset),
+                    .valid_blocks = field(efst_valid_blocks_offset),
+                    .spare_blocks = field(efst_spare_blocks_offset),
+                    .files_num = field(efst_files_num_offset),
+                    .wear_threshold = field(efst_wear_threshold_offset),
+                    .layout_id = field(efst_layout_id_offset) & 0xFF,
+                    .records = {}};
         const size_t count = present(row.records_at, row.records_count, efst_record_size);
         row.records.reserve(count);
         for (size_t i = 0; i < count; ++i) {
             const size_t record = row.records_at + i * efst_record_size;
-            row.records.push_back({record, get_le16(bytes_, record), bytes_[record + 50],
-                                   get_le16(bytes_, record + 52), get_le16(bytes_, record + 54)});
+            row.records.push_back({.at = record,
+                                   .file_index = get_le16(bytes_, record),
+                                   .block = bytes_[record + record_block_offset],
+                                   .offset = get_le16(bytes_, record + record_start_offset),
+                                   .max_size = get_le16(bytes_, record + record_max_size_offset)});
         }
         return row;
     }
@@ -96,11 +112,11 @@ class Reader {
 
 } // namespace
 
-uint32_t FtblEntry::trailer() const {
-    if ((attributes & entry_has_trailer) == 0) {
+uint32_t trailer_length(uint16_t attributes) {
+    if ((attributes & attribute_trailer) == 0) {
         return 0;
     }
-    return (attributes & entry_has_long_trailer) != 0 ? 56 : 40;
+    return (attributes & attribute_long_trailer) != 0 ? 56 : 40;
 }
 
 const FtblRow *FileTable::row_of(uint32_t sku) const {

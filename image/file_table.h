@@ -14,24 +14,56 @@ namespace dolm {
 
 namespace ftbl {
 
+// The head, a row for each SKU, then the section of EFS if there is one. Entries and file records
+// lie wherever the rows say.
 constexpr uint32_t magic = 0x4C425446;      // "FTBL"
 constexpr uint32_t efst_magic = 0x54534645; // "EFST"
 constexpr uint32_t min_size = 1024;
 constexpr uint32_t max_rows = 10;
 constexpr uint32_t head_size = 16;        // of the table and of the section
 constexpr uint32_t row_count_offset = 12; // in both
+
+// Row: u32 SKU, offset of its entries, their count, 4 unread.
 constexpr uint32_t row_size = 16;
+constexpr uint32_t row_entries_offset = 4;
+constexpr uint32_t row_entry_count_offset = 8; // negative for none
+
+// Entry.
 constexpr uint32_t entry_size = 68;
-constexpr uint32_t name_size = 48;
+constexpr uint32_t name_size = 48; // of the name, which stands first
+constexpr uint32_t entry_number_offset = 48;
+constexpr uint32_t entry_attributes_offset = 52; // u16, then 4 unread
+constexpr uint32_t entry_id_offset = 58;         // u16, then 3 unread
+constexpr uint32_t entry_store_offset = 63;      // u8
+constexpr uint32_t entry_max_size_offset = 64;
+
+// Row of the section: ten u32, the SKU first.
 constexpr uint32_t efst_row_size = 40;
+constexpr uint32_t efst_records_offset = 4;
+constexpr uint32_t efst_record_count_offset = 8;
+constexpr uint32_t efst_records_bytes_offset = 12;
+constexpr uint32_t efst_bm_num_offset = 16;
+constexpr uint32_t efst_valid_blocks_offset = 20;
+constexpr uint32_t efst_spare_blocks_offset = 24;
+constexpr uint32_t efst_files_num_offset = 28;
+constexpr uint32_t efst_wear_threshold_offset = 32;
+constexpr uint32_t efst_layout_id_offset = 36; // its low 8 bits count
+
+// File record: u16 number of the file, 48 unread, the place, 4 unread.
 constexpr uint32_t efst_record_size = 60;
+constexpr uint32_t record_block_offset = 50; // u8, then 1 unread
+constexpr uint32_t record_start_offset = 52; // u16, in the block's data area
+constexpr uint32_t record_max_size_offset = 54;
 
 } // namespace ftbl
 
 // Bits of an entry's attributes.
-constexpr uint16_t entry_has_trailer = 0x01;
-constexpr uint16_t entry_is_not_pulled = 0x02;
-constexpr uint16_t entry_has_long_trailer = 0x40;
+constexpr uint16_t attribute_trailer = 0x01;
+constexpr uint16_t attribute_not_pulled = 0x02;
+constexpr uint16_t attribute_long_trailer = 0x40;
+
+// Bytes that a file in flash carries behind its value: 0, 40 or 56.
+uint32_t trailer_length(uint16_t attributes);
 
 struct FtblEntry {
     size_t at = 0;         // of its first byte in the table, as in all records here
@@ -44,8 +76,7 @@ struct FtblEntry {
 
     bool is_in_efs() const { return store == 2; }
     bool is_in_afs() const { return store == 1; }
-    // Length of what follows the value in the file.
-    uint32_t trailer() const;
+    uint32_t trailer() const { return trailer_length(attributes); }
 };
 
 struct FtblRow {

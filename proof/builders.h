@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -13,8 +14,13 @@
 #include "FCS.h"
 #include "efs_tools_utils.h"
 #include "image/bytes.h"
+#include "image/fcs_store.h"
+#include "image/file_table.h"
 
 namespace builders {
+
+namespace fcs = dolm::fcs;
+namespace ftbl = dolm::ftbl;
 
 using dolm::Bytes;
 
@@ -68,25 +74,29 @@ struct FileTable {
     std::vector<SkuRow> sku_rows;
     std::vector<Geometry> geometry_rows;
 
-    size_t section_at() const { return 16 * (sku_rows.size() + 1); }
-    size_t geometry_at(size_t row = 0) const { return section_at() + 16 + 40 * row; }
+    size_t row_at(size_t row) const { return ftbl::head_size + ftbl::row_size * row; }
+    size_t section_at() const { return row_at(sku_rows.size()); }
+    size_t geometry_at(size_t row = 0) const {
+        return section_at() + ftbl::head_size + ftbl::efst_row_size * row;
+    }
 
     Bytes build() const {
         Bytes bytes(section_at());
-        std::memcpy(bytes.data(), "FTBL", 4);
-        put32(bytes, 12, static_cast<uint32_t>(sku_rows.size()));
+        put32(bytes, 0, ftbl::magic);
+        put32(bytes, ftbl::row_count_offset, static_cast<uint32_t>(sku_rows.size()));
         if (!geometry_rows.empty()) {
-            const size_t section = grow(bytes, 16 + 40 * geometry_rows.size());
-            std::memcpy(bytes.data() + section, "EFST", 4);
-            put32(bytes, section + 12, static_cast<uint32_t>(geometry_rows.size()));
+            bytes.resize(geometry_at(geometry_rows.size()));
+            put32(bytes, section_at(), ftbl::efst_magic);
+            put32(bytes, section_at() + ftbl::row_count_offset,
+                  static_cast<uint32_t>(geometry_rows.size()));
         }
         for (size_t i = 0; i < sku_rows.size(); ++i) {
-            put_entries(bytes, 16 * (i + 1), sku_rows[i]);
+            put_entries(bytes, row_at(i), sku_rows[i]);
         }
         for (size_t i = 0; i < geometry_rows.size(); ++i) {
             put_geometry(bytes, geometry_at(i), geometry_rows[i]);
         }
-        bytes.resize(bytes.size() < 1024 ? 1024 : bytes.size());
+        bytes.resize(std::max<size_t>(bytes.size(), ftbl::min_size));
         return bytes;
     }
 
@@ -94,28 +104,28 @@ struct FileTable {
     static void put_entries(Bytes &bytes, size_t row, const SkuRow &source) {
         put_row(bytes, row, {source.sku, bytes.size(), source.entries.size()});
         for (const TableEntry &entry : source.entries) {
-            const size_t at = grow(bytes, 68);
+            const size_t at = grow(bytes, ftbl::entry_size);
             std::memcpy(bytes.data() + at, entry.name.data(), entry.name.size());
-            put32(bytes, at + 48, entry.fileno);
-            put16(bytes, at + 52, entry.attributes);
-            put16(bytes, at + 58, entry.file_id);
-            bytes[at + 63] = entry.store;
-            put32(bytes, at + 64, entry.max_size);
+            put32(bytes, at + ftbl::entry_number_offset, entry.fileno);
+            put16(bytes, at + ftbl::entry_attributes_offset, entry.attributes);
+            put16(bytes, at + ftbl::entry_id_offset, entry.file_id);
+            bytes[at + ftbl::entry_store_offset] = entry.store;
+            put32(bytes, at + ftbl::entry_max_size_offset, entry.max_size);
         }
     }
 
     static void put_geometry(Bytes &bytes, size_t row, const Geometry &source) {
         const size_t count = source.records.size();
         put_row(bytes, row,
-                {source.sku, bytes.size(), count, count * 60, source.bm_num, source.valid_block_num,
-                 source.non_valid_block_num, source.files_num, source.wear_leveling_threshold,
-                 source.layout_id});
+                {source.sku, bytes.size(), count, count * ftbl::efst_record_size, source.bm_num,
+                 source.valid_block_num, source.non_valid_block_num, source.files_num,
+                 source.wear_leveling_threshold, source.layout_id});
         for (const EfsRecord &record : source.records) {
-            const size_t at = grow(bytes, 60);
+            const size_t at = grow(bytes, ftbl::efst_record_size);
             put16(bytes, at, record.file_index);
-            put16(bytes, at + 50, record.block);
-            put16(bytes, at + 52, record.offset);
-            put16(bytes, at + 54, record.max_size);
+            put16(bytes, at + ftbl::record_block_offset, record.block);
+            put16(bytes, at + ftbl::record_start_offset, record.offset);
+            put16(bytes, at + ftbl::record_max_size_offset, record.max_size);
         }
     }
 
@@ -136,26 +146,26 @@ struct StoreFile {
 // Record and payload, as addNewFile takes them.
 inline Bytes block_of(const StoreFile &file, uint32_t offset = 0) {
     Bytes block;
-    block.reserve(12 + file.payload.size());
-    block.resize(12);
+    block.reserve(fcs::record_size + file.payload.size());
+    block.resize(fcs::record_size);
     put32(block, 0, file.fileno);
-    put32(block, 4, offset);
-    put16(block, 8, static_cast<uint32_t>(file.payload.size()));
-    put16(block, 10, file.opaque);
+    put32(block, fcs::record_offset_offset, offset);
+    put16(block, fcs::record_size_offset, static_cast<uint32_t>(file.payload.size()));
+    put16(block, fcs::record_opaque_offset, file.opaque);
     block.insert(block.end(), file.payload.begin(), file.payload.end());
     return block;
 }
 
 // A serialised store with the files in the order given and their payloads packed.
 inline Bytes store_of(const std::vector<StoreFile> &files) {
-    Bytes bytes(4);
+    Bytes bytes(fcs::head_size);
     put32(bytes, 0, static_cast<uint32_t>(files.size()));
     Bytes payloads;
     for (const StoreFile &file : files) {
-        const size_t offset = 4 + 12 * files.size() + payloads.size();
+        const size_t offset = fcs::head_size + fcs::record_size * files.size() + payloads.size();
         const Bytes block = block_of(file, static_cast<uint32_t>(offset));
-        bytes.insert(bytes.end(), block.begin(), block.begin() + 12);
-        payloads.insert(payloads.end(), block.begin() + 12, block.end());
+        bytes.insert(bytes.end(), block.begin(), block.begin() + fcs::record_size);
+        payloads.insert(payloads.end(), block.begin() + fcs::record_size, block.end());
     }
     bytes.insert(bytes.end(), payloads.begin(), payloads.end());
     return bytes;

@@ -1,11 +1,10 @@
 // The six device functions as calls on the double; real is the library's own.
 #pragma once
 
+#include "image/afs_records.h"
 #include "proof/device.h"
 
 namespace dolm::proof {
-
-inline constexpr uint32_t afs_erase_block_size = 4096;
 
 inline uint32_t on_call(const DeviceCall &call, const std::function<uint32_t()> &real) {
     return DeviceDouble::instance().access(call, real);
@@ -27,7 +26,7 @@ inline uint32_t on_write(Device device, uint32_t address, uint32_t length, const
 
 inline uint32_t on_afs_erase(uint32_t address, uint32_t (*real)(uint32_t)) {
     return on_call(
-        {Device::afs, DeviceAccess::erase, address, afs_erase_block_size, nullptr, nullptr},
+        {Device::afs, DeviceAccess::erase, address, afs::erase_block_size, nullptr, nullptr},
         [=] { return real(address); });
 }
 

@@ -3,12 +3,10 @@
 #include <algorithm>
 
 #include "EFS.h"
+#include "image/efs_records.h"
 
 namespace dolm::proof {
 namespace {
-
-constexpr uint32_t header_size = 16; // of a BM and of a block
-constexpr uint32_t entry_words = 12; // behind the maps of an entry
 
 Files files_in(const EfsImage &image) {
     Files files;
@@ -23,7 +21,7 @@ Files files_in(const EfsImage &image) {
 } // namespace
 
 uint32_t EfsStore::entry_size() const {
-    return layout_.data_blocks() + entry_words;
+    return layout_.data_blocks() + efs::entry_words_size;
 }
 
 uint32_t EfsStore::mount(std::span<uint8_t> image) {
@@ -68,7 +66,7 @@ std::vector<std::string> EfsStore::check(std::span<const uint8_t> image, const F
     if (files_in(found) != files) {
         findings.push_back("the reader finds other files than the store");
     }
-    const uint32_t entry_offset = header_size + found.entry_in_force * entry_size();
+    const uint32_t entry_offset = efs::header_size + found.entry_in_force * entry_size();
     if (found.bm_in_force != efs_ctx.current_bm || entry_offset != efs_ctx.bme_offset ||
         found.torn_entry != (efs_ctx.bm_switch_pending != 0)) {
         findings.push_back("the reader finds another entry in force than the store");
@@ -104,14 +102,14 @@ std::vector<uint32_t> EfsStore::boundaries(const DeviceEvent &event) const {
     if (event.length == 4) {
         return {2};
     }
-    if (event.length == header_size) {
+    if (event.length == efs::header_size) {
         return {2, 4, 8, 12, 14};
     }
     if (event.length == entry_size()) { // of both maps, then of the words behind them
         const uint32_t maps = layout_.data_blocks();
         return {2, layout_.valid_blocks, maps, maps + 4, maps + 8, maps + 10};
     }
-    return {2, 4, 104, 1004, 2004, 4076}; // a data area, with or without footer
+    return {2, 4, 104, 1004, 2004, efs::data_size}; // a data area, with or without footer
 }
 
 Change EfsStore::write(uint32_t file, uint32_t length, uint32_t seed) {

@@ -266,18 +266,21 @@ TEST(AfsChoice, TakesRoomThenDirtUnlessTheWearRuleFires) {
 }
 
 TEST(AfsIdle, WantsRoomInTheLogThenInTheDataThenDeadUnits) {
+    constexpr uint32_t no_eu = AFS_FTL_NONE;
     const struct {
         const char *name;
         uint32_t write_slot;           // of the only log EU with room
         uint8_t data_free, data_dirty; // of EU 4
-        bool dead_eu;                  // EU 5
+        uint32_t dead_eu;              // nothing live in it
         uint32_t needed, kind, eu;
     } cases[] = {
-        {"29 slots left", 91, 0, 97, true, 1, AFS_FTL_KIND_LOG, AFS_FTL_NONE},
-        {"30 slots left, clean", 90, 0, 0, false, 0, 77, 77},
-        {"63 free, 97 dirty", 90, 63, 97, false, 1, AFS_FTL_KIND_DATA, AFS_FTL_NONE},
-        {"63 free, 96 dirty", 90, 63, 96, false, 0, 77, 77},
-        {"64 free, a dead EU", 90, 64, 97, true, 1, AFS_FTL_KIND_DATA, 5},
+        {"29 slots left", 91, 0, 97, 5, 1, AFS_FTL_KIND_LOG, AFS_FTL_NONE},
+        {"30 slots left, clean", 90, 0, 0, no_eu, 0, 77, 77},
+        {"63 free, 97 dirty", 90, 63, 97, no_eu, 1, AFS_FTL_KIND_DATA, AFS_FTL_NONE},
+        {"63 free, 96 dirty", 90, 63, 96, no_eu, 0, 77, 77},
+        {"64 free, a dead EU", 90, 64, 97, 5, 1, AFS_FTL_KIND_DATA, 5},
+        {"a dead EU of the log", 90, 64, 0, 1, 1, AFS_FTL_KIND_LOG, 1},
+        {"the head alone is dead", 90, 64, 0, 0, 0, 77, 77},
     };
     FtlStore store;
     for (const auto &c : cases) {
@@ -289,7 +292,10 @@ TEST(AfsIdle, WantsRoomInTheLogThenInTheDataThenDeadUnits) {
         store.ftl().write_slot = c.write_slot;
         store.row(4).free_pages = c.data_free;
         store.row(4).dirty_pages = c.data_dirty;
-        store.row(5).dirty_pages = c.dead_eu ? 122 : 0;
+        if (c.dead_eu != no_eu) {
+            store.row(c.dead_eu).dirty_pages =
+                c.dead_eu < first_data_eu ? AFS_FTL_EU_PAGES : AFS_DATA_EU_PAGES;
+        }
         uint32_t eu = 77;
         uint32_t kind = 77;
         EXPECT_EQ(afs_physical_ftl_idle_reclaim_needed(store.context(), &eu, &kind), c.needed);

@@ -11,8 +11,6 @@ namespace {
 constexpr const char *restore_image = "bring back qfs.img from a backup or read it again from the "
                                       "device; dolm inspect shows what is left";
 
-constexpr size_t erase_block_size = 4096; // half an EU
-
 } // namespace
 
 AfsCheck::AfsCheck(const SetView &view, Findings &findings)
@@ -72,7 +70,7 @@ void AfsCheck::tell_size() {
     }
     rest_ = bytes_.size() % afs::eu_size;
     if (rest_ != 0 && image_.eu_count != 0 &&
-        (rest_ % erase_block_size != 0 || !image_.damages.empty())) {
+        (rest_ % afs::erase_block_size != 0 || !image_.damages.empty())) {
         error(at_offset(bytes_.size(), "end of the file"),
               "the image ends inside " + eu_name(image_.eu_count) + ": " +
                   counted(bytes_.size(), "byte") + " are no whole number of units",

@@ -58,7 +58,7 @@ void StoreCheck::tell_opaque() {
         }
     }
     if (!set.empty()) {
-        findings_.note({file_, place(*set[0], 10, "opaque word"),
+        findings_.note({file_, place(*set[0], fcs::record_opaque_offset, "opaque word"),
                         "the opaque word of " + counted(set.size(), "record") +
                             ", the first one here, is not 0; nothing interprets it",
                         name_of(*set[0])});

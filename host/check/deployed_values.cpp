@@ -17,13 +17,13 @@ void DeploymentCheck::check_file(const FtblRow &row, const FtblEntry &entry) {
         tell_missing(row, entry, image);
         return;
     }
-    const bool is_pulled = (entry.attributes & entry_is_not_pulled) == 0;
+    const bool is_pulled = (entry.attributes & attribute_not_pulled) == 0;
     if (is_pulled && found->size() < entry.trailer()) {
-        error(row, entry, 52, image,
+        error(row, entry, ftbl::entry_attributes_offset, image,
               "has " + counted(found->size(), "byte") + " in flash, less than its trailer of " +
                   std::to_string(entry.trailer()) + ": start-up fails");
     } else if (is_pulled && found->size() - entry.trailer() > entry.max_size) {
-        error(row, entry, 64, image,
+        error(row, entry, ftbl::entry_max_size_offset, image,
               "has " + counted(found->size() - entry.trailer(), "byte") +
                   " in flash, over the limit of " + std::to_string(entry.max_size) +
                   ": every termination fails");
@@ -44,9 +44,9 @@ void DeploymentCheck::tell_missing(const FtblRow &row, const FtblEntry &entry, c
     if (!findings_.has_error_in(ftbl_bin) && findings_.has_error_in(image)) {
         lost_[image].insert(std::string(entry.name));
     } else if (findings_.has_error_in(ftbl_bin)) {
-        error(row, entry, 58, image, file + " " + text);
+        error(row, entry, ftbl::entry_id_offset, image, file + " " + text);
     } else if (const auto stray = only_stray(entry)) {
-        error(row, entry, 58, image,
+        error(row, entry, ftbl::entry_id_offset, image,
               file + " " + text + "; file " + std::to_string(*stray) +
                   " is there, which no entry has");
     } else {
@@ -79,7 +79,7 @@ const FcsRecord &DeploymentCheck::value_of(const FtblEntry &entry) const {
 // Nothing if the file is not there or start-up would pass it by.
 std::optional<std::span<const uint8_t>> DeploymentCheck::pulled(const FtblEntry &entry) const {
     const auto *found = contents(entry);
-    if (found == nullptr || (entry.attributes & entry_is_not_pulled) != 0 ||
+    if (found == nullptr || (entry.attributes & attribute_not_pulled) != 0 ||
         found->size() < entry.trailer()) {
         return std::nullopt;
     }
@@ -118,7 +118,7 @@ void DeploymentCheck::compare_value(const FtblRow &row, const FtblEntry &entry) 
             return;
         }
         if (const auto stray = stray_with_value(entry)) {
-            error(row, entry, 58, qfs_img,
+            error(row, entry, ftbl::entry_id_offset, qfs_img,
                   "file " + std::to_string(entry.id) + " has another value than " +
                       (overrides_.contains(entry.number) ? vync_cfg : orvel_cfg) + ", and file " +
                       std::to_string(*stray) + ", which no entry has, has that one");

@@ -19,7 +19,10 @@ void EfsCheck::tell_files() {
     }
     for (const EfsDamage &damage : view_.efs.damages) {
         if (damage.rule == Rule::limit || damage.rule == Rule::place) {
-            tell_list(damage, damage.rule == Rule::limit ? 54 : 50, damage.text);
+            tell_list(damage,
+                      damage.rule == Rule::limit ? ftbl::record_max_size_offset
+                                                 : ftbl::record_block_offset,
+                      damage.text);
         } else if (damage.rule == Rule::record) {
             tell_record(damage);
         }
@@ -66,7 +69,9 @@ void EfsCheck::tell_record(const EfsDamage &damage) {
               "are of different sets",
               "geometry");
     } else if (const auto other = find_elsewhere(place)) {
-        tell_list(damage, other->block == place.block ? 52 : 50,
+        tell_list(damage,
+                  other->block == place.block ? ftbl::record_start_offset
+                                              : ftbl::record_block_offset,
                   "no good record stands at block " + std::to_string(place.block) + ", offset " +
                       std::to_string(place.offset) + ", and one does at block " +
                       std::to_string(other->block) + ", offset " + std::to_string(other->offset));

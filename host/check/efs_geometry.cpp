@@ -17,10 +17,12 @@ struct GeometryField {
 };
 
 constexpr GeometryField geometry_fields[] = {
-    {"bm_num", &EfstRow::bm_num, &EfsLayout::bm_num, 16},
-    {"valid_block_num", &EfstRow::valid_blocks, &EfsLayout::valid_blocks, 20},
-    {"non_valid_block_num", &EfstRow::spare_blocks, &EfsLayout::spare_blocks, 24},
-    {"layout_id", &EfstRow::layout_id, &EfsLayout::layout_id, 36},
+    {"bm_num", &EfstRow::bm_num, &EfsLayout::bm_num, ftbl::efst_bm_num_offset},
+    {"valid_block_num", &EfstRow::valid_blocks, &EfsLayout::valid_blocks,
+     ftbl::efst_valid_blocks_offset},
+    {"non_valid_block_num", &EfstRow::spare_blocks, &EfsLayout::spare_blocks,
+     ftbl::efst_spare_blocks_offset},
+    {"layout_id", &EfstRow::layout_id, &EfsLayout::layout_id, ftbl::efst_layout_id_offset},
 };
 
 bool is_same(const EfstRow &row, const EfsLayout &layout) {

@@ -30,7 +30,7 @@ void DeploymentCheck::check_efs_list(const FtblRow &row) {
         } else if (entry.trailer() == 0 && record->max_size < entry.max_size) {
             tell_small_place(row, *efst, entry, *record);
         } else if (record->max_size > uint64_t{entry.max_size} + entry.trailer()) {
-            findings_.note({ftbl_bin, place_of(*efst, *record, 54),
+            findings_.note({ftbl_bin, place_of(*efst, *record, ftbl::record_max_size_offset),
                             "the place of file " + std::to_string(entry.id) + " has " +
                                 counted(record->max_size, "byte") +
                                 ", more than its values can have",
@@ -54,10 +54,11 @@ void DeploymentCheck::tell_unlisted(const FtblRow &row, const EfstRow &efst,
         }
     }
     if (findings_.has_error_about(ftbl_bin, subject_of(efst))) {
-        findings_.error({ftbl_bin, place_of(row, entry, 58), text, std::string(entry.name)},
-                        subject_of(efst));
+        findings_.error(
+            {ftbl_bin, place_of(row, entry, ftbl::entry_id_offset), text, std::string(entry.name)},
+            subject_of(efst));
     } else {
-        error(row, entry, 58, ftbl_bin, text);
+        error(row, entry, ftbl::entry_id_offset, ftbl_bin, text);
     }
 }
 
@@ -67,9 +68,10 @@ void DeploymentCheck::tell_small_place(const FtblRow &row, const EfstRow &efst,
                              counted(record.max_size, "byte") + ", and its values up to " +
                              std::to_string(entry.max_size);
     if (findings_.has_error_about(ftbl_bin, subject_of(entry))) {
-        error(row, entry, 64, ftbl_bin, text);
+        error(row, entry, ftbl::entry_max_size_offset, ftbl_bin, text);
     } else {
-        findings_.error({ftbl_bin, place_of(efst, record, 54), text, std::string(entry.name)},
+        findings_.error({ftbl_bin, place_of(efst, record, ftbl::record_max_size_offset), text,
+                         std::string(entry.name)},
                         subject_of(record));
     }
 }

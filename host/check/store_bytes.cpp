@@ -43,7 +43,7 @@ std::optional<uint64_t> StoreCheck::count_by_payloads() const {
     if (store_.bytes.size() < fcs::head_size + fcs::record_size) {
         return std::nullopt;
     }
-    const uint32_t first = get_le32(store_.bytes, fcs::head_size + 4);
+    const uint32_t first = get_le32(store_.bytes, fcs::head_size + fcs::record_offset_offset);
     if (first < fcs::head_size + fcs::record_size || first > store_.bytes.size() ||
         (first - fcs::head_size) % fcs::record_size != 0) {
         return std::nullopt;
@@ -92,7 +92,7 @@ bool StoreCheck::is_last_too_long() const {
 void StoreCheck::check_payloads() {
     for (const FcsRecord &record : store_.records) {
         if (record.size > fcs::max_payload) {
-            error(record, 8, "size",
+            error(record, fcs::record_size_offset, "size",
                   "size is " + std::to_string(record.size) + "; the most is " +
                       std::to_string(fcs::max_payload));
         } else if (!store_.has_payload(record)) {
@@ -105,7 +105,8 @@ void StoreCheck::tell_overrun(const FcsRecord &record) {
     const size_t i = index_of(record);
     const bool follows = i == 0 ? record.offset == store_.payloads_at()
                                 : record.offset == store_.records[i - 1].end();
-    error(record, follows ? 8 : 4, follows ? "size" : "offset",
+    error(record, follows ? fcs::record_size_offset : fcs::record_offset_offset,
+          follows ? "size" : "offset",
           "the record's " + counted(record.size, "byte") + " from " + hex(record.offset) +
               " on reach past the end of the store at " + hex(store_.bytes.size()));
 }
@@ -137,14 +138,14 @@ void StoreCheck::check_packing() {
         const bool closes = next_too && records[i + 1].offset == due + records[i].size;
         if (closes || i == 0 ||
             (i + 1 == records.size() && due + records[i].size == store_.bytes.size())) {
-            error(records[i], 4, "offset",
+            error(records[i], fcs::record_offset_offset, "offset",
                   "the payload begins at " + hex(records[i].offset) +
                       ", and the one before it "
                       "ends at " +
                       hex(due));
             b += closes ? 1 : 0;
         } else {
-            error(records[i - 1], 8, "size",
+            error(records[i - 1], fcs::record_size_offset, "size",
                   "the payload ends at " + hex(due) + ", and the next one begins at " +
                       hex(records[i].offset));
         }
@@ -160,7 +161,7 @@ void StoreCheck::tell_rest(const FcsRecord &last) {
     if (!tells_of_values(rest)) {
         findings_.note({file_, at_offset(begin_ + last.end()), text + ", which nothing reads"});
     } else {
-        error(last, 8, "size", text + " belong to no record");
+        error(last, fcs::record_size_offset, "size", text + " belong to no record");
     }
 }
 

@@ -105,7 +105,7 @@ void StoreCheck::tell_unknown(const FcsRecord &record) {
                record.number == orphan->second->id) {
         const FtblEntry &entry = *orphan->second;
         findings_
-            .error({ftbl_bin, place_of(*orphan->first, entry, 48),
+            .error({ftbl_bin, place_of(*orphan->first, entry, ftbl::entry_number_offset),
                     "number is " + std::to_string(entry.number) +
                         ", under which there is no value; " + file_ + " has one under " +
                         std::to_string(record.number) + ", which no entry has",
@@ -244,8 +244,8 @@ void StoreCheck::tell_limit(const FtblRow &row, const FtblEntry &entry, const Fc
     if (others_agree || findings_.has_error_about(file_, subject_of(record))) {
         error(record, 0, "number and size", "the value has " + text);
     } else {
-        findings_.error({ftbl_bin, place_of(row, entry, 64), "max_size: the value has " + text,
-                         std::string(entry.name)},
+        findings_.error({ftbl_bin, place_of(row, entry, ftbl::entry_max_size_offset),
+                         "max_size: the value has " + text, std::string(entry.name)},
                         dolm::subject_of(entry));
     }
 }

@@ -131,19 +131,19 @@ class SectionCheck {
         const std::string subject = subject_of(row);
         const EfsLayout layout = efs_layout_of(row);
         if (!is_possible(layout)) {
-            error(place(row, 16, "geometry"),
+            error(place(row, efst_bm_num_offset, "geometry"),
                   std::to_string(row.bm_num) + " BMs, " + std::to_string(row.valid_blocks) +
                       " valid and " + std::to_string(row.spare_blocks) +
                       " spare blocks are no geometry that an image can have",
                   subject);
         }
         if (row.files_num == 0 || row.files_num > max_files) {
-            error(place(row, 28, "files_num"),
+            error(place(row, efst_files_num_offset, "files_num"),
                   "files_num is " + std::to_string(row.files_num) + "; 1 to 65536 can be", subject);
         }
         const uint64_t bytes = uint64_t{row.records_count} * efst_record_size;
         if (row.records_bytes > bytes || row.records.size() != row.records_count) {
-            error(place(row, 4, "file list"),
+            error(place(row, efst_records_offset, "file list"),
                   counted(row.records_count, "record") + " of 60 bytes from " +
                       hex(row.records_at) + " on, records_bytes " +
                       std::to_string(row.records_bytes) +
@@ -151,7 +151,7 @@ class SectionCheck {
                                                  : ": they run past the end of the table"),
                   subject);
         } else if (row.records_bytes < bytes) {
-            findings_.note({ftbl_bin, place(row, 12, "records_bytes"),
+            findings_.note({ftbl_bin, place(row, efst_records_bytes_offset, "records_bytes"),
                             "records_bytes is " + std::to_string(row.records_bytes) + " for " +
                                 counted(row.records_count, "record") + " of 60 bytes"});
         }
@@ -186,11 +186,11 @@ class SectionCheck {
                   subject);
         }
         if (record.offset > efs::record_room) {
-            error(place_of(row, record, 52),
+            error(place_of(row, record, record_start_offset),
                   "offset " + std::to_string(record.offset) + " leaves no room for a record",
                   subject);
         } else if (last_block(record) >= row.valid_blocks) {
-            error(place_of(row, record, 50),
+            error(place_of(row, record, record_block_offset),
                   "a file of " + counted(record.max_size, "byte") + " from block " +
                       std::to_string(record.block) + " on runs past the last of " +
                       counted(row.valid_blocks, "logical block"),
@@ -203,11 +203,12 @@ class SectionCheck {
         for (const EfstRow &row : table_.efst_rows) {
             const EfstRow &first = table_.efst_rows.front();
             if (row.files_num != first.files_num) {
-                tell_difference(row, 28, "files_num", row.files_num, first.files_num);
+                tell_difference(row, efst_files_num_offset, "files_num", row.files_num,
+                                first.files_num);
             }
             if (row.wear_threshold != first.wear_threshold) {
-                tell_difference(row, 32, "wear_leveling_threshold", row.wear_threshold,
-                                first.wear_threshold);
+                tell_difference(row, efst_wear_threshold_offset, "wear_leveling_threshold",
+                                row.wear_threshold, first.wear_threshold);
             }
         }
     }

@@ -20,8 +20,12 @@ struct Field {
 };
 
 // What the library reads of an entry.
-constexpr Field fields[] = {{"name", 0, 48},    {"number", 48, 4}, {"attributes", 52, 2},
-                            {"file_id", 58, 2}, {"store", 63, 1},  {"max_size", 64, 4}};
+constexpr Field fields[] = {{"name", 0, name_size},
+                            {"number", entry_number_offset, 4},
+                            {"attributes", entry_attributes_offset, 2},
+                            {"file_id", entry_id_offset, 2},
+                            {"store", entry_store_offset, 1},
+                            {"max_size", entry_max_size_offset, 4}};
 
 struct Known {
     const FtblRow *row;
@@ -189,14 +193,15 @@ class EntryCheck {
     // How unlikely a field looks, beside another that should be the same.
     int doubts(const Known &known, const Field &field) const {
         const FtblEntry &entry = *known.entry;
-        const bool is_key = field.at == 0 || field.at == 48 || field.at == 58;
+        const bool is_key =
+            field.at == 0 || field.at == entry_number_offset || field.at == entry_id_offset;
         int doubts = is_key && uses_.at(use_of(known, field)) > 1 ? 2 : 0;
         if (field.at == 0) {
             doubts += is_good_name(entry) ? 0 : 2;
             doubts += directories_.at(directory_of(entry.name)) == 1 ? 1 : 0;
-        } else if (field.at == 48) {
+        } else if (field.at == entry_number_offset) {
             doubts += base_numbers_.contains(entry.number) ? 0 : 1;
-        } else if (field.at == 64) {
+        } else if (field.at == entry_max_size_offset) {
             doubts += fits(entry) ? 0 : 1;
         } else {
             doubts += agrees_with_flash(entry) ? 0 : 1;
@@ -221,7 +226,7 @@ class EntryCheck {
             error(row, entry, 0, "the name does not begin with /home/, and no look-up finds it");
         }
         if (entry.store > 2) {
-            error(row, entry, 63,
+            error(row, entry, entry_store_offset,
                   "the store is " + std::to_string(entry.store) + ", which does not exist");
         }
     }
@@ -235,7 +240,7 @@ class EntryCheck {
                 tell_duplicate(row, *other->second, entry, 0, "the name");
             }
             if (const auto [other, is_new] = numbers.emplace(entry.number, &entry); !is_new) {
-                tell_duplicate(row, *other->second, entry, 48,
+                tell_duplicate(row, *other->second, entry, entry_number_offset,
                                "number " + std::to_string(entry.number));
             }
             if (entry.store != 1 && entry.store != 2) {
@@ -244,7 +249,7 @@ class EntryCheck {
             if (const auto [other, is_new] =
                     places.emplace(std::pair(entry.store, entry.id), &entry);
                 !is_new) {
-                tell_duplicate(row, *other->second, entry, 58,
+                tell_duplicate(row, *other->second, entry, entry_id_offset,
                                "its place in flash, file " + std::to_string(entry.id) + ",");
             }
         }

@@ -89,7 +89,8 @@ class RegionCheck {
              const std::string &fields, unsigned doubts) {
         const std::string sku = " of SKU " + std::to_string(row.sku);
         add({begin, begin + size, "the " + what + sku,
-             at_offset(row.at + 4, fields + "_offset and " + fields + "_count" + sku),
+             at_offset(row.at + row_entries_offset,
+                       fields + "_offset and " + fields + "_count" + sku),
              subject_of(row), doubts});
     }
 
@@ -169,12 +170,12 @@ class RegionCheck {
     void tell_unread() {
         add_unread(4, row_count_offset);
         for (const FtblRow &row : table_.rows) {
-            add_unread(row.at + 12, row.at + row_size);
+            add_unread(row.at + row_entry_count_offset + 4, row.at + row_size);
             for (const FtblEntry &entry : row.entries) {
-                add_unread(entry.at + 54, entry.at + 58);
-                add_unread(entry.at + 60, entry.at + 63);
-                if (bytes_[entry.at + 59] >> 3 != 0) {
-                    add_unread(entry.at + 59);
+                add_unread(entry.at + entry_attributes_offset + 2, entry.at + entry_id_offset);
+                add_unread(entry.at + entry_id_offset + 2, entry.at + entry_store_offset);
+                if (bytes_[entry.at + entry_id_offset + 1] >> 3 != 0) {
+                    add_unread(entry.at + entry_id_offset + 1);
                 }
             }
         }
@@ -182,11 +183,11 @@ class RegionCheck {
             add_unread(*table_.efst_at + 4, *table_.efst_at + row_count_offset);
         }
         for (const EfstRow &row : table_.efst_rows) {
-            add_unread(row.at + 37, row.at + efst_row_size);
+            add_unread(row.at + efst_layout_id_offset + 1, row.at + efst_row_size);
             for (const EfstRecord &record : row.records) {
-                add_unread(record.at + 2, record.at + 50);
-                add_unread(record.at + 51, record.at + 52);
-                add_unread(record.at + 56, record.at + efst_record_size);
+                add_unread(record.at + 2, record.at + record_block_offset);
+                add_unread(record.at + record_block_offset + 1, record.at + record_start_offset);
+                add_unread(record.at + record_max_size_offset + 2, record.at + efst_record_size);
             }
         }
         if (!unread_.empty()) {
