@@ -53,14 +53,23 @@ struct ChangeOptions : SetOptions {
 };
 void set_nvars(const ChangeOptions &options);
 
-struct InspectOptions {
-    std::filesystem::path path;   // of a member, or of a set's folder
-    std::optional<uint32_t> page; // at most one of these: show this alone
-    std::optional<uint32_t> unit;
-    std::optional<uint32_t> block;
+struct ImageOptions {
+    std::filesystem::path path;
     std::optional<std::filesystem::path> ftbl;
     std::optional<uint32_t> sku;
     double lock_timeout = default_lock_timeout;
+};
+
+struct HistoryOptions : ImageOptions {
+    std::vector<std::string> names; // of files, or numbers; all without any
+};
+void show_history(const HistoryOptions &options);
+
+// The path may be that of a set's folder.
+struct InspectOptions : ImageOptions {
+    std::optional<uint32_t> page; // at most one of these: show this alone
+    std::optional<uint32_t> unit;
+    std::optional<uint32_t> block;
 };
 // Throws Failure if a member breaks its format.
 void inspect_member(const InspectOptions &options);

@@ -3,12 +3,10 @@
 
 #include "host/commands.h"
 #include "host/errors.h"
+#include "host/image_table.h"
 #include "host/inspect.h"
 #include "host/output.h"
 #include "host/set_files.h"
-#include "host/table_entries.h"
-#include "host/utf8.h"
-#include "image/efs_layout.h"
 #include "image/member_kind.h"
 
 namespace dolm {
@@ -16,43 +14,6 @@ namespace dolm {
 namespace {
 
 namespace fs = std::filesystem;
-
-// What a member is read with: the table that was named, or that of the set which it lies in.
-struct Table {
-    Bytes ftbl; // empty if there is none
-    std::optional<uint32_t> sku;
-};
-
-Table find_table(const InspectOptions &options, const SetFolder *set) {
-    Table table;
-    if (options.ftbl) {
-        table.ftbl = read_file(*options.ftbl, max_table_size);
-    } else if (set != nullptr && fs::exists(set->path() / "ftbl.bin")) {
-        table.ftbl = read_file(set->path() / "ftbl.bin", max_table_size);
-    }
-    table.sku = options.sku;
-    if (!table.sku && !options.ftbl && set != nullptr) {
-        if (const auto settings = set->settings()) {
-            table.sku = settings->sku;
-        }
-    }
-    return table;
-}
-
-FileNames names_from(const Table &table, Store store) {
-    return table.ftbl.empty() || !table.sku ? FileNames{}
-                                            : names_in_store(table.ftbl, *table.sku, store);
-}
-
-FileNames names_by_number(const Table &table) {
-    FileNames names;
-    for (const FtblRow &row : read_file_table(table.ftbl).rows) {
-        for (const FtblEntry &entry : row.entries) {
-            names.emplace(entry.number, entry.name);
-        }
-    }
-    return names;
-}
 
 struct Member {
     std::string name; // of its file
@@ -69,7 +30,7 @@ struct Shown {
 
 // A file that is like nothing known is what its name says; without such a name, an EFS image whose
 // geometry the table has, or a configuration store, which has no mark of its own.
-MemberKind kind_of(const std::string &name, const Bytes &bytes, const Table &table) {
+MemberKind kind_of(const std::string &name, const Bytes &bytes, const ImageTable &table) {
     if (const auto kind = recognise(bytes)) {
         return *kind;
     }
@@ -90,14 +51,6 @@ MemberKind kind_of(const std::string &name, const Bytes &bytes, const Table &tab
     return MemberKind::efs_image;
 }
 
-EfsLayout layout_for(const std::string &name, const Table &table) {
-    if (table.ftbl.empty() || !table.sku) {
-        throw UsageError(name + " is no AFS image; for an EFS image give its file table with "
-                                "--ftbl and --sku");
-    }
-    return read_efs_layout(table.ftbl, *table.sku);
-}
-
 void refuse_parts(const InspectOptions &options, const std::string &name) {
     if (options.page || options.unit || options.block) {
         throw UsageError(name + " has no pages, units or blocks");
@@ -110,7 +63,7 @@ Shown show_part(const InspectedPart &part) {
     return {text.str(), part_to_json(part), {}};
 }
 
-Shown show_afs(const InspectOptions &options, const Member &member, const Table &table) {
+Shown show_afs(const InspectOptions &options, const Member &member, const ImageTable &table) {
     const AfsImage image = read_afs_image(member.bytes);
     if (options.block) {
         throw UsageError(member.name + " is an AFS image; it has units and pages");
@@ -121,14 +74,14 @@ Shown show_afs(const InspectOptions &options, const Member &member, const Table 
     if (options.page) {
         return show_part(afs_page(member.bytes, image, *options.page));
     }
-    const FileNames names = names_from(table, Store::afs);
+    const FileNames names = table.names_in(Store::afs);
     std::ostringstream text;
     print_afs(text, image, member.bytes.size(), names);
     return {text.str(), afs_to_json(image, names), check_invariants(image)};
 }
 
-Shown show_efs(const InspectOptions &options, const Member &member, const Table &table) {
-    const EfsLayout layout = layout_for(member.name, table);
+Shown show_efs(const InspectOptions &options, const Member &member, const ImageTable &table) {
+    const EfsLayout layout = table.efs_layout(member.name);
     if (options.page) {
         throw UsageError(member.name + " is an EFS image; it has units and blocks");
     }
@@ -142,7 +95,7 @@ Shown show_efs(const InspectOptions &options, const Member &member, const Table 
         return show_part(efs_block(member.bytes, layout, *options.block));
     }
     const EfsImage image = read_efs_image(member.bytes, layout);
-    const FileNames names = names_from(table, Store::efs);
+    const FileNames names = table.names_in(Store::efs);
     std::ostringstream text;
     print_efs(text, image, layout, names);
     return {text.str(), efs_to_json(image, layout, names), efs_damages(image)};
@@ -155,17 +108,17 @@ Shown show_file_table(const Member &member) {
     return {text.str(), table_to_json(table), table_damages(table, member.bytes.size())};
 }
 
-Shown show_store(const Member &member, const Table &table) {
+Shown show_store(const Member &member, const ImageTable &table) {
     const FcsStore store = read_fcs_store(member.kind == MemberKind::override_store
                                               ? override_store(member.bytes)
                                               : std::span<const uint8_t>(member.bytes));
-    const FileNames names = names_by_number(table);
+    const FileNames names = table.names_by_number();
     std::ostringstream text;
     print_store(text, store, names);
     return {text.str(), store_to_json(store, names), store_damages(store)};
 }
 
-Shown show(const InspectOptions &options, const Member &member, const Table &table) {
+Shown show(const InspectOptions &options, const Member &member, const ImageTable &table) {
     switch (member.kind) {
     case MemberKind::afs_image:
         return show_afs(options, member, table);
@@ -199,15 +152,9 @@ void fail_if_broken(const std::string &path, const std::vector<std::string> &bro
 }
 
 void inspect_file(const InspectOptions &options) {
-    std::optional<SetFolder> set;
-    const fs::path folder = options.path.parent_path().empty() ? "." : options.path.parent_path();
-    if (options.path != "-" && holds_set(folder)) {
-        set.emplace(folder, SetFolder::Use::read, options.lock_timeout);
-    }
-    Member member{options.path.filename().string(), read_file(options.path, max_table_size), {}};
-    const Table table = find_table(options, set ? &*set : nullptr);
-    set.reset();
-    member.kind = kind_of(member.name, member.bytes, table);
+    auto [name, bytes, table] = read_image_file(options);
+    const MemberKind kind = kind_of(name, bytes, table);
+    const Member member{std::move(name), std::move(bytes), kind};
     Shown shown = show(options, member, table);
     if (tells_json()) {
         if (!options.page && !options.unit && !options.block) {
@@ -229,7 +176,7 @@ bool is_asked_for(const InspectOptions &options, MemberKind kind) {
     return !options.block || kind == MemberKind::efs_image;
 }
 
-std::vector<Member> members_of(const SetFolder &folder, const Table &table) {
+std::vector<Member> members_of(const SetFolder &folder, const ImageTable &table) {
     std::vector<Member> members;
     for (const SetMember &member : set_members) {
         const fs::path path = folder.path() / member.name;
@@ -245,7 +192,7 @@ std::vector<Member> members_of(const SetFolder &folder, const Table &table) {
 void inspect_set(const InspectOptions &options) {
     std::optional<SetFolder> folder(std::in_place, options.path, SetFolder::Use::read,
                                     options.lock_timeout);
-    const Table table = find_table(options, &*folder);
+    const ImageTable table = find_table(options, &*folder);
     const std::vector<Member> members = members_of(*folder, table);
     folder.reset();
     Json json{{"kind", "set"}, {"members", Json::array()}};

@@ -120,6 +120,28 @@ void add_set(CLI::App &app) {
     });
 }
 
+void add_table_options(CLI::App &command, dolm::ImageOptions &options) {
+    command.add_option("--ftbl", options.ftbl,
+                       "File table with the geometry of an EFS image and the names of files; "
+                       "without it the ftbl.bin beside the file");
+    command.add_option("--sku", options.sku,
+                       "SKU in the file table; without it and --ftbl the "
+                       "one in set.json beside the file");
+    add_lock_timeout(command, options.lock_timeout);
+}
+
+void add_history(CLI::App &app) {
+    auto *command =
+        app.add_subcommand("history", "Show earlier contents of files that still lie on an image");
+    auto options = std::make_shared<dolm::HistoryOptions>();
+    command->add_option("IMAGE", options->path, "The image; it is not changed")->required();
+    command->add_option("NAME", options->names,
+                        "Files by name, with or without /home/ in front, pattern, or number in "
+                        "their store; all without one");
+    add_table_options(*command, *options);
+    command->callback([options] { dolm::show_history(*options); });
+}
+
 void add_inspect(CLI::App &app) {
     auto *command = app.add_subcommand("inspect", "Show what lies in the members of a set");
     auto options = std::make_shared<dolm::InspectOptions>();
@@ -127,12 +149,7 @@ void add_inspect(CLI::App &app) {
         ->add_option("PATH", options->path,
                      "A table, store or image, known by its content, or the folder of a set")
         ->required();
-    command->add_option("--ftbl", options->ftbl,
-                        "File table with the geometry of an EFS image and the names of files; "
-                        "without it the ftbl.bin beside the file");
-    command->add_option("--sku", options->sku,
-                        "SKU in the file table; without it and --ftbl the "
-                        "one in set.json beside the file");
+    add_table_options(*command, *options);
     auto *part = command->add_option_group("part");
     part->add_option("--page", options->page, "Show this page of an AFS image with its fields");
     part->add_option("--unit", options->unit,
@@ -140,7 +157,6 @@ void add_inspect(CLI::App &app) {
     part->add_option("--block", options->block,
                      "Show this data block of an EFS image with its fields");
     part->require_option(0, 1);
-    add_lock_timeout(*command, options->lock_timeout);
     command->callback([options] { dolm::inspect_member(*options); });
 }
 
@@ -221,6 +237,7 @@ void run(int argc, char **argv) {
     add_list(app);
     add_get(app);
     add_set(app);
+    add_history(app);
     add_inspect(app);
     add_check(app);
     add_prove(app);
