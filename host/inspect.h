@@ -4,6 +4,7 @@
 #include <iosfwd>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "host/inspect_part.h"
 #include "host/output.h"
@@ -21,6 +22,14 @@ inline std::string name_of(const FileNames &names, uint32_t number) {
     const auto found = names.find(number);
     return found == names.end() ? "" : found->second;
 }
+
+const char *to_string(AfsRole role);
+const char *to_string(EfsBmState state);
+const char *to_string(EfsBlockState state);
+
+// A line for each logical block, 128 bytes a sign: what its files take (#), what they may take (-),
+// and what no file uses (.).
+std::vector<std::string> draw_areas(const EfsImage &image);
 
 void print_afs(std::ostream &out, const AfsImage &image, size_t size, const FileNames &names);
 Json afs_to_json(const AfsImage &image, const FileNames &names);

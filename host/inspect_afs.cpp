@@ -13,20 +13,6 @@ namespace {
 
 constexpr size_t slots_per_sign = 4;
 
-const char *role_name(AfsRole role) {
-    switch (role) {
-    case AfsRole::log:
-        return "log";
-    case AfsRole::data:
-        return "data";
-    case AfsRole::spare:
-        return "spare";
-    case AfsRole::damaged:
-        break;
-    }
-    return "damaged";
-}
-
 const char *interruption_name(AfsInterruption interruption) {
     switch (interruption) {
     case AfsInterruption::rolled_back:
@@ -107,7 +93,7 @@ void print_eus(std::ostream &out, const AfsImage &image) {
     out << "\n EU  ROLE     SEQUENCE  ERASES  LIVE  DEAD  FREE  MAP\n";
     for (size_t i = 0; i < image.eus.size(); ++i) {
         const AfsEu &eu = image.eus[i];
-        out << std::setw(3) << i << "  " << std::left << std::setw(7) << role_name(eu.role)
+        out << std::setw(3) << i << "  " << std::left << std::setw(7) << to_string(eu.role)
             << std::right << std::setw(10) << eu.sequence << std::setw(7) << eu.erase_count
             << (eu.erase_count_known ? ' ' : '?') << std::setw(6) << eu.live << std::setw(6)
             << eu.dead << std::setw(6) << eu.free << "  " << draw_slots(eu)
@@ -127,6 +113,20 @@ void print_files(std::ostream &out, const AfsImage &image, const FileNames &name
 }
 
 } // namespace
+
+const char *to_string(AfsRole role) {
+    switch (role) {
+    case AfsRole::log:
+        return "log";
+    case AfsRole::data:
+        return "data";
+    case AfsRole::spare:
+        return "spare";
+    case AfsRole::damaged:
+        break;
+    }
+    return "damaged";
+}
 
 Json afs_to_json(const AfsImage &image, const FileNames &names) {
     const AfsWear wear = afs_wear(image);
@@ -148,7 +148,7 @@ Json afs_to_json(const AfsImage &image, const FileNames &names) {
               {"free_chunks", image.free_chunks}};
     json["eus"] = Json::array();
     for (const AfsEu &eu : image.eus) {
-        json["eus"].push_back({{"role", role_name(eu.role)},
+        json["eus"].push_back({{"role", to_string(eu.role)},
                                {"pending", eu.pending},
                                {"sequence", eu.sequence},
                                {"erase_count", eu.erase_count},

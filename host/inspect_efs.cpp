@@ -14,34 +14,6 @@ namespace {
 
 constexpr uint32_t bytes_per_sign = 128;
 
-const char *bm_state_name(EfsBmState state) {
-    switch (state) {
-    case EfsBmState::erased:
-        return "erased";
-    case EfsBmState::retired:
-        return "retired";
-    case EfsBmState::broken:
-        return "broken";
-    case EfsBmState::good:
-        break;
-    }
-    return "good";
-}
-
-const char *block_state_name(EfsBlockState state) {
-    switch (state) {
-    case EfsBlockState::live:
-        return "live";
-    case EfsBlockState::free:
-        return "free";
-    case EfsBlockState::dirty:
-        return "dirty";
-    case EfsBlockState::no_header:
-        break;
-    }
-    return "no header";
-}
-
 const char *kind_name(EfsFile::Kind kind) {
     switch (kind) {
     case EfsFile::Kind::absent:
@@ -74,24 +46,11 @@ void mark_records(const EfsPlace &place, size_t size, char sign, std::vector<std
     } while (size > 0);
 }
 
-// A line for each logical block: what its files take, and what they may take.
-std::vector<std::string> draw_areas(const EfsImage &image) {
-    std::vector<std::string> areas(image.valid_map.size(),
-                                   std::string(efs::data_size / bytes_per_sign + 1, '.'));
-    for (const EfsFile &file : image.files) {
-        if (file.kind == EfsFile::Kind::contents) {
-            mark_records(file.place, file.contents.size(), '#', areas);
-        }
-        mark_records(file.place, file.place.max_size, '-', areas);
-    }
-    return areas;
-}
-
 void print_bms(std::ostream &out, const EfsImage &image) {
     out << "\nBM  STATE     SEQUENCE  ENTRIES\n";
     for (size_t i = 0; i < image.bms.size(); ++i) {
         const EfsBm &bm = image.bms[i];
-        out << std::setw(2) << i << "  " << std::left << std::setw(8) << bm_state_name(bm.state)
+        out << std::setw(2) << i << "  " << std::left << std::setw(8) << to_string(bm.state)
             << std::right << std::setw(10) << bm.sequence << std::setw(9) << bm.entries
             << (image.bm_in_force == i ? "  in force" : "") << '\n';
     }
@@ -108,9 +67,8 @@ void print_blocks(std::ostream &out, const EfsImage &image) {
         const EfsBlock &block = image.blocks[i];
         const bool live = block.state == EfsBlockState::live;
         out << std::setw(5) << i << (live ? "  logical " : "  spare   ") << std::left
-            << std::setw(4) << block.index << std::setw(9) << block_state_name(block.state)
-            << std::right << std::setw(8) << block.erase_count
-            << (live ? "  " + areas.at(block.index) : "")
+            << std::setw(4) << block.index << std::setw(9) << to_string(block.state) << std::right
+            << std::setw(8) << block.erase_count << (live ? "  " + areas.at(block.index) : "")
             << (live && !block.footer_good ? " (fails its checksum)" : "") << '\n';
     }
     out << "Map, 128 bytes a sign: # file, - kept free for a file, . not used\n";
@@ -128,6 +86,46 @@ void print_files(std::ostream &out, const EfsImage &image, const FileNames &name
 
 } // namespace
 
+const char *to_string(EfsBmState state) {
+    switch (state) {
+    case EfsBmState::erased:
+        return "erased";
+    case EfsBmState::retired:
+        return "retired";
+    case EfsBmState::broken:
+        return "broken";
+    case EfsBmState::good:
+        break;
+    }
+    return "good";
+}
+
+const char *to_string(EfsBlockState state) {
+    switch (state) {
+    case EfsBlockState::live:
+        return "live";
+    case EfsBlockState::free:
+        return "free";
+    case EfsBlockState::dirty:
+        return "dirty";
+    case EfsBlockState::no_header:
+        break;
+    }
+    return "no header";
+}
+
+std::vector<std::string> draw_areas(const EfsImage &image) {
+    std::vector<std::string> areas(image.valid_map.size(),
+                                   std::string(efs::data_size / bytes_per_sign + 1, '.'));
+    for (const EfsFile &file : image.files) {
+        if (file.kind == EfsFile::Kind::contents) {
+            mark_records(file.place, file.contents.size(), '#', areas);
+        }
+        mark_records(file.place, file.place.max_size, '-', areas);
+    }
+    return areas;
+}
+
 Json efs_to_json(const EfsImage &image, const EfsLayout &layout, const FileNames &names) {
     Json json{{"kind", "efs"},
               {"bm_num", layout.bm_num},
@@ -141,13 +139,12 @@ Json efs_to_json(const EfsImage &image, const EfsLayout &layout, const FileNames
               {"spare_map", image.spare_map}};
     json["bms"] = Json::array();
     for (const EfsBm &bm : image.bms) {
-        json["bms"].push_back({{"state", bm_state_name(bm.state)},
-                               {"sequence", bm.sequence},
-                               {"entries", bm.entries}});
+        json["bms"].push_back(
+            {{"state", to_string(bm.state)}, {"sequence", bm.sequence}, {"entries", bm.entries}});
     }
     json["blocks"] = Json::array();
     for (const EfsBlock &block : image.blocks) {
-        json["blocks"].push_back({{"state", block_state_name(block.state)},
+        json["blocks"].push_back({{"state", to_string(block.state)},
                                   {"index", block.index},
                                   {"erase_count", block.erase_count}});
     }

@@ -33,7 +33,6 @@ class Reader {
     }
     std::span<const uint8_t> block(uint32_t number) const { return bm(layout_.bm_num + number); }
     uint32_t entry_size() const { return layout_.data_blocks() + entry_words_size; }
-    uint32_t entries_in_bm() const { return (entry_limit - header_size) / entry_size(); }
 
     std::span<const uint8_t> entry(uint32_t bm_index, uint32_t slot) const {
         return bm(bm_index).subspan(header_size + slot * entry_size(), entry_size());
@@ -61,7 +60,8 @@ class Reader {
                         .bm = index});
             }
         }
-        while (found.entries < entries_in_bm() && !all(entry(index, found.entries), 0xFF)) {
+        while (found.entries < entries_in_bm(layout_.data_blocks()) &&
+               !all(entry(index, found.entries), 0xFF)) {
             ++found.entries;
         }
         image_.bms.push_back(found);

@@ -16,6 +16,9 @@ namespace dolm::efs {
 constexpr uint32_t header_size = 16;
 constexpr uint32_t entry_limit = 4095;
 constexpr uint32_t entry_words_size = 12; // two free words and the checksum
+constexpr uint32_t entries_in_bm(uint32_t data_blocks) {
+    return (entry_limit - header_size) / (data_blocks + entry_words_size);
+}
 
 // Data block: header, data area, checksum of the data area.
 constexpr uint32_t data_offset = 16;

@@ -3,27 +3,16 @@
 #include <algorithm>
 
 #include "host/check/table_check.h"
-#include "host/manifest.h"
 
 namespace dolm {
 
 DeploymentCheck::DeploymentCheck(const SetView &view, Findings &findings)
-    : view_(view), findings_(findings) {
+    : view_(view), findings_(findings), flash_(view) {
     for (const FcsRecord &record : view.base.records) {
         base_.emplace(record.number, &record);
     }
     for (const FcsRecord &record : view.overrides.records) {
         overrides_.emplace(record.number, &record);
-    }
-    for (const AfsFile &file : view.afs.files) {
-        if (file.kind != AfsFile::Kind::zombie) {
-            afs_.emplace(file.number, &file);
-        }
-    }
-    for (const EfsFile &file : view.efs.files) {
-        if (file.kind == EfsFile::Kind::contents) {
-            efs_.emplace(file.place.number, &file);
-        }
     }
     for (const FtblRow &row : view.table.rows) {
         for (const FtblEntry &entry : row.entries) {
@@ -101,34 +90,9 @@ void DeploymentCheck::check_absent_image(const char *image, const char *other, b
     }
 }
 
-// The contents of a file where the dispatch by file number would look for it.
-const std::vector<uint8_t> *DeploymentCheck::contents(const FtblEntry &entry) const {
-    if (entry.is_in_efs()) {
-        const auto found = efs_.find(entry.id);
-        return found == efs_.end() ? nullptr : &found->second->contents;
-    }
-    const bool reads_as_no_file = entry.id == 0 && entry.number >> 28 == 0;
-    const auto found = afs_.find(entry.id);
-    const bool is_there = is_dispatched_to_afs(entry) && !reads_as_no_file && found != afs_.end();
-    return is_there ? &found->second->contents : nullptr;
-}
-
-const FtblEntry *DeploymentCheck::marker_of(const FtblRow &row) {
-    const auto found =
-        std::find_if(row.entries.begin(), row.entries.end(),
-                     [](const FtblEntry &entry) { return entry.name == deploy_marker; });
-    return found == row.entries.end() ? nullptr : &*found;
-}
-
-bool DeploymentCheck::is_deployed(const FtblRow &row) const {
-    const FtblEntry *marker = marker_of(row);
-    const auto *found = marker == nullptr ? nullptr : contents(*marker);
-    return !view_.files.qfs_image.empty() && found != nullptr && !found->empty();
-}
-
 bool DeploymentCheck::is_any_deployed() const {
     return std::any_of(view_.skus.begin(), view_.skus.end(),
-                       [&](uint32_t sku) { return is_deployed(*view_.table.row_of(sku)); });
+                       [&](uint32_t sku) { return flash_.is_deployed(*view_.table.row_of(sku)); });
 }
 
 // More files of the image are unknown than known, and more of the table's are missing than
@@ -140,10 +104,11 @@ bool DeploymentCheck::is_of_another_set(const FtblRow &row) {
             wanted.insert(entry.id);
         }
     }
-    const auto there =
-        std::count_if(wanted.begin(), wanted.end(), [&](uint32_t id) { return afs_.contains(id); });
-    const auto strays = std::count_if(
-        afs_.begin(), afs_.end(), [&](const auto &file) { return !afs_ids_.contains(file.first); });
+    const auto there = std::count_if(wanted.begin(), wanted.end(),
+                                     [&](uint32_t id) { return flash_.afs.contains(id); });
+    const auto strays = std::count_if(flash_.afs.begin(), flash_.afs.end(), [&](const auto &file) {
+        return !afs_ids_.contains(file.first);
+    });
     const auto missing = static_cast<std::ptrdiff_t>(wanted.size()) - there;
     if (strays <= there || missing <= there || findings_.has_error_in(qfs_img) ||
         findings_.has_error_in(ftbl_bin)) {
@@ -151,7 +116,7 @@ bool DeploymentCheck::is_of_another_set(const FtblRow &row) {
     }
     findings_.error({qfs_img, "",
                      "holds the files of another set: " + std::to_string(strays) + " of its " +
-                         counted(afs_.size(), "file") + " are in no file table, and " +
+                         counted(flash_.afs.size(), "file") + " are in no file table, and " +
                          std::to_string(missing) + " of " + std::to_string(wanted.size()) +
                          " of the table's are missing"},
                     "another set");
@@ -159,7 +124,7 @@ bool DeploymentCheck::is_of_another_set(const FtblRow &row) {
 }
 
 void DeploymentCheck::check_row(const FtblRow &row) {
-    if (!is_deployed(row)) {
+    if (!flash_.is_deployed(row)) {
         check_not_deployed(row);
         return;
     }
@@ -175,8 +140,8 @@ void DeploymentCheck::check_row(const FtblRow &row) {
 
 // Without its marker the VFS takes no part, and the values of the tables come instead.
 void DeploymentCheck::check_not_deployed(const FtblRow &row) {
-    const FtblEntry *marker = marker_of(row);
-    if (afs_.empty() || marker == nullptr || !marker->is_in_afs()) {
+    const FtblEntry *marker = deploy_marker_of(row);
+    if (flash_.afs.empty() || marker == nullptr || !marker->is_in_afs()) {
         return;
     }
     std::vector<std::string> hidden;
@@ -221,14 +186,14 @@ void DeploymentCheck::tell_strays() {
         return;
     }
     std::vector<std::string> strays;
-    for (const auto &[id, file] : afs_) {
+    for (const auto &[id, file] : flash_.afs) {
         if (!afs_ids_.contains(id)) {
             strays.push_back(std::to_string(id));
         }
     }
     tell_strays(qfs_img, strays);
     strays.clear();
-    for (const auto &[id, file] : efs_) {
+    for (const auto &[id, file] : flash_.efs) {
         if (!efs_ids_.contains(id)) {
             strays.push_back(std::to_string(id));
         }

@@ -8,7 +8,7 @@ namespace dolm {
 
 // In a deployed VFS start-up and termination stand or fall with the files of the NVARs.
 void DeploymentCheck::check_file(const FtblRow &row, const FtblEntry &entry) {
-    const auto *found = contents(entry);
+    const auto *found = flash_.contents(entry);
     const char *image = entry.is_in_efs() ? efs_img : qfs_img;
     if (entry.is_in_efs() && view_.files.efs_image.empty()) {
         return; // told with the image
@@ -56,7 +56,7 @@ void DeploymentCheck::tell_missing(const FtblRow &row, const FtblEntry &entry, c
 
 std::optional<uint32_t> DeploymentCheck::only_stray(const FtblEntry &entry) const {
     std::optional<uint32_t> stray;
-    for (const auto &[id, file] : afs_) {
+    for (const auto &[id, file] : flash_.afs) {
         if (entry.is_in_afs() && !afs_ids_.contains(id)) {
             if (stray) {
                 return std::nullopt;
@@ -76,18 +76,8 @@ const FcsRecord &DeploymentCheck::value_of(const FtblEntry &entry) const {
     return found == overrides_.end() ? *base_.at(entry.number) : *found->second;
 }
 
-// Nothing if the file is not there or start-up would pass it by.
-std::optional<std::span<const uint8_t>> DeploymentCheck::pulled(const FtblEntry &entry) const {
-    const auto *found = contents(entry);
-    if (found == nullptr || (entry.attributes & attribute_not_pulled) != 0 ||
-        found->size() < entry.trailer()) {
-        return std::nullopt;
-    }
-    return std::span(*found).first(found->size() - entry.trailer());
-}
-
 bool DeploymentCheck::differs(const FtblEntry &entry) const {
-    const auto flash = pulled(entry);
+    const auto flash = flash_.pulled(entry);
     const FcsStore &store = store_of(entry);
     const FcsRecord &record = value_of(entry);
     if (!flash || !store.has_payload(record)) {
@@ -103,7 +93,7 @@ const FtblEntry *DeploymentCheck::owner_of_value(const FtblRow &row, const FtblE
 
     const auto value = store_of(entry).payload(value_of(entry));
     const auto is_owner = [&](const FtblEntry &other) {
-        const auto flash = has_value(other) ? pulled(other) : std::nullopt;
+        const auto flash = has_value(other) ? flash_.pulled(other) : std::nullopt;
         return flash && differs(other) &&
                std::equal(flash->begin(), flash->end(), value.begin(), value.end());
     };
@@ -140,7 +130,7 @@ void DeploymentCheck::compare_value(const FtblRow &row, const FtblEntry &entry) 
 
 std::optional<uint32_t> DeploymentCheck::stray_with_value(const FtblEntry &entry) const {
     const auto value = store_of(entry).payload(value_of(entry));
-    for (const auto &[id, file] : afs_) {
+    for (const auto &[id, file] : flash_.afs) {
         const std::vector<uint8_t> &flash = file->contents;
         if (entry.is_in_afs() && !afs_ids_.contains(id) && value.size() >= least_telling &&
             flash.size() == value.size() + entry.trailer() &&

@@ -4,10 +4,10 @@
 #include <map>
 #include <optional>
 #include <set>
-#include <span>
 #include <string>
 #include <vector>
 
+#include "host/check/flash_files.h"
 #include "host/check/set_view.h"
 
 namespace dolm {
@@ -19,9 +19,6 @@ class DeploymentCheck {
 
   private:
     bool has_value(const FtblEntry &entry) const { return base_.contains(entry.number); }
-
-    // Whether start-up and termination look for the file in AFS.
-    static bool is_dispatched_to_afs(const FtblEntry &entry) { return entry.store <= 1; }
 
     template <typename Wanted>
     std::vector<std::string> names_where(Wanted wanted) const {
@@ -42,9 +39,6 @@ class DeploymentCheck {
     void check_absent_images();
     void check_absent_image(const char *image, const char *other, bool other_is_there,
                             const std::vector<std::string> &names);
-    const std::vector<uint8_t> *contents(const FtblEntry &entry) const;
-    static const FtblEntry *marker_of(const FtblRow &row);
-    bool is_deployed(const FtblRow &row) const;
     bool is_any_deployed() const;
     bool is_of_another_set(const FtblRow &row);
     void check_row(const FtblRow &row);
@@ -59,7 +53,6 @@ class DeploymentCheck {
     std::optional<uint32_t> only_stray(const FtblEntry &entry) const;
     const FcsStore &store_of(const FtblEntry &entry) const;
     const FcsRecord &value_of(const FtblEntry &entry) const;
-    std::optional<std::span<const uint8_t>> pulled(const FtblEntry &entry) const;
     bool differs(const FtblEntry &entry) const;
     const FtblEntry *owner_of_value(const FtblRow &row, const FtblEntry &entry) const;
     void compare_value(const FtblRow &row, const FtblEntry &entry);
@@ -76,10 +69,9 @@ class DeploymentCheck {
     static constexpr size_t least_telling = 3; // shorter values may be equal by chance
     const SetView &view_;
     Findings &findings_;
+    const FlashFiles flash_;
     std::map<uint32_t, const FcsRecord *> base_; // by number
     std::map<uint32_t, const FcsRecord *> overrides_;
-    std::map<uint32_t, const AfsFile *> afs_; // what is there, by id
-    std::map<uint32_t, const EfsFile *> efs_;
     std::set<uint32_t> afs_ids_; // that any SKU's entries have
     std::set<uint32_t> efs_ids_;
     std::map<const char *, std::set<std::string>> lost_; // names, by the damaged image

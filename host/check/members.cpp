@@ -127,12 +127,8 @@ class Loader {
 
 } // namespace
 
-void load_members(const fs::path &folder, double lock_timeout, SetView &view, Findings &findings) {
-    try {
-        Loader(SetFolder(folder, SetFolder::Use::read, lock_timeout), view, findings).run();
-    } catch (const Failure &failure) {
-        findings.error({"the set", "", failure.what()});
-    }
+void load_members(const SetFolder &folder, SetView &view, Findings &findings) {
+    Loader(folder, view, findings).run();
     view.table = read_file_table(view.files.ftbl);
     for (const FtblRow &row : view.table.rows) {
         for (const FtblEntry &entry : row.entries) {

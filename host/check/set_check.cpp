@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/check/set_view.h"
+#include "host/errors.h"
 
 namespace dolm {
 
@@ -16,7 +17,15 @@ SetReport check_files(const std::filesystem::path &folder, std::optional<uint32_
                       double lock_timeout) {
     SetView view;
     Findings findings;
-    load_members(folder, lock_timeout, view, findings);
+    try {
+        load_members(SetFolder(folder, SetFolder::Use::read, lock_timeout), view, findings);
+    } catch (const Failure &failure) {
+        findings.error({"the set", "", failure.what()});
+    }
+    return check_members(view, sku, std::move(findings));
+}
+
+SetReport check_members(SetView &view, std::optional<uint32_t> sku, Findings findings) {
     check_table(view, sku, findings);
     check_stores(view, findings);
     check_afs(view, findings);

@@ -9,6 +9,8 @@
 
 namespace dolm {
 
+struct SetView;
+
 struct SetReport {
     std::vector<uint32_t> skus;      // that were checked
     std::optional<uint32_t> own_sku; // of "set.json"
@@ -23,5 +25,9 @@ struct SetReport {
 // library reports on the way goes to standard error.
 SetReport check_files(const std::filesystem::path &folder, std::optional<uint32_t> sku,
                       double lock_timeout);
+
+// The same for members that are loaded, with what loading them has found. The view then holds all
+// that could be read of them.
+SetReport check_members(SetView &view, std::optional<uint32_t> sku, Findings findings);
 
 } // namespace dolm

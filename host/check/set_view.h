@@ -2,7 +2,6 @@
 // them. Nothing here has gone through the library.
 #pragma once
 
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
@@ -52,8 +51,7 @@ inline std::string name_in(const std::map<uint32_t, std::string> &names, uint32_
 // Loads and reads what is there, whatever is missing or broken, and tells of members that are
 // missing, empty, unreadable or hold what belongs into another member. These are left out of the
 // view. The EFS image has to wait until its geometry is known.
-void load_members(const std::filesystem::path &folder, double lock_timeout, SetView &view,
-                  Findings &findings);
+void load_members(const SetFolder &folder, SetView &view, Findings &findings);
 
 // Head, rows, entries and the EFST section of the file table, and which SKUs there are to check.
 void check_table(SetView &view, std::optional<uint32_t> sku, Findings &findings);
