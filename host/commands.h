@@ -94,4 +94,11 @@ struct ProveOptions : SetOptions {
 // Throws Failure if a cut of the power costs more than the change under way.
 void prove_set(const ProveOptions &options);
 
+struct ReportOptions : SetOptions {
+    std::optional<std::filesystem::path> against; // another set, to compare the NVARs with
+    std::filesystem::path output;                 // "-" for standard output
+};
+// Writes the page whatever is wrong with the set; without a SKU all are checked.
+void report_set(const ReportOptions &options);
+
 } // namespace dolm

@@ -7,10 +7,6 @@ namespace dolm {
 
 namespace {
 
-const char *severity_name(const Finding &finding) {
-    return finding.severity == Finding::Severity::error ? "error" : "note";
-}
-
 Json to_json(const Remark &remark) {
     Json json{{"file", remark.file}, {"place", remark.place}};
     if (!remark.nvar.empty()) {
@@ -21,7 +17,7 @@ Json to_json(const Remark &remark) {
 }
 
 Json to_json(const Finding &finding) {
-    Json json{{"severity", severity_name(finding)}};
+    Json json{{"severity", to_string(finding.severity)}};
     json.update(to_json(finding.cause));
     if (!finding.advice.empty()) {
         json["advice"] = finding.advice;
@@ -55,7 +51,7 @@ std::string line_of(const Remark &remark) {
 }
 
 void print(const Finding &finding) {
-    print_line(std::string(severity_name(finding)) + ": " + line_of(finding.cause));
+    print_line(std::string(to_string(finding.severity)) + ": " + line_of(finding.cause));
     for (const Remark &remark : finding.consequences) {
         print_line("    " + line_of(remark));
     }

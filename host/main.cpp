@@ -204,6 +204,17 @@ void add_prove(CLI::App &app) {
     });
 }
 
+void add_report(CLI::App &app) {
+    auto *command = app.add_subcommand("report", "Write a page of HTML about a set");
+    auto options = std::make_shared<dolm::ReportOptions>();
+    add_set_options(*command, *options);
+    command->add_option("--against", options->against, "A set to compare the NVARs with");
+    command
+        ->add_option("-o,--output", options->output, "Where the page goes (- for standard output)")
+        ->required();
+    command->callback([options] { dolm::report_set(*options); });
+}
+
 void refuse_unknown_command(const CLI::App &app, const std::string &word) {
     std::vector<std::string> names;
     for (const CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
@@ -241,6 +252,7 @@ void run(int argc, char **argv) {
     add_inspect(app);
     add_check(app);
     add_prove(app);
+    add_report(app);
     for (CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
         command->add_flag("--json")->description("Results and errors as JSON");
     }

@@ -23,6 +23,10 @@ void keep_first_of_each(std::vector<Remark> &remarks) {
 
 } // namespace
 
+const char *to_string(Finding::Severity severity) {
+    return severity == Finding::Severity::error ? "error" : "note";
+}
+
 Finding &Findings::error(Remark remark, const std::string &subject) {
     if (Finding *cause = find(remark.file, subject)) {
         cause->consequences.push_back(std::move(remark));

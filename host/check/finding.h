@@ -28,6 +28,8 @@ struct Finding {
     std::string subject = {};
 };
 
+const char *to_string(Finding::Severity severity);
+
 class Findings {
   public:
     // A new cause, or a consequence of the error that stands for the same subject.
