@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "proof/hash.h"
+#include "proof/recording.h"
 #include "proof/tears.h"
 
 namespace dolm::proof {
@@ -16,111 +17,11 @@ namespace {
 constexpr unsigned max_level = 2;
 constexpr size_t max_kept_failures = 20;
 
-// A state that does not hold what was promised.
-class Broken : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-// Worse: the store went outside its image, or wrote what no flash can take.
-class Undisciplined : public Broken {
-  public:
-    using Broken::Broken;
-};
-
 uint64_t hash_files(uint64_t hash, const Files &files) {
     for (const auto &[number, contents] : files) {
         hash = hash_bytes(mix(mix(hash, number), contents.size()), contents);
     }
     return hash;
-}
-
-const std::vector<uint8_t> *find(const Files &files, uint32_t number) {
-    const auto file = files.find(number);
-    return file == files.end() ? nullptr : &file->second;
-}
-
-bool same(const Files &a, const Files &b, uint32_t number) {
-    const auto *in_a = find(a, number);
-    const auto *in_b = find(b, number);
-    return in_a == nullptr || in_b == nullptr ? in_a == in_b : *in_a == *in_b;
-}
-
-std::set<uint32_t> numbers_in(std::initializer_list<const Files *> all) {
-    std::set<uint32_t> numbers;
-    for (const Files *files : all) {
-        for (const auto &file : *files) {
-            numbers.insert(file.first);
-        }
-    }
-    return numbers;
-}
-
-std::string describe(const Files &shown, const Files &before, const Files &after) {
-    const auto text = [](const Files &files, uint32_t number) {
-        const auto *contents = find(files, number);
-        return contents != nullptr ? std::to_string(contents->size()) + " bytes"
-                                   : std::string("none");
-    };
-    std::string result = "files that are neither the old nor the new ones:";
-    for (const uint32_t number : numbers_in({&shown, &before, &after})) {
-        if (!same(shown, before, number) || !same(shown, after, number)) {
-            result += " file " + std::to_string(number) + " is " + text(shown, number) + ", was " +
-                      text(before, number) + ", becomes " + text(after, number) + ";";
-        }
-    }
-    return result;
-}
-
-// Leaves the store and the device free, however a run ends.
-class Session {
-  public:
-    Session(FlashStore &store, Image &image) : store_(store) {
-        DeviceDouble::instance().attach_both(image, store.efs_at());
-    }
-    ~Session() {
-        store_.unmount();
-        DeviceDouble::instance().detach();
-    }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-
-  private:
-    FlashStore &store_;
-};
-
-void mount(FlashStore &store, Image &image, const char *which) {
-    store.unmount();
-    if (const uint32_t status = store.mount(image); status != 0) {
-        throw Broken(std::string(which) + " fails with " + std::to_string(status));
-    }
-}
-
-void expect_sound(FlashStore &store, const Image &image, const Files &files, const char *when) {
-    if (const Files shown = store.read_files(); shown != files) {
-        throw Broken(std::string(when) + " shows " + describe(shown, files, files));
-    }
-    if (const auto broken = store.check(image, files); !broken.empty()) {
-        throw Broken(std::string(when) + " leaves " + broken.front());
-    }
-}
-
-// Returns whether unclaimed bytes were written over.
-bool expect_discipline(bool unclaimed_bytes) {
-    const DeviceDouble &device = DeviceDouble::instance();
-    if (!device.out_of_range().empty()) {
-        throw Undisciplined("outside the image: " + device.out_of_range().front());
-    }
-    if (device.breaches().empty()) {
-        return false;
-    }
-    if (!unclaimed_bytes) {
-        const DisciplineBreach &breach = device.breaches().front();
-        throw Undisciplined("a write of " + std::to_string(breach.event.length) + " bytes at " +
-                            std::to_string(breach.event.address) + " sets bits at " +
-                            std::to_string(breach.address) + " that only an erase can set");
-    }
-    return true;
 }
 
 // Picks about `wanted` of `total` things, evenly, from a place on that differs with the seed.
@@ -141,59 +42,6 @@ class Sample {
     uint64_t at_;
 };
 
-// The writes that lead from some files to others.
-struct Segment {
-    size_t end = 0; // index behind its last event
-    Files before;
-    Files after;
-    bool is_mount = false; // acknowledges nothing
-};
-
-struct Recording {
-    Files files_at_mount;
-    std::vector<DeviceEvent> events;
-    std::vector<Segment> segments;
-};
-
-// What is known of a state before it is mounted.
-struct State {
-    std::string id;
-    const Files *before = nullptr;
-    const Files *after = nullptr;
-    const Limit *limit = nullptr; // of the format, if it is at one
-    bool unclaimed_bytes = false;
-};
-
-// What a cut may throw the store back to. Once the last write of a change has landed, the change is
-// acknowledged before anything else is written: then only the new files will do.
-const Files &oldest_allowed(const Segment &segment, size_t k, const Tear &tear) {
-    const bool acknowledged =
-        !segment.is_mount && tear.kind == Tear::Kind::whole && k + 1 == segment.end;
-    return acknowledged ? segment.after : segment.before;
-}
-
-// Cuts a change of many files where an independent reader sees one of them become another. What it
-// sees that is neither old nor new is left for the states there to fail over. Returns what it sees
-// before the rest.
-Files cut_into_files(Recording &recording, const FlashStore &store, Image image,
-                     const std::vector<DeviceEvent> &log, const Files &after) {
-    const Files before = store.files_on(image);
-    Files shown = before;
-    for (size_t k = recording.segments.back().end; k < log.size(); ++k) {
-        apply(image, log[k]);
-        Files now = store.files_on(image);
-        const std::set<uint32_t> numbers = numbers_in({&now, &before, &after});
-        const bool old_or_new = std::all_of(numbers.begin(), numbers.end(), [&](uint32_t number) {
-            return same(now, before, number) || same(now, after, number);
-        });
-        if (now != shown && old_or_new) {
-            recording.segments.push_back({k + 1, std::move(shown), now});
-            shown = std::move(now);
-        }
-    }
-    return shown;
-}
-
 class Explorer {
   public:
     Explorer(FlashStore &store, Choice choice, OnProgress on_progress)
@@ -203,13 +51,8 @@ class Explorer {
     Findings chain(const Workload &workload, uint64_t seed, unsigned cuts);
 
   private:
-    using Changes = std::function<std::vector<Change>(const Files &)>;
-
     Recording record(const Workload &workload, const State &start);
     Recording run_and_check(Image &image, const State &state, const Changes &changes);
-    Recording run(Image &image, const State &state, const Changes &changes);
-    void look_again(Image &image, const Recording &recording, const State &state);
-    static void take_log(Recording &recording);
     void cut_everywhere(const Image &start, const Recording &recording, const State &parent,
                         unsigned level);
     bool cut_somewhere(Image &image, const Recording &recording, State &state, Files &before,
@@ -255,9 +98,10 @@ Findings Explorer::explore(const Workload &workload) {
 Recording Explorer::record(const Workload &workload, const State &start) {
     Image image = workload.start;
     const Session session(store_, image);
-    Recording recording = run(image, start, [&](const Files &) { return workload.changes; });
+    Recording recording =
+        run(store_, image, start, [&](const Files &) { return workload.changes; });
     try {
-        look_again(image, recording, start);
+        findings_.rewrites += look_again(store_, image, recording, start) ? 1 : 0;
     } catch (const std::runtime_error &error) {
         const size_t events = DeviceDouble::instance().log().size();
         if (events == 0) {
@@ -285,57 +129,10 @@ void Explorer::expect_visits() const {
 
 Recording Explorer::run_and_check(Image &image, const State &state, const Changes &changes) {
     const Session session(store_, image);
-    Recording recording = run(image, state, changes);
-    look_again(image, recording, state);
+    Recording recording = run(store_, image, state, changes);
+    findings_.rewrites += look_again(store_, image, recording, state) ? 1 : 0;
     take_log(recording);
     return recording;
-}
-
-// Mounts an image, holds it against what may be there, and goes on with some changes.
-Recording Explorer::run(Image &image, const State &state, const Changes &changes) {
-    const std::vector<DeviceEvent> &log = DeviceDouble::instance().log();
-    Recording recording;
-
-    mount(store_, image, "the mount");
-    Files files = store_.read_files();
-    if (files != *state.before && files != *state.after) {
-        throw Broken("the mount shows " + describe(files, *state.before, *state.after));
-    }
-    expect_sound(store_, image, files, "the mount");
-    mount(store_, image, "the second mount");
-    expect_sound(store_, image, files, "the second mount");
-    recording.files_at_mount = files;
-    recording.segments.push_back({log.size(), *state.before, *state.after, true});
-
-    for (const Change &change : changes(files)) {
-        Image image_before = change.file_by_file ? image : Image();
-        Files before = files;
-        if (const uint32_t status = change.run(); status != 0) {
-            throw Broken(change.name + " fails with " + std::to_string(status));
-        }
-        if (change.effect) {
-            change.effect(files);
-        }
-        if (change.file_by_file) {
-            before = cut_into_files(recording, store_, std::move(image_before), log, files);
-        }
-        recording.segments.push_back({log.size(), std::move(before), files});
-    }
-    return recording;
-}
-
-void Explorer::look_again(Image &image, const Recording &recording, const State &state) {
-    const Files &files = recording.segments.back().after;
-    expect_sound(store_, image, files, "the store after its changes");
-    mount(store_, image, "the mount after the changes");
-    expect_sound(store_, image, files, "the mount after the changes");
-    findings_.rewrites += expect_discipline(state.unclaimed_bytes) ? 1 : 0;
-}
-
-void Explorer::take_log(Recording &recording) {
-    recording.events = std::move(DeviceDouble::instance().log());
-    const Files files = recording.segments.back().after;
-    recording.segments.push_back({recording.events.size(), files, files}); // of the last mount
 }
 
 void Explorer::note_workload(const Recording &recording) {
