@@ -150,6 +150,23 @@ void rewrite_one_of_500(benchmark::State &state) {
     });
 }
 
+void read_one_of_500(benchmark::State &state) {
+    const auto size = static_cast<uint32_t>(state.range(0));
+    Store store(size, 0);
+    for (uint32_t i = 0; i < 20 * small_files; ++i) {
+        store.write(i * 211 % small_files, contents(size, i));
+    }
+    Bytes bytes(size);
+    uint32_t file = 0;
+    bench::show_time(
+        state, size,
+        [&] {
+            file = (file + 211) % small_files;
+            store.read(file, bytes);
+        },
+        small_files);
+}
+
 void mount_500_of_512(benchmark::State &state) {
     Store store(512, 0);
     for (uint32_t i = 0; i < 20 * small_files; ++i) {
@@ -162,6 +179,7 @@ DOLM_FLASH_BENCHMARK(rewrite)->Arg(4 * kib)->Arg(64 * kib)->Arg(256 * kib);
 DOLM_FLASH_BENCHMARK(read_file)->Arg(4 * kib)->Arg(64 * kib)->Arg(256 * kib);
 DOLM_FLASH_BENCHMARK(overwrite_64_in_16k);
 DOLM_FLASH_BENCHMARK(rewrite_one_of_500)->Arg(64)->Arg(512);
+DOLM_FLASH_BENCHMARK(read_one_of_500)->Arg(64);
 DOLM_FLASH_BENCHMARK(mount_500_of_512);
 
 // ---- The checksums of both stores, against the same a byte at a time.

@@ -21,17 +21,18 @@ inline double cpu_seconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Seconds that one call takes, over at least 10 ms of calls.
+// Seconds that one call takes, over at least 10 ms of calls. The clock is read once for every
+// calls_at_once of them.
 template <typename Operation>
-double seconds_per_call(Operation operation) {
+double seconds_per_call(Operation &operation, int calls_at_once) {
     const double start = cpu_seconds();
     double elapsed = 0;
     int64_t calls = 0;
     do {
-        for (int i = 0; i < 16; ++i) {
+        for (int i = 0; i < calls_at_once; ++i) {
             operation();
         }
-        calls += 16;
+        calls += calls_at_once;
         elapsed = cpu_seconds() - start;
     } while (elapsed < 0.01);
     return elapsed / static_cast<double>(calls);
@@ -39,11 +40,11 @@ double seconds_per_call(Operation operation) {
 
 // The same for the best of several rounds: the one that other processes disturbed least.
 template <typename Operation>
-double best_seconds_per_call(Operation operation) {
+double best_seconds_per_call(Operation &&operation, int calls_at_once = 16) {
     constexpr int rounds = 9;
-    double best = seconds_per_call(operation);
+    double best = seconds_per_call(operation, calls_at_once);
     for (int round = 1; round < rounds; ++round) {
-        best = std::min(best, seconds_per_call(operation));
+        best = std::min(best, seconds_per_call(operation, calls_at_once));
     }
     return best;
 }
@@ -79,18 +80,5 @@ inline double seconds_of_yardstick() {
         benchmark::DoNotOptimize(crc);
     });
 }
-
-// Times the loop of a benchmark, for figures that compare it with something else.
-class Stopwatch {
-  public:
-    explicit Stopwatch(const benchmark::State &state) : state_(state) {}
-    double seconds_per_iteration() const {
-        return (cpu_seconds() - start_) / static_cast<double>(state_.iterations());
-    }
-
-  private:
-    const benchmark::State &state_;
-    double start_ = cpu_seconds();
-};
 
 } // namespace bench

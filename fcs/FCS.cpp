@@ -9,6 +9,7 @@
 #include "Directory.h"
 #include "File.h"
 #include "FileIterator.h"
+#include "common/hash_index.h"
 #include "common/little_endian.h"
 #include "fcs/file_table.h"
 
@@ -54,12 +55,34 @@ FcsHandle *open_store(void *handle) {
     return whole ? store : nullptr;
 }
 
+using files_of_store = decltype(Directory::children);
+
+files_of_store &files_of(const FcsHandle &store) {
+    return static_cast<Directory &>(*store.root).children;
+}
+
+// Files come in the order of their names, for the most part.
+bool comes_behind_all(const files_of_store &files, const char *name) {
+    return files.empty() || std::strcmp(files.back()->name, name) < 0;
+}
+
+// The file that the walk stands on, which is the one that a host mostly asks for.
+IFile *file_of_walk(const FcsHandle &store) {
+    const auto &files = files_of(store);
+    const auto position = static_cast<size_t>(store.iterator->index);
+    return position < files.size() ? files[position].get() : nullptr;
+}
+
 // A store's tree is changed by the functions of this file alone, so its root is in order and can
 // be searched by halves.
 IFile *find_file(const FcsHandle &store, const char *name) {
-    const auto &files = static_cast<const Directory &>(*store.root).children;
-    if (files.empty() || std::strcmp(files.back()->name, name) < 0) {
-        return nullptr; // files come in the order of their names, for the most part
+    const auto &files = files_of(store);
+    if (comes_behind_all(files, name)) {
+        return nullptr;
+    }
+    IFile *const at_walk = file_of_walk(store);
+    if (at_walk != nullptr && std::strcmp(at_walk->name, name) == 0) {
+        return at_walk;
     }
     const auto place = std::lower_bound(
         files.begin(), files.end(), name,
@@ -129,9 +152,61 @@ uint32_t add_file(const FcsHandle &store, const char *name, const void *block, u
     return FCS_OK;
 }
 
+// Adds many files to a store. While it lives, those that come out of order stand behind the others:
+// its end sorts all once, where a place for each in the order would cost moves of half of them.
+class bulk_addition {
+  public:
+    explicit bulk_addition(const FcsHandle &store) : store_(store), files_(files_of(store)) {}
+    bulk_addition(const bulk_addition &) = delete;
+    bulk_addition &operator=(const bulk_addition &) = delete;
+
+    ~bulk_addition() {
+        if (!in_order_) {
+            std::sort(files_.begin(), files_.end(), image_editor::fileCompare);
+        }
+    }
+
+    // False if there is a file of that name, or without memory.
+    bool add(const char *name, const std::vector<uint8_t> &block) {
+        if (in_order_ && !comes_behind_all(files_, name) && !leave_order()) {
+            return false;
+        }
+        if (!in_order_ && is_taken(name)) {
+            return false;
+        }
+        files_.push_back(
+            std::make_shared<File>(block.data(), static_cast<uint32_t>(block.size()), name));
+        store_.iterator->rewind();
+        return in_order_ || enter(files_.back());
+    }
+
+  private:
+    // From here on names are found through the index.
+    bool leave_order() {
+        in_order_ = false;
+        return std::all_of(files_.begin(), files_.end(),
+                           [this](const auto &file) { return enter(file); });
+    }
+
+    bool enter(const std::shared_ptr<IFile> &file) {
+        return names_.add(dolm::hash_of(file->name), file.get());
+    }
+
+    bool is_taken(const char *name) const {
+        return names_.find(dolm::hash_of(name), [name](const IFile &file) {
+            return std::strcmp(file.name, name) == 0;
+        }) != nullptr;
+    }
+
+    const FcsHandle &store_;
+    files_of_store &files_;
+    bool in_order_ = true;
+    dolm::hash_index<IFile> names_; // of all files, once they are out of order
+};
+
 // Adds the file of a block under the name that the file table has for its number. A number that
 // is not in the table is no failure: the file is left out.
-bool add_loaded_file(const FcsHandle &store, std::vector<uint8_t> &block) {
+bool add_loaded_file(bulk_addition &addition, std::vector<uint8_t> &block) {
     const file_table_entry_t *entry = entry_of(block.data());
     if (entry == nullptr) {
         return true;
@@ -140,7 +215,7 @@ bool add_loaded_file(const FcsHandle &store, std::vector<uint8_t> &block) {
     std::memcpy(name, entry->name, sizeof(entry->name));
     // A longer block could not be added again: its length is passed on in 16 bits.
     return block.size() <= UINT16_MAX && complete_number(block.data(), name) &&
-           add_file(store, name, block.data(), static_cast<uint32_t>(block.size())) == FCS_OK;
+           addition.add(name, block);
 }
 
 uint32_t load_records(const FcsHandle &store, const uint8_t *buffer, uint32_t length) {
@@ -151,10 +226,11 @@ uint32_t load_records(const FcsHandle &store, const uint8_t *buffer, uint32_t le
     if (count_size + uint64_t{count} * record_size > length) {
         return FCS_BAD_STORE;
     }
+    bulk_addition addition(store);
     std::vector<uint8_t> block;
     const uint8_t *record = buffer + count_size;
     for (uint32_t i = 0; i < count; ++i, record += record_size) {
-        if (!read_block(buffer, length, record, block) || !add_loaded_file(store, block)) {
+        if (!read_block(buffer, length, record, block) || !add_loaded_file(addition, block)) {
             return FCS_BAD_STORE;
         }
     }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <random>
@@ -103,6 +104,13 @@ TEST_F(FcsTest, LoadsWhatTheWriterWouldNotProduce) {
     ASSERT_EQ(reload(reversed), FCS_OK);
     EXPECT_EQ(walk(), Names{full});
     EXPECT_EQ(reload(store_of({beta, beta})), FCS_BAD_STORE) << "a name twice";
+}
+
+TEST_F(FcsTest, WhatALoadAddedBeforeItsFailureStaysInOrder) {
+    ASSERT_EQ(add("beta", beta), FCS_OK);
+    const Bytes bytes = store_of({delta, alpha, beta});
+    EXPECT_FALSE(loadDataFromFcsBuffer(store, bytes.data(), static_cast<uint32_t>(bytes.size())));
+    EXPECT_EQ(walk(), (Names{"alpha", "beta", "dir/delta"}));
 }
 
 TEST_F(FcsTest, RefusesDamagedStores) {
@@ -266,6 +274,7 @@ TEST_F(FcsTest, RandomRunsMatchAModel) {
             }
             ASSERT_EQ(walk(), names);
             ASSERT_EQ(flushed(), store_of(files));
+            std::shuffle(files.begin(), files.end(), random);
             ASSERT_EQ(reload(store_of(files)), FCS_OK);
         } else {
             const std::string payload(random() % 60, static_cast<char>(random()));
