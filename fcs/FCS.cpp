@@ -9,7 +9,6 @@
 #include "Directory.h"
 #include "File.h"
 #include "FileIterator.h"
-#include "common/hash_index.h"
 #include "common/little_endian.h"
 #include "fcs/file_table.h"
 
@@ -105,23 +104,6 @@ void write_store(uint8_t *out, const std::vector<_cfg_file_entry_t> &records,
     std::copy(payloads.begin(), payloads.end(), record);
 }
 
-// Puts a record and the payload that it names in a buffer into block. False if the payload
-// reaches past the end.
-bool read_block(const uint8_t *buffer, uint32_t length, const uint8_t *record,
-                std::vector<uint8_t> &block) {
-    const uint16_t size = load_le16(record + size_at);
-    const uint32_t offset = load_le32(record + offset_at);
-    block.assign(record, record + record_size);
-    if (size == 0) {
-        return true; // its offset has no meaning
-    }
-    if (uint64_t{offset} + size > length) {
-        return false;
-    }
-    block.insert(block.end(), buffer + offset, buffer + offset + size);
-    return true;
-}
-
 // Fills in the number of a record that has none, by name. False if the file table lacks the name.
 bool complete_number(uint8_t *record, const char *name) {
     fileno_t fileno = load_le32(record + fileno_at);
@@ -140,84 +122,102 @@ const file_table_entry_t *entry_of(const uint8_t *record) {
     return get_file_entry_by_fileno(&fileno);
 }
 
-// Adds the file of a block whose number the file table lists, and restarts the walk.
-uint32_t add_file(const FcsHandle &store, const char *name, const void *block, uint32_t length) {
-    if (find_file(store, name) != nullptr) {
-        return FCS_FILE_EXISTS;
-    }
+// Adds a file and restarts the walk. False if the tree does not take it.
+bool put_file(const FcsHandle &store, const char *name, const void *block, uint32_t length) {
     if (!store.root->addFile(name, std::make_shared<File>(block, length, name))) {
-        return FCS_FILE_NOT_FOUND;
+        return false;
     }
     store.iterator->rewind();
-    return FCS_OK;
+    return true;
 }
 
-// Adds many files to a store. While it lives, those that come out of order stand behind the others:
-// its end sorts all once, where a place for each in the order would cost moves of half of them.
-class bulk_addition {
-  public:
-    explicit bulk_addition(const FcsHandle &store) : store_(store), files_(files_of(store)) {}
-    bulk_addition(const bulk_addition &) = delete;
-    bulk_addition &operator=(const bulk_addition &) = delete;
-
-    ~bulk_addition() {
-        if (!in_order_) {
-            std::sort(files_.begin(), files_.end(), image_editor::fileCompare);
-        }
+// Name of an entry of the file table; the entry's own may have no terminator.
+struct entry_name {
+    explicit entry_name(const file_table_entry_t &entry) {
+        std::memcpy(text, entry.name, sizeof entry.name);
     }
-
-    // False if there is a file of that name, or without memory.
-    bool add(const char *name, const std::vector<uint8_t> &block) {
-        if (in_order_ && !comes_behind_all(files_, name) && !leave_order()) {
-            return false;
-        }
-        if (!in_order_ && is_taken(name)) {
-            return false;
-        }
-        files_.push_back(
-            std::make_shared<File>(block.data(), static_cast<uint32_t>(block.size()), name));
-        store_.iterator->rewind();
-        return in_order_ || enter(files_.back());
-    }
-
-  private:
-    // From here on names are found through the index.
-    bool leave_order() {
-        in_order_ = false;
-        return std::all_of(files_.begin(), files_.end(),
-                           [this](const auto &file) { return enter(file); });
-    }
-
-    bool enter(const std::shared_ptr<IFile> &file) {
-        return names_.add(dolm::hash_of(file->name), file.get());
-    }
-
-    bool is_taken(const char *name) const {
-        return names_.find(dolm::hash_of(name), [name](const IFile &file) {
-            return std::strcmp(file.name, name) == 0;
-        }) != nullptr;
-    }
-
-    const FcsHandle &store_;
-    files_of_store &files_;
-    bool in_order_ = true;
-    dolm::hash_index<IFile> names_; // of all files, once they are out of order
+    char text[sizeof(file_table_entry_t::name) + 1] = {};
 };
 
-// Adds the file of a block under the name that the file table has for its number. A number that
-// is not in the table is no failure: the file is left out.
-bool add_loaded_file(bulk_addition &addition, std::vector<uint8_t> &block) {
-    const file_table_entry_t *entry = entry_of(block.data());
+// A record of a serialised store that is to become a file.
+struct loaded_record {
+    const uint8_t *record;
+    const uint8_t *payload;
+    const file_table_entry_t *entry; // of the record's number
+    fileno_t fileno;                 // the same, or where that is 0 the number of the entry's name
+};
+
+bool same_name(const loaded_record &a, const loaded_record &b) {
+    return std::strncmp(a.entry->name, b.entry->name, sizeof a.entry->name) == 0;
+}
+
+// In the order of fileCompare, and of the records where names are equal.
+bool comes_before(const loaded_record &a, const loaded_record &b) {
+    const int order = std::strncmp(a.entry->name, b.entry->name, sizeof a.entry->name);
+    return order != 0 ? order < 0 : a.record < b.record;
+}
+
+// Reads a record that is to become a file. A number that is not in the file table is no failure:
+// the file is left out.
+bool read_record(const uint8_t *buffer, uint32_t length, const uint8_t *record,
+                 std::vector<loaded_record> &records) {
+    const uint16_t size = load_le16(record + size_at);
+    const uint32_t offset = load_le32(record + offset_at);
+    if (size != 0 && uint64_t{offset} + size > length) {
+        return false;
+    }
+    const file_table_entry_t *entry = entry_of(record);
     if (entry == nullptr) {
         return true;
     }
-    char name[sizeof(entry->name) + 1] = {}; // the entry's own may have no terminator
-    std::memcpy(name, entry->name, sizeof(entry->name));
-    // A longer block could not be added again: its length is passed on in 16 bits.
-    return block.size() <= UINT16_MAX && complete_number(block.data(), name) &&
-           addition.add(name, block);
+    if (size > UINT16_MAX - record_size) {
+        return false; // could not be added again: the length of a block is passed on in 16 bits
+    }
+    fileno_t fileno = load_le32(record + fileno_at);
+    if (fileno == 0 && get_fileno_by_file_name(entry_name(*entry).text, &fileno) != 0) {
+        return false;
+    }
+    const uint8_t *const payload = size != 0 ? buffer + offset : nullptr; // else it has no meaning
+    records.push_back({.record = record, .payload = payload, .entry = entry, .fileno = fileno});
+    return true;
 }
 
+// Drops the first record whose name is taken, in the store or by a record before it, and all that
+// follow it. They lie in the order of their names. False if there is one.
+bool drop_from_first_taken_name(const FcsHandle &store, std::vector<loaded_record> &records) {
+    const uint8_t *first_taken = nullptr;
+    for (size_t i = 0; i < records.size(); ++i) {
+        const loaded_record &at = records[i];
+        const bool taken = (i > 0 && same_name(records[i - 1], at)) ||
+                           find_file(store, entry_name(*at.entry).text) != nullptr;
+        if (taken && (first_taken == nullptr || at.record < first_taken)) {
+            first_taken = at.record;
+        }
+    }
+    if (first_taken == nullptr) {
+        return true;
+    }
+    std::erase_if(records, [=](const loaded_record &at) { return at.record >= first_taken; });
+    return false;
+}
+
+void add_loaded_files(const FcsHandle &store, const std::vector<loaded_record> &records) {
+    std::vector<uint8_t> block;
+    for (const loaded_record &from : records) {
+        block.assign(from.record, from.record + record_size);
+        store_le32(block.data() + fileno_at, from.fileno);
+        if (from.payload != nullptr) {
+            block.insert(block.end(), from.payload,
+                         from.payload + load_le16(from.record + size_at));
+        }
+        put_file(store, entry_name(*from.entry).text, block.data(),
+                 static_cast<uint32_t>(block.size()));
+    }
+}
+
+// Adds the files of a serialised store, up to the first record that is refused. They are made in
+// the order of their names: each goes behind the one before, and in memory they lie in the order in
+// which they will be walked.
 uint32_t load_records(const FcsHandle &store, const uint8_t *buffer, uint32_t length) {
     if (length < count_size) {
         return FCS_BAD_STORE;
@@ -226,15 +226,17 @@ uint32_t load_records(const FcsHandle &store, const uint8_t *buffer, uint32_t le
     if (count_size + uint64_t{count} * record_size > length) {
         return FCS_BAD_STORE;
     }
-    bulk_addition addition(store);
-    std::vector<uint8_t> block;
-    const uint8_t *record = buffer + count_size;
-    for (uint32_t i = 0; i < count; ++i, record += record_size) {
-        if (!read_block(buffer, length, record, block) || !add_loaded_file(addition, block)) {
-            return FCS_BAD_STORE;
-        }
+    std::vector<loaded_record> records;
+    bool good = true;
+    for (uint32_t i = 0; i < count && good; ++i) {
+        good = read_record(buffer, length, buffer + count_size + i * record_size, records);
     }
-    return FCS_OK;
+    if (!std::is_sorted(records.begin(), records.end(), comes_before)) {
+        std::sort(records.begin(), records.end(), comes_before);
+    }
+    good = drop_from_first_taken_name(store, records) && good;
+    add_loaded_files(store, records);
+    return good ? FCS_OK : FCS_BAD_STORE;
 }
 
 uint32_t make_store(void *&handle) {
@@ -384,7 +386,10 @@ uint32_t addNewFile(void *handle, const char *directory, const char *name, void 
         if (directory == nullptr || name == nullptr) {
             return FCS_INVALID_ARGUMENT;
         }
-        return add_file(*store, name, block, length);
+        if (find_file(*store, name) != nullptr) {
+            return FCS_FILE_EXISTS;
+        }
+        return put_file(*store, name, block, length) ? FCS_OK : FCS_FILE_NOT_FOUND;
     });
 }
 
