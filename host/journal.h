@@ -14,8 +14,7 @@
 //                                NEW is removed
 //   remove MEMBER                the member's name is removed from the set's folder
 //   end                          last line: what lacks it was never finished, and names no file
-//   that
-//                                has been made
+//                                that has been made
 //
 // MEMBER is the name of a file of a set, NEW is ".MEMBER.", something without blanks and slashes,
 // and ".new". A step whose NEW is gone has been taken.

@@ -1,8 +1,6 @@
 #include "host/set_files.h"
 
 #include <algorithm>
-#include <limits>
-#include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
 
@@ -18,19 +16,47 @@ namespace {
 
 constexpr uint64_t max_settings_size = 65536;
 
-// Names what is there, and what was said to belong to the set before, so that a lost file is missed
-// after a change too.
-Bytes make_settings(const SetFiles &set) {
-    nlohmann::ordered_json settings{{"sku", *set.sku}, {"members", nlohmann::json::array()}};
+std::map<std::string, ChangedTable>
+changed_tables(const SetFiles &set, const std::map<std::string, Checksums> &recorded) {
+    std::map<std::string, ChangedTable> changed;
     for (const SetMember &member : set_members) {
-        const bool is_counted =
-            std::find(set.members.begin(), set.members.end(), member.name) != set.members.end();
-        if (is_counted || !(set.*member.content).empty()) {
-            settings["members"].push_back(member.name);
+        const auto known = recorded.find(member.name);
+        if (known != recorded.end()) {
+            const Checksums found = checksums_of(set.*member.content);
+            if (found != known->second) {
+                changed[member.name] = {known->second, found};
+            }
         }
     }
-    const std::string text = settings.dump() + "\n";
-    return Bytes(text.begin(), text.end());
+    return changed;
+}
+
+// What a table is to be held against later. One that had changed behind dolm's back, and that is
+// written as it was found, keeps the checksums by which that shows.
+Checksums checksums_to_record(const SetFiles &set, const SetMember &member) {
+    const Checksums current = checksums_of(set.*member.content);
+    const auto changed = set.changed_tables.find(member.name);
+    return changed != set.changed_tables.end() && changed->second.found == current
+               ? changed->second.recorded
+               : current;
+}
+
+// Names what is there, and what was said to belong to the set before, so that a lost file is missed
+// after a change too.
+SetSettings make_settings(const SetFiles &set) {
+    SetSettings settings{*set.sku, {}, {}, {}};
+    for (const SetMember &member : set_members) {
+        const bool is_there = !(set.*member.content).empty();
+        const bool is_counted =
+            std::find(set.members.begin(), set.members.end(), member.name) != set.members.end();
+        if (is_counted || is_there) {
+            settings.members.push_back(member.name);
+        }
+        if (is_there && member.is_table) {
+            settings.checksums[member.name] = checksums_to_record(set, member);
+        }
+    }
+    return settings;
 }
 
 // An unchanged file is left alone, so that its time of change tells the truth.
@@ -131,22 +157,10 @@ std::optional<SetSettings> SetFolder::settings() const {
     if (!fs::exists(path)) {
         return std::nullopt;
     }
-    const auto json = nlohmann::json::parse(read_file(path, max_settings_size), nullptr, false);
-    const auto bad_if = [&](bool bad) {
-        if (bad) {
-            throw Failure(path.string() +
-                          ": not of the form {\"sku\": NUMBER, \"members\": [NAME, ...]}");
-        }
-    };
-    bad_if(!json.is_object() || !json.contains("sku") || !json["sku"].is_number_unsigned());
-    bad_if(json["sku"].get<uint64_t>() > std::numeric_limits<uint32_t>::max());
-    SetSettings settings{json["sku"].get<uint32_t>(), {}};
-    if (json.contains("members")) {
-        bad_if(!json["members"].is_array());
-        for (const auto &name : json["members"]) {
-            bad_if(!name.is_string());
-            settings.members.push_back(name.get<std::string>());
-        }
+    auto settings = read_settings(read_file(path, max_settings_size));
+    if (!settings) {
+        throw Failure(path.string() + ": not of the form {\"sku\": NUMBER, \"members\": [NAME, "
+                                      "...], \"checksums\": {...}}");
     }
     return settings;
 }
@@ -165,6 +179,7 @@ SetFiles SetFolder::load() {
     if (auto said = settings()) {
         set.sku = said->sku;
         set.members = std::move(said->members);
+        set.changed_tables = changed_tables(set, said->checksums);
     }
     return set;
 }
@@ -183,7 +198,7 @@ void SetFolder::save(const SetFiles &set, const std::function<void()> &before_de
             add(member.name, absent ? std::nullopt : std::optional(content));
         }
     }
-    add(settings_name, set.sku ? std::optional(make_settings(set)) : std::nullopt);
+    add(settings_name, set.sku ? std::optional(to_bytes(make_settings(set))) : std::nullopt);
     commit(path_, changes, before_decision);
 }
 

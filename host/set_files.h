@@ -1,19 +1,28 @@
 // A set: a folder with the inputs of one start-up of the library, "orvel.cfg", "vync.cfg",
 // "ftbl.bin", "qfs.img" and "efs.img", of which all but the first and the third may be absent, and
-// "set.json", which remembers the SKU that the set is used with and the files that belong to it.
+// "set.json", which remembers the SKU that the set is used with, the files that belong to it, and
+// checksums of its tables.
 #pragma once
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "host/set_settings.h"
 #include "host/system.h"
 #include "image/bytes.h"
 
 namespace dolm {
+
+// A table that is not what "set.json" has checksums of.
+struct ChangedTable {
+    Checksums recorded;
+    Checksums found;
+};
 
 // The files of a set in memory; an absent one is empty.
 struct SetFiles {
@@ -24,6 +33,7 @@ struct SetFiles {
     Bytes efs_image;
     std::optional<uint32_t> sku;      // from "set.json"
     std::vector<std::string> members; // names of files that "set.json" counts on, there or not
+    std::map<std::string, ChangedTable> changed_tables; // by name
 };
 
 // The largest sizes that make sense, so that a file of another kind is refused by its size alone.
@@ -36,23 +46,18 @@ struct SetMember {
     const char *name;
     Bytes SetFiles::*content;
     bool mandatory;
+    bool is_table; // only dolm changes it, and it has no checksums of its own
     uint64_t max_size;
 };
 
 inline constexpr SetMember set_members[] = {
-    {"orvel.cfg", &SetFiles::orvel_cfg, true, max_table_size},
-    {"vync.cfg", &SetFiles::vync_cfg, false, max_table_size},
-    {"ftbl.bin", &SetFiles::ftbl, true, max_table_size},
-    {"qfs.img", &SetFiles::qfs_image, false, max_image_size},
-    {"efs.img", &SetFiles::efs_image, false, max_image_size},
+    {"orvel.cfg", &SetFiles::orvel_cfg, true, true, max_table_size},
+    {"vync.cfg", &SetFiles::vync_cfg, false, true, max_table_size},
+    {"ftbl.bin", &SetFiles::ftbl, true, true, max_table_size},
+    {"qfs.img", &SetFiles::qfs_image, false, false, max_image_size},
+    {"efs.img", &SetFiles::efs_image, false, false, max_image_size},
 };
 inline constexpr const char *settings_name = "set.json";
-
-// What "set.json" says.
-struct SetSettings {
-    uint32_t sku = 0;
-    std::vector<std::string> members; // empty if it does not name them
-};
 
 // Reads a file, a device or a pipe, standard input for "-". Throws Failure if that fails or there
 // are more than max_size bytes.

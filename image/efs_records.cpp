@@ -49,17 +49,23 @@ bool record_is_good(std::span<const uint8_t> record, uint32_t logical, uint32_t 
     return crc16(head, record.subspan(record_head_size, payload)) == get_le16(record, 2);
 }
 
-// The checksum is linear: a wrong byte leaves its difference in the register, and the bytes behind
-// it move that on as zeros do.
 std::optional<WrongByte> wrong_byte(std::span<const uint8_t> bytes) {
     const size_t size = bytes.size() - 4;
-    uint32_t difference = crc32(bytes.first(size)) ^ get_le32(bytes, size);
+    const uint32_t checksum = get_le32(bytes, size);
+    const uint32_t difference = crc32(bytes.first(size)) ^ checksum;
     for (size_t i = 0; i < 4; ++i) {
         if ((difference & ~(uint32_t{0xFF} << (8 * i))) == 0) {
             return WrongByte{size + i, static_cast<uint8_t>(difference >> (8 * i))};
         }
     }
-    for (size_t i = size; i > 0; --i) {
+    return wrong_byte(bytes.first(size), checksum);
+}
+
+// The checksum is linear: a wrong byte leaves its difference in the register, and the bytes behind
+// it move that on as zeros do.
+std::optional<WrongByte> wrong_byte(std::span<const uint8_t> bytes, uint32_t checksum) {
+    uint32_t difference = crc32(bytes) ^ checksum;
+    for (size_t i = bytes.size(); i > 0; --i) {
         difference = step_back(difference);
         if (difference < 256) {
             return WrongByte{i - 1, static_cast<uint8_t>(difference)};

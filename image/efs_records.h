@@ -53,4 +53,7 @@ struct WrongByte {
 };
 std::optional<WrongByte> wrong_byte(std::span<const uint8_t> bytes);
 
+// The same for bytes that had another checksum, in which nothing is wrong.
+std::optional<WrongByte> wrong_byte(std::span<const uint8_t> bytes, uint32_t checksum);
+
 } // namespace dolm::efs

@@ -121,6 +121,13 @@ class Check : public testing::Test {
     }
     void TearDown() override { fs::remove_all(folder); }
 
+    // As a user or an older dolm writes it.
+    void take_checksums_away() const {
+        json settings = json::parse(read_whole(set / "set.json"));
+        settings.erase("checksums");
+        write_whole(set / "set.json", settings.dump());
+    }
+
     // What the sample by itself does not give.
     std::vector<Finding> check() const {
         testing::internal::CaptureStderr();
@@ -149,6 +156,7 @@ class Check : public testing::Test {
 
 TEST_F(Check, TheFirstFindingNamesTheDamage) {
     size_t damages = 0;
+    take_checksums_away();
     for (const json &damage : json::parse(read_whole(DOLM_CHECK_DAMAGES))) {
         SCOPED_TRACE(damage.dump());
         const std::string member = damage["in"];
@@ -165,6 +173,49 @@ TEST_F(Check, TheFirstFindingNamesTheDamage) {
         ++damages;
     }
     EXPECT_GE(damages, 60U);
+}
+
+// What no rule tells from a good table, the checksums do: one finding, at the very byte.
+TEST_F(Check, TablesAreWhatDolmWroteOrTheChangeIsFound) {
+    const struct {
+        const char *member;
+        const char *at;
+        const char *bytes;
+        const char *place;
+        const char *nvar;
+    } changes[] = {
+        {"orvel.cfg", "ntp.example", "6d", "value of record", "/home/net/ntp"},
+        {"orvel.cfg", "4 + 12 * 20 + 10", "01", "opaque word of record 20", "/home/net/gateway"},
+        {"vync.cfg", "gateway-17", "68", "value of record 4", "/home/net/hostname"},
+        {"vync.cfg", "3", "01", "0x3, head", ""},
+        {"ftbl.bin", "4", "01", "0x4, head", ""},
+        {"ftbl.bin", "/home/net/hostname + 16", "63", "name of entry 11 of SKU 1",
+         "/home/net/hostnace"},
+        {"ftbl.bin", "/home/test/scratch + 64", "01", "max_size of entry", "/home/test/scratch"},
+        {"ftbl.bin", "EFST + 16 + 32", "63", "wear_leveling_threshold in the EFST row of SKU 1",
+         ""},
+        {"ftbl.bin", "EFST + 96 + 54", "ff", "max_size of EFST file record 0",
+         "/home/radio/cal/rx"},
+        {"orvel.cfg", "ntp.example", "6e65772e74696d65", "value of record", "/home/net/ntp"},
+        {"ftbl.bin", "/home/test/scratch + 49", "ffffff", "entry 44 of SKU 1",
+         "/home/test/scratch"},
+    };
+    for (const auto &change : changes) {
+        SCOPED_TRACE(std::string(change.member) + ", " + change.place);
+        const std::string content = read_whole(set / change.member);
+        const std::string changed = damaged(content, {{"at", change.at}, {"set", change.bytes}});
+        ASSERT_NE(changed, content);
+        const std::vector<Finding> findings = check_with(change.member, changed);
+        ASSERT_FALSE(findings.empty());
+        EXPECT_EQ(findings[0].severity, Finding::Severity::error);
+        EXPECT_EQ(findings[0].cause.file, change.member);
+        EXPECT_NE(findings[0].cause.place.find(change.place), std::string::npos)
+            << line_of(findings[0]);
+        EXPECT_EQ(findings[0].cause.nvar, change.nvar) << line_of(findings[0]);
+        for (size_t i = 1; i < findings.size(); ++i) {
+            EXPECT_EQ(findings[i].severity, Finding::Severity::note) << line_of(findings[i]);
+        }
+    }
 }
 
 // Thousands of random damages were tried by hand; these few keep the rule: whatever the bytes, the

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <set>
 #include <tuple>
 
@@ -57,6 +58,25 @@ void Findings::follow(std::initializer_list<const char *> files, Remark remark) 
         }
     }
     error(std::move(remark));
+}
+
+Finding &Findings::explain(Remark cause, const std::function<bool(const Finding &)> &follows) {
+    Finding explained{.cause = std::move(cause)};
+    std::deque<Finding> others;
+    for (Finding &finding : found_) {
+        if (!follows(finding)) {
+            others.push_back(std::move(finding));
+            continue;
+        }
+        if (key_of(finding.cause) != key_of(explained.cause)) {
+            explained.consequences.push_back(std::move(finding.cause));
+        }
+        std::move(finding.consequences.begin(), finding.consequences.end(),
+                  std::back_inserter(explained.consequences));
+    }
+    others.push_front(std::move(explained));
+    found_ = std::move(others);
+    return found_.front();
 }
 
 void Findings::note(Remark remark) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -39,6 +40,11 @@ class Findings {
     void follow(std::initializer_list<const char *> files, Remark remark);
 
     void note(Remark remark);
+
+    // A new error before all others; the findings so far for which that is so follow from it.
+    Finding &explain(Remark cause, const std::function<bool(const Finding &)> &follows);
+
+    const std::deque<Finding> &all() const { return found_; }
 
     bool has_error_in(const std::string &file) const;
     bool has_error_about(const std::string &file, const std::string &subject);

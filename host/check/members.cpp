@@ -72,9 +72,26 @@ class Loader {
             }
             view_.files.sku = settings->sku;
             view_.files.members = settings->members;
+            view_.checksums = settings->checksums;
+            tell_unknown(*settings);
         } catch (const Failure &failure) {
             error(settings_name, without_path(failure.what(), settings_name),
                   "write {\"sku\": NUMBER} into it, or name the SKU with --sku");
+        }
+    }
+
+    void tell_unknown(const SetSettings &settings) {
+        for (const std::string &field : settings.unknown) {
+            findings_.note({settings_name, field, "is no field that this dolm knows"});
+        }
+        std::set<std::string> named(settings.members.begin(), settings.members.end());
+        for (const auto &[name, checksums] : settings.checksums) {
+            named.insert(name);
+        }
+        for (const std::string &name : named) {
+            if (!is_member_name(name)) {
+                error(settings_name, "counts on " + name + ", which is no file of a set", "");
+            }
         }
     }
 

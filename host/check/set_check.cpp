@@ -31,8 +31,8 @@ SetReport check_members(SetView &view, std::optional<uint32_t> sku, Findings fin
     check_afs(view, findings);
     check_efs(view, findings);
     check_efs_overlaps(view, findings);
-
     check_deployment(view, findings);
+    check_changes(view, findings);
     for (const uint32_t each : view.skus) {
         try_running(view, each, findings);
     }

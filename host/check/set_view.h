@@ -25,9 +25,10 @@ inline constexpr const char *qfs_img = "qfs.img";
 inline constexpr const char *efs_img = "efs.img";
 
 struct SetView {
-    SetFiles files;             // a member that cannot be used is empty
-    std::vector<uint32_t> skus; // to be checked, each with a row in the file table
-    FileTable table;            // lies in files.ftbl, as all that follows lies in files
+    SetFiles files;                             // a member that cannot be used is empty
+    std::map<std::string, Checksums> checksums; // of tables, as "set.json" has them
+    std::vector<uint32_t> skus;                 // to be checked, each with a row in the file table
+    FileTable table; // lies in files.ftbl, as all that follows lies in files
     FcsStore base;
     FcsStore overrides;
     AfsImage afs;                              // without files if there is no image
@@ -70,6 +71,10 @@ void check_efs_overlaps(const SetView &view, Findings &findings);
 
 // The files of the NVARs in flash: whether they are there, and what the tables say of them.
 void check_deployment(const SetView &view, Findings &findings);
+
+// Tables that are no more what dolm wrote, as "set.json" knows it: what was found so far is put
+// under the change from which it comes.
+void check_changes(const SetView &view, Findings &findings);
 
 // Starts the library up with a SKU on a copy, reads every file, ends with a termination and starts
 // up again on what that left.

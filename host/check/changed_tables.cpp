@@ -1,0 +1,188 @@
+// Tables that are not what dolm wrote: "set.json" has checksums of them, block by block.
+#include <algorithm>
+#include <cstdlib>
+
+#include "host/check/set_view.h"
+#include "host/check/table_spot.h"
+#include "image/efs_records.h"
+
+namespace dolm {
+
+namespace {
+
+struct Changed {
+    const SetMember *member;
+    const Bytes *bytes;
+    const Checksums *recorded;
+    std::vector<size_t> blocks;
+
+    const char *file() const { return member->name; }
+    bool has_size() const { return bytes->size() == recorded->size; }
+    // Hardly anything of it is left.
+    bool is_another() const { return blocks.size() > recorded->crc32s.size() / 2 + 1; }
+    size_t begin() const { return blocks.front() * recorded->block; }
+    size_t end() const {
+        return std::min<size_t>((blocks.back() + 1) * recorded->block, bytes->size());
+    }
+};
+
+class ChangeCheck {
+  public:
+    ChangeCheck(const SetView &view, Findings &findings) : view_(view), findings_(findings) {}
+
+    void run() {
+        for (const SetMember &member : set_members) {
+            const auto recorded = view_.checksums.find(member.name);
+            if (recorded != view_.checksums.end() && !(view_.files.*member.content).empty()) {
+                compare(member, recorded->second);
+            }
+        }
+        const auto others =
+            std::count_if(changed_.begin(), changed_.end(),
+                          [](const Changed &changed) { return changed.is_another(); });
+        if (others > 1 && sound_.empty()) {
+            tell_other_settings();
+            return;
+        }
+        for (const Changed &changed : changed_) {
+            tell(changed);
+        }
+    }
+
+  private:
+    void compare(const SetMember &member, const Checksums &recorded) {
+        const Bytes &bytes = view_.files.*member.content;
+        Changed changed{&member, &bytes, &recorded, changed_blocks(bytes, recorded)};
+        const bool is_whole = changed.has_size() && efs::crc32(bytes) == recorded.whole;
+        if (is_whole != (changed.has_size() && changed.blocks.empty())) {
+            findings_.error({settings_name, "checksums",
+                             std::string("those of the blocks of ") + member.name +
+                                 " and that of the whole file contradict each other"});
+        }
+        if (is_whole || (changed.has_size() && changed.blocks.empty())) {
+            sound_.insert(member.name);
+        } else {
+            changed_.push_back(std::move(changed));
+        }
+    }
+
+    void tell_other_settings() {
+        findings_.explain({settings_name, "checksums",
+                           "none of the tables is one that it has checksums of: it belongs to "
+                           "another set"},
+                          [](const Finding &finding) {
+                              return finding.cause.file == settings_name &&
+                                     finding.severity == Finding::Severity::error;
+                          });
+    }
+
+    void tell(const Changed &changed) {
+        Remark cause = cause_of(changed);
+        Finding &finding = findings_.explain(
+            cause, [&](const Finding &other) { return follows(other, changed, cause); });
+        finding.advice = std::string("bring the file back; if the change was meant, take ") +
+                         changed.file() + " out of \"checksums\" in set.json";
+    }
+
+    Remark cause_of(const Changed &changed) const {
+        const char *file = changed.file();
+        if (!changed.has_size()) {
+            const size_t end = std::min<size_t>(changed.bytes->size(), changed.recorded->size);
+            return {file, changed.is_another() ? "" : at_offset(end, "end of the file"),
+                    "has " + counted(changed.bytes->size(), "byte") + ", and " +
+                        std::to_string(changed.recorded->size) + " when dolm wrote it" +
+                        (changed.is_another() ? ": it belongs to another set" : "")};
+        }
+        if (changed.is_another()) {
+            return {file, "", "has hardly a byte as dolm wrote it: it belongs to another set"};
+        }
+        if (const auto wrong = wrong_byte(changed)) {
+            const TableSpot spot = spot_at(view_, file, wrong->at);
+            const uint8_t byte = (*changed.bytes)[wrong->at];
+            return {file, at_offset(wrong->at, spot.what),
+                    "the byte is " + hex(byte) + ", and was " + hex(byte ^ wrong->bits) +
+                        " when dolm wrote the file",
+                    spot.nvar};
+        }
+        if (const Finding *inside = finding_inside(changed)) {
+            return inside->cause;
+        }
+        return {file, place_of(changed), "not all bytes are those that dolm wrote"};
+    }
+
+    std::string place_of(const Changed &changed) const {
+        const std::string first = spot_at(view_, changed.file(), changed.begin()).what;
+        const std::string last = spot_at(view_, changed.file(), changed.end() - 1).what;
+        return hex(changed.begin()) + " to " + hex(changed.end() - 1) + ", " + first +
+               (last == first ? "" : " to " + last);
+    }
+
+    static std::optional<efs::WrongByte> wrong_byte(const Changed &changed) {
+        if (changed.blocks.size() != 1) {
+            return std::nullopt;
+        }
+        const size_t block = changed.blocks.front();
+        auto wrong = efs::wrong_byte(block_of(*changed.bytes, *changed.recorded, block),
+                                     changed.recorded->crc32s[block]);
+        if (wrong) {
+            wrong->at += block * changed.recorded->block;
+        }
+        return wrong;
+    }
+
+    // What else was found where the bytes have changed, an error first.
+    const Finding *finding_inside(const Changed &changed) const {
+        const Finding *note = nullptr;
+        for (const Finding &finding : findings_.all()) {
+            const size_t at = std::strtoull(finding.cause.place.c_str(), nullptr, 16);
+            if (finding.cause.file != changed.file() || !finding.cause.place.starts_with("0x") ||
+                !std::binary_search(changed.blocks.begin(), changed.blocks.end(),
+                                    at / changed.recorded->block)) {
+                continue;
+            }
+            if (finding.severity == Finding::Severity::error) {
+                return &finding;
+            }
+            note = note == nullptr ? &finding : note;
+        }
+        return note;
+    }
+
+    // Errors about what is sound by itself come of the table that is not.
+    bool follows(const Finding &finding, const Changed &changed, const Remark &cause) const {
+        const Remark &remark = finding.cause;
+        if (finding.severity == Finding::Severity::note) {
+            return remark.file == changed.file() &&
+                   (remark.place == cause.place ||
+                    (remark.nvar == cause.nvar && !remark.nvar.empty()));
+        }
+        const bool is_of_image = (remark.file == qfs_img && !view_.files.qfs_image.empty() &&
+                                  view_.afs.damages.empty()) ||
+                                 (remark.file == efs_img && has_sound_efs());
+        return remark.file == changed.file() || sound_.contains(remark.file) || is_of_image ||
+               remark.file == "the set" || (remark.file == settings_name && remark.place == "sku");
+    }
+
+    bool has_sound_efs() const {
+        using Rule = EfsDamage::Rule;
+        return !view_.files.efs_image.empty() &&
+               std::none_of(view_.efs.damages.begin(), view_.efs.damages.end(),
+                            [](const EfsDamage &damage) {
+                                return damage.rule == Rule::mapping || damage.rule == Rule::block ||
+                                       damage.rule == Rule::entry || damage.rule == Rule::erased;
+                            });
+    }
+
+    const SetView &view_;
+    Findings &findings_;
+    std::set<std::string> sound_; // tables that are what dolm wrote
+    std::vector<Changed> changed_;
+};
+
+} // namespace
+
+void check_changes(const SetView &view, Findings &findings) {
+    ChangeCheck(view, findings).run();
+}
+
+} // namespace dolm
