@@ -53,6 +53,30 @@ struct ChangeOptions : SetOptions {
 };
 void set_nvars(const ChangeOptions &options);
 
+struct ExportOptions {
+    std::filesystem::path folder;
+    std::filesystem::path output;
+    bool replace = false; // files that lie in the output already
+    double lock_timeout = default_lock_timeout;
+};
+// Throws Failure if damage hides something; the rest has been written then.
+void export_set(const ExportOptions &options);
+
+struct ExtractOptions : SetOptions {
+    std::vector<std::string> names;
+    bool all = false;
+    std::filesystem::path output; // a folder, or - for the content of one file
+    bool with_trailer = false;
+};
+// Throws Failure if a file cannot be had; the others have been written then.
+void extract_files(const ExtractOptions &options);
+
+struct ImportOptions : SetOptions {
+    std::vector<std::string> pairs; // NAME=FILE
+    bool with_trailer = false;      // stands in the files
+};
+void import_files(const ImportOptions &options);
+
 struct ImageOptions {
     std::filesystem::path path;
     std::optional<std::filesystem::path> ftbl;

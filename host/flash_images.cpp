@@ -11,8 +11,6 @@ namespace dolm {
 
 namespace {
 
-constexpr uint8_t trailer_filler = 0x5A;
-
 // Formats the image in place. The first mount finds nothing and only attaches it.
 void format_efs(Bytes &image) {
     EFS_init_tools(image.data());
@@ -24,7 +22,12 @@ void format_efs(Bytes &image) {
 
 Bytes flash_content(const ManifestFile &file) {
     Bytes content = file.flash->bytes();
-    content.resize(content.size() + trailer_length(file.attributes), trailer_filler);
+    if (file.trailer) {
+        const Bytes trailer = file.trailer->bytes();
+        content.insert(content.end(), trailer.begin(), trailer.end());
+    } else {
+        content.resize(content.size() + trailer_length(file.attributes), trailer_filler);
+    }
     return content;
 }
 
@@ -34,7 +37,7 @@ Bytes make_qfs_image(const Manifest &manifest) {
     }
     std::vector<AfsFileInput> inputs;
     for (const ManifestFile &file : manifest.files) {
-        if (file.store == Store::afs && file.flash) {
+        if (file.is_in_afs() && file.flash) {
             inputs.push_back({file.id, flash_content(file)});
         }
     }
@@ -46,16 +49,18 @@ Bytes make_qfs_image(const Manifest &manifest) {
 }
 
 Bytes make_efs_image(const Manifest &manifest, const Bytes &ftbl) {
-    if (!manifest.efs) {
+    const EfsSection *section = manifest.efs_image_section();
+    if (section == nullptr) {
         return {};
     }
-    require_done(
-        load_file_table(ftbl.data(), manifest.default_sku, static_cast<uint32_t>(ftbl.size())),
-        "load_file_table");
+    const uint32_t sku =
+        section->has_sku(manifest.default_sku) ? manifest.default_sku : section->skus.front();
+    require_done(load_file_table(ftbl.data(), sku, static_cast<uint32_t>(ftbl.size())),
+                 "load_file_table");
     Bytes image(EFS_get_efs_size(), 0xFF);
     format_efs(image);
     for (const ManifestFile &file : manifest.files) {
-        if (file.store == Store::efs && file.flash) {
+        if (file.is_in_efs() && file.flash) {
             Bytes content = flash_content(file);
             const auto size = static_cast<uint32_t>(content.size());
             content.push_back(0); // so that the data of an empty file is not null

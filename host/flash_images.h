@@ -6,6 +6,9 @@
 
 namespace dolm {
 
+// What a trailer holds if nobody says.
+inline constexpr uint8_t trailer_filler = 0x5A;
+
 // What the file has in its store: the flash content and, where it has one, the trailer.
 Bytes flash_content(const ManifestFile &file);
 

@@ -66,7 +66,7 @@ class FormCheck : public nlohmann::json_sax<Json> {
 
   private:
     static constexpr size_t max_depth = 64;
-    static constexpr size_t max_members = 64; // of an object
+    static constexpr size_t max_members = 24; // of an inner object
     static constexpr size_t max_key = 256;
     static constexpr size_t max_text = size_t{1} << 20; // the longest content in hexadecimal
 

@@ -120,6 +120,47 @@ void add_set(CLI::App &app) {
     });
 }
 
+void add_export(CLI::App &app) {
+    auto *command = app.add_subcommand(
+        "export", "Write a set as a manifest and a file for each value, which build takes");
+    auto options = std::make_shared<dolm::ExportOptions>();
+    command->add_option("SET", options->folder, "Folder of the set")->required();
+    command->add_option("DIR", options->output, "Folder for manifest.json and the values")
+        ->required();
+    command->add_flag("--replace", options->replace, "Write over what lies in DIR");
+    add_lock_timeout(*command, options->lock_timeout);
+    command->callback([options] { dolm::export_set(*options); });
+}
+
+void add_extract(CLI::App &app) {
+    auto *command = app.add_subcommand("extract", "Write files of the flash stores into a folder");
+    auto options = std::make_shared<dolm::ExtractOptions>();
+    add_set_options(*command, *options);
+    command->add_option("NAME", options->names,
+                        "Names, with or without /home/ in front, patterns ('net/*'), or numbers "
+                        "with the class on top (0x10000021)");
+    command->add_flag("--all", options->all, "Every file of both stores");
+    command
+        ->add_option("-o,--output", options->output,
+                     "Folder for the files (- for one file on standard output)")
+        ->required();
+    command->add_flag("--trailer", options->with_trailer, "With what follows the value");
+    command->callback([options] { dolm::extract_files(*options); });
+}
+
+void add_import(CLI::App &app) {
+    auto *command = app.add_subcommand("import", "Write files into the flash stores of a set");
+    auto options = std::make_shared<dolm::ImportOptions>();
+    add_set_options(*command, *options);
+    command
+        ->add_option("NAME=FILE", options->pairs,
+                     "A name or number as for extract, and the file with its content")
+        ->required();
+    command->add_flag("--trailer", options->with_trailer,
+                      "The files hold the trailer too; without it the one in flash stays");
+    command->callback([options] { dolm::import_files(*options); });
+}
+
 void add_table_options(CLI::App &command, dolm::ImageOptions &options) {
     command.add_option("--ftbl", options.ftbl,
                        "File table with the geometry of an EFS image and the names of files; "
@@ -248,6 +289,9 @@ void run(int argc, char **argv) {
     add_list(app);
     add_get(app);
     add_set(app);
+    add_export(app);
+    add_extract(app);
+    add_import(app);
     add_history(app);
     add_inspect(app);
     add_check(app);

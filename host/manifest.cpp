@@ -20,7 +20,8 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr uint32_t max_u32 = 0xFFFFFFFF;
-constexpr size_t max_members = 64;
+constexpr size_t max_members = 24;
+constexpr uint64_t max_manifest_size = uint64_t{32} << 20;
 constexpr uint32_t default_efs_files = 16;
 constexpr uint32_t default_afs_files = 1024;
 
@@ -33,17 +34,20 @@ class Reader {
         JsonObject top(json, "", problems);
         top.member("description");
         Manifest manifest;
-        manifest.skus = skus(top, "skus");
+        manifest.skus = skus(top, "skus").value_or(std::vector<uint32_t>());
         if (manifest.skus.empty()) {
             problems.add("/skus", "at least one SKU is needed");
             manifest.skus.push_back(0);
+        }
+        if (manifest.as_found = top.flag("as_found", false); manifest.as_found) {
+            problems.let_doubts_pass();
         }
         manifest.default_sku = top.number("default_sku", 0, max_u32, manifest.skus.front());
         if (const Json *section = top.member("afs")) {
             manifest.afs = afs(*section);
         }
         if (const Json *section = top.member("efs")) {
-            manifest.efs = efs(*section);
+            manifest.efs = efs_sections(*section, manifest.skus);
         }
         if (const Json *files = top.member("files"); files != nullptr && files->is_array()) {
             for (size_t i = 0; i < files->size(); ++i) {
@@ -59,11 +63,12 @@ class Reader {
     }
 
   private:
-    std::vector<uint32_t> skus(JsonObject &object, std::string_view key) {
+    // Nothing if they are not given.
+    std::optional<std::vector<uint32_t>> skus(JsonObject &object, std::string_view key) {
         std::vector<uint32_t> skus;
         const Json *list = object.member(key);
         if (list == nullptr) {
-            return skus;
+            return std::nullopt;
         }
         if (!list->is_array()) {
             problems.add(object.at(key), "an array of SKU numbers is needed here");
@@ -90,54 +95,119 @@ class Reader {
         layout.device_size = section.number("size", 0, max_u32, std::nullopt);
         layout.data_eus = section.number("data_units", 0, max_u32, std::nullopt);
         layout.file_count = section.number("file_count", 0, max_u32, default_afs_files);
+        layout.total_va_size = section.number("total_va_size", 0, max_u32, 0);
+        layout.fs_version = section.number("fs_version", 0, max_u32, 0);
         section.refuse_unknown_members();
         return layout;
     }
 
-    EfsGeometry efs(const Json &json) {
-        JsonObject section(json, "/efs", problems);
+    // One section for all SKUs, or a list of them.
+    std::vector<EfsSection> efs_sections(const Json &json, const std::vector<uint32_t> &all_skus) {
+        if (!json.is_array()) {
+            return {efs_section(json, "/efs", all_skus)};
+        }
+        std::vector<EfsSection> sections;
+        for (size_t i = 0; i < json.size(); ++i) {
+            sections.push_back(efs_section(json[i], "/efs/" + std::to_string(i), all_skus));
+        }
+        return sections;
+    }
+
+    EfsSection efs_section(const Json &json, const std::string &place,
+                           const std::vector<uint32_t> &all_skus) {
+        JsonObject object(json, place, problems);
+        EfsSection section{place, skus(object, "skus").value_or(all_skus)};
         const EfsGeometry defaults;
-        EfsGeometry geometry;
-        geometry.bm_num = section.number("bm_num", 1, 255, defaults.bm_num);
-        geometry.valid_blocks = section.number("valid", 1, 255, defaults.valid_blocks);
-        geometry.spare_blocks = section.number("non_valid", 0, 255, defaults.spare_blocks);
-        geometry.files_num = section.number("files_num", 1, 2048, 0);
+        EfsGeometry &geometry = section.geometry;
+        geometry.bm_num = object.number("bm_num", 1, 255, defaults.bm_num);
+        geometry.valid_blocks = object.number("valid", 1, 255, defaults.valid_blocks);
+        geometry.spare_blocks = object.number("non_valid", 0, 255, defaults.spare_blocks);
+        geometry.files_num = object.number("files_num", 1, max_files, 0);
         geometry.wear_threshold =
-            section.number("wear_threshold", 0, max_u32, defaults.wear_threshold);
-        geometry.layout_id = section.number("layout_id", 0, 255, defaults.layout_id);
-        section.refuse_unknown_members();
-        return geometry;
+            object.number("wear_threshold", 0, max_u32, defaults.wear_threshold);
+        geometry.layout_id = object.number("layout_id", 0, 255, defaults.layout_id);
+        section.has_image = object.flag("image", true);
+        if (const Json *places = object.member("places")) {
+            section.places = efs_places(*places, object.at("places"));
+        }
+        object.refuse_unknown_members();
+        return section;
+    }
+
+    std::vector<EfsSlot> efs_places(const Json &json, const std::string &place) {
+        std::vector<EfsSlot> slots;
+        if (!json.is_array()) {
+            problems.add(place, "an array of places is needed here");
+            return slots;
+        }
+        for (size_t i = 0; i < json.size(); ++i) {
+            JsonObject object(json[i], place + "/" + std::to_string(i), problems);
+            const auto id = static_cast<uint16_t>(object.number("id", 0, 0xFFFF, std::nullopt));
+            slots.push_back({id, efs_placement(object, std::nullopt)});
+            object.refuse_unknown_members();
+        }
+        return slots;
+    }
+
+    EfsPlacement efs_placement(JsonObject &object, std::optional<uint32_t> default_size) {
+        EfsPlacement placement;
+        placement.block = object.number("block", 0, 255, std::nullopt);
+        placement.offset = object.number("offset", 0, efs::record_room, 0);
+        placement.max_size = object.number("max_size", 0, max_u32, default_size);
+        return placement;
     }
 
     ManifestFile file(const Json &json, const std::string &place,
                       const std::vector<uint32_t> &all_skus) {
         JsonObject object(json, place, problems);
-        object.member("comment");
         ManifestFile file;
-        file.place = place;
-        file.name = name(object);
-        file.number = object.number("number", 0, 0x0FFFFFFF, std::nullopt) |
-                      object.number("class", 0, 15, 0) << 28;
-        file.skus = skus(object, "skus");
-        if (file.skus.empty()) {
-            file.skus = all_skus;
+        if (const Json *comment = object.member("comment"); comment && comment->is_string()) {
+            file.comment = comment->get<std::string>();
         }
+        file.place = place;
+        file.skus = skus(object, "skus").value_or(all_skus);
+        // What stands in no table needs nothing that only a table has.
+        const bool is_listed = !file.skus.empty();
+        file.name = name(object, is_listed);
+        file.number = object.number("number", 0, 0x0FFFFFFF, optional_if(!is_listed)) |
+                      object.number("class", 0, 15, 0) << 28;
         file.attributes = attributes(object);
         file.base = value(object, "base");
+        file.base_opaque = opaque(object, "base_opaque", file.base);
         file.override_value = value(object, "override");
-        file.max_size = object.number("max_size", 0, max_u32, std::nullopt);
+        file.override_opaque = opaque(object, "override_opaque", file.override_value);
+        file.max_size = object.number("max_size", 0, max_u32, optional_if(!is_listed));
         placement(object, file);
         object.refuse_unknown_members();
         return file;
     }
 
-    std::string name(JsonObject &object) {
-        const Json *value = object.member("name");
-        if (value == nullptr || !value->is_string()) {
+    // The fallback of a number that may be absent.
+    static std::optional<uint32_t> optional_if(bool may_be_absent) {
+        return may_be_absent ? std::optional(0u) : std::nullopt;
+    }
+
+    // A text, or a VALUE where it is none.
+    std::string name(JsonObject &object, bool is_listed) {
+        const Json *json = object.member("name");
+        if (json == nullptr && !is_listed) {
+            return {};
+        }
+        if (json == nullptr || !(json->is_string() || json->is_object())) {
             problems.add(object.at("name"), "a name is needed here");
             return {};
         }
-        return value->get<std::string>();
+        const auto content = values.read(*json, object.at("name"));
+        return content && content->size() <= max_content ? std::string(to_text(content->bytes()))
+                                                         : "";
+    }
+
+    uint16_t opaque(JsonObject &object, std::string_view key, const std::optional<Content> &value) {
+        const uint32_t word = object.number(key, 0, 0xFFFF, 0);
+        if (word != 0 && !value) {
+            problems.add(object.at(key), "there is no value whose record could have it");
+        }
+        return static_cast<uint16_t>(word);
     }
 
     // The attribute word: the plain bits of "attributes" with those that "trailer" and "pulled"
@@ -164,18 +234,14 @@ class Reader {
 
     // Store, id, content in flash and place in EFS.
     void placement(JsonObject &object, ManifestFile &file) {
-        const Json *store = object.member("store");
-        const std::string name = store == nullptr     ? "none"
-                                 : store->is_string() ? store->get<std::string>()
-                                                      : "";
-        if (name == "afs" || name == "efs") {
-            file.store = name == "afs" ? Store::afs : Store::efs;
-            file.id = static_cast<uint16_t>(object.number("id", 0, 2047, std::nullopt));
-        } else if (name != "none") {
-            problems.add(object.at("store"), "\"afs\", \"efs\" or \"none\" is needed here");
-        }
-        if (file.store == Store::efs) {
-            file.efs = efs_place(object, file);
+        file.store = store(object);
+        const bool has_store = file.store == Store::afs || file.store == Store::efs;
+        file.id = static_cast<uint16_t>(object.number("id", 0, 2047, optional_if(!has_store)));
+        if (const Json *json = file.is_in_efs() ? object.member("efs") : nullptr) {
+            JsonObject section(*json, object.at("efs"), problems);
+            file.efs = efs_placement(section, std::min(file.max_size, max_u32 - 56) +
+                                                  trailer_length(file.attributes));
+            section.refuse_unknown_members();
         }
         const Json *flash = object.member("flash");
         if (flash != nullptr && flash->is_boolean()) {
@@ -189,23 +255,27 @@ class Reader {
         } else {
             file.flash = value(object, "flash");
         }
+        file.trailer = value(object, "trailer_content");
     }
 
-    EfsPlacement efs_place(JsonObject &object, const ManifestFile &file) {
-        EfsPlacement place;
-        const Json *json = object.member("efs");
-        if (json == nullptr) {
-            problems.add(object.place, "'efs' is missing, the file's place in EFS");
-            return place;
+    // By name, or the number of one that does not exist.
+    Store store(JsonObject &object) {
+        const Json *json = object.member("store");
+        if (json == nullptr || *json == "none") {
+            return Store::none;
         }
-        JsonObject section(*json, object.at("efs"), problems);
-        place.block = section.number("block", 0, 254, std::nullopt);
-        place.offset = section.number("offset", 0, efs::record_room, 0);
-        const uint32_t with_trailer =
-            std::min(file.max_size, max_u32 - 56) + trailer_length(file.attributes);
-        place.max_size = section.number("max_size", 0, max_u32, with_trailer);
-        section.refuse_unknown_members();
-        return place;
+        if (*json == "afs") {
+            return Store::afs;
+        }
+        if (*json == "efs") {
+            return Store::efs;
+        }
+        const auto number = to_number(*json);
+        if (!number || *number < 3 || *number > 255) {
+            problems.add(object.at("store"), "\"afs\", \"efs\" or \"none\" is needed here");
+            return Store::none;
+        }
+        return static_cast<Store>(*number);
     }
 
     std::optional<Content> value(JsonObject &object, std::string_view key) {
@@ -216,13 +286,19 @@ class Reader {
     // Without a number of slots in the manifest: as many as the ids need, and the usual number at
     // least.
     static void give_efs_its_slots(Manifest &manifest) {
-        if (!manifest.efs || manifest.efs->files_num != 0) {
-            return;
-        }
-        manifest.efs->files_num = default_efs_files;
-        for (const ManifestFile &file : manifest.files) {
-            if (file.store == Store::efs) {
-                manifest.efs->files_num = std::max(manifest.efs->files_num, file.id + 1u);
+        for (EfsSection &section : manifest.efs) {
+            uint32_t &slots = section.geometry.files_num;
+            if (slots != 0) {
+                continue;
+            }
+            slots = default_efs_files;
+            for (const ManifestFile &file : manifest.files) {
+                if (section.lists(file)) {
+                    slots = std::max(slots, file.id + 1u);
+                }
+            }
+            for (const EfsSlot &slot : section.places) {
+                slots = std::max(slots, slot.id + 1u);
             }
         }
     }
@@ -246,6 +322,23 @@ std::string name_at(const Json &manifest, const std::string &place) {
 
 } // namespace
 
+bool EfsSection::lists(const ManifestFile &file) const {
+    return file.efs &&
+           (file.skus.empty() || std::any_of(file.skus.begin(), file.skus.end(),
+                                             [&](uint32_t sku) { return has_sku(sku); }));
+}
+
+const EfsSection *Manifest::efs_image_section() const {
+    const EfsSection *chosen = nullptr;
+    for (const EfsSection &section : efs) {
+        const bool is_first = chosen == nullptr || section.has_sku(default_sku);
+        if (section.has_image && is_first) {
+            chosen = &section;
+        }
+    }
+    return chosen;
+}
+
 Manifest parse_manifest(std::string_view text, const std::string &source,
                         const std::filesystem::path &folder) {
     const Json json = parse_json_text(text, source, max_members);
@@ -262,7 +355,7 @@ Manifest parse_manifest(std::string_view text, const std::string &source,
 }
 
 Manifest load_manifest(const std::filesystem::path &path) {
-    const Bytes text = read_file(path, max_table_size);
+    const Bytes text = read_file(path, max_manifest_size);
     return parse_manifest(to_text(text), path == "-" ? "standard input" : path.string(),
                           path.parent_path());
 }

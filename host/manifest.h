@@ -2,6 +2,7 @@
 // stands in its JSON form.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -30,21 +31,35 @@ struct EfsPlacement {
     uint32_t block = 0;    // first logical block
     uint32_t offset = 0;   // of the first record, in the block's data area
     uint32_t max_size = 0; // of the file, trailer included
+
+    bool operator==(const EfsPlacement &) const = default;
 };
 
 struct ManifestFile {
-    std::string place; // JSON pointer to the description, for messages
-    std::string name;
+    std::string place = {}; // JSON pointer to the description, for messages
+    std::string name = {};
     uint32_t number = 0; // file number, the class nibble in the top four bits
     uint16_t attributes = 0;
     Store store = Store::none;
     uint16_t id = 0; // inside its store
     uint32_t max_size = 0;
-    std::vector<uint32_t> skus; // that have the file
-    std::optional<Content> base;
-    std::optional<Content> override_value;
-    std::optional<Content> flash; // in its store, without the trailer
-    EfsPlacement efs;             // for a file of EFS
+    std::vector<uint32_t> skus = {}; // that have the file; what no table has may still have values
+    std::optional<Content> base = {};
+    uint16_t base_opaque = 0; // of the record in "orvel.cfg"
+    std::optional<Content> override_value = {};
+    uint16_t override_opaque = 0;         // of the record in "vync.cfg"
+    std::optional<Content> flash = {};    // in its store, without the trailer
+    std::optional<Content> trailer = {};  // its bytes, if not the usual ones
+    std::optional<EfsPlacement> efs = {}; // for a file of EFS
+    std::string comment = {};
+
+    bool has_sku(uint32_t sku) const {
+        return std::find(skus.begin(), skus.end(), sku) != skus.end();
+    }
+    // Where a look-up of the file goes: without a store, an id leads to AFS too.
+    bool is_in_afs() const { return store == Store::afs || (store == Store::none && id != 0); }
+    bool is_in_efs() const { return store == Store::efs; }
+    bool is_in_flash() const { return flash && (is_in_afs() || is_in_efs()); }
 };
 
 struct EfsGeometry {
@@ -54,14 +69,44 @@ struct EfsGeometry {
     uint32_t files_num = 0; // file slots
     uint32_t wear_threshold = 100;
     uint32_t layout_id = 0;
+
+    bool operator==(const EfsGeometry &) const = default;
+};
+
+// A place in the list of EFS files that no file of the manifest has.
+struct EfsSlot {
+    uint16_t id = 0;
+    EfsPlacement placement = {};
+
+    bool operator==(const EfsSlot &) const = default;
+};
+
+// Geometry and file list of EFS for some SKUs. The list has the files of any of them, those of no
+// SKU, and further places.
+struct EfsSection {
+    std::string place = {}; // JSON pointer, for messages
+    std::vector<uint32_t> skus = {};
+    EfsGeometry geometry = {};
+    bool has_image = true;
+    std::vector<EfsSlot> places = {};
+
+    bool has_sku(uint32_t sku) const {
+        return std::find(skus.begin(), skus.end(), sku) != skus.end();
+    }
+    bool lists(const ManifestFile &file) const;
 };
 
 struct Manifest {
     std::vector<uint32_t> skus;
     uint32_t default_sku = 0;
+    bool as_found = false; // describes a set that is there, whatever one may think of it
     std::optional<AfsLayout> afs;
-    std::optional<EfsGeometry> efs;
+    std::vector<EfsSection> efs;
     std::vector<ManifestFile> files;
+
+    // The section that the EFS image is made by: that of the default SKU, else the first with an
+    // image; null if there is none.
+    const EfsSection *efs_image_section() const;
 };
 
 // Reads a manifest and checks it (see manifest_check.h). File names in it are taken from folder.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -25,25 +26,34 @@ std::string bytes(uint64_t count) {
     return std::to_string(count) + " bytes";
 }
 
-// Remembers the first file with each key and complains about the others.
+bool share_a_sku(const ManifestFile &one, const ManifestFile &other) {
+    return std::any_of(one.skus.begin(), one.skus.end(),
+                       [&](uint32_t sku) { return other.has_sku(sku); });
+}
+
+// Remembers the files with each key and doubts the others that one SKU has with it.
 template <typename Key>
 class Unique {
   public:
     Unique(std::string of_what, Problems &found) : what(std::move(of_what)), problems(found) {}
 
     void add(const Key &key, const ManifestFile &file, const std::string &shown) {
-        const auto [first, fresh] = seen.emplace(key, &file);
-        if (!fresh) {
-            problems.add(file.place, what + " " + shown + " is taken by " +
-                                         quoted(first->second->name) + " at " +
-                                         first->second->place);
+        std::vector<const ManifestFile *> &files = seen[key];
+        const auto first = std::find_if(files.begin(), files.end(), [&](const ManifestFile *other) {
+            return share_a_sku(*other, file);
+        });
+        if (first == files.end()) {
+            files.push_back(&file); // at most one for each SKU
+            return;
         }
+        problems.doubt(file.place, what + " " + shown + " is taken by " + quoted((*first)->name) +
+                                       " at " + (*first)->place);
     }
 
   private:
     std::string what;
     Problems &problems;
-    std::map<Key, const ManifestFile *> seen;
+    std::map<Key, std::vector<const ManifestFile *>> seen;
 };
 
 void check_uniqueness(const Manifest &manifest, Problems &problems) {
@@ -59,18 +69,61 @@ void check_uniqueness(const Manifest &manifest, Problems &problems) {
     }
 }
 
+// Remembers which files bring a content for each place where one can be.
+template <typename Key>
+class OneContent {
+  public:
+    OneContent(std::string of_what, Problems &found)
+        : what_(std::move(of_what)), problems_(found) {}
+
+    void add(const Key &key, const ManifestFile &file, const char *member) {
+        const auto [first, fresh] = seen_.emplace(key, &file);
+        if (!fresh) {
+            problems_.add(file.place + "/" + member, "the " + what_ + " has its content from " +
+                                                         quoted(first->second->name) + " at " +
+                                                         first->second->place);
+        }
+    }
+
+  private:
+    std::string what_;
+    Problems &problems_;
+    std::map<Key, const ManifestFile *> seen_;
+};
+
+// Files of different SKUs may share a number or an id, but it has one content for all of them.
+void check_contents_given_once(const Manifest &manifest, Problems &problems) {
+    OneContent<uint32_t> bases("file number in orvel.cfg", problems);
+    OneContent<uint32_t> overrides("file number in vync.cfg", problems);
+    OneContent<std::pair<bool, uint16_t>> flash_files("file in flash", problems);
+    for (const ManifestFile &file : manifest.files) {
+        if (file.base) {
+            bases.add(file.number, file, "base");
+        }
+        if (file.override_value) {
+            overrides.add(file.number, file, "override");
+        }
+        if (file.is_in_flash()) {
+            flash_files.add({file.is_in_efs(), file.id}, file, "flash");
+        }
+    }
+}
+
 void check_name(const ManifestFile &file, Problems &problems) {
     const std::string place = file.place + "/name";
-    if (file.name.empty() || file.name.find('\0') != std::string::npos) {
+    if (file.name.find('\0') != std::string::npos) {
         problems.add(place, "a name without NUL characters is needed here");
+    }
+    if (file.name.empty() && !file.skus.empty()) {
+        problems.doubt(place, "a name is needed here");
     }
     if (file.name.size() > ftbl::name_size) {
         problems.add(place, quoted(file.name) + " has " + bytes(file.name.size()) + ", at most " +
                                 std::to_string(ftbl::name_size) + " fit");
     }
-    if (file.base && !file.name.starts_with("/home/")) {
-        problems.add(place, quoted(file.name) +
-                                " could not be looked up: names of NVARs begin with /home/");
+    if (file.base && !file.skus.empty() && !file.name.starts_with("/home/")) {
+        problems.doubt(place, quoted(file.name) +
+                                  " could not be looked up: names of NVARs begin with /home/");
     }
 }
 
@@ -80,9 +133,13 @@ void check_value(const ManifestFile &file, const char *member, const std::option
         return;
     }
     const uint32_t limit = std::min(file.max_size, fcs::max_payload);
-    if (value->size() > limit) {
-        problems.add(file.place + "/" + member, "the value has " + bytes(value->size()) +
-                                                    ", over the limit of " + bytes(limit));
+    const std::string place = file.place + "/" + member;
+    const std::string text =
+        "the value has " + bytes(value->size()) + ", over the limit of " + bytes(limit);
+    if (value->size() > fcs::max_payload) {
+        problems.add(place, text);
+    } else if (value->size() > limit && !file.skus.empty()) {
+        problems.doubt(place, text);
     }
 }
 
@@ -91,7 +148,7 @@ void check_skus(const Manifest &manifest, Problems &problems) {
         return std::find(manifest.skus.begin(), manifest.skus.end(), sku) != manifest.skus.end();
     };
     if (!known(manifest.default_sku)) {
-        problems.add("/default_sku", "not one of the SKUs in /skus");
+        problems.doubt("/default_sku", "not one of the SKUs in /skus");
     }
     for (const ManifestFile &file : manifest.files) {
         for (const uint32_t sku : file.skus) {
@@ -116,23 +173,69 @@ void check_table_size(const Manifest &manifest, const char *member,
     }
 }
 
+uint32_t trailer_size(const ManifestFile &file) {
+    return file.trailer ? static_cast<uint32_t>(file.trailer->size())
+                        : trailer_length(file.attributes);
+}
+
 uint32_t flash_size(const ManifestFile &file) {
-    return static_cast<uint32_t>(file.flash->size()) + trailer_length(file.attributes);
+    return static_cast<uint32_t>(file.flash->size()) + trailer_size(file);
+}
+
+void check_trailer(const ManifestFile &file, Problems &problems) {
+    const std::string place = file.place + "/trailer_content";
+    if (file.trailer && !file.flash) {
+        problems.add(place, "there is no content in flash that could have a trailer");
+    } else if (file.trailer && file.trailer->size() != trailer_length(file.attributes)) {
+        problems.doubt(place, "the file's trailer has " + bytes(trailer_length(file.attributes)) +
+                                  ", not " + bytes(file.trailer->size()));
+    }
 }
 
 void check_afs_file(const AfsLayout &afs, const ManifestFile &file, Problems &problems) {
     if (file.id == 0) {
-        problems.add(file.place + "/id", "file 0 of AFS cannot be used: it reads as no file");
+        problems.doubt(file.place + "/id", "file 0 of AFS cannot be used: it reads as no file");
     }
     if (file.id >= afs.file_count) {
-        problems.add(file.place + "/id", "AFS has " + std::to_string(afs.file_count) +
-                                             " file slots, the last is " +
-                                             std::to_string(afs.file_count - 1));
+        const std::string text = "AFS has " + std::to_string(afs.file_count) +
+                                 " file slots, the last is " + std::to_string(afs.file_count - 1);
+        if (file.flash) {
+            problems.add(file.place + "/id", text);
+        } else {
+            problems.doubt(file.place + "/id", text);
+        }
     }
     if (file.flash && flash_size(file) > AFS_MAX_FILE_SIZE) {
         problems.add(file.place + "/flash",
                      "a file of AFS has at most " + bytes(AFS_MAX_FILE_SIZE));
     }
+}
+
+// Who has a place in the list of EFS files.
+struct EfsClaim {
+    std::string place;  // JSON pointer to the place
+    std::string holder; // JSON pointer to whom it belongs
+    std::string name;
+    uint32_t id;
+    EfsPlacement placement;
+    uint32_t content; // bytes that are to be written there
+};
+
+std::vector<EfsClaim> efs_claims(const Manifest &manifest, const EfsSection &section) {
+    std::vector<EfsClaim> claims;
+    for (const ManifestFile &file : manifest.files) {
+        if (section.lists(file)) {
+            claims.push_back({file.place + "/efs", file.place, quoted(file.name), file.id,
+                              *file.efs, file.flash ? flash_size(file) : 0});
+        }
+    }
+    for (size_t i = 0; i < section.places.size(); ++i) {
+        const EfsSlot &slot = section.places[i];
+        const std::string place = section.place + "/places/" + std::to_string(i);
+        claims.push_back(
+            {place, place, "file " + std::to_string(slot.id), slot.id, slot.placement, 0});
+    }
+    return claims;
 }
 
 // The stretches of data areas that the records of an EFS file may take: (block, begin, end). The
@@ -141,16 +244,16 @@ struct Stretch {
     uint32_t block;
     uint32_t begin;
     uint32_t end;
-    const ManifestFile *file;
+    const EfsClaim *claim;
 };
 
-void add_stretches(const ManifestFile &file, std::vector<Stretch> &stretches) {
-    uint32_t offset = file.efs.offset;
-    uint32_t rest = file.efs.max_size;
-    uint32_t block = file.efs.block;
+void add_stretches(const EfsClaim &claim, std::vector<Stretch> &stretches) {
+    uint32_t offset = claim.placement.offset;
+    uint32_t rest = claim.placement.max_size;
+    uint32_t block = claim.placement.block;
     while (true) {
         const uint32_t payload = std::min(rest, efs::record_room - offset);
-        stretches.push_back({block, offset, offset + efs::record_head_size + payload, &file});
+        stretches.push_back({block, offset, offset + efs::record_head_size + payload, &claim});
         rest -= payload;
         if (rest == 0) {
             return;
@@ -160,50 +263,73 @@ void add_stretches(const ManifestFile &file, std::vector<Stretch> &stretches) {
     }
 }
 
-void check_efs_file(const EfsGeometry &geometry, const ManifestFile &file, Problems &problems) {
-    const std::string place = file.place + "/efs";
-    if (file.id >= geometry.files_num) {
-        problems.add(file.place + "/id", "EFS has " + std::to_string(geometry.files_num) +
-                                             " file slots, the last is " +
-                                             std::to_string(geometry.files_num - 1));
+// The store rounds up with the record's head counted against the payload.
+uint32_t blocks_to_write(const EfsPlacement &placement, uint32_t size) {
+    return (size + efs::record_room + efs::record_head_size - 1 + placement.offset) /
+           efs::record_room;
+}
+
+void check_efs_claim(const EfsGeometry &geometry, const EfsClaim &claim, Problems &problems) {
+    const EfsPlacement &placement = claim.placement;
+    if (claim.id >= geometry.files_num) {
+        problems.add(claim.holder + "/id", "EFS has " + std::to_string(geometry.files_num) +
+                                               " file slots, the last is " +
+                                               std::to_string(geometry.files_num - 1));
     }
-    if (file.efs.max_size > max_efs_file) {
-        problems.add(place + "/max_size", "a file of EFS has at most " + bytes(max_efs_file));
+    const std::string too_long = "a file of EFS has at most " + bytes(max_efs_file);
+    if (placement.max_size > max_efs_file + 1) {
+        problems.add(claim.place + "/max_size", too_long);
         return;
     }
+    if (placement.max_size > max_efs_file) {
+        problems.doubt(claim.place + "/max_size", too_long);
+    }
     std::vector<Stretch> stretches;
-    add_stretches(file, stretches);
+    add_stretches(claim, stretches);
     if (stretches.back().block >= geometry.valid_blocks) {
-        problems.add(place, "the file runs to logical block " +
-                                std::to_string(stretches.back().block) + ", the last is " +
-                                std::to_string(geometry.valid_blocks - 1));
+        problems.doubt(claim.place, "the file runs to logical block " +
+                                        std::to_string(stretches.back().block) + ", the last is " +
+                                        std::to_string(geometry.valid_blocks - 1));
     }
-    // The store rounds up with the record's head counted against the payload.
-    const uint32_t needed =
-        (file.efs.max_size + efs::record_room + efs::record_head_size - 1 + file.efs.offset) /
-        efs::record_room;
+    const uint32_t needed = blocks_to_write(placement, placement.max_size);
     if (needed > geometry.spare_blocks) {
-        problems.add(place, "a write of " + bytes(file.efs.max_size) + " needs " +
-                                std::to_string(needed) + " spare blocks, there are " +
-                                std::to_string(geometry.spare_blocks));
+        const std::string text = "a write of " + bytes(placement.max_size) + " needs " +
+                                 std::to_string(needed) + " spare blocks, there are " +
+                                 std::to_string(geometry.spare_blocks);
+        if (blocks_to_write(placement, claim.content) > geometry.spare_blocks) {
+            problems.add(claim.place, text);
+        } else {
+            problems.doubt(claim.place, text);
+        }
     }
-    if (file.flash && flash_size(file) > file.efs.max_size) {
-        problems.add(file.place + "/flash", "the content has " + bytes(flash_size(file)) +
-                                                " with its trailer, over the limit of " +
-                                                bytes(file.efs.max_size));
-    }
-    if ((file.attributes & attribute_trailer) == 0 && file.efs.max_size < file.max_size) {
-        problems.add(place + "/max_size", "less than the file's own limit of " +
-                                              bytes(file.max_size) +
-                                              ", so that a good value could not be written");
+    if (claim.content > placement.max_size) {
+        problems.add(claim.holder + "/flash", "the content has " + bytes(claim.content) +
+                                                  " with its trailer, over the limit of " +
+                                                  bytes(placement.max_size));
     }
 }
 
-void check_efs_overlaps(const Manifest &manifest, Problems &problems) {
+void check_place(const ManifestFile &file, Problems &problems) {
+    if (file.store > Store::efs) {
+        problems.doubt(file.place + "/store",
+                       "there is no store " + std::to_string(static_cast<unsigned>(file.store)));
+    }
+    if (file.is_in_efs() && !file.efs && !file.skus.empty()) {
+        problems.doubt(file.place, "'efs' is missing, the file's place in EFS");
+    }
+    if (file.efs && (file.attributes & attribute_trailer) == 0 &&
+        file.efs->max_size < file.max_size) {
+        problems.doubt(file.place + "/efs/max_size",
+                       "less than the file's own limit of " + bytes(file.max_size) +
+                           ", so that a good value could not be written");
+    }
+}
+
+void check_efs_overlaps(const std::vector<EfsClaim> &claims, Problems &problems) {
     std::vector<Stretch> stretches;
-    for (const ManifestFile &file : manifest.files) {
-        if (file.store == Store::efs && file.efs.max_size <= max_efs_file) {
-            add_stretches(file, stretches);
+    for (const EfsClaim &claim : claims) {
+        if (claim.placement.max_size <= max_efs_file) {
+            add_stretches(claim, stretches);
         }
     }
     std::stable_sort(stretches.begin(), stretches.end(), [](const Stretch &a, const Stretch &b) {
@@ -217,10 +343,10 @@ void check_efs_overlaps(const Manifest &manifest, Problems &problems) {
             continue;
         }
         if (stretch.begin < furthest->end) {
-            problems.add(stretch.file->place + "/efs",
-                         "in logical block " + std::to_string(stretch.block) +
-                             " its record overlaps that of " + quoted(furthest->file->name) +
-                             ", which may reach to offset " + std::to_string(furthest->end));
+            problems.doubt(stretch.claim->place,
+                           "in logical block " + std::to_string(stretch.block) +
+                               " its record overlaps that of " + furthest->claim->name +
+                               ", which may reach to offset " + std::to_string(furthest->end));
         }
         if (stretch.end > furthest->end) {
             furthest = &stretch;
@@ -228,10 +354,42 @@ void check_efs_overlaps(const Manifest &manifest, Problems &problems) {
     }
 }
 
-void check_efs_geometry(const EfsGeometry &geometry, Problems &problems) {
-    const uint32_t blocks = geometry.valid_blocks + geometry.spare_blocks;
+void check_efs_section(const Manifest &manifest, const EfsSection &section, Problems &problems) {
+    const uint32_t blocks = section.geometry.valid_blocks + section.geometry.spare_blocks;
     if (blocks < 2 || blocks > 256) {
-        problems.add("/efs", "valid and non_valid together make 2 to 256 blocks");
+        problems.add(section.place, "valid and non_valid together make 2 to 256 blocks");
+    }
+    for (size_t i = 0; i < section.skus.size(); ++i) {
+        const uint32_t sku = section.skus[i];
+        const auto first = std::find_if(manifest.efs.begin(), manifest.efs.end(),
+                                        [&](const EfsSection &any) { return any.has_sku(sku); });
+        if (&*first != &section) {
+            problems.add(section.place + "/skus",
+                         "SKU " + std::to_string(sku) + " has a section already");
+        }
+    }
+    if (section.skus.empty()) {
+        problems.add(section.place + "/skus", "at least one SKU is needed");
+    }
+    const std::vector<EfsClaim> claims = efs_claims(manifest, section);
+    check_efs_overlaps(claims, problems);
+    for (const EfsClaim &claim : claims) {
+        check_efs_claim(section.geometry, claim, problems);
+    }
+}
+
+// What is to be written needs a place in the list that the image is made by.
+void check_efs_content(const Manifest &manifest, const ManifestFile &file, Problems &problems) {
+    const EfsSection *section = manifest.efs_image_section();
+    if (section == nullptr) {
+        problems.add(file.place + "/flash", "the manifest has no 'efs' section with an image");
+        return;
+    }
+    const bool has_place = section->lists(file) ||
+                           std::any_of(section->places.begin(), section->places.end(),
+                                       [&](const EfsSlot &slot) { return slot.id == file.id; });
+    if (!has_place) {
+        problems.add(file.place + "/flash", "the content needs a place in EFS");
     }
 }
 
@@ -256,20 +414,20 @@ void check_stores(const Manifest &manifest, Problems &problems) {
     if (manifest.afs) {
         check_afs_room(manifest, problems);
     }
-    if (manifest.efs) {
-        check_efs_geometry(*manifest.efs, problems);
-        check_efs_overlaps(manifest, problems);
+    for (const EfsSection &section : manifest.efs) {
+        check_efs_section(manifest, section, problems);
     }
     for (const ManifestFile &file : manifest.files) {
-        if (file.store == Store::afs && manifest.afs) {
+        check_place(file, problems);
+        check_trailer(file, problems);
+        if (file.is_in_afs() && manifest.afs) {
             check_afs_file(*manifest.afs, file, problems);
-        } else if (file.store == Store::efs && manifest.efs) {
-            check_efs_file(*manifest.efs, file, problems);
+        } else if (file.is_in_efs() && file.flash) {
+            check_efs_content(manifest, file, problems);
         } else if (file.flash) {
-            problems.add(file.place + "/flash",
-                         file.store == Store::none  ? "a file without a store has none"
-                         : file.store == Store::afs ? "the manifest has no 'afs' section"
-                                                    : "the manifest has no 'efs' section");
+            problems.add(file.place + "/flash", file.is_in_afs()
+                                                    ? "the manifest has no 'afs' section"
+                                                    : "a file without a store has none");
         }
     }
 }
@@ -277,24 +435,35 @@ void check_stores(const Manifest &manifest, Problems &problems) {
 // In a deployed VFS termination writes every NVAR back whose file has no trailer, and fails if one
 // of them is not there.
 void check_deployed(const Manifest &manifest, Problems &problems) {
+    using Place = std::pair<bool, uint16_t>;
+    std::set<Place> in_flash; // whichever of the files with an id has the content
+    std::map<uint32_t, const ManifestFile *> with_base; // the file that brings it
+    for (const ManifestFile &file : manifest.files) {
+        if (file.is_in_flash()) {
+            in_flash.insert({file.is_in_efs(), file.id});
+        }
+        if (file.base) {
+            with_base.emplace(file.number, &file);
+        }
+    }
     const auto marker =
-        std::find_if(manifest.files.begin(), manifest.files.end(),
-                     [](const ManifestFile &file) { return file.name == deploy_marker; });
-    if (marker == manifest.files.end() || !manifest.afs || !marker->flash ||
-        flash_size(*marker) == 0) {
+        std::find_if(manifest.files.begin(), manifest.files.end(), [](const ManifestFile &file) {
+            return file.name == deploy_marker && file.flash && flash_size(file) != 0;
+        });
+    if (marker == manifest.files.end() || !manifest.afs) {
         return;
     }
-    const auto deployed_with = [&](const ManifestFile &file) {
-        return std::any_of(file.skus.begin(), file.skus.end(), [&](uint32_t sku) {
-            return std::find(marker->skus.begin(), marker->skus.end(), sku) != marker->skus.end();
-        });
-    };
     for (const ManifestFile &file : manifest.files) {
-        const bool written_back = file.base && (file.attributes & attribute_trailer) == 0;
-        if (written_back && !file.flash && deployed_with(file)) {
-            problems.add(file.place, "not in flash and without a trailer: as the set has " +
-                                         quoted(marker->name) +
-                                         ", every termination would fail over it");
+        const auto owner = with_base.find(file.number);
+        const bool has_base = owner != with_base.end() &&
+                              (owner->second == &file || !share_a_sku(*owner->second, file));
+        const bool written_back = has_base && (file.attributes & attribute_trailer) == 0;
+        const bool is_there = (file.is_in_afs() || file.is_in_efs()) &&
+                              in_flash.contains({file.is_in_efs(), file.id});
+        if (written_back && !is_there && share_a_sku(file, *marker)) {
+            problems.doubt(file.place, "not in flash and without a trailer: as the set has " +
+                                           quoted(marker->name) +
+                                           ", every termination would fail over it");
         }
     }
 }
@@ -304,10 +473,11 @@ void check_deployed(const Manifest &manifest, Problems &problems) {
 void check_manifest(const Manifest &manifest, Problems &problems) {
     check_skus(manifest, problems);
     check_uniqueness(manifest, problems);
+    check_contents_given_once(manifest, problems);
     for (const ManifestFile &file : manifest.files) {
         check_name(file, problems);
-        if (file.number == 0) {
-            problems.add(file.place + "/number", "number 0 with class 0 names no file");
+        if (file.number == 0 && (!file.skus.empty() || file.base || file.override_value)) {
+            problems.doubt(file.place + "/number", "number 0 with class 0 names no file");
         }
         check_value(file, "base", file.base, problems);
         check_value(file, "override", file.override_value, problems);

@@ -11,6 +11,19 @@ namespace dolm {
 
 class Problems {
   public:
+    // Whether what only foresees trouble is a problem too.
+    enum class Doubts { count, pass };
+
+    explicit Problems(Doubts doubts = Doubts::count) : doubts_(doubts) {}
+
+    // What can be built, but may not be what the writer of the manifest wants.
+    void doubt(const std::string &place, const std::string &text) {
+        if (doubts_ == Doubts::count) {
+            add(place, text);
+        }
+    }
+    void let_doubts_pass() { doubts_ = Doubts::pass; }
+
     // place is a JSON pointer.
     void add(const std::string &place, const std::string &text) {
         if (found_.size() < most_told) {
@@ -37,6 +50,7 @@ class Problems {
   private:
     static constexpr size_t most_told = 1000;
 
+    Doubts doubts_;
     std::vector<Problem> found_;
     size_t untold_ = 0;
 };

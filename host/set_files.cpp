@@ -184,6 +184,30 @@ SetFiles SetFolder::load() {
     return set;
 }
 
+SetFiles SetFolder::load_readable(std::vector<Problem> &unreadable) {
+    SetFiles set;
+    for (const SetMember &member : set_members) {
+        const fs::path path = path_ / member.name;
+        try {
+            if (member.mandatory || fs::exists(path)) {
+                set.*member.content = read_file(path, member.max_size);
+            }
+        } catch (const Failure &failure) {
+            unreadable.push_back({member.name, "", "", failure.what()});
+        }
+    }
+    try {
+        if (auto said = settings()) {
+            set.sku = said->sku;
+            set.members = std::move(said->members);
+            set.changed_tables = changed_tables(set, said->checksums);
+        }
+    } catch (const Failure &failure) {
+        unreadable.push_back({settings_name, "", "", failure.what()});
+    }
+    return set;
+}
+
 void SetFolder::save(const SetFiles &set, const std::function<void()> &before_decision) const {
     std::vector<MemberChange> changes;
     const auto add = [&](const char *name, std::optional<Bytes> content) {

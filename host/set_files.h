@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "host/errors.h"
 #include "host/set_settings.h"
 #include "host/system.h"
 #include "image/bytes.h"
@@ -89,6 +90,9 @@ class SetFolder {
 
     // Throws Failure.
     SetFiles load();
+
+    // What can be read, and why the rest cannot.
+    SetFiles load_readable(std::vector<Problem> &unreadable);
 
     // Nothing without a "set.json". Throws Failure if it is not of its form.
     std::optional<SetSettings> settings() const;

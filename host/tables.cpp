@@ -1,11 +1,7 @@
 #include "host/tables.h"
 
 #include <algorithm>
-#include <string>
 
-#include "FCS.h"
-#include "efs_tools_utils.h"
-#include "host/errors.h"
 #include "image/fcs_store.h"
 #include "image/file_table.h"
 
@@ -16,12 +12,6 @@ namespace {
 using namespace ftbl;
 
 using FileList = std::vector<const ManifestFile *>;
-
-// One SKU and the files that it has.
-struct Row {
-    uint32_t sku;
-    FileList files;
-};
 
 void put_text(Bytes &bytes, size_t offset, std::string_view text) {
     std::copy(text.begin(), text.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
@@ -36,11 +26,11 @@ void put_entry(Bytes &ftbl, size_t at, const ManifestFile &file) {
     put_le(ftbl, at + entry_max_size_offset, file.max_size, 4);
 }
 
-void put_efs_record(Bytes &ftbl, size_t at, const ManifestFile &file) {
-    put_le(ftbl, at, file.id, 2);
-    put_le(ftbl, at + record_block_offset, file.efs.block, 2);
-    put_le(ftbl, at + record_start_offset, file.efs.offset, 2);
-    put_le(ftbl, at + record_max_size_offset, file.efs.max_size, 2);
+void put_efs_record(Bytes &ftbl, size_t at, const EfsSlot &slot) {
+    put_le(ftbl, at, slot.id, 2);
+    put_le(ftbl, at + record_block_offset, slot.placement.block, 2);
+    put_le(ftbl, at + record_start_offset, slot.placement.offset, 2);
+    put_le(ftbl, at + record_max_size_offset, slot.placement.max_size, 2);
 }
 
 void put_efs_row(Bytes &ftbl, size_t at, uint32_t sku, const EfsGeometry &efs, size_t records_at,
@@ -62,48 +52,59 @@ void put_efs_row(Bytes &ftbl, size_t at, uint32_t sku, const EfsGeometry &efs, s
     }
 }
 
-// Appends the EFST section and the file records behind it.
-void append_efst(Bytes &ftbl, const std::vector<Row> &rows, const EfsGeometry &efs,
-                 const FileList &efs_files) {
-    const size_t section = ftbl.size();
-    const size_t records_at = section + head_size + rows.size() * efst_row_size;
-    ftbl.resize(records_at + efs_files.size() * efst_record_size);
-    put_le(ftbl, section, efst_magic, 4);
-    put_le(ftbl, section + row_count_offset, static_cast<uint32_t>(rows.size()), 4);
-    for (size_t i = 0; i < rows.size(); ++i) {
-        put_efs_row(ftbl, section + head_size + i * efst_row_size, rows[i].sku, efs, records_at,
-                    efs_files.size());
+// The file list of a section, in the order of the manifest.
+std::vector<EfsSlot> efs_list(const Manifest &manifest, const EfsSection &section) {
+    std::vector<EfsSlot> list;
+    for (const ManifestFile &file : manifest.files) {
+        if (section.lists(file)) {
+            list.push_back({file.id, *file.efs});
+        }
     }
-    for (size_t i = 0; i < efs_files.size(); ++i) {
-        put_efs_record(ftbl, records_at + i * efst_record_size, *efs_files[i]);
-    }
+    list.insert(list.end(), section.places.begin(), section.places.end());
+    return list;
 }
 
-void append_entries(Bytes &ftbl, size_t row_index, const Row &row) {
-    const size_t entries_at = ftbl.size();
-    ftbl.resize(entries_at + row.files.size() * entry_size);
-    const size_t row_at = head_size + row_size * row_index;
-    put_le(ftbl, row_at, row.sku, 4);
-    put_le(ftbl, row_at + row_entries_offset, static_cast<uint32_t>(entries_at), 4);
-    put_le(ftbl, row_at + row_entry_count_offset, static_cast<uint32_t>(row.files.size()), 4);
-    for (size_t i = 0; i < row.files.size(); ++i) {
-        put_entry(ftbl, entries_at + i * entry_size, *row.files[i]);
+// A geometry row and the list that it refers to.
+struct EfsRow {
+    uint32_t sku;
+    const EfsSection *section;
+};
+
+// In the order of the SKUs, as far as they have EFS.
+std::vector<EfsRow> efs_rows(const Manifest &manifest) {
+    std::vector<EfsRow> rows;
+    for (const uint32_t sku : manifest.skus) {
+        for (const EfsSection &section : manifest.efs) {
+            if (section.has_sku(sku)) {
+                rows.push_back({sku, &section});
+                break;
+            }
+        }
     }
+    return rows;
 }
 
-Bytes make_ftbl(const std::vector<Row> &rows, const std::optional<EfsGeometry> &efs,
-                const FileList &efs_files) {
-    Bytes ftbl(head_size + row_size * rows.size());
-    put_le(ftbl, 0, magic, 4);
-    put_le(ftbl, row_count_offset, static_cast<uint32_t>(rows.size()), 4);
-    if (efs) {
-        append_efst(ftbl, rows, *efs, efs_files);
+// Appends the EFST section: head and rows, and the lists of file records behind them.
+void append_efst(Bytes &ftbl, const Manifest &manifest) {
+    const std::vector<EfsRow> rows = efs_rows(manifest);
+    const size_t at = ftbl.size();
+    ftbl.resize(at + head_size + rows.size() * efst_row_size);
+    put_le(ftbl, at, efst_magic, 4);
+    put_le(ftbl, at + row_count_offset, static_cast<uint32_t>(rows.size()), 4);
+    for (const EfsSection &section : manifest.efs) {
+        const std::vector<EfsSlot> list = efs_list(manifest, section);
+        const size_t list_at = ftbl.size();
+        ftbl.resize(list_at + list.size() * efst_record_size);
+        for (size_t i = 0; i < list.size(); ++i) {
+            put_efs_record(ftbl, list_at + i * efst_record_size, list[i]);
+        }
+        for (size_t i = 0; i < rows.size(); ++i) {
+            if (rows[i].section == &section) {
+                put_efs_row(ftbl, at + head_size + i * efst_row_size, rows[i].sku, section.geometry,
+                            list_at, list.size());
+            }
+        }
     }
-    for (size_t i = 0; i < rows.size(); ++i) {
-        append_entries(ftbl, i, rows[i]);
-    }
-    ftbl.resize(std::max<size_t>(ftbl.size(), min_size));
-    return ftbl;
 }
 
 FileList files_where(const Manifest &manifest, auto &&wanted) {
@@ -116,74 +117,58 @@ FileList files_where(const Manifest &manifest, auto &&wanted) {
     return files;
 }
 
-// A store under construction.
-class StoreHandle {
-  public:
-    StoreHandle() { require_done(createHandle(&handle_), "createHandle"); }
-    ~StoreHandle() { closeHandle(&handle_); }
-    StoreHandle(const StoreHandle &) = delete;
-    StoreHandle &operator=(const StoreHandle &) = delete;
-
-    void add(const ManifestFile &file, const Bytes &value) {
-        Bytes block(fcs::record_size);
-        put_le(block, 0, file.number, 4);
-        block.insert(block.end(), value.begin(), value.end());
-        require_done(addNewFile(handle_, "", file.name.c_str(), block.data(),
-                                static_cast<uint16_t>(block.size()), true),
-                     "addNewFile");
+void append_entries(Bytes &ftbl, size_t row_index, uint32_t sku, const FileList &files) {
+    const size_t entries_at = ftbl.size();
+    ftbl.resize(entries_at + files.size() * entry_size);
+    const size_t row_at = head_size + row_size * row_index;
+    put_le(ftbl, row_at, sku, 4);
+    put_le(ftbl, row_at + row_entries_offset, static_cast<uint32_t>(entries_at), 4);
+    put_le(ftbl, row_at + row_entry_count_offset, static_cast<uint32_t>(files.size()), 4);
+    for (size_t i = 0; i < files.size(); ++i) {
+        put_entry(ftbl, entries_at + i * entry_size, *files[i]);
     }
-
-    Bytes bytes() {
-        uint32_t length = 0;
-        const uint32_t sizing = flush(handle_, nullptr, &length);
-        if (sizing != FCS_BUFFER_TOO_SMALL) {
-            require_done(sizing, "flush");
-        }
-        Bytes store(length);
-        require_done(flush(handle_, store.data(), &length), "flush");
-        return store;
-    }
-
-  private:
-    void *handle_ = nullptr;
-};
-
-// Makes the library know every file of the manifest at once, whatever its SKU: a store takes a
-// file only if the selected table has its number.
-void load_table_of_all_files(const Manifest &manifest) {
-    // The library keeps pointers into the table for as long as it is selected.
-    static Bytes table;
-    const Row all{0, files_where(manifest, [](const ManifestFile &) { return true; })};
-    Bytes fresh = make_ftbl({all}, std::nullopt, {});
-    require_done(load_file_table(fresh.data(), all.sku, static_cast<uint32_t>(fresh.size())),
-                 "load_file_table");
-    table = std::move(fresh); // which moves no bytes
 }
 
-Bytes make_store(const Manifest &manifest, std::optional<Content> ManifestFile::*value) {
-    load_table_of_all_files(manifest);
-    StoreHandle store;
-    for (const ManifestFile &file : manifest.files) {
-        if (file.*value) {
-            store.add(file, (file.*value)->bytes());
-        }
+// A serialised store: the number of records, the records by name, the values in the same order.
+Bytes make_store(const Manifest &manifest, std::optional<Content> ManifestFile::*value,
+                 uint16_t ManifestFile::*opaque) {
+    FileList files =
+        files_where(manifest, [&](const ManifestFile &file) { return (file.*value).has_value(); });
+    std::stable_sort(files.begin(), files.end(), [](const ManifestFile *a, const ManifestFile *b) {
+        return a->name < b->name;
+    });
+    Bytes store(fcs::head_size + files.size() * fcs::record_size);
+    put_le(store, 0, static_cast<uint32_t>(files.size()), 4);
+    size_t at = fcs::head_size;
+    for (const ManifestFile *file : files) {
+        const Bytes content = (file->*value)->bytes();
+        put_le(store, at, file->number, 4);
+        put_le(store, at + fcs::record_offset_offset, static_cast<uint32_t>(store.size()), 4);
+        put_le(store, at + fcs::record_size_offset, static_cast<uint32_t>(content.size()), 2);
+        put_le(store, at + fcs::record_opaque_offset, file->*opaque, 2);
+        store.insert(store.end(), content.begin(), content.end());
+        at += fcs::record_size;
     }
-    return store.bytes();
+    return store;
 }
 
 } // namespace
 
 Bytes make_ftbl(const Manifest &manifest) {
-    std::vector<Row> rows;
-    for (const uint32_t sku : manifest.skus) {
-        rows.push_back({sku, files_where(manifest, [sku](const ManifestFile &file) {
-                            return std::find(file.skus.begin(), file.skus.end(), sku) !=
-                                   file.skus.end();
-                        })});
+    Bytes ftbl(head_size + row_size * manifest.skus.size());
+    put_le(ftbl, 0, magic, 4);
+    put_le(ftbl, row_count_offset, static_cast<uint32_t>(manifest.skus.size()), 4);
+    if (!manifest.efs.empty()) {
+        append_efst(ftbl, manifest);
     }
-    return make_ftbl(rows, manifest.efs, files_where(manifest, [](const ManifestFile &file) {
-                         return file.store == Store::efs;
-                     }));
+    for (size_t i = 0; i < manifest.skus.size(); ++i) {
+        const uint32_t sku = manifest.skus[i];
+        append_entries(ftbl, i, sku, files_where(manifest, [sku](const ManifestFile &file) {
+                           return file.has_sku(sku);
+                       }));
+    }
+    ftbl.resize(std::max<size_t>(ftbl.size(), min_size));
+    return ftbl;
 }
 
 std::vector<uint32_t> skus_of(const Bytes &ftbl) {
@@ -198,11 +183,12 @@ std::vector<uint32_t> skus_of(const Bytes &ftbl) {
 }
 
 Bytes make_orvel_cfg(const Manifest &manifest) {
-    return make_store(manifest, &ManifestFile::base);
+    return make_store(manifest, &ManifestFile::base, &ManifestFile::base_opaque);
 }
 
 Bytes make_vync_cfg(const Manifest &manifest) {
-    return with_vync_head(make_store(manifest, &ManifestFile::override_value));
+    return with_vync_head(
+        make_store(manifest, &ManifestFile::override_value, &ManifestFile::override_opaque));
 }
 
 Bytes with_vync_head(const Bytes &store) {

@@ -46,9 +46,31 @@ void check_device(const AfsLayout &layout) {
     }
 }
 
+// Each chunk costs its bytes and an entry of the allocation table.
+uint32_t chunks_of_total(const AfsLayout &layout) {
+    const uint32_t slots_end = afs::fs_header_size + 2 * layout.file_count;
+    if (layout.total_va_size < slots_end) {
+        throw AfsBuildError("a VA space of " + number(layout.total_va_size) +
+                            " bytes has no room for the file slots");
+    }
+    return (layout.total_va_size - slots_end) / (AFS_PAGE_SIZE + 2);
+}
+
+// The store takes as many data EUs as fill the VA space.
+void check_total(const AfsLayout &layout, const AfsGeometry &geometry) {
+    const uint32_t total = layout.total_va_size;
+    const uint32_t start = geometry.data_va_start;
+    const uint32_t eus = total > start ? (total - start) / AFS_DATA_EU_BYTES : 0;
+    if (eus != layout.data_eus) {
+        throw AfsBuildError("a VA space of " + number(total) + " bytes has " + number(eus) +
+                            " data EUs, not " + number(layout.data_eus));
+    }
+}
+
 std::vector<uint8_t> header_page(const AfsLayout &layout, const AfsGeometry &geometry) {
     std::vector<uint8_t> page(AFS_PAGE_SIZE);
     put_le(page, 0, afs::fs_magic, 4);
+    put_le(page, 4, layout.fs_version, 4);
     put_le(page, 8, geometry.total_va_size, 4);
     put_le(page, 12, layout.file_count, 2);
     return page;
@@ -101,10 +123,15 @@ AfsGeometry afs_geometry(const AfsLayout &layout) {
     check_device(layout);
     AfsGeometry geometry;
     geometry.eu_count = layout.device_size / AFS_EU_SIZE;
-    geometry.chunk_count = layout.data_eus * AFS_DATA_EU_PAGES;
+    geometry.chunk_count =
+        layout.total_va_size != 0 ? chunks_of_total(layout) : layout.data_eus * AFS_DATA_EU_PAGES;
     const uint32_t table_end = afs::fs_header_size + 2 * (layout.file_count + geometry.chunk_count);
     geometry.data_va_start = (table_end + AFS_PAGE_SIZE - 1) / AFS_PAGE_SIZE * AFS_PAGE_SIZE;
     geometry.total_va_size = geometry.data_va_start + geometry.chunk_count * AFS_PAGE_SIZE;
+    if (layout.total_va_size != 0) {
+        check_total(layout, geometry);
+        geometry.total_va_size = layout.total_va_size;
+    }
 
     const uint32_t pages = geometry.data_va_start / AFS_PAGE_SIZE;
     const uint32_t log_eus_needed = (pages + AFS_FTL_EU_PAGES - 1) / AFS_FTL_EU_PAGES + 1;
@@ -125,7 +152,9 @@ uint64_t afs_chunks(uint64_t size) {
 }
 
 std::optional<std::string> afs_room_problem(const AfsLayout &layout, uint64_t chunks) {
-    const uint32_t room = afs_geometry(layout).chunk_count;
+    // A chunk behind the data EUs cannot be used.
+    const uint32_t room =
+        std::min(afs_geometry(layout).chunk_count, layout.data_eus * AFS_DATA_EU_PAGES);
     if (chunks <= room) {
         return std::nullopt;
     }

@@ -19,9 +19,11 @@ class AfsBuildError : public std::runtime_error {
 };
 
 struct AfsLayout {
-    uint32_t device_size = 0; // bytes, a multiple of 8192 from 32768 to 2088960
-    uint32_t data_eus = 0;    // erase units for file contents, 7808 bytes each
-    uint32_t file_count = 0;  // file slots, 65 to 2048
+    uint32_t device_size = 0;   // bytes, a multiple of 8192 from 32768 to 2088960
+    uint32_t data_eus = 0;      // erase units for file contents, 7808 bytes each
+    uint32_t file_count = 0;    // file slots, 65 to 2048
+    uint32_t total_va_size = 0; // bytes; 0 for as many as the data EUs have room for
+    uint32_t fs_version = 0;    // a word of the header that the store only keeps
 };
 
 struct AfsGeometry {

@@ -40,7 +40,6 @@ m: /files/1/max_size: a whole number from 0 to 4294967295 is needed here (/home/
 m: /files/2/trailer: 0, 40 or 56 is needed here, in agreement with 'attributes' (/home/c)
 m: /files/2/base/size: an empty content cannot be repeated (/home/c)
 m: /files/3/base/file: cannot read no/such/file: No such file or directory (/home/d)
-m: /files/3: 'efs' is missing, the file's place in EFS (/home/d)
 m: /nvars: unknown member)";
     EXPECT_EQ(problems_of(manifest), problems);
 }
@@ -85,14 +84,14 @@ m: /files/4/base: the value has 65524 bytes, over the limit of 65523 bytes (/hom
 m: /afs/data_units: the files take 489 chunks of 64 bytes, there are 488
 m: /files/9/efs: in logical block 0 its record overlaps that of "/home/8", which may reach to offset 101 (/home/9)
 m: /files/11/efs: in logical block 6 its record overlaps that of "/home/10", which may reach to offset 4076 (/home/11)
+m: /files/10/efs: the file runs to logical block 7, the last is 6 (/home/10)
+m: /files/11/efs: a write of 12213 bytes needs 4 spare blocks, there are 3 (/home/11)
+m: /files/13/id: EFS has 16 file slots, the last is 15 (/home/13)
+m: /files/13/flash: the content has 43 bytes with its trailer, over the limit of 40 bytes (/home/13)
 m: /files/5/flash: a file without a store has none (/home/5)
 m: /files/6/id: file 0 of AFS cannot be used: it reads as no file (/home/6)
 m: /files/7/id: AFS has 1024 file slots, the last is 1023 (/home/7)
-m: /files/10/efs: the file runs to logical block 7, the last is 6 (/home/10)
-m: /files/11/efs: a write of 12213 bytes needs 4 spare blocks, there are 3 (/home/11)
 m: /files/12/efs/max_size: less than the file's own limit of 9 bytes, so that a good value could not be written (/home/12)
-m: /files/13/id: EFS has 16 file slots, the last is 15 (/home/13)
-m: /files/13/flash: the content has 43 bytes with its trailer, over the limit of 40 bytes (/home/13)
 m: /files/0: not in flash and without a trailer: as the set has "/home/mca/deploy", every termination would fail over it (/home/a))";
     EXPECT_EQ(problems_of(manifest), problems);
 }
@@ -108,6 +107,9 @@ TEST(Manifest, RefusesWhatStandsAloneInTheWay) {
         {R"({"skus": [1], "files": [{"name": "/home/a", "number": 1, "max_size": 4,
              "store": "afs", "id": 1, "flash": "a"}]})",
          "m: /files/0/flash: the manifest has no 'afs'"},
+        {R"({"skus": [1], "files": [{"name": "/home/a", "number": 1, "max_size": 4,
+             "store": "efs", "id": 1}]})",
+         "m: /files/0: 'efs' is missing, the file's place in EFS"},
     };
     for (const auto &[manifest, message] : cases) {
         const std::string problems = problems_of(manifest);
@@ -203,7 +205,7 @@ TEST(Manifest, AcceptsWhatIsJustWithinTheLimits) {
     EXPECT_EQ(manifest.files[0].number, 0xFFFFFFFF);
     EXPECT_EQ(manifest.files[0].base->bytes().back(), 1);
     EXPECT_EQ(make_orvel_cfg(manifest).size(), 4u + 12 + 65523);
-    EXPECT_EQ(manifest.efs->files_num, 17u);
+    EXPECT_EQ(manifest.efs[0].geometry.files_num, 17u);
 }
 
 } // namespace
