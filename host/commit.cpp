@@ -29,13 +29,15 @@ fs::path behind_links(fs::path path) {
     return path;
 }
 
-// True if a new file can take the place of what is there, or there is nothing.
+// True if a new file can take the place of what is there, or there is nothing. A file with other
+// names stays the one that they all stand for.
 bool is_replaceable(const fs::path &target) {
     const fs::file_status status = fs::status(target);
     if (fs::is_directory(status)) {
         throw Failure(target.string() + " is a folder");
     }
-    return !fs::exists(status) || (fs::is_regular_file(status) && system::may_replace(target));
+    return !fs::exists(status) || (fs::is_regular_file(status) &&
+                                   fs::hard_link_count(target) == 1 && system::may_replace(target));
 }
 
 std::string unused_name(const fs::path &folder, const std::string &stem) {

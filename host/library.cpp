@@ -104,11 +104,11 @@ Library::Library(SetFiles &set, uint32_t sku) : set_(set), sku_(sku) {
     // The library has a line for a failed mount there, which its report tells as well.
     const system::DiscardedOutput discarded;
     const bool is_up = qoQfsDolmInit(&inputs, take_report);
-    tell_reports();
+    std::vector<Report> told = tell_reports();
     if (!is_up) {
         // The tables may be up although the flash stores are not.
         release();
-        throw Failure("start-up failed");
+        throw LibraryFailure("start-up failed", std::move(told));
     }
 }
 
@@ -129,17 +129,19 @@ void Library::release() {
     reports_dropped = false;
 }
 
-void Library::tell_reports() const {
+std::vector<Report> Library::tell_reports() const {
     explain(reports, set_, sku_);
-    for (const Report &report : std::exchange(reports, {})) {
+    std::vector<Report> told = std::exchange(reports, {});
+    for (const Report &report : told) {
         tell_report(report);
     }
+    return told;
 }
 
 void Library::require(bool success, const std::string &otherwise) const {
-    tell_reports();
+    std::vector<Report> told = tell_reports();
     if (!success) {
-        throw Failure(otherwise);
+        throw LibraryFailure(otherwise, std::move(told));
     }
 }
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "host/errors.h"
+#include "host/output.h"
 #include "host/set_files.h"
 #include "host/table_entries.h"
 #include "qoqfs.h"
@@ -26,6 +28,14 @@ struct Nvar {
     bool differs_from_base = false; // its current value
     std::optional<Bytes> base;
     std::optional<Bytes> override_value;
+};
+
+// The library failed, and said why.
+struct LibraryFailure : Failure {
+    LibraryFailure(const std::string &what, std::vector<Report> all)
+        : Failure(what), reports(std::move(all)) {}
+
+    std::vector<Report> reports; // which have been told
 };
 
 // While it lives the library is up; one at a time. What the library reports is told before a
@@ -64,7 +74,7 @@ class Library {
 
   private:
     void release();
-    void tell_reports() const;
+    std::vector<Report> tell_reports() const;
     void require(bool success, const std::string &otherwise) const;
 
     const SetFiles &set_;

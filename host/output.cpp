@@ -29,24 +29,6 @@ void complain(const std::string &line) {
     std::cerr << line << std::flush;
 }
 
-std::string to_text(const Report &report) {
-    std::ostringstream line;
-    line << (report.level >= error_level ? "error " : "warning ") << report.number << " (level "
-         << report.level << "):";
-    if (!report.text.empty()) {
-        line << ' ' << report.text;
-    }
-    if (!report.message.empty()) {
-        line << (report.text.empty() || report.text.ends_with('.') ? "" : ":")
-             << (report.message.front() == ' ' ? "" : " ") << report.message;
-    }
-    if (!report.meaning.empty()) {
-        line << " (" << (report.file.empty() ? "" : report.file + ": ") << report.meaning
-             << (report.status ? "; status " + std::to_string(*report.status) : "") << ')';
-    }
-    return line.str();
-}
-
 Json to_json(const Report &report) {
     Json json{{"level", report.level},
               {"number", report.number},
@@ -72,6 +54,28 @@ void check_output() {
 
 } // namespace
 
+bool is_error(const Report &report) {
+    return report.level >= error_level;
+}
+
+std::string to_text(const Report &report) {
+    std::ostringstream line;
+    line << (is_error(report) ? "error " : "warning ") << report.number << " (level "
+         << report.level << "):";
+    if (!report.text.empty()) {
+        line << ' ' << report.text;
+    }
+    if (!report.message.empty()) {
+        line << (report.text.empty() || report.text.ends_with('.') ? "" : ":")
+             << (report.message.front() == ' ' ? "" : " ") << report.message;
+    }
+    if (!report.meaning.empty()) {
+        line << " (" << (report.file.empty() ? "" : report.file + ": ") << report.meaning
+             << (report.status ? "; status " + std::to_string(*report.status) : "") << ')';
+    }
+    return line.str();
+}
+
 void choose_json(const std::string &command) {
     json_chosen = true;
     command_name = command;
@@ -89,7 +93,7 @@ void tell_report(const Report &report) {
     // A command may start up more than once, and each start-up warns of the same missing files.
     static std::set<std::string> warnings;
     const std::string line = "dolm: " + escape(to_text(report)) + "\n";
-    if (report.level >= error_level || warnings.insert(line).second) {
+    if (is_error(report) || warnings.insert(line).second) {
         complain(line);
     }
 }

@@ -30,6 +30,11 @@ struct Report {
     std::string meaning;
 };
 
+bool is_error(const Report &report);
+
+// In one line: "error 331 (level 4): ...".
+std::string to_text(const Report &report);
+
 // As text a report is told at once, a warning that was told before not again. In JSON it becomes an
 // element of "reports" of what comes next, the result or the error.
 void tell_report(const Report &report);

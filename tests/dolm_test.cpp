@@ -121,6 +121,7 @@ TEST_F(DolmCalls, WritesBehindLinksAndThroughWhatIsNoFile) {
         mv set/qfs.img real.img; ln -s ../real.img set/qfs.img; chmod 640 real.img
         $dolm set set net/ntp new >/dev/null || exit 1
         stat -c %a real.img; readlink set/qfs.img; $dolm get set net/ntp
+        ln set/vync.cfg second; $dolm set set net/dns other >/dev/null; cmp second set/vync.cfg
         mkfifo pipe; ln -s target link; ln -s pipe piped; echo old >target; chmod 604 target
         cat pipe & $dolm get set net/ntp --raw piped; wait; echo
         $dolm get set net/dns --raw link; $dolm get set mca/version --raw link

@@ -19,7 +19,10 @@ struct Changed {
     const char *file() const { return member->name; }
     bool has_size() const { return bytes->size() == recorded->size; }
     // Hardly anything of it is left.
-    bool is_another() const { return blocks.size() > recorded->crc32s.size() / 2 + 1; }
+    bool is_another() const {
+        const size_t all = recorded->crc32s.size();
+        return blocks.size() > all / 2 + 1 || (all > 1 && blocks.size() == all);
+    }
     size_t begin() const { return blocks.front() * recorded->block; }
     size_t end() const {
         return std::min<size_t>((blocks.back() + 1) * recorded->block, bytes->size());
@@ -91,10 +94,7 @@ class ChangeCheck {
             return {file, changed.is_another() ? "" : at_offset(end, "end of the file"),
                     "has " + counted(changed.bytes->size(), "byte") + ", and " +
                         std::to_string(changed.recorded->size) + " when dolm wrote it" +
-                        (changed.is_another() ? ": it belongs to another set" : "")};
-        }
-        if (changed.is_another()) {
-            return {file, "", "has hardly a byte as dolm wrote it: it belongs to another set"};
+                        (changed.is_another() ? "; hardly a byte is the same" : "")};
         }
         if (const auto wrong = wrong_byte(changed)) {
             const TableSpot spot = spot_at(view_, file, wrong->at);
@@ -103,6 +103,9 @@ class ChangeCheck {
                     "the byte is " + hex(byte) + ", and was " + hex(byte ^ wrong->bits) +
                         " when dolm wrote the file",
                     spot.nvar};
+        }
+        if (changed.is_another()) {
+            return {file, "", "has hardly a byte as dolm wrote it: it belongs to another set"};
         }
         if (const Finding *inside = finding_inside(changed)) {
             return inside->cause;
@@ -156,17 +159,28 @@ class ChangeCheck {
                    (remark.place == cause.place ||
                     (remark.nvar == cause.nvar && !remark.nvar.empty()));
         }
-        const bool is_of_image = (remark.file == qfs_img && !view_.files.qfs_image.empty() &&
-                                  view_.afs.damages.empty()) ||
+        const bool is_of_image = (remark.file == qfs_img && has_sound_afs()) ||
                                  (remark.file == efs_img && has_sound_efs());
         return remark.file == changed.file() || sound_.contains(remark.file) || is_of_image ||
                remark.file == "the set" || (remark.file == settings_name && remark.place == "sku");
     }
 
+    // An image that is missing is no error of its own if nothing but the table asks for it.
+    bool is_counted(const char *image) const {
+        const auto &members = view_.files.members;
+        return std::find(members.begin(), members.end(), image) != members.end();
+    }
+
+    bool has_sound_afs() const {
+        return view_.files.qfs_image.empty() ? !is_counted(qfs_img) : view_.afs.damages.empty();
+    }
+
     bool has_sound_efs() const {
         using Rule = EfsDamage::Rule;
-        return !view_.files.efs_image.empty() &&
-               std::none_of(view_.efs.damages.begin(), view_.efs.damages.end(),
+        if (view_.files.efs_image.empty()) {
+            return !is_counted(efs_img);
+        }
+        return std::none_of(view_.efs.damages.begin(), view_.efs.damages.end(),
                             [](const EfsDamage &damage) {
                                 return damage.rule == Rule::mapping || damage.rule == Rule::block ||
                                        damage.rule == Rule::entry || damage.rule == Rule::erased;

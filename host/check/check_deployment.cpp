@@ -26,9 +26,7 @@ void DeploymentCheck::run() {
     for (const uint32_t sku : view_.skus) {
         const FtblRow &row = *view_.table.row_of(sku);
         check_efs_list(row);
-        if (!is_of_another_set(row)) {
-            check_row(row);
-        }
+        check_row(row);
     }
     for (const auto &[image, names] : lost_) {
         findings_.follow({image}, {image, "",
@@ -93,34 +91,6 @@ void DeploymentCheck::check_absent_image(const char *image, const char *other, b
 bool DeploymentCheck::is_any_deployed() const {
     return std::any_of(view_.skus.begin(), view_.skus.end(),
                        [&](uint32_t sku) { return flash_.is_deployed(*view_.table.row_of(sku)); });
-}
-
-// More files of the image are unknown than known, and more of the table's are missing than
-// there.
-bool DeploymentCheck::is_of_another_set(const FtblRow &row) {
-    std::set<uint32_t> wanted;
-    for (const FtblEntry &entry : row.entries) {
-        if (entry.is_in_afs()) {
-            wanted.insert(entry.id);
-        }
-    }
-    const auto there = std::count_if(wanted.begin(), wanted.end(),
-                                     [&](uint32_t id) { return flash_.afs.contains(id); });
-    const auto strays = std::count_if(flash_.afs.begin(), flash_.afs.end(), [&](const auto &file) {
-        return !afs_ids_.contains(file.first);
-    });
-    const auto missing = static_cast<std::ptrdiff_t>(wanted.size()) - there;
-    if (strays <= there || missing <= there || findings_.has_error_in(qfs_img) ||
-        findings_.has_error_in(ftbl_bin)) {
-        return false;
-    }
-    findings_.error({qfs_img, "",
-                     "holds the files of another set: " + std::to_string(strays) + " of its " +
-                         counted(flash_.afs.size(), "file") + " are in no file table, and " +
-                         std::to_string(missing) + " of " + std::to_string(wanted.size()) +
-                         " of the table's are missing"},
-                    "another set");
-    return true;
 }
 
 void DeploymentCheck::check_row(const FtblRow &row) {

@@ -40,7 +40,6 @@ class DeploymentCheck {
     void check_absent_image(const char *image, const char *other, bool other_is_there,
                             const std::vector<std::string> &names);
     bool is_any_deployed() const;
-    bool is_of_another_set(const FtblRow &row);
     void check_row(const FtblRow &row);
     void check_not_deployed(const FtblRow &row);
     void tell_unread_overrides();

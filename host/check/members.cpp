@@ -122,6 +122,12 @@ class Loader {
             return;
         }
         view_.files.*member.content = std::move(bytes);
+        const auto &named = view_.files.members;
+        if (!named.empty() && std::find(named.begin(), named.end(), member.name) == named.end()) {
+            findings_.note({member.name, "",
+                            "is there, and set.json does not count it among the members of the "
+                            "set"});
+        }
     }
 
     void tell_missing(const SetMember &member) {
@@ -146,7 +152,14 @@ class Loader {
 
 void load_members(const SetFolder &folder, SetView &view, Findings &findings) {
     Loader(folder, view, findings).run();
+    read_members(view);
+}
+
+void read_members(SetView &view) {
     view.table = read_file_table(view.files.ftbl);
+    view.names.clear();
+    view.afs_names.clear();
+    view.efs_names.clear();
     for (const FtblRow &row : view.table.rows) {
         for (const FtblEntry &entry : row.entries) {
             const std::string name(entry.name);
@@ -156,9 +169,7 @@ void load_members(const SetFolder &folder, SetView &view, Findings &findings) {
     }
     view.base = read_fcs_store(view.files.orvel_cfg);
     view.overrides = read_fcs_store(override_store(view.files.vync_cfg));
-    if (!view.files.qfs_image.empty()) {
-        view.afs = read_afs_image(view.files.qfs_image);
-    }
+    view.afs = view.files.qfs_image.empty() ? AfsImage{} : read_afs_image(view.files.qfs_image);
 }
 
 } // namespace dolm

@@ -26,6 +26,7 @@ SetReport check_files(const std::filesystem::path &folder, std::optional<uint32_
 }
 
 SetReport check_members(SetView &view, std::optional<uint32_t> sku, Findings findings) {
+    drop_strangers(view, findings);
     check_table(view, sku, findings);
     check_stores(view, findings);
     check_afs(view, findings);

@@ -54,6 +54,12 @@ inline std::string name_in(const std::map<uint32_t, std::string> &names, uint32_
 // view. The EFS image has to wait until its geometry is known.
 void load_members(const SetFolder &folder, SetView &view, Findings &findings);
 
+// Makes the rest of the view from its files, but for the EFS image.
+void read_members(SetView &view);
+
+// Tells of members that are well-formed and belong to another set, and leaves them out of the view.
+void drop_strangers(SetView &view, Findings &findings);
+
 // Head, rows, entries and the EFST section of the file table, and which SKUs there are to check.
 void check_table(SetView &view, std::optional<uint32_t> sku, Findings &findings);
 

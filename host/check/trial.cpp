@@ -126,11 +126,22 @@ void try_running(const SetView &view, uint32_t sku, Findings &findings) {
     if (view.files.orvel_cfg.empty() || view.files.ftbl.empty()) {
         return;
     }
+    const auto follow = [&](const std::string &file, const std::string &text) {
+        findings.follow(
+            {ftbl_bin, orvel_cfg, vync_cfg, qfs_img, efs_img, "the set"},
+            {file.empty() ? "the set" : file, "", "with SKU " + std::to_string(sku) + ": " + text});
+    };
     try {
         Trial(view, sku, findings).run();
+    } catch (const LibraryFailure &failure) {
+        std::vector<Report> reports = failure.reports;
+        std::erase_if(reports, [](const Report &report) { return !is_error(report); });
+        follow(reports.empty() ? "" : reports.front().file, failure.what());
+        for (const Report &report : reports) {
+            follow(report.file, to_text(report));
+        }
     } catch (const Failure &failure) {
-        Remark remark{"the set", "", "with SKU " + std::to_string(sku) + ": " + failure.what()};
-        findings.follow({ftbl_bin, orvel_cfg, vync_cfg, qfs_img, efs_img}, std::move(remark));
+        follow("", failure.what());
     }
 }
 
