@@ -1,5 +1,5 @@
-# What cpack makes: a Debian package of each component, without a look at the clock, so that the
-# same sources give the same bytes.
+# What cpack makes: a Debian package of each component, or for Windows an archive of them all,
+# without a look at the clock, so that the same sources give the same bytes.
 file(STRINGS CHANGELOG.md release REGEX "^## " LIMIT_COUNT 1)
 if(NOT release MATCHES "^## ([0-9.]+) \\(([0-9-]+)\\)$" OR
    NOT CMAKE_MATCH_1 VERSION_EQUAL PROJECT_VERSION)
@@ -11,12 +11,21 @@ if(NOT version STREQUAL "VERSION = \"${PROJECT_VERSION}\"")
     message(FATAL_ERROR "python/dolmstorage/_version.py has another version than ${PROJECT_VERSION}")
 endif()
 
-set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME dolmstoragelib)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/debian/time_of_release.cmake)
+set(CPACK_DOLM_RELEASE_DATE ${DOLM_RELEASE_DATE})
+if(WIN32)
+    set(CPACK_GENERATOR ZIP)
+    set(CPACK_SYSTEM_NAME windows-x86_64)
+    include(CPack)
+    return()
+endif()
+
+set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The authors of DolmStorageLib <dolm@storage.invalid>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -66,8 +75,6 @@ values, shows what lies on a flash image and says what is wrong with
 it. Made for shells and build scripts.")
 endif()
 
-set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/debian/time_of_release.cmake)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/documents.cmake)
-set(CPACK_DOLM_RELEASE_DATE ${DOLM_RELEASE_DATE})
 set(CPACK_DOLM_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 include(CPack)

@@ -173,7 +173,8 @@ uint32_t fill_file_list(const uint8_t *table, const geometry_row &row) {
                                    .offset = record.offset,
                                    .max_size = record.max_size,
                                    .present = 1,
-                                   .reserved = 0};
+                                   .reserved = 0,
+                                   .reserved_bytes = {}};
     }
     replace_file_list(list, row.files_num);
     return ok;

@@ -1,4 +1,8 @@
 // The command line of dolm.
+
+// Behind this, options of the command line that are paths are read by it.
+#include "host/path_option.h"
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
@@ -274,14 +278,15 @@ bool asks_for_json(const std::vector<std::string> &words) {
     return std::find(words.begin(), end, "--json") != end;
 }
 
-void run(int argc, char **argv) {
+void run(const std::vector<std::string> &words) {
     dolm::system::prepare_streams();
-    const std::vector<std::string> words(argv + 1, argv + argc);
     if (asks_for_json(words)) {
         dolm::choose_json(words.front());
     }
     CLI::App app("Builds, reads and changes sets of firmware storage inputs: configuration tables "
-                 "and flash images.");
+                 "and flash images.",
+                 "dolm");
+    app.allow_windows_style_options(false); // a path may begin with a slash
     app.set_version_flag("--version", DOLM_VERSION);
     app.require_subcommand(1);
     add_build(app);
@@ -304,7 +309,7 @@ void run(int argc, char **argv) {
         refuse_unknown_command(app, words.front());
     }
     try {
-        app.parse(argc, argv);
+        app.parse(std::vector(words.rbegin(), words.rend()));
     } catch (const CLI::Success &help) {
         app.exit(help);
     } catch (const CLI::ParseError &error) {
@@ -323,7 +328,7 @@ int fail(const std::exception &error, int exit_code,
 
 int main(int argc, char **argv) {
     try {
-        run(argc, argv);
+        run(dolm::system::arguments(argc, argv));
         return 0;
     } catch (const dolm::UsageError &error) {
         return fail(error, exit_usage);

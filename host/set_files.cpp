@@ -131,9 +131,8 @@ SetFolder::SetFolder(fs::path folder, Use use, double lock_timeout) : path_(std:
 }
 
 SetFolder::~SetFolder() {
-    std::error_code not_empty;
-    if (is_new_) {
-        fs::remove(path_, not_empty);
+    if (is_new_ && lock_) {
+        lock_->remove_empty_folder();
     }
 }
 

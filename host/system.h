@@ -1,16 +1,26 @@
-// What dolm asks of the operating system beyond the standard library. Everything else of the
-// program is the same on every system.
+// What dolm asks of the operating system beyond the standard library: a file for POSIX systems and
+// one for Windows. Everything else of the program is the same on every system. Paths, arguments and
+// texts are UTF-8 on Windows, and bytes as they are elsewhere.
 #pragma once
 
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "image/bytes.h"
 
 namespace dolm::system {
+
+// The words of the command line behind the program's name.
+std::vector<std::string> arguments(int argc, char **argv);
+
+// The path that a user names. Not every library takes the text of a path for UTF-8 where it has to.
+std::filesystem::path to_path(std::string_view text);
 
 // Standard input, output and error carry bytes as they are, and a write that is refused for the
 // size of a file or for want of a reader is an error rather than the end of the program.
@@ -43,8 +53,9 @@ class HeldSignals {
     static bool any();
 };
 
-// A lock on an existing folder, held on the folder itself: there is no file for it, it leaves no
-// trace, and it ends with the object or the process.
+// A lock on an existing folder, which leaves no trace and ends with the object or the process. It
+// is held on the folder itself; on Windows, which has no such lock, on a file in it that is there
+// as long as someone uses it.
 class FolderLock {
   public:
     enum class Kind { shared, exclusive };
@@ -59,8 +70,12 @@ class FolderLock {
     // False if others stood in the way all the time. Throws std::system_error.
     bool acquire(Kind kind, std::chrono::milliseconds patience);
 
+    // Removes the folder if nothing is in it. The lock is of no more use.
+    void remove_empty_folder();
+
   private:
-    int folder_;
+    class Held;
+    std::unique_ptr<Held> held_;
 };
 
 // Reads a file, a device or a pipe to its end, standard input for "-", and leaves the times of a
@@ -73,8 +88,8 @@ Bytes read(const std::filesystem::path &path, uint64_t limit);
 bool may_replace(const std::filesystem::path &path);
 
 // Makes a file, which must not exist, with the content on the disk. It gets the owner and the mode
-// of the file that is to be replaced, if there is one. Throws std::system_error, and leaves no
-// file.
+// of the file that is to be replaced, if there is one; on Windows it has the rights that its folder
+// gives. Throws std::system_error, and leaves no file.
 void create(const std::filesystem::path &path, const Bytes &content,
             const std::filesystem::path &replaced);
 

@@ -74,7 +74,7 @@ Bytes parse_value(const std::string &argument) {
         throw UsageError("'" + argument + "' is not hexadecimal: two digits make a byte");
     }
     if (text.starts_with('@')) {
-        return read_file(text.substr(1), max_table_size);
+        return read_file(system::to_path(text.substr(1)), max_table_size);
     }
     return to_bytes(text.starts_with(text_prefix) ? text.substr(text_prefix.size()) : text);
 }

@@ -1,8 +1,13 @@
-/* DOLM_API marks what the shared library exports; everything else in it is hidden. */
+/* DOLM_API marks what the shared library exports; everything else in it is hidden. A DLL exports
+ * what its module definition lists, the same symbols. */
 #ifndef DOLM_API_H
 #define DOLM_API_H
 
+#ifdef _WIN32
+#define DOLM_API
+#else
 #define DOLM_API __attribute__((visibility("default")))
+#endif
 
 #ifdef __cplusplus
 #define DOLM_EXTERN_C_BEGIN extern "C" {

@@ -34,11 +34,12 @@ struct file_table_entry_t {
 
 // One slot of the EFS file list. In memory only.
 struct EFS_file_entry {
-    uint8_t block;        // first logical block
-    uint16_t offset;      // of the first record in the block's data area, in bytes
-    uint16_t max_size;    // largest allowed file length in bytes
-    uint32_t present : 1; // the slot names a file
-    uint32_t reserved : 23;
+    uint8_t block;       // first logical block
+    uint16_t offset;     // of the first record in the block's data area, in bytes
+    uint16_t max_size;   // largest allowed file length in bytes
+    uint8_t present : 1; // the slot names a file
+    uint8_t reserved : 7;
+    uint8_t reserved_bytes[2];
 };
 
 #pragma pack(pop)

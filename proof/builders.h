@@ -1,9 +1,5 @@
-// Builders of the byte formats that the configuration side reads, and memory that catches an
-// access outside it. Shared by tests and fuzz targets.
+// Builders of the byte formats that the configuration side reads. Shared by tests and fuzz targets.
 #pragma once
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -16,6 +12,7 @@
 #include "image/bytes.h"
 #include "image/fcs_store.h"
 #include "image/file_table.h"
+#include "proof/guarded_bytes.h"
 
 namespace builders {
 
@@ -170,32 +167,6 @@ inline Bytes store_of(const std::vector<StoreFile> &files) {
     bytes.insert(bytes.end(), payloads.begin(), payloads.end());
     return bytes;
 }
-
-// Read-only copy of bytes that ends where unreadable memory starts.
-class GuardedBytes {
-  public:
-    explicit GuardedBytes(const Bytes &bytes) {
-        const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        const size_t used = (bytes.size() + page - 1) / page * page;
-        map_size_ = used + page;
-        map_ = static_cast<uint8_t *>(
-            mmap(nullptr, map_size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        data_ = map_ + used - bytes.size();
-        std::memcpy(data_, bytes.data(), bytes.size());
-        mprotect(map_, used, PROT_READ);
-        mprotect(map_ + used, page, PROT_NONE);
-    }
-    ~GuardedBytes() { munmap(map_, map_size_); }
-    GuardedBytes(const GuardedBytes &) = delete;
-    GuardedBytes &operator=(const GuardedBytes &) = delete;
-
-    const uint8_t *data() const { return data_; }
-
-  private:
-    uint8_t *map_;
-    uint8_t *data_;
-    size_t map_size_;
-};
 
 // Takes the selection out of the process-wide file table.
 inline void forget_file_table() {

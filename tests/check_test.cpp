@@ -5,13 +5,11 @@
 //   "cut"    the length that is left of the member
 // and the first finding that the sample itself does not give has to be about the member, an error
 // or, with "note", a note, with a place that holds "place" and the "nvar" if one is given.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <gtest/gtest.h>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -21,6 +19,7 @@
 
 #include "host/check/set_check.h"
 #include "host/commands.h"
+#include "host/system.h"
 
 namespace {
 
@@ -147,7 +146,7 @@ class Check : public testing::Test {
         return findings;
     }
 
-    const fs::path folder = testing::TempDir() + "check_test." + std::to_string(getpid());
+    const fs::path folder = testing::TempDir() + "check_test." + dolm::system::process_number();
     const fs::path set = folder / "set";
 
   private:

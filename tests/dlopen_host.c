@@ -3,7 +3,14 @@
  * change.
  *
  * Usage: dlopen_host LIBRARY FOLDER SKU NAME */
+#ifdef _WIN32
+#include <windows.h>
+#define dlopen(path, flags) ((void *)LoadLibraryA(path))
+#define dlsym(library, name) ((void *)(uintptr_t)GetProcAddress((HMODULE)(library), name))
+#define dlclose(library) FreeLibrary((HMODULE)(library))
+#else
 #include <dlfcn.h>
+#endif
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -141,9 +141,16 @@ TEST(FileTableTest, LoadsTheEfsGeometryAndFileList) {
         ASSERT_EQ(load(good, 0x105), 0u);
         EXPECT_EQ(geometry(), std::tuple(3u, 255u, 1u, 4u, 9u, 0xFE));
         EXPECT_EQ(g_efs_sku_id, 5);
-        const uint8_t expected[] = {0, 0, 0, 0, 0, 0, 0, 0, 8, 0xE8, 0x0F, 9, 0, 1, 0, 0,
-                                    0, 0, 0, 0, 0, 0, 0, 0, 5, 6,    0,    7, 0, 1, 0, 0};
-        EXPECT_EQ(std::memcmp(EFS_files, expected, sizeof(expected)), 0);
+        const auto slot = [](uint32_t file) {
+            const EFS_file_entry &entry = EFS_files[file];
+            return std::tuple<int, int, int, int, int>(entry.block, entry.offset, entry.max_size,
+                                                       entry.present, entry.reserved);
+        };
+        for (const uint32_t empty : {0u, 2u}) {
+            EXPECT_EQ(slot(empty), std::tuple(0, 0, 0, 0, 0));
+        }
+        EXPECT_EQ(slot(1), std::tuple(8, 0x0FE8, 9, 1, 0));
+        EXPECT_EQ(slot(3), std::tuple(5, 6, 7, 1, 0));
     }
     Bytes many = good;
     put32(many, source.geometry_at(1) + 28, 65536);
@@ -186,10 +193,10 @@ TEST(FileTableTest, LookUpsFollowTheRows) {
     EXPECT_EQ(row_of("/x", 9), 1);
     EXPECT_EQ(row_of("/y", 8), -1);
 
-    file_table_entry_t own[2] = {};
-    own[1].name[0] = 'z';
-    own[1].fileno = 7;
-    g_table_buf = own;
+    Bytes own(2 * 68);
+    own[68] = 'z';
+    put32(own, 68 + 48, 7);
+    g_table_buf = reinterpret_cast<file_table_entry_t *>(own.data());
     g_table_num_files = 2;
     EXPECT_EQ(row_of("z", 7), 1);
     EXPECT_EQ(row_of("/c", 3), -1);

@@ -10,7 +10,7 @@ namespace {
 
 using namespace dolm::proof;
 
-#if defined(__SANITIZE_ADDRESS__)
+#ifdef DOLM_SMALL_SAMPLE
 constexpr uint64_t sample_first = 60;
 constexpr uint64_t sample_second = 180;
 #else

@@ -8,6 +8,7 @@ import os
 import signal
 import stat
 import time
+import zlib
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Dict, Iterable, Iterator, List, Mapping, Optional, Set
@@ -28,7 +29,10 @@ MEMBERS: Dict[str, int] = {
     "qfs.img": _MAX_IMAGE, "efs.img": _MAX_IMAGE, SETTINGS: 65536,
 }
 
+TABLES = ("orvel.cfg", "vync.cfg", "ftbl.bin")
 MANDATORY = ("orvel.cfg", "ftbl.bin")
+
+_CHECKSUM_FIELDS = {"size", "crc32", "block_size", "block_crc32"}
 
 _UNDO_JOURNAL = "dolm-change.undo"
 _FINISH_JOURNAL = "dolm-change.finish"
@@ -337,6 +341,19 @@ def recover(folder: Path) -> None:
                   + ("finished" if was_decided else "undone"))
 
 
+def _crc32(content: memoryview) -> int:
+    """The checksum of EFS: that of zlib without its inversions."""
+    return zlib.crc32(content, 0xFFFFFFFF) ^ 0xFFFFFFFF
+
+
+def _checksums(content: bytes) -> Dict[str, Any]:
+    """The checksums of a table as "set.json" has them, in 128 blocks at most."""
+    size = max(64, 1 << ((len(content) + 127) // 128 - 1).bit_length())
+    view = memoryview(content)
+    return {"size": len(content), "crc32": _crc32(view), "block_size": size,
+            "block_crc32": [_crc32(view[at:at + size]) for at in range(0, len(content), size)]}
+
+
 def _is_unchanged(path: Path, content: Optional[bytes]) -> bool:
     """An unchanged file is left alone, so that its time of change tells the truth."""
     if not path.is_file():
@@ -357,6 +374,7 @@ class SetFolder:
         self.path = path
         self._empty: Set[str] = set()  # members without a byte when the set was loaded
         self._settings: Dict[str, Any] = {}
+        self._loaded: Dict[str, bytes] = {}
         self._lock = FolderLock(path)
         try:
             self._lock.acquire(exclusive, lock_timeout)
@@ -384,6 +402,7 @@ class SetFolder:
             if not content[member]:
                 self._empty.add(member)
         self._settings = self._read_settings(content.pop(SETTINGS))
+        self._loaded = {table: bytes(content[table]) for table in TABLES}
         return content
 
     def _read_settings(self, content: bytearray) -> Dict[str, Any]:
@@ -391,21 +410,29 @@ class SetFolder:
             return {}
         try:
             settings = json.loads(content)
-        except ValueError:
-            settings = None
-        sku = settings.get("sku") if isinstance(settings, dict) else None
-        members = settings.get("members", []) if isinstance(settings, dict) else None
-        if (type(sku) is not int or not 0 <= sku < 1 << 32 or not isinstance(members, list)
-                or not all(isinstance(name, str) for name in members)):
+            sku, members = settings["sku"], settings.get("members", [])
+            checksums = settings.get("checksums", {})
+            is_good = (type(sku) is int and 0 <= sku < 1 << 32
+                       and isinstance(members, list) and all(type(one) is str for one in members)
+                       and all(set(one) == _CHECKSUM_FIELDS for one in checksums.values()))
+        except (ValueError, KeyError, TypeError, AttributeError):
+            is_good = False
+        if not is_good:
             raise StorageError(f"{self.path / SETTINGS}: not of the form "
-                               '{"sku": NUMBER, "members": [NAME, ...]}')
-        return {"sku": sku, "members": members}
+                               '{"sku": NUMBER, "members": [NAME, ...], "checksums": {...}}')
+        return {"sku": sku, "members": members, "checksums": checksums}
 
     @property
     def sku(self) -> Optional[int]:
         """The SKU that the set is used with, if "set.json" says it."""
         sku: Optional[int] = self._settings.get("sku")
         return sku
+
+    def _checksums_to_record(self, table: str, content: bytes) -> Dict[str, Any]:
+        """What a table is to be held against later. One that had changed behind everyone's back, and
+        that is written as it was found, keeps the checksums by which that shows."""
+        recorded: Optional[Dict[str, Any]] = self._settings.get("checksums", {}).get(table)
+        return recorded if recorded and content == self._loaded[table] else _checksums(content)
 
     def save(self, content: Mapping[str, bytes], sku: int) -> None:
         """Writes the whole set. A file that the set lacks is removed, but for one that was empty or
@@ -414,7 +441,12 @@ class SetFolder:
         counted = self._settings.get("members", [])
         members = [member for member in MEMBERS
                    if member != SETTINGS and (member in counted or content[member])]
-        settings = {"sku": sku if self.sku is None else self.sku, "members": members}
+        settings: Dict[str, Any] = {"sku": sku if self.sku is None else self.sku,
+                                    "members": members}
+        checksums = {table: self._checksums_to_record(table, content[table])
+                     for table in sorted(TABLES) if content[table]}
+        if checksums:
+            settings["checksums"] = checksums
         wanted: Dict[str, Optional[bytes]] = {}
         for member, data in content.items():
             is_absent = not data and member not in MANDATORY

@@ -116,6 +116,14 @@ class Alarm {
 
 } // namespace
 
+std::vector<std::string> arguments(int argc, char **argv) {
+    return {argv + std::min(argc, 1), argv + argc};
+}
+
+fs::path to_path(std::string_view text) {
+    return text;
+}
+
 void prepare_streams() {
     std::signal(SIGXFSZ, SIG_IGN);
 }
@@ -158,20 +166,26 @@ bool HeldSignals::any() {
     return sigisemptyset(&both) == 0;
 }
 
-FolderLock::FolderLock(const fs::path &folder)
-    : folder_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (folder_ < 0) {
-        fail();
+class FolderLock::Held {
+  public:
+    explicit Held(const fs::path &folder)
+        : path(folder), open(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        if (!open.is_open()) {
+            fail();
+        }
     }
-}
 
-FolderLock::~FolderLock() {
-    ::close(folder_);
-}
+    const fs::path path;
+    const Descriptor open;
+};
+
+FolderLock::FolderLock(const fs::path &folder) : held_(std::make_unique<Held>(folder)) {}
+
+FolderLock::~FolderLock() = default;
 
 bool FolderLock::acquire(Kind kind, std::chrono::milliseconds patience) {
     const int operation = kind == Kind::shared ? LOCK_SH : LOCK_EX;
-    if (flock(folder_, operation | LOCK_NB) == 0) {
+    if (flock(held_->open.number(), operation | LOCK_NB) == 0) {
         return true;
     }
     if (errno != EWOULDBLOCK) {
@@ -181,13 +195,19 @@ bool FolderLock::acquire(Kind kind, std::chrono::milliseconds patience) {
         return false;
     }
     const Alarm alarm(patience);
-    if (flock(folder_, operation) == 0) {
+    if (flock(held_->open.number(), operation) == 0) {
         return true;
     }
     if (errno != EINTR) {
         fail();
     }
     return false;
+}
+
+// Under the lock, so that nobody else takes the folder for one that stays.
+void FolderLock::remove_empty_folder() {
+    std::error_code not_empty;
+    fs::remove(held_->path, not_empty);
 }
 
 Bytes read(const fs::path &path, uint64_t limit) {

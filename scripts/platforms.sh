@@ -1,0 +1,142 @@
+# Building for other processors and systems; sourced by test-platforms behind common.sh, not run.
+
+short_tests=(crc_test fcs_test file_table_test file_tree_test qoqfs_test afs_file_test
+    efs_change_test session_test)
+
+# platform_triplet PLATFORM: the name of its tools.
+platform_triplet() {
+    case $1 in
+    i386) echo i686-linux-gnu ;;
+    armhf) echo arm-linux-gnueabihf ;;
+    aarch64) echo aarch64-linux-gnu ;;
+    s390x) echo s390x-linux-gnu ;;
+    windows) echo x86_64-w64-mingw32 ;;
+    *)
+        echo "unknown platform $1" >&2
+        return 1
+        ;;
+    esac
+}
+
+# How the programs of a platform run here, with semicolons between the words.
+platform_emulator() {
+    case $1 in
+    windows) echo /usr/lib/wine/wine64 ;;
+    armhf) echo "qemu-arm;-L;/usr/arm-linux-gnueabihf" ;;
+    *) echo "qemu-$1;-L;/usr/$(platform_triplet "$1")" ;;
+    esac
+}
+
+# emulated PLATFORM PROGRAM ARGUMENT...
+emulated() {
+    local words platform=$1
+    shift
+    IFS=';' read -ra words <<<"$(platform_emulator "$platform")"
+    WINEDEBUG=-all WINEPREFIX=$PWD/build/windows/wine "${words[@]}" "$@"
+}
+
+# prepare_platform PLATFORM: installs its tools, and puts what the program and the tests need of
+# other packages into build/PLATFORM/packages: headers, and GoogleTest built for it.
+prepare_platform() {
+    local triplet name packages=$PWD/build/$1/packages
+    triplet=$(platform_triplet "$1")
+    case $1 in
+    windows) install_packages "${test_packages[@]}" g++-mingw-w64-x86-64-posix wine64 ;;
+    *) install_packages "${test_packages[@]}" "g++-$triplet" qemu-user ;;
+    esac
+    mkdir -p "$packages/include" "$packages/share/cmake"
+    cp -r /usr/include/{CLI,nlohmann} "$packages/include"
+    cp -r /usr/share/cmake/{CLI11,nlohmann_json} "$packages/share/cmake"
+    [ -e "$packages/lib/libgtest.a" ] && return
+    cmake_for_platform "$1" -O1 -S /usr/src/googletest -B "build/$1/googletest" -DBUILD_GMOCK=OFF \
+        -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_INSTALL_PREFIX="$packages" >/dev/null
+    cmake --build "build/$1/googletest" --target install -- --quiet >/dev/null
+}
+
+# cmake_for_platform PLATFORM OPTIMISATION ARGUMENT...
+cmake_for_platform() {
+    local triplet system=Linux threads=
+    triplet=$(platform_triplet "$1")
+    if [ "$1" = windows ]; then
+        system=Windows
+        threads=-posix
+    fi
+    cmake -G Ninja -DCMAKE_SYSTEM_NAME=$system -DCMAKE_SYSTEM_PROCESSOR="${triplet%%-*}" \
+        -DCMAKE_C_COMPILER="$triplet-gcc$threads" -DCMAKE_CXX_COMPILER="$triplet-g++$threads" \
+        -DCMAKE_CROSSCOMPILING_EMULATOR="$(platform_emulator "$1")" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_C_FLAGS_RELEASE="$2" -DCMAKE_CXX_FLAGS_RELEASE="$2" "${@:3}"
+}
+
+# build_for_platform PLATFORM OPTIMISATION TARGET...
+build_for_platform() {
+    local platform=$1
+    cmake_for_platform "$platform" "$2" -S . -B "build/$platform" -DDOLM_WERROR=ON \
+        -DDOLM_BUILD_HOST=ON -DDOLM_BUILD_TESTS=ON \
+        -DCMAKE_PREFIX_PATH="$PWD/build/$platform/packages" >/dev/null
+    WINEDEBUG=-all WINEPREFIX=$PWD/build/windows/wine \
+        cmake --build "build/$platform" --target "${@:3}" -- --quiet
+}
+
+# test_platform PLATFORM: all tests that can run there.
+test_platform() {
+    local log=build/$1/ctest.log
+    WINEDEBUG=-all WINEPREFIX=$PWD/build/windows/wine \
+        ctest --test-dir "build/$1" -j "$(nproc)" --output-on-failure >"$log" 2>&1 || {
+        grep -E -A 15 ': Failure$' "$log" | head -n 150 || true
+        sed -n '/The following tests FAILED/,$p' "$log"
+        return 1
+    }
+    grep 'tests passed' "$log"
+}
+
+# run_short_tests PLATFORM
+run_short_tests() {
+    local test suffix= log=build/$1/short.log
+    [ "$1" != windows ] || suffix=.exe
+    for test in "${short_tests[@]}"; do
+        emulated "$1" "build/$1/tests/$test$suffix" >"$log" 2>&1 || {
+            echo "$test"
+            tail -n 60 "$log"
+            return 1
+        }
+    done
+    echo "${#short_tests[@]} test programs passed"
+}
+
+# compare_sample_set PLATFORM: with that of the program of this machine.
+compare_sample_set() {
+    local suffix= sets=build/$1/sets
+    [ "$1" != windows ] || suffix=.exe
+    rm -rf "$sets"
+    mkdir "$sets"
+    [ -x build/dev/dolm ] || configure_and_build dev -DDOLM_BUILD_HOST=ON
+    build/dev/dolm sample "$sets/here" >/dev/null
+    emulated "$1" "build/$1/dolm$suffix" sample "$sets/there" >/dev/null
+    diff -r "$sets/here" "$sets/there"
+    echo "the sample set of $1 has the same bytes"
+}
+
+# What a wine of its own can show of Windows: the symbols of the DLL, a host that loads it, and the
+# program with names of other alphabets and with long paths, with locks and through a change.
+test_windows() {
+    local dolm=build/windows/dolm.exe sets=build/windows/sets long name
+    cmake/exported_symbols build/windows/DolmStorageLib.dll
+    emulated windows build/windows/tests/dlopen_host.exe build/windows/DolmStorageLib.dll \
+        "$sets/there" 1 /home/net/hostname 2>/dev/null
+    diff -r "$sets/here" "$sets/there"
+
+    printf -v long '%0100d' 0
+    name=$sets/gerät-设备/$long/$long/$long
+    mkdir -p "${name%/*}"
+    emulated windows "$dolm" sample "$name" >/dev/null
+    emulated windows "$dolm" set "$name" net/hostname größe 2>/dev/null
+    build/dev/dolm set "$sets/here" net/hostname größe 2>/dev/null
+    diff -r "$sets/here" "$name"
+    [ "$(emulated windows "$dolm" get "$name" net/hostname 2>/dev/null)" = größe ]
+    emulated windows "$dolm" check "$name" >/dev/null
+    if emulated windows "$dolm" prove "$name" 2>"$sets/prove"; then
+        return 1
+    fi
+    grep -q Linux "$sets/prove"
+    echo "the DLL and dolm.exe do what they do on Linux"
+}
