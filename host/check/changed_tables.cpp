@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "host/check/flash_files.h"
 #include "host/check/set_view.h"
 #include "host/check/table_spot.h"
 #include "image/efs_records.h"
@@ -31,7 +32,8 @@ struct Changed {
 
 class ChangeCheck {
   public:
-    ChangeCheck(const SetView &view, Findings &findings) : view_(view), findings_(findings) {}
+    ChangeCheck(const SetView &view, Findings &findings)
+        : view_(view), findings_(findings), flash_(view) {}
 
     void run() {
         for (const SetMember &member : set_members) {
@@ -64,9 +66,44 @@ class ChangeCheck {
         }
         if (is_whole || (changed.has_size() && changed.blocks.empty())) {
             sound_.insert(member.name);
+        } else if (is_write_back(changed)) {
+            findings_.note({vync_cfg, "",
+                            "another program has written it since dolm did; it is well-formed, and "
+                            "no value in flash contradicts it"});
         } else {
             changed_.push_back(std::move(changed));
         }
+    }
+
+    // Every host writes its values into this table and into flash, and knows nothing of checksums:
+    // what is in order by itself and stands in flash too is no damage.
+    bool is_write_back(const Changed &changed) const {
+        if (changed.member->name != std::string(vync_cfg) || findings_.has_error_in(vync_cfg) ||
+            finding_inside(changed) != nullptr) {
+            return false;
+        }
+        return !changed.has_size() ||
+               std::all_of(changed.blocks.begin(), changed.blocks.end(),
+                           [&](size_t block) { return is_of_value_in_flash(changed, block); });
+    }
+
+    bool is_of_value_in_flash(const Changed &changed, size_t block) const {
+        const size_t begin = block * changed.recorded->block;
+        const size_t end = begin + changed.recorded->block;
+        const auto &records = view_.overrides.records;
+        return std::any_of(records.begin(), records.end(), [&](const FcsRecord &record) {
+            return fcs::vync_head_size + record.offset < end &&
+                   fcs::vync_head_size + record.end() > begin && is_in_flash(record.number);
+        });
+    }
+
+    bool is_in_flash(uint32_t number) const {
+        return std::any_of(view_.skus.begin(), view_.skus.end(), [&](uint32_t sku) {
+            const auto &entries = view_.table.row_of(sku)->entries;
+            return std::any_of(entries.begin(), entries.end(), [&](const FtblEntry &entry) {
+                return entry.number == number && flash_.pulled(entry).has_value();
+            });
+        });
     }
 
     void tell_other_settings() {
@@ -189,6 +226,7 @@ class ChangeCheck {
 
     const SetView &view_;
     Findings &findings_;
+    const FlashFiles flash_;
     std::set<std::string> sound_; // tables that are what dolm wrote
     std::vector<Changed> changed_;
 };
