@@ -9,8 +9,7 @@ namespace dolm {
 
 namespace {
 
-void print_exported(const ExportOptions &options, const SetDescription &found,
-                    const ExportWritten &written) {
+void print_exported(const ExportOptions &options, const SetDescription &found, size_t values) {
     const Manifest &manifest = found.manifest;
     if (tells_json()) {
         Json hidden = Json::array();
@@ -21,14 +20,14 @@ void print_exported(const ExportOptions &options, const SetDescription &found,
         print_json({{"set", options.folder.string()},
                     {"output", options.output.string()},
                     {"files", manifest.files.size()},
-                    {"values", written.values},
+                    {"values", values},
                     {"skus", manifest.skus},
                     {"default_sku", manifest.default_sku},
                     {"as_found", manifest.as_found},
                     {"hidden", std::move(hidden)}});
     } else {
         print_line(options.output.string() + ": " + std::to_string(manifest.files.size()) +
-                   " files, " + std::to_string(written.values) + " values, " +
+                   " files, " + std::to_string(values) + " values, " +
                    std::to_string(manifest.skus.size()) + " SKUs");
     }
     flush_output();
@@ -47,11 +46,11 @@ void export_set(const ExportOptions &options) {
     for (const auto &[table, change] : set.changed_tables) {
         found.notes.push_back(table + " is not what set.json has checksums of");
     }
-    const ExportWritten written = write_export(found.manifest, options.output, options.replace);
+    const size_t values = write_export(found.manifest, options.output, options.replace);
     for (const std::string &note : found.notes) {
         tell_notice(note);
     }
-    print_exported(options, found, written);
+    print_exported(options, found, values);
     if (!found.hidden.empty()) {
         throw Failure(found.hidden);
     }

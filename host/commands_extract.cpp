@@ -2,7 +2,7 @@
 #include "host/errors.h"
 #include "host/flash_files.h"
 #include "host/output.h"
-#include "host/value_paths.h"
+#include "host/value_folder.h"
 #include "host/value_text.h"
 
 namespace dolm {
@@ -31,7 +31,7 @@ class Extraction {
   public:
     // image_problems may be why a file cannot be had.
     Extraction(const ExtractOptions &options, std::vector<Problem> image_problems)
-        : options_(options), image_problems_(std::move(image_problems)) {}
+        : options_(options), image_problems_(std::move(image_problems)), folder_(options.output) {}
 
     void take(const FlashFile &file) {
         if (!file.content) {
@@ -45,8 +45,7 @@ class Extraction {
             print_raw(to_text(content));
             return;
         }
-        const std::string path = paths_.take("", file.name, "");
-        write_value_file(options_.output / path, content);
+        const std::string path = folder_.add("", file.name, "", content);
         files_.push_back({{"name", file.name}, {"file", path}, {"size", content.size()}});
         if (!tells_json()) {
             print_line(path + ": " + std::to_string(content.size()) + " bytes");
@@ -71,7 +70,7 @@ class Extraction {
   private:
     const ExtractOptions &options_;
     const std::vector<Problem> image_problems_;
-    ValuePaths paths_;
+    ValueFolder folder_;
     Json files_ = Json::array();
     std::vector<Problem> problems_;
 };

@@ -5,7 +5,7 @@
 #include "host/errors.h"
 #include "host/output.h"
 #include "host/table_entries.h"
-#include "host/value_paths.h"
+#include "host/value_folder.h"
 #include "host/value_text.h"
 
 namespace dolm {
@@ -26,15 +26,15 @@ class Writer {
     Writer(const Manifest &manifest, fs::path folder)
         : manifest_(manifest), folder_(std::move(folder)) {}
 
-    ExportWritten write() {
+    size_t write() {
         std::string text = head();
         for (size_t i = 0; i < manifest_.files.size(); ++i) {
             text += i == 0 ? "\n    " : ",\n    ";
             text += file(manifest_.files[i]).dump();
         }
         text += "\n  ]\n}\n";
-        write_value_file(folder_ / "manifest.json", to_bytes(text));
-        return written_;
+        folder_.write("manifest.json", to_bytes(text));
+        return values_;
     }
 
   private:
@@ -169,10 +169,8 @@ class Writer {
     void put_value(Json &json, const char *key, const char *kind, const ManifestFile &file,
                    const std::optional<Content> &value) {
         if (value) {
-            const std::string path = paths_.take(kind, name_of_values(file), ".bin");
-            write_value_file(folder_ / path, value->bytes());
-            json[key] = {{"file", path}};
-            ++written_.values;
+            json[key] = {{"file", folder_.add(kind, name_of_values(file), ".bin", value->bytes())}};
+            ++values_;
         }
     }
 
@@ -186,14 +184,13 @@ class Writer {
     }
 
     const Manifest &manifest_;
-    const fs::path folder_;
-    ValuePaths paths_;
-    ExportWritten written_;
+    ValueFolder folder_;
+    size_t values_ = 0;
 };
 
 } // namespace
 
-ExportWritten write_export(const Manifest &manifest, const fs::path &folder, bool replace) {
+size_t write_export(const Manifest &manifest, const fs::path &folder, bool replace) {
     try {
         fs::create_directories(folder);
         if (!replace && !fs::is_empty(folder)) {

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <map>
-#include <tuple>
 #include <utility>
 
 #include "host/flash_images.h"
 #include "host/manifest_check.h"
+#include "host/sku_merge.h"
 #include "host/table_refusal.h"
 #include "image/afs_image.h"
 #include "image/afs_records.h"
@@ -26,29 +26,6 @@ std::string count_of(size_t count, const char *what) {
 
 Content to_content(std::span<const uint8_t> bytes) {
     return Content(Bytes(bytes.begin(), bytes.end()), bytes.size());
-}
-
-// The positions of the longest ascending run of numbers, which need not stand side by side.
-std::vector<size_t> longest_ascending(const std::vector<size_t> &numbers) {
-    std::vector<size_t> ends; // positions of the smallest ends of runs of each length
-    std::vector<size_t> before(numbers.size());
-    for (size_t i = 0; i < numbers.size(); ++i) {
-        const auto end = std::lower_bound(
-            ends.begin(), ends.end(), numbers[i],
-            [&](size_t position, size_t number) { return numbers[position] < number; });
-        before[i] = end == ends.begin() ? i : *std::prev(end);
-        if (end == ends.end()) {
-            ends.push_back(i);
-        } else {
-            *end = i;
-        }
-    }
-    std::vector<size_t> run(ends.size());
-    for (size_t i = run.size(), position = ends.empty() ? 0 : ends.back(); i-- > 0;) {
-        run[i] = position;
-        position = before[position];
-    }
-    return run;
 }
 
 class Describer {
@@ -89,17 +66,6 @@ class Describer {
         }
     }
 
-    // Everything that a row says of a file.
-    using Key = std::tuple<std::string, uint32_t, uint16_t, Store, uint16_t, uint32_t, bool,
-                           uint32_t, uint32_t, uint32_t>;
-
-    static Key key_of(const ManifestFile &file) {
-        const EfsPlacement placement = file.efs.value_or(EfsPlacement());
-        return {file.name,        file.number,       file.attributes,      file.store,
-                file.id,          file.max_size,     file.efs.has_value(), placement.block,
-                placement.offset, placement.max_size};
-    }
-
     void describe_rows() {
         for (const FtblRow &row : table_.rows) {
             const std::string sku = "SKU " + std::to_string(row.sku);
@@ -114,7 +80,11 @@ class Describer {
                                      " of them lie in the table");
             }
             manifest_.skus.push_back(row.sku);
-            merge_row(row);
+            std::vector<ManifestFile> files;
+            for (const FtblEntry &entry : row.entries) {
+                files.push_back(read_entry(entry, row.sku));
+            }
+            merge_files(manifest_.files, std::move(files), row.sku);
         }
         if (manifest_.skus.empty()) {
             hide("ftbl.bin", "no SKU has a row");
@@ -135,49 +105,6 @@ class Describer {
             file.efs = place_of(sku, file.id);
         }
         return file;
-    }
-
-    // Takes the files of one more SKU into the list. One that stands there as it is gets the SKU
-    // too, as far as the order of both lists allows; the others come in between.
-    void merge_row(const FtblRow &row) {
-        std::map<Key, std::vector<size_t>> known; // positions, the first one last
-        for (size_t i = manifest_.files.size(); i-- > 0;) {
-            known[key_of(manifest_.files[i])].push_back(i);
-        }
-        std::vector<ManifestFile> fresh;
-        std::vector<size_t> from; // positions in the row of those that are known
-        std::vector<size_t> to;   // and in the list
-        for (const FtblEntry &entry : row.entries) {
-            fresh.push_back(read_entry(entry, row.sku));
-            if (auto found = known.find(key_of(fresh.back()));
-                found != known.end() && !found->second.empty()) {
-                from.push_back(fresh.size() - 1);
-                to.push_back(found->second.back());
-                found->second.pop_back();
-            }
-        }
-        std::vector<ManifestFile> merged;
-        size_t listed = 0;
-        size_t taken = 0;
-        const auto take_up_to = [&](size_t row_end, size_t list_end) {
-            std::move(manifest_.files.begin() + static_cast<std::ptrdiff_t>(listed),
-                      manifest_.files.begin() + static_cast<std::ptrdiff_t>(list_end),
-                      std::back_inserter(merged));
-            std::move(fresh.begin() + static_cast<std::ptrdiff_t>(taken),
-                      fresh.begin() + static_cast<std::ptrdiff_t>(row_end),
-                      std::back_inserter(merged));
-            listed = list_end;
-            taken = row_end;
-        };
-        for (const size_t shared : longest_ascending(to)) {
-            take_up_to(from[shared], to[shared]);
-            manifest_.files[listed].skus.push_back(row.sku);
-            merged.push_back(std::move(manifest_.files[listed]));
-            ++listed;
-            ++taken;
-        }
-        take_up_to(fresh.size(), manifest_.files.size());
-        manifest_.files = std::move(merged);
     }
 
     // One section for all SKUs with the same geometry and list, in the order of the SKUs.

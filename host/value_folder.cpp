@@ -1,10 +1,10 @@
-#include "host/value_paths.h"
+#include "host/value_folder.h"
 
-#include <algorithm>
-#include <fstream>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
 
 #include "host/errors.h"
-#include "host/value_text.h"
 
 namespace dolm {
 
@@ -43,9 +43,9 @@ std::string lower(std::string text) {
 
 } // namespace
 
-std::string ValuePaths::take(std::string_view folder, std::string_view name,
-                             std::string_view suffix) {
-    std::string path(folder);
+std::string ValueFolder::take_path(std::string_view kind, std::string_view name,
+                                   std::string_view suffix) {
+    std::string path(kind);
     const auto add_part = [&](std::string_view part) {
         path += (path.empty() ? "" : "/") + safe_part(part);
     };
@@ -66,23 +66,40 @@ std::string ValuePaths::take(std::string_view folder, std::string_view name,
     return file;
 }
 
-void write_value_file(const fs::path &path, const Bytes &content) {
-    try {
-        if (path.has_parent_path()) {
-            fs::create_directories(path.parent_path());
+std::string ValueFolder::add(std::string_view kind, std::string_view name, std::string_view suffix,
+                             const Bytes &value) {
+    std::string path = take_path(kind, name, suffix);
+    write(path, value);
+    return path;
+}
+
+void ValueFolder::write(const std::string &path, const Bytes &content) {
+    const fs::path whole = folder_ / path;
+    const auto fail = [&](const std::string &why) {
+        throw Failure("cannot write " + whole.string() + ": " + why);
+    };
+    std::error_code error;
+    const size_t name = path.rfind('/');
+    if (made_.insert(name == path.npos ? "" : path.substr(0, name)).second) {
+        fs::create_directories(whole.parent_path(), error);
+        if (error) {
+            fail(error.message());
         }
-        if (fs::is_symlink(fs::symlink_status(path))) {
-            fs::remove(path);
-        }
-    } catch (const std::system_error &failure) {
-        throw Failure("cannot write " + path.string() + ": " + failure.code().message());
     }
-    std::ofstream stream(path, std::ios::binary);
-    const std::string_view bytes = to_text(content);
-    stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    stream.close();
-    if (!stream) {
-        throw Failure("cannot write " + path.string());
+    // A new file, so that nothing is written through a link.
+    std::FILE *file = std::fopen(whole.string().c_str(), "wbx");
+    if (file == nullptr && errno == EEXIST) {
+        fs::remove(whole, error);
+        file = std::fopen(whole.string().c_str(), "wbx");
+    }
+    if (file == nullptr) {
+        fail(std::generic_category().message(errno));
+    }
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    const bool is_written = std::fwrite(content.data(), 1, content.size(), file) == content.size();
+    const int why = errno;
+    if (std::fclose(file) != 0 || !is_written) {
+        fail(std::generic_category().message(is_written ? errno : why));
     }
 }
 
