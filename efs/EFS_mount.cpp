@@ -15,25 +15,6 @@ using dolm::load_le32;
 
 constexpr uint32_t read_attempts = 7;
 
-// The variables on which an image's layout, the arrays of efs_ctx and every block number rest.
-struct geometry {
-    uint32_t bm_num = 0;
-    uint32_t valid_block_num = 0;
-    uint32_t non_valid_block_num = 0;
-    uint8_t layout_id = 0;
-
-    bool operator==(const geometry &) const = default;
-};
-
-geometry current_geometry() {
-    return {.bm_num = g_efs_bm_num,
-            .valid_block_num = g_efs_valid_block_num,
-            .non_valid_block_num = g_efs_non_valid_block_num,
-            .layout_id = g_efs_layout_id};
-}
-
-geometry mounted_geometry;
-
 // The arrays of efs_ctx in one piece; they live until the next mount.
 void *mount_arrays = nullptr;
 
@@ -235,10 +216,6 @@ void drop_mounted_store() {
 
 } // namespace
 
-bool dolm::efs::geometry_changed() {
-    return efs_ctx.initialized != 0 && current_geometry() != mounted_geometry;
-}
-
 void dolm::efs::take_out_of_use() {
     efs_ctx.initialized = 0;
     hold_image(nullptr);
@@ -278,13 +255,9 @@ uint32_t EFS_init(uint8_t format) {
     if (const uint32_t status = find_mapping(); status != EFS_OK) {
         return status;
     }
-    mounted_geometry = current_geometry();
+    note_mounted_geometry();
     efs_ctx.initialized = 1;
     return EFS_OK;
-}
-
-uint32_t EFS_get_efs_size() {
-    return (g_efs_bm_num + g_efs_valid_block_num + g_efs_non_valid_block_num) * block_size;
 }
 
 uint8_t EFS_is_initialized() {

@@ -15,6 +15,7 @@ uint32_t efs_size = 0;
 namespace {
 
 using dolm::efs::block_size;
+using dolm::efs::image_size;
 
 // The image that the library allocated itself, while it has one.
 uint8_t *own_image = nullptr;
@@ -34,7 +35,7 @@ void release_image() {
 
 uint32_t allocate_image() {
     release_image();
-    own_image_size = EFS_get_efs_size();
+    own_image_size = image_size();
     own_image = static_cast<uint8_t *>(std::malloc(own_image_size + size_t{1}));
     dolm::efs::hold_image(own_image);
     if (own_image == nullptr) {
@@ -48,7 +49,7 @@ uint32_t allocate_image() {
 
 void dolm::efs::hold_image(uint8_t *image) {
     efs_image = image;
-    efs_size = image == nullptr ? 0 : EFS_get_efs_size();
+    efs_size = image == nullptr ? 0 : image_size();
     if (image != nullptr && image == own_image) {
         efs_size = std::min(efs_size, own_image_size);
     }
@@ -59,7 +60,7 @@ uint32_t EFS_physical_init(uint8_t format) {
         return allocate_image();
     }
     dolm::efs::hold_image(efs_image);
-    return efs_image == nullptr || efs_size < EFS_get_efs_size() ? EFS_NOT_MOUNTED : EFS_OK;
+    return efs_image == nullptr || efs_size < image_size() ? EFS_NOT_MOUNTED : EFS_OK;
 }
 
 uint32_t EFS_physical_read(uint32_t address, uint32_t length, void *destination) {

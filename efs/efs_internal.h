@@ -47,6 +47,11 @@ inline uint32_t data_block_address(uint32_t block) {
     return (g_efs_bm_num + block) * block_size;
 }
 
+// In 32 bits, whatever the variables are.
+inline uint32_t image_size() {
+    return data_block_address(data_block_num());
+}
+
 inline uint32_t next_bm() {
     return (efs_ctx.current_bm + 1) % g_efs_bm_num;
 }
@@ -56,8 +61,10 @@ inline bool geometry_fits() {
     return efs_block_counts_fit(g_efs_bm_num, g_efs_valid_block_num, g_efs_non_valid_block_num);
 }
 
-// Whether a store is mounted whose arrays and image no longer fit the geometry variables.
+// Whether a store is mounted whose arrays and image no longer fit the geometry variables. The mount
+// notes for which ones they were made.
 bool geometry_changed();
+void note_mounted_geometry();
 
 // Whether the mapping in force and the arrays of efs_ctx can be used.
 inline bool is_mounted() {
