@@ -77,6 +77,10 @@ struct ImportOptions : SetOptions {
 };
 void import_files(const ImportOptions &options);
 
+struct SalvageOptions : ExportOptions {};
+// Throws Failure if not everything was found sound; what was found has been written then.
+void salvage_set(const SalvageOptions &options);
+
 struct ImageOptions {
     std::filesystem::path path;
     std::optional<std::filesystem::path> ftbl;

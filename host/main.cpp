@@ -175,6 +175,18 @@ void add_table_options(CLI::App &command, dolm::ImageOptions &options) {
     add_lock_timeout(command, options.lock_timeout);
 }
 
+void add_salvage(CLI::App &app) {
+    auto *command =
+        app.add_subcommand("salvage", "Write what can still be read of a damaged set as an export");
+    auto options = std::make_shared<dolm::SalvageOptions>();
+    command->add_option("SET", options->folder, "Folder of the set")->required();
+    command->add_option("DIR", options->output, "Folder for manifest.json and the values")
+        ->required();
+    command->add_flag("--replace", options->replace, "Write over what lies in DIR");
+    add_lock_timeout(*command, options->lock_timeout);
+    command->callback([options] { dolm::salvage_set(*options); });
+}
+
 void add_history(CLI::App &app) {
     auto *command =
         app.add_subcommand("history", "Show earlier contents of files that still lie on an image");
@@ -297,6 +309,7 @@ void run(const std::vector<std::string> &words) {
     add_export(app);
     add_extract(app);
     add_import(app);
+    add_salvage(app);
     add_history(app);
     add_inspect(app);
     add_check(app);

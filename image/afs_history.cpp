@@ -1,7 +1,7 @@
 #include "image/afs_history.h"
 
 #include <algorithm>
-#include <map>
+#include <set>
 
 #include "image/afs_records.h"
 #include "image/afs_remains.h"
@@ -25,6 +25,9 @@ class Fat {
         pages_[page] = data;
         is_bad_[page] = !is_good;
     }
+
+    // From now on nothing is known but what is written again.
+    void forget() { is_bad_.assign(is_bad_.size(), true); }
 
     static uint32_t page_of_entry(uint32_t cid) { return (fs_header_size + 2 * cid) / page_size; }
 
@@ -112,11 +115,14 @@ class History {
         : bytes_(bytes), remains_(std::move(remains)), geometry_(remains_.geometry) {}
 
     AfsHistory run() {
+        note_sequences();
         place_units_without_sequence();
+        look_behind_the_log();
         replay();
         find_reclaimed_rows();
         AfsHistory history;
         history.file_count = geometry_.file_count;
+        history.chunk_count = geometry_.chunk_count;
         history.doubts = remains_.doubts;
         const std::vector<Chain> now = read_all(counted_fat(remains_.log));
         const std::vector<uint32_t> claims = count_claims(now);
@@ -140,14 +146,52 @@ class History {
     // What a mount reads.
     Fat counted_fat(const std::vector<LogUnit> &log) const {
         Fat fat(geometry_);
+        uint32_t before = 0;
         for (const LogUnit &unit : log) {
-            for (const LogPage &page : unit.pages) {
-                if (unit.counts) {
-                    fat.put(page.page, page_bytes(page), page.is_good);
+            if (unit.counts) {
+                begin(fat, unit, before);
+                for (const LogPage &page : unit.pages) {
+                    put(fat, page);
                 }
             }
         }
         return fat;
+    }
+
+    // A unit that is lost may have stood between two that do not follow each other.
+    void begin(Fat &fat, const LogUnit &unit, uint32_t &before) const {
+        if (!remains_.is_log_whole && is_gap(before, unit)) {
+            fat.forget();
+        }
+        before = unit.sequence.value_or(before);
+    }
+
+    // Whether a unit with pages of the log may have stood between two, and been reclaimed or lost.
+    bool is_gap(uint32_t before, const LogUnit &unit) const {
+        for (uint32_t i = before + 1; unit.sequence && i < *unit.sequence; ++i) {
+            if (!sequences_.contains(i)) {
+                return true;
+            }
+        }
+        return !unit.sequence;
+    }
+
+    void note_sequences() {
+        for (const LogUnit &unit : remains_.log) {
+            sequences_.insert(unit.sequence.value_or(0));
+        }
+        for (const auto &row : remains_.rows) {
+            sequences_.insert(row ? row->sequence : 0);
+        }
+        sequences_.insert(remains_.spare_row ? remains_.spare_row->sequence : 0);
+    }
+
+    void put(Fat &fat, const LogPage &page) const {
+        if (page.page == unknown_page) {
+            fat.forget();
+        } else {
+            fat.put(page.page, page_bytes(page), page.is_good);
+        }
     }
 
     std::vector<Chain> read_all(const Fat &fat) const {
@@ -168,7 +212,8 @@ class History {
         return claims;
     }
 
-    // A log unit whose header does not tell its time is put where most files can be read.
+    // A log unit whose header does not tell its time is put where its pages contradict the others
+    // least.
     void place_units_without_sequence() {
         std::vector<LogUnit> &log = remains_.log;
         const auto known = std::stable_partition(
@@ -176,58 +221,83 @@ class History {
         std::vector<LogUnit> unplaced(known, log.end());
         log.erase(known, log.end());
         for (const LogUnit &unit : unplaced) {
-            place(unit);
-        }
-        if (unplaced.size() > 1) {
-            remains_.doubts.emplace_back("the order of the log is not known");
-        }
-        for (const LogUnit &unit : log) {
-            if (unit.has_lost && unit.counts) {
-                remains_.doubts.emplace_back("a page of metadata is lost, and which one is not "
-                                             "known");
+            if (unplaced.size() > 1 || !place(unit)) {
+                remains_.doubts.push_back("the header of EU " + std::to_string(unit.eu) +
+                                          " does not tell the time of its pages");
+                remains_.is_log_whole = false;
             }
         }
     }
 
-    void place(const LogUnit &unit) {
+    // Pages that are newer than the log, as far as its entries tell it. A cut leaves copies of
+    // pages there that the log has.
+    void look_behind_the_log() {
+        std::set<std::vector<uint8_t>> known;
+        for (const LogUnit &unit : remains_.log) {
+            for (const LogPage &page : unit.pages) {
+                known.emplace(page_bytes(page).begin(), page_bytes(page).end());
+            }
+        }
+        for (const LogUnit &unit : remains_.log) {
+            for (const LogPage &page : unit.behind) {
+                const auto bytes = page_bytes(page);
+                if (unit.counts && !known.contains({bytes.begin(), bytes.end()})) {
+                    remains_.doubts.push_back(
+                        "pages of metadata lie behind the end of the log in EU " +
+                        std::to_string(unit.eu));
+                    return;
+                }
+            }
+        }
+    }
+
+    // False if what is newest depends on the place, and nothing speaks for one.
+    bool place(const LogUnit &unit) {
         std::vector<LogUnit> &log = remains_.log;
-        size_t best_score = 0;
-        size_t best_at = 0;
+        const auto last = std::find_if(log.rbegin(), log.rend(),
+                                       [](const LogUnit &other) { return other.counts; });
+        const bool has_head = last != log.rend() && !last->is_full;
+        if (has_head && !unit.is_full) {
+            return false;
+        }
+        size_t fewest = SIZE_MAX;
+        std::vector<size_t> fitting;
         std::vector<Chain> best;
         bool is_certain = true;
-        for (size_t at = 0; at <= log.size(); ++at) {
+        // The unit that has room is the last one.
+        const size_t begin = unit.is_full ? 0 : log.size();
+        const size_t end = has_head ? log.size() - 1 : log.size();
+        for (size_t at = begin; at <= end; ++at) {
             std::vector<LogUnit> tried = log;
             tried.insert(tried.begin() + static_cast<std::ptrdiff_t>(at), unit);
             std::vector<Chain> chains = read_all(counted_fat(tried));
-            const size_t score = count_readable(chains);
-            if (best.empty() || score > best_score) {
-                best_score = score;
-                best_at = at;
+            const size_t contradictions = count_contradictions(chains);
+            if (contradictions < fewest) {
+                fewest = contradictions;
+                fitting.assign(1, at);
                 is_certain = true;
                 best = std::move(chains);
-            } else if (score == best_score) {
+            } else if (contradictions == fewest) {
+                fitting.push_back(at);
                 is_certain = is_certain && chains == best;
             }
         }
-        if (!is_certain) {
-            remains_.doubts.push_back("the header of EU " + std::to_string(unit.eu) +
-                                      " does not tell the time of its pages");
+        if (is_certain) {
+            log.insert(log.begin() + static_cast<std::ptrdiff_t>(fitting.back()), unit);
+            is_order_known_ = is_order_known_ && fitting.size() == 1;
         }
-        log.insert(log.begin() + static_cast<std::ptrdiff_t>(best_at), unit);
+        return is_certain;
     }
 
-    size_t count_readable(const std::vector<Chain> &chains) const {
+    // Chains that lead astray or to each other's chunks.
+    size_t count_contradictions(const std::vector<Chain> &chains) const {
         const std::vector<uint32_t> claims = count_claims(chains);
-        size_t readable = 0;
-        for (const Chain &chain : chains) {
-            const bool is_read =
-                chain.kind == Chain::Kind::file &&
-                std::all_of(chain.chunks.begin(), chain.chunks.end(), [&](uint32_t chunk) {
-                    return claims[chunk] == 1 && place_of_chunk(chunk).has_value();
-                });
-            readable += is_read ? 1 : 0;
-        }
-        return readable;
+        return static_cast<size_t>(
+            std::count_if(chains.begin(), chains.end(), [&](const Chain &chain) {
+                return chain.kind == Chain::Kind::astray ||
+                       std::any_of(chain.chunks.begin(), chain.chunks.end(),
+                                   [&](uint32_t chunk) { return claims[chunk] != 1; });
+            }));
     }
 
     // Where a good and complete chunk lies in a unit.
@@ -250,15 +320,33 @@ class History {
         versions_.resize(geometry_.file_count);
         Fat fat(geometry_);
         std::vector<Chain> chains(geometry_.file_count);
+        uint32_t before = 0;
         for (const LogUnit &unit : remains_.log) {
+            const uint32_t sequence = unit.sequence.value_or(0);
+            if (is_gap(before, unit)) {
+                fat.forget();
+                forget(chains);
+            }
+            before = sequence;
             for (const LogPage &page : unit.pages) {
-                times_.push_back({unit.sequence.value_or(0), page});
-                fat.put(page.page, page_bytes(page), page.is_good);
+                times_.push_back({sequence, page});
+                put(fat, page);
                 for (uint32_t file = 0; file < geometry_.file_count; ++file) {
-                    if (touches(chains[file], file, page.page)) {
+                    if (page.page == unknown_page || touches(chains[file], file, page.page)) {
                         follow(file, chains[file], read_chain(fat, geometry_, file));
                     }
                 }
+            }
+        }
+    }
+
+    // What every file had is not known behind a gap in the log.
+    void forget(std::vector<Chain> &chains) {
+        last_gap_ = times_.size();
+        chains.assign(chains.size(), Chain());
+        for (std::vector<Tenure> &tenures : tenures_) {
+            for (Tenure &tenure : tenures) {
+                tenure.end = std::min(tenure.end, last_gap_);
             }
         }
     }
@@ -270,6 +358,9 @@ class History {
 
     void follow(uint32_t file, Chain &known, Chain chain) {
         const bool is_told = chain.kind == Chain::Kind::file || chain.kind == Chain::Kind::absent;
+        if (!is_told) {
+            last_gap_ = times_.size(); // its chunks may go to others unseen
+        }
         if (!is_told || chain == known) {
             known.pages = std::move(chain.pages);
             return; // what cannot be read now may be what it was
@@ -331,8 +422,15 @@ class History {
         if (!unit) {
             return std::nullopt;
         }
+        if (is_as_it_was(*unit, time)) {
+            return place_in(unit, chunk);
+        }
+        if (time < last_gap_) {
+            return std::nullopt;
+        }
         const bool is_last = held + 1 == tenures.end();
-        if (is_last && (held->end == forever || !is_reclaimed_since(row, *unit, held->end))) {
+        const bool is_held = held->end == forever && remains_.is_log_whole;
+        if (is_last && (is_held || !is_reclaimed_[row])) {
             if (const auto at = place_in(unit, chunk)) {
                 return at;
             }
@@ -352,10 +450,10 @@ class History {
         });
     }
 
-    bool is_reclaimed_since(uint32_t row, const DataUnit &unit, size_t time) const {
-        const bool is_as_formatted = unit.sequence != 0 && unit.sequence < remains_.eu_count;
-        const bool is_older = unit.sequence != 0 && unit.sequence < times_[time].sequence;
-        return !is_as_formatted && !is_older && is_reclaimed_[row];
+    // The unit is older than the time, and between two reclaims a chunk is written once.
+    bool is_as_it_was(const DataUnit &unit, size_t time) const {
+        return unit.sequence != 0 && unit.is_certain &&
+               (unit.sequence < remains_.eu_count || unit.sequence < times_[time].sequence);
     }
 
     AfsFileHistory judge(uint32_t file, const Chain &chain,
@@ -407,6 +505,9 @@ class History {
             }
             found.versions.push_back(std::move(version));
         }
+        if (!is_order_known_) {
+            return; // nothing is known of what was when
+        }
         const std::vector<Version> &had = versions_[found.number];
         for (auto version = had.rbegin(); version != had.rend(); ++version) {
             if (version->chain.kind != Chain::Kind::file) {
@@ -447,6 +548,9 @@ class History {
     std::vector<std::vector<Tenure>> tenures_;   // by chunk
     std::vector<std::vector<Version>> versions_; // by file
     std::vector<bool> is_reclaimed_;             // by row
+    bool is_order_known_ = true;                 // of the log
+    std::set<uint32_t> sequences_;               // of units that are there
+    size_t last_gap_ = 0;                        // time behind the last gap in the log
 };
 
 } // namespace

@@ -41,6 +41,7 @@ struct AfsFileHistory {
 
 struct AfsHistory {
     uint32_t file_count = 0;
+    uint32_t chunk_count = 0;
     std::vector<AfsFileHistory> files; // by number; those of which a trace is left
     std::vector<std::string> doubts;   // why nothing on the image is sure to be the newest
 };

@@ -162,13 +162,20 @@ class Reader {
             place_data(eu, header.va_base, header.sequence);
         } else if (header.is_told && header.va_base == 0) {
             place_log(eu, header.sequence, true);
-        } else if (const auto va_base = base_by_content(eu)) {
-            place_data(eu, *va_base, 0);
-        } else if (has_log(eu)) {
+        } else if (const BaseByContent base = base_by_content(eu); base.pages > log_pages(eu)) {
+            place_data(eu, base.va_base, 0);
+        } else if (log_pages(eu) != 0) {
             place_log(eu, std::nullopt, true);
-        } else if (!is_erased(body(eu))) {
+        } else if (!is_erased(body(eu)) || has_no_header(eu)) {
             unknown_.push_back(eu);
         }
+    }
+
+    // One that is merely damaged stands before a blank unit, one that is gone before anything.
+    bool has_no_header(uint32_t eu) const {
+        const auto header = bytes_.subspan(header_at(eu), header_size);
+        return std::all_of(header.begin(), header.end(),
+                           [&](uint8_t byte) { return byte == header[0]; });
     }
 
     void place_data(uint32_t eu, uint32_t va_base, uint32_t sequence) {
@@ -187,7 +194,16 @@ class Reader {
         LogUnit unit = read_log_unit(eu);
         unit.sequence = sequence;
         unit.counts = counts;
-        if (!unit.pages.empty() || unit.has_lost) {
+        const uint32_t end = unit.pages.empty() ? 0 : unit.pages.back().slot + 1;
+        // The slot behind the last page can hold a write that was cut.
+        for (uint32_t slot = end + 1; slot < log_slots; ++slot) {
+            const auto page = page_of(page_record(bytes_, log_record_at(eu, slot)),
+                                      remains_.geometry.page_count());
+            if (page) {
+                unit.behind.push_back({*page, eu, slot, true});
+            }
+        }
+        if (!unit.pages.empty() || !unit.behind.empty()) {
             remains_.log.push_back(std::move(unit));
         }
     }
@@ -222,37 +238,34 @@ class Reader {
         }
         if (unknown_.size() > missing_rows) {
             doubt("an erase unit cannot be read, which may have held the newest metadata");
+            remains_.is_log_whole = false;
         }
     }
 
-    // The first page of a data EU by the numbers that its pages carry: there are as many good ones
-    // as slots that were written.
-    std::optional<uint32_t> base_by_content(uint32_t eu) const {
-        std::optional<uint32_t> best;
-        uint32_t best_count = 0;
+    // The first page of a data EU by the numbers that its pages carry.
+    struct BaseByContent {
+        uint32_t va_base = 0;
+        uint32_t pages = 0; // that are good
+    };
+    BaseByContent base_by_content(uint32_t eu) const {
+        BaseByContent best;
         for (uint32_t row = 0; row < remains_.rows.size(); ++row) {
             const uint32_t base = remains_.geometry.page_count() + row * data_slots;
-            uint32_t count = 0;
+            uint32_t pages = 0;
             for (uint32_t slot = 0; slot < data_slots; ++slot) {
                 const PageRecord record = page_record(bytes_, data_record_at(eu, slot));
-                count += page_is_good(record, base + slot) ? 1 : 0;
+                pages += page_is_good(record, base + slot) ? 1 : 0;
             }
-            if (count > best_count) {
-                best = base;
-                best_count = count;
-            }
+            best = pages > best.pages ? BaseByContent{base, pages} : best;
         }
-        uint32_t complete = 0;
-        for (uint32_t slot = 0; slot < data_slots; ++slot) {
-            complete += bytes_[status_at(eu, slot)] == status_complete ? 1 : 0;
-        }
-        return best_count > 0 && 2 * best_count >= complete ? best : std::nullopt;
+        return best;
     }
 
-    bool has_log(uint32_t eu) const {
+    uint32_t log_pages(uint32_t eu) const {
         const LogUnit unit = read_log_unit(eu);
-        return std::any_of(unit.pages.begin(), unit.pages.end(),
-                           [](const LogPage &page) { return page.is_good; });
+        return static_cast<uint32_t>(
+            std::count_if(unit.pages.begin(), unit.pages.end(),
+                          [](const LogPage &page) { return page.is_good; }));
     }
 
     uint16_t entry(uint32_t eu, uint32_t index) const {
@@ -287,13 +300,17 @@ class Reader {
             const uint16_t next = entry(eu, slot + 1);
             const uint32_t told = link_of(link) ^ (own & entry_page_mask);
             const bool is_committed = (next & entry_uncommitted_bit) == 0;
-            // A commit bit that was lost: the log goes on behind it.
-            const bool went_on = !is_committed && holds(eu, slot, told) && next != entry_empty &&
-                                 leads_on(eu, slot, told);
+            // A cut leaves the next entry erased; anything else is a commit mark that was damaged.
+            const bool went_on = !is_committed && holds(eu, slot, told) && next != entry_empty;
             if (!is_committed && !went_on) {
                 slot += own == entry_empty ? 0 : 1; // a write that was cut takes the next slot too
                 gap_end = slot + 1;
                 continue;
+            }
+            // What follows a write that was cut is chained to what stands before it.
+            if (slot == gap_end && slot != 0 && !holds(eu, slot, told) &&
+                leads_elsewhere(eu, slot)) {
+                unit.pages.push_back({unknown_page, eu, slot, false});
             }
             if (own == entry_empty || own == entry_commit_mark) {
                 if (!find_by_content(unit, slot, link)) {
@@ -311,13 +328,16 @@ class Reader {
                 if (told < remains_.geometry.page_count()) {
                     add(unit, told, slot, false, link);
                 } else {
-                    unit.has_lost = true;
+                    unit.pages.push_back({unknown_page, eu, slot, false});
                 }
             }
             if (next == entry_commit_mark) {
-                break;
+                unit.is_full = slot + 1 == log_slots;
+                return unit;
             }
         }
+        unit.is_full =
+            entry(eu, log_slots) != entry_empty || entry(eu, log_slots - 1) != entry_empty;
         return unit;
     }
 

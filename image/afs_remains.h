@@ -36,9 +36,11 @@ struct DataUnit {
     bool is_certain = true; // false if it may be the spare with chunks of another time
 };
 
+constexpr uint32_t unknown_page = UINT32_MAX;
+
 // One write of a metadata page.
 struct LogPage {
-    uint32_t page = 0;
+    uint32_t page = 0; // unknown_page if what was written there is not known
     uint32_t eu = 0;
     uint32_t slot = 0;
     bool is_good = false; // its checksum matches
@@ -48,8 +50,9 @@ struct LogUnit {
     uint32_t eu = 0;
     std::optional<uint32_t> sequence; // nothing if its header does not tell it
     bool counts = true;               // false for the spare, whose pages are history
+    bool is_full = false;             // there is no room behind its pages
     std::vector<LogPage> pages;       // in the order of writing
-    bool has_lost = false;            // a page was written, and which one is not known
+    std::vector<LogPage> behind;      // good ones in slots behind those, which no entry leads to
 };
 
 struct Remains {
@@ -59,6 +62,7 @@ struct Remains {
     std::optional<DataUnit> spare_row;         // a spare that held the row before its unit did
     uint32_t spare_row_index = 0;
     std::vector<LogUnit> log;        // by sequence; those without one last
+    bool is_log_whole = true;        // no unit is lost that may have been one of the log
     std::vector<std::string> doubts; // why what is newest may not be known
 };
 

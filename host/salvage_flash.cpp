@@ -1,0 +1,133 @@
+#include "host/salvage_flash.h"
+
+#include <algorithm>
+
+#include "image/afs_history.h"
+#include "image/afs_records.h"
+#include "image/efs_history.h"
+#include "image/efs_layout.h"
+#include "image/file_table.h"
+
+namespace dolm {
+
+namespace {
+
+std::string place_text(size_t at) {
+    return "at offset " + std::to_string(at);
+}
+
+// The newest content that is left, which is sound only if it is known to be the last.
+SalvagedPart to_part(const Bytes &image, const AfsFileHistory &file) {
+    if (file.state == AfsFileHistory::State::absent && file.why.empty()) {
+        return {};
+    }
+    if (file.versions.empty()) {
+        return {Found::lost, {}, file.why, ""};
+    }
+    const AfsVersion &version = file.versions.front();
+    SalvagedPart part{Found::sound, contents_of(image, version), "", ""};
+    if (file.state != AfsFileHistory::State::sound) {
+        part.state = Found::older;
+        part.why = file.why;
+        part.where = version.chunks_at.empty() ? "" : place_text(version.chunks_at.front());
+    }
+    return part;
+}
+
+SalvagedPart to_part(const EfsFileHistory &file) {
+    if (file.state == EfsFileHistory::State::absent && file.why.empty()) {
+        return {};
+    }
+    if (file.versions.empty()) {
+        return {Found::lost, {}, file.why, ""};
+    }
+    const EfsVersion &version = file.versions.front();
+    SalvagedPart part{Found::sound, version.contents, "", ""};
+    if (file.state != EfsFileHistory::State::sound) {
+        part.state = Found::older;
+        part.why = file.why;
+        part.where = place_text(version.at);
+    }
+    return part;
+}
+
+void read_afs(const SetFiles &set, Manifest &manifest, SalvagedFlash &flash) {
+    const auto history = set.qfs_image.empty() ? std::nullopt : read_afs_history(set.qfs_image);
+    if (!history) {
+        flash.afs_lost = set.qfs_image.empty() ? "qfs.img is missing"
+                                               : "no header of a file system is left in qfs.img";
+        return;
+    }
+    flash.afs_doubt = history->doubts.empty() ? "" : history->doubts.front();
+    AfsLayout layout;
+    layout.data_eus = (history->chunk_count + afs::data_slots - 1) / afs::data_slots;
+    constexpr uint32_t least_others = 3; // two for the log and the spare
+    layout.device_size = std::max(static_cast<uint32_t>(set.qfs_image.size() / afs::eu_size),
+                                  layout.data_eus + least_others) *
+                         afs::eu_size;
+    layout.file_count = history->file_count;
+    manifest.afs = layout;
+    for (const AfsFileHistory &file : history->files) {
+        const SalvagedPart part = to_part(set.qfs_image, file);
+        if (part.value || part.state == Found::lost) {
+            flash.afs.emplace(file.number, part);
+        }
+    }
+}
+
+size_t count_sound(const EfsHistory &history) {
+    return static_cast<size_t>(
+        std::count_if(history.files.begin(), history.files.end(), [](const EfsFileHistory &file) {
+            return file.state == EfsFileHistory::State::sound ||
+                   file.state == EfsFileHistory::State::doubtful;
+        }));
+}
+
+// The row by which most files can be read, that of the set's SKU if it makes no odds.
+const EfstRow *row_of_image(const SetFiles &set, const FileTable &table) {
+    const EfstRow *best = nullptr;
+    size_t best_count = 0;
+    for (const EfstRow &row : table.efst_rows) {
+        const EfsLayout layout = efs_layout_of(row);
+        if (!is_possible(layout)) {
+            continue;
+        }
+        const size_t count = count_sound(read_efs_history(set.efs_image, layout));
+        if (best == nullptr || count > best_count || (count == best_count && row.sku == set.sku)) {
+            best = &row;
+            best_count = count;
+        }
+    }
+    return best;
+}
+
+void read_efs(const SetFiles &set, const Bytes &ftbl, Manifest &manifest, SalvagedFlash &flash) {
+    const FileTable table = read_file_table(ftbl);
+    const EfstRow *row = set.efs_image.empty() ? nullptr : row_of_image(set, table);
+    for (EfsSection &section : manifest.efs) {
+        section.has_image = row != nullptr && section.has_sku(row->sku);
+    }
+    if (row == nullptr) {
+        flash.efs_lost =
+            set.efs_image.empty() ? "efs.img is missing" : "the file table has no geometry of EFS";
+        return;
+    }
+    const EfsHistory history = read_efs_history(set.efs_image, efs_layout_of(*row));
+    for (const EfsFileHistory &file : history.files) {
+        const EfsPlace &place = file.place;
+        flash.efs.insert_or_assign(place.number, to_part(file));
+        flash.efs_places.insert_or_assign(place.number,
+                                          EfsPlacement{place.block, place.offset, place.max_size});
+    }
+}
+
+} // namespace
+
+SalvagedFlash read_flash(const SetFiles &set, const Bytes &ftbl, Manifest &manifest) {
+    SalvagedFlash flash;
+    read_afs(set, manifest, flash);
+    read_efs(set, ftbl, manifest, flash);
+    return flash;
+}
+
+} // namespace dolm

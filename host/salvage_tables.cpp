@@ -1,0 +1,178 @@
+#include "host/salvage_tables.h"
+
+#include <algorithm>
+
+#include "host/checksums.h"
+#include "host/tables.h"
+#include "image/efs_records.h"
+#include "image/fcs_mend.h"
+#include "image/file_table.h"
+#include "image/table_mend.h"
+
+namespace dolm {
+
+namespace {
+
+class Mender {
+  public:
+    explicit Mender(const SetFiles &set) : set_(set) {}
+
+    MendedTables mend() {
+        mended_.files.sku = set_.sku;
+        mended_.files.members = set_.members;
+        mend_table();
+        const Table orvel = mend_bytes("orvel.cfg", set_.orvel_cfg);
+        mended_.files.orvel_cfg = mend_values("orvel.cfg", orvel, orvel.bytes, mended_.base);
+        if (!set_.vync_cfg.empty()) {
+            const Table vync = mend_bytes("vync.cfg", set_.vync_cfg);
+            mended_.files.vync_cfg = with_vync_head(
+                mend_values("vync.cfg", vync, override_bytes(vync.bytes), mended_.overrides));
+        }
+        return std::move(mended_);
+    }
+
+  private:
+    void damage(const char *member, std::string text) {
+        mended_.damages.push_back({member, "", "", std::move(text)});
+    }
+
+    // A table, and the ranges of it that are not what they were.
+    struct Table {
+        Bytes bytes;
+        std::vector<std::pair<size_t, size_t>> changed;
+
+        bool is_changed(size_t begin, size_t end) const {
+            return std::any_of(changed.begin(), changed.end(), [&](const auto &range) {
+                return range.first < end && begin < range.second;
+            });
+        }
+    };
+
+    // A block with one wrong byte is what it was when its checksum says so again.
+    Table mend_bytes(const char *member, const Bytes &bytes) {
+        Table table{bytes, {}};
+        const auto found = set_.changed_tables.find(member);
+        if (found == set_.changed_tables.end() || bytes.empty()) {
+            return table;
+        }
+        damage(member, "is not what set.json has checksums of");
+        const Checksums &recorded = found->second.recorded;
+        for (const size_t index : changed_blocks(bytes, recorded)) {
+            const size_t begin = index * recorded.block;
+            const auto held = block_of(bytes, recorded, index);
+            Bytes block(held.begin(), held.end());
+            const size_t size = block.size();
+            block.resize(size + 4);
+            put_le(block, size, recorded.crc32s[index], 4);
+            const auto wrong = efs::wrong_byte(block);
+            if (wrong && wrong->at < size && is_whole_block(recorded, index, size)) {
+                table.bytes[begin + wrong->at] ^= wrong->bits;
+            } else {
+                table.changed.emplace_back(begin, begin + recorded.block);
+            }
+        }
+        return table;
+    }
+
+    static bool is_whole_block(const Checksums &recorded, size_t index, size_t size) {
+        return std::min<uint64_t>(recorded.block, recorded.size - index * recorded.block) == size;
+    }
+
+    void mend_table() {
+        const auto own = own_geometry(set_.efs_image);
+        Table given = mend_bytes("ftbl.bin", set_.ftbl);
+        MendedTable table = mend_file_table(std::move(given.bytes), set_.sku, own);
+        for (std::string &text : table.mended) {
+            damage("ftbl.bin", std::move(text));
+        }
+        mended_.files.ftbl = std::move(table.bytes);
+        mended_.doubted_numbers = std::move(table.doubted_numbers);
+        for (const FtblRow &row : read_file_table(mended_.files.ftbl).rows) {
+            for (const FtblEntry &entry : row.entries) {
+                if (names_.emplace(entry.number, entry.name).second) {
+                    numbers_.push_back(entry.number);
+                }
+                if (given.is_changed(entry.at, entry.at + ftbl::entry_size)) {
+                    mended_.doubted_numbers.insert(entry.number);
+                }
+            }
+        }
+    }
+
+    // The head tells the length; if it does not fit, the store goes as far as the file.
+    std::span<const uint8_t> override_bytes(const Bytes &file) {
+        if (file.size() < fcs::vync_head_size) {
+            damage("vync.cfg", "is shorter than its head");
+            return {};
+        }
+        const auto rest = std::span(file).subspan(fcs::vync_head_size);
+        const uint32_t length = get_le32(file, fcs::vync_length_offset);
+        if (length == rest.size()) {
+            return rest;
+        }
+        const auto told = rest.first(std::min<size_t>(length, rest.size()));
+        const FcsStore store = read_fcs_store(told);
+        const uint64_t end =
+            store.records.empty() ? store.payloads_at() : store.records.back().end();
+        if (length < rest.size() && store.has_all_records() && end == length) {
+            return told;
+        }
+        damage("vync.cfg", "its head has a wrong length");
+        return rest;
+    }
+
+    // bytes are those of a store in the table.
+    Bytes mend_values(const char *member, const Table &table, std::span<const uint8_t> bytes,
+                      MendedValues &values) {
+        if (bytes.size() < fcs::head_size) {
+            damage(member, bytes.empty() ? "is missing or empty" : "is too short for a store");
+            return Bytes(fcs::head_size);
+        }
+        const auto name_of = [this](uint32_t number) {
+            const auto found = names_.find(number);
+            return found == names_.end() ? std::string() : found->second;
+        };
+        std::vector<MendedRecord> records = mend_store(bytes, name_of, numbers_);
+        for (size_t i = 0; i < records.size(); ++i) {
+            judge(table, bytes, i, records[i]);
+            const MendedRecord &record = records[i];
+            if (!record.doubt.empty()) {
+                (record.payload ? values.doubts : values.lost)[record.number] = record.doubt;
+                damage(member, "record of file " + std::to_string(record.number & 0x0FFFFFFF) +
+                                   ": " + record.doubt);
+            }
+        }
+        return write_store(records);
+    }
+
+    // A value is lost whose bytes may have changed; a record that may have is not sure to be its.
+    static void judge(const Table &table, std::span<const uint8_t> bytes, size_t index,
+                      MendedRecord &record) {
+        const auto store_at = static_cast<size_t>(bytes.data() - table.bytes.data());
+        const size_t record_at = store_at + fcs::head_size + index * fcs::record_size;
+        if (record.payload && !record.payload->empty()) {
+            const auto at = static_cast<size_t>(record.payload->data() - table.bytes.data());
+            if (table.is_changed(at, at + record.payload->size())) {
+                record.payload.reset();
+                record.doubt = "its value is not what it was";
+                return;
+            }
+        }
+        if (record.doubt.empty() && table.is_changed(record_at, record_at + fcs::record_size)) {
+            record.doubt = "its record is not what it was";
+        }
+    }
+
+    const SetFiles &set_;
+    MendedTables mended_;
+    std::map<uint32_t, std::string> names_;
+    std::vector<uint32_t> numbers_;
+};
+
+} // namespace
+
+MendedTables mend_tables(const SetFiles &set) {
+    return Mender(set).mend();
+}
+
+} // namespace dolm

@@ -1,0 +1,30 @@
+// The tables of a set that may be damaged, mended as far as they tell things twice.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/errors.h"
+#include "host/set_files.h"
+
+namespace dolm {
+
+// The values of one store, by number.
+struct MendedValues {
+    std::map<uint32_t, std::string> doubts; // of those that were mended, what was wrong
+    std::map<uint32_t, std::string> lost;   // why
+};
+
+struct MendedTables {
+    SetFiles files; // without images
+    MendedValues base;
+    MendedValues overrides;
+    std::set<uint32_t> doubted_numbers; // whose entries contradict each other
+    std::vector<Problem> damages;
+};
+
+MendedTables mend_tables(const SetFiles &set);
+
+} // namespace dolm

@@ -1,0 +1,33 @@
+// What the records of a configuration store that may be damaged still give. A store has no
+// checksum; what the library writes has its payloads in the order of its records without gaps, so
+// that every place in it is told twice, and its records in the order of the names.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "image/fcs_store.h"
+
+namespace dolm {
+
+struct MendedRecord {
+    uint32_t number = 0;
+    uint16_t opaque = 0;
+    std::optional<std::span<const uint8_t>> payload; // nothing if it is lost
+    std::string doubt; // what was wrong with the record; empty if nothing was
+};
+
+// name_of gives the name of a number, empty if there is none. numbers are all that have one. The
+// bytes have to outlive what is returned.
+std::vector<MendedRecord> mend_store(std::span<const uint8_t> bytes,
+                                     const std::function<std::string(uint32_t)> &name_of,
+                                     const std::vector<uint32_t> &numbers);
+
+// A store of the records that have a payload, as the library writes it.
+Bytes write_store(const std::vector<MendedRecord> &records);
+
+} // namespace dolm

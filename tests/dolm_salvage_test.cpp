@@ -1,0 +1,166 @@
+// What dolm salvage finds in damaged sets: never a wrong value, and whatever is left.
+#include <nlohmann/json.hpp>
+#include <random>
+#include <set>
+
+#include "dolm_process.h"
+#include "host/salvage.h"
+#include "host/value_text.h"
+
+namespace {
+
+using namespace dolm_process;
+using nlohmann::json;
+
+class DolmSalvage : public Dolm {
+  protected:
+    void SetUp() override {
+        Dolm::SetUp();
+        ASSERT_EQ(run("set set net/hostname second radio/cal/trim hex:01").code, 0);
+        for (const json &nvar : json::parse(run("list set --json").out)["nvars"]) {
+            const std::string name = nvar["name"];
+            truth[name] = nvar["hex"];
+            for (const char *table : {"base", "override"}) {
+                if (!nvar[table].is_null()) {
+                    once[name].insert(nvar[table]["hex"].get<std::string>());
+                }
+            }
+        }
+        for (const char *image : {"qfs.img", "efs.img"}) {
+            const std::string history = run(std::string("history --json set/") + image).out;
+            for (const json &file : json::parse(history)["files"]) {
+                for (const json &content : file["earlier"]) {
+                    once[file["name"]].insert(content["hex"].get<std::string>());
+                }
+            }
+        }
+    }
+
+    // Salvages the set with a member changed; by name.
+    std::map<std::string, json> salvage(const std::string &member, const std::string &content) {
+        fs::remove_all(folder / "damaged");
+        fs::copy(set, folder / "damaged");
+        write_whole(folder / "damaged" / member, content);
+        const Outcome outcome = run("salvage damaged rescued --replace --json");
+        EXPECT_LE(outcome.code, 1) << outcome.err;
+        std::map<std::string, json> values;
+        const json told = json::parse(outcome.out, nullptr, false);
+        for (const json &value : told["values"]) {
+            values[value["name"]] = value;
+        }
+        return values;
+    }
+
+    void expect_nothing_wrong(const std::map<std::string, json> &values) {
+        for (const auto &[name, value] : values) {
+            const auto known = truth.find(name);
+            if (known == truth.end() || value["state"] == "lost") {
+                continue;
+            }
+            const bool is_true = value["hex"] == known->second;
+            EXPECT_TRUE(is_true || (value["state"] == "older" && once[name].contains(value["hex"])))
+                << name << value;
+        }
+    }
+
+    std::map<std::string, std::string> truth;
+    std::map<std::string, std::set<std::string>> once; // values of other times and tables
+};
+
+TEST_F(DolmSalvage, ASoundSetComesBackAsItIs) {
+    EXPECT_EQ(run("salvage set rescued").code, 0);
+    EXPECT_EQ(run("build rescued/manifest.json again").code, 0);
+    for (const char *table : {"orvel.cfg", "vync.cfg", "ftbl.bin"}) {
+        EXPECT_EQ(read_whole(folder / "again" / table), read_whole(set / table)) << table;
+    }
+    EXPECT_EQ(run("list again --against set").out.find("/home"), std::string::npos);
+}
+
+TEST_F(DolmSalvage, FindsWhatIsLeftAndTellsItsState) {
+    const std::string qfs = read_whole(set / "qfs.img");
+    const std::string efs = read_whole(set / "efs.img");
+    const std::string hostname = "/home/net/hostname";
+
+    std::string bad = qfs;
+    bad[bad.rfind("second")] ^= 4;
+    auto values = salvage("qfs.img", bad);
+    EXPECT_EQ(values[hostname]["state"], "older");
+    EXPECT_EQ(values[hostname]["text"], "gateway-17");
+    EXPECT_EQ(values[hostname]["source"], "flash");
+    EXPECT_EQ(values["/home/net/mac"]["state"], "sound");
+    EXPECT_EQ(run("build rescued/manifest.json again").code, 0);
+    EXPECT_EQ(value("again net/hostname"), "gateway-17\n");
+
+    bad = qfs;
+    bad.replace(8 * 8192, 18, 18, '\x11'); // the header of a data unit
+    values = salvage("qfs.img", bad);
+    EXPECT_EQ(values[hostname]["text"], "second");
+    expect_nothing_wrong(values);
+    bad = efs;
+    bad.replace(0, 16, 16, '\0'); // the header of the block map in force
+    values = salvage("efs.img", bad);
+    EXPECT_EQ(values["/home/radio/cal/trim"]["hex"], "01");
+    EXPECT_EQ(values["/home/radio/cal/trim"]["state"], "older");
+
+    fs::remove(set / "qfs.img");
+    values = salvage("ftbl.bin", read_whole(set / "ftbl.bin"));
+    EXPECT_EQ(values[hostname]["state"], "older");
+    EXPECT_EQ(values[hostname]["source"], "override");
+    EXPECT_EQ(values[hostname]["text"], "second");
+    EXPECT_EQ(values["/home/radio/cal/trim"]["state"], "sound");
+}
+
+TEST_F(DolmSalvage, KeepsAFileWithoutEntryUnderItsNumber) {
+    std::string table = read_whole(set / "ftbl.bin");
+    for (size_t at = table.find("/home/net/mac_b");
+         (at = table.find("/home/net/mac", at)) != table.npos;) {
+        table.replace(at, 68, 68, '\0');
+    }
+    salvage("ftbl.bin", table);
+    const json manifest = json::parse(read_whole(folder / "rescued/manifest.json"));
+    EXPECT_TRUE(
+        std::any_of(manifest["files"].begin(), manifest["files"].end(), [](const json &file) {
+            return file["store"] == "afs" && file["id"] == 34 && file["skus"].empty() &&
+                   file.contains("flash");
+        }));
+    EXPECT_EQ(run("build rescued/manifest.json again").code, 0);
+}
+
+// One damaged place, anywhere: no value is wrong, and no more is lost than stood there.
+TEST_F(DolmSalvage, NoDamageMakesAValueWrong) {
+    std::mt19937 random(1);
+    for (const char *member : {"orvel.cfg", "vync.cfg", "ftbl.bin", "qfs.img", "efs.img"}) {
+        const std::string content = read_whole(set / member);
+        for (int i = 0; i < 60; ++i) {
+            std::string bad = content;
+            const size_t at = random() % bad.size();
+            const size_t size =
+                i % 3 == 0 ? std::min<size_t>(1 + random() % 100, bad.size() - at) : 1;
+            for (size_t k = at; k < at + size; ++k) {
+                bad[k] = size == 1 ? static_cast<char>(bad[k] ^ (1 << i % 8)) : '\0';
+            }
+            SCOPED_TRACE(std::string(member) + " at " + std::to_string(at) + ", " +
+                         std::to_string(size));
+            write_whole(set / member, bad);
+            std::vector<dolm::Problem> unreadable;
+            const dolm::Salvage found = dolm::salvage_set(
+                dolm::SetFolder(set, dolm::SetFolder::Use::read, 1).load_readable(unreadable));
+            size_t known = 0;
+            for (size_t k = 0; k < found.files.size(); ++k) {
+                const std::string &name = found.manifest.files[k].name;
+                const dolm::SalvagedPart &value = found.files[k].current;
+                if (truth.contains(name) && value.value) {
+                    ++known;
+                    const std::string hex = dolm::to_hex(*value.value);
+                    EXPECT_TRUE(hex == truth[name] ||
+                                (value.state == dolm::Found::older && once[name].contains(hex)))
+                        << name;
+                }
+            }
+            EXPECT_GE(known + 4, truth.size());
+        }
+        write_whole(set / member, content);
+    }
+}
+
+} // namespace
