@@ -38,4 +38,19 @@ install(DIRECTORY python/dolmstorage DESTINATION ${DOLM_PYTHON_DIR} COMPONENT py
 if(TARGET dolm)
     install(TARGETS dolm COMPONENT program)
     install(FILES docs/dolm.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+    if(NOT CMAKE_CROSSCOMPILING)
+        # Each where its shell looks: zsh leaves the folder of packages apart from that of others.
+        set(data ${CMAKE_INSTALL_DATADIR})
+        set(zsh_folder zsh/site-functions)
+        if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+            set(zsh_folder zsh/vendor-completions)
+        endif()
+        set(completions ${PROJECT_BINARY_DIR}/host/completions)
+        install(FILES ${completions}.bash COMPONENT program
+            DESTINATION ${data}/bash-completion/completions RENAME dolm)
+        install(FILES ${completions}.zsh COMPONENT program
+            DESTINATION ${data}/${zsh_folder} RENAME _dolm)
+        install(FILES ${completions}.fish COMPONENT program
+            DESTINATION ${data}/fish/vendor_completions.d RENAME dolm.fish)
+    endif()
 endif()

@@ -12,26 +12,47 @@ namespace dolm {
 
 namespace {
 
-ValueChange assign(Library &library, const Assignment &assignment) {
-    const Nvar nvar = library.nvar(assignment.name);
-    if (assignment.value.size() > nvar.entry.max_size) {
-        throw Failure(assignment.name + ": the value has " +
-                      std::to_string(assignment.value.size()) + " bytes, over the limit of " +
-                      std::to_string(nvar.entry.max_size));
+// An assignment beside the NVAR that it is for.
+struct Target {
+    Nvar nvar;
+    Bytes value;
+};
+
+std::vector<Target> find_targets(const Library &library,
+                                 const std::vector<Assignment> &assignments) {
+    std::vector<std::string> names;
+    for (const Assignment &assignment : assignments) {
+        names.push_back(assignment.name);
     }
-    if (!nvar.writable) {
-        tell_notice("warning: " + assignment.name +
-                    " is not written back to flash; its new value stands in vync.cfg alone");
+    require_nvars(library, names);
+    std::vector<Target> targets;
+    for (const Assignment &assignment : assignments) {
+        Nvar nvar = library.nvar(assignment.name);
+        Bytes value = assignment.value ? *assignment.value : nvar.base.value_or(Bytes{});
+        targets.push_back({std::move(nvar), std::move(value)});
     }
-    library.set_value(assignment.name, assignment.value);
-    return {nvar.name, nvar.value, assignment.value};
+    return targets;
+}
+
+void require_room(const std::vector<Target> &targets) {
+    std::vector<Problem> problems;
+    for (const auto &[nvar, value] : targets) {
+        if (value.size() > nvar.entry.max_size) {
+            problems.push_back({"", "", std::string(short_name(nvar.name)),
+                                "the value has " + std::to_string(value.size()) +
+                                    " bytes, over the limit of " +
+                                    std::to_string(nvar.entry.max_size)});
+        }
+    }
+    if (!problems.empty()) {
+        throw Failure(std::move(problems));
+    }
 }
 
 } // namespace
 
 std::vector<Assignment> read_assignments(const std::vector<std::string> &words) {
     std::vector<Assignment> assignments;
-    std::set<std::string> names;
     for (size_t i = 0; i < words.size(); i += 2) {
         const std::string &name = words[i];
         if (name.starts_with('-')) {
@@ -40,23 +61,31 @@ std::vector<Assignment> read_assignments(const std::vector<std::string> &words) 
         if (i + 1 == words.size()) {
             throw UsageError("'" + name + "' has no value");
         }
-        if (!names.insert(full_name(name)).second) {
-            throw UsageError("'" + name + "' is given two values");
-        }
         assignments.push_back({name, parse_value(words[i + 1])});
     }
     return assignments;
 }
 
-std::vector<ValueChange> assign(Library &library, const std::vector<Assignment> &assignments) {
-    std::vector<std::string> names;
+void require_one_each(const std::vector<Assignment> &assignments) {
+    std::set<std::string> names;
     for (const Assignment &assignment : assignments) {
-        names.push_back(assignment.name);
+        if (!names.insert(full_name(assignment.name)).second) {
+            throw UsageError("'" + assignment.name + "' is given two values");
+        }
     }
-    require_nvars(library, names);
+}
+
+std::vector<ValueChange> assign(Library &library, const std::vector<Assignment> &assignments) {
+    const std::vector<Target> targets = find_targets(library, assignments);
+    require_room(targets);
     std::vector<ValueChange> changes;
-    for (const Assignment &assignment : assignments) {
-        changes.push_back(assign(library, assignment));
+    for (const auto &[nvar, value] : targets) {
+        if (!nvar.writable) {
+            tell_notice("warning: " + std::string(short_name(nvar.name)) +
+                        " is not written back to flash; its new value stands in vync.cfg alone");
+        }
+        library.set_value(nvar.name, value);
+        changes.push_back({nvar.name, nvar.value, value});
     }
     return changes;
 }

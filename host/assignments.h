@@ -1,6 +1,8 @@
-// New values for NVARs as a command line gives them: names and values in turn.
+// New values for NVARs as a user gives them.
 #pragma once
 
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,11 +12,20 @@ namespace dolm {
 
 struct Assignment {
     std::string name;
-    Bytes value;
+    std::optional<Bytes> value; // back to the base value without one
 };
 
-// Reads all values, so that a bad one costs nothing later. Throws UsageError.
+// Reads names and values in turn, all of them, so that a bad one costs nothing later. Throws
+// UsageError.
 std::vector<Assignment> read_assignments(const std::vector<std::string> &words);
+
+// Reads a file, standard input for "-": a JSON object from names to VALUEs, whose files lie in the
+// folder of that file, or lines NAME=VALUE as on a command line. Throws Failure with all that is
+// wrong.
+std::vector<Assignment> read_assignments_file(const std::filesystem::path &path);
+
+// Throws UsageError if a name has two values.
+void require_one_each(const std::vector<Assignment> &assignments);
 
 // What becomes of a value.
 struct ValueChange {

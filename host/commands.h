@@ -27,6 +27,12 @@ struct SetOptions {
     double lock_timeout = default_lock_timeout;
 };
 
+struct DiffOptions : SetOptions {
+    std::filesystem::path other;
+};
+// True if the sets do not differ.
+bool diff_sets(const DiffOptions &options);
+
 struct ListOptions : SetOptions {
     bool changed_only = false;                    // those whose value differs from the base value
     std::optional<std::filesystem::path> against; // those whose value differs from this set's
@@ -45,9 +51,10 @@ struct GetOptions : SetOptions {
 void get_nvars(const GetOptions &options);
 
 struct ChangeOptions : SetOptions {
-    std::string name;
-    std::string value;
-    std::vector<std::string> more; // further names and values in turn
+    std::vector<std::string> words;            // names and values in turn
+    std::optional<std::filesystem::path> from; // a file with more of them
+    std::vector<std::string> unset;            // names that get their base value back
+    bool dry_run = false;                      // only tells what would change and what it costs
     std::optional<std::filesystem::path> output;
     bool replace = false; // the files of a set that lies in the output already
 };

@@ -51,7 +51,10 @@ std::string line_of(const Remark &remark) {
 }
 
 void print(const Finding &finding) {
-    print_line(std::string(to_string(finding.severity)) + ": " + line_of(finding.cause));
+    const std::string severity = to_string(finding.severity);
+    const bool is_error = finding.severity == Finding::Severity::error;
+    print_line(severity + ": " + line_of(finding.cause), is_error ? Style::bad : Style::warning,
+               severity.size());
     for (const Remark &remark : finding.consequences) {
         print_line("    " + line_of(remark));
     }

@@ -30,7 +30,8 @@ void print_table(const std::vector<Nvar> &nvars) {
     const auto name_column = [&](const std::string &name) {
         return name + std::string(width - count_columns(name), ' ');
     };
-    print_line(name_column("NAME") + "   SIZE  LIMIT  ATTR  ORIGIN    WRITABLE  VALUE");
+    print_line(name_column("NAME") + "   SIZE  LIMIT  ATTR  ORIGIN    WRITABLE  VALUE",
+               Style::heading);
     for (const Nvar &nvar : nvars) {
         std::ostringstream line;
         line << name_column(nvar.name) << std::setw(7) << nvar.value.size() << std::setw(7)

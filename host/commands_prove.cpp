@@ -224,6 +224,7 @@ void save_image(const ProveOptions &options, SetFiles set, uint32_t sku, const B
 
 void prove_set(const ProveOptions &options) {
     const std::vector<Assignment> assignments = read_assignments(options.words);
+    require_one_each(assignments);
     if (options.output && fs::exists(*options.output) &&
         fs::equivalent(*options.output, options.folder)) {
         throw UsageError("the output folder is the set itself");

@@ -110,6 +110,8 @@ Library::Library(SetFiles &set, uint32_t sku) : set_(set), sku_(sku) {
         release();
         throw LibraryFailure("start-up failed", std::move(told));
     }
+    tell_detail("started up with SKU " + std::to_string(sku) + ", the VFS " +
+                (qoQfsIsVfsDeployed() ? "deployed" : "not deployed"));
 }
 
 Library::~Library() {
@@ -207,6 +209,7 @@ Bytes Library::terminate() {
     uint8_t *bytes = nullptr;
     uint32_t size = 0;
     require(qoQfsGetBuildVynCfgFcsBuffer(&bytes, &size), "no rebuilt store");
+    tell_detail("terminated; the rebuilt store has " + std::to_string(size) + " bytes");
     return Bytes(bytes, bytes + size);
 }
 

@@ -9,19 +9,26 @@
 
 #include "host/close_words.h"
 #include "host/commands.h"
+#include "host/completions.h"
 #include "host/errors.h"
 #include "host/output.h"
 #include "host/system.h"
+#include "host/words.h"
 
 namespace {
 
 constexpr int exit_failure = 1;
 constexpr int exit_usage = 2;
 
+// How a command ends that returns, and one that throws Failure.
+struct ExitStatus {
+    int done = 0;
+    int failed = exit_failure;
+};
+
 constexpr const char *value_help =
     "A VALUE is text, or hex:00ff for bytes, @FILE for the content "
-    "of a file, text:... for text that "
-    "begins like one of these or is an option. Further names and values may follow.";
+    "of a file, text:... for text that begins like one of these or with a dash.";
 
 void add_lock_timeout(CLI::App &command, double &seconds) {
     command
@@ -60,6 +67,19 @@ void add_set_options(CLI::App &command, dolm::SetOptions &options) {
 CLI::Option *add_names(CLI::App &command, std::vector<std::string> &names) {
     return command.add_option("NAME", names,
                               "Name or pattern ('net/*'), with or without /home/ in front");
+}
+
+// Its exit statuses are those of every program that compares.
+void add_diff(CLI::App &app, ExitStatus &status) {
+    auto *command = app.add_subcommand("diff", "Show how two sets differ");
+    auto options = std::make_shared<dolm::DiffOptions>();
+    add_set_options(*command, *options);
+    command->add_option("OTHER", options->other, "Folder of the set to compare it with")
+        ->required();
+    command->callback([options, &status] {
+        status.failed = 2;
+        status.done = dolm::diff_sets(*options) ? 0 : 1;
+    });
 }
 
 void add_list(CLI::App &app) {
@@ -110,16 +130,24 @@ void add_set(CLI::App &app) {
     auto *command = app.add_subcommand("set", "Change NVARs and write the set back");
     auto options = std::make_shared<dolm::ChangeOptions>();
     add_set_options(*command, *options);
-    command->add_option("NAME", options->name, "Name, with or without /home/ in front")->required();
-    command->add_option("VALUE", options->value, "Its new value")->required();
-    // Further names and values: an option that takes many words would take a value [a,b] apart.
+    // Names and values: an option that takes many words would take a value [a,b] apart.
     command->allow_extras();
-    command->add_option("-o,--output", options->output,
-                        "Write the changed set into this folder and leave SET as it is");
+    command->add_option("--from", options->from,
+                        "File (- for standard input) with new values: a JSON object from names to "
+                        "values as in manifests, or lines NAME=VALUE");
+    command->add_option("--unset", options->unset, "Give this NVAR its base value back")
+        ->allow_extra_args(false);
+    auto *dry_run =
+        command->add_flag("--dry-run", options->dry_run,
+                          "Change nothing; tell what would change and what it costs the flash");
+    command
+        ->add_option("-o,--output", options->output,
+                     "Write the changed set into this folder and leave SET as it is")
+        ->excludes(dry_run);
     command->add_flag("--replace", options->replace, "Write over a set that lies there");
-    command->footer(value_help);
+    command->footer(std::string("NAME VALUE ... after SET: the new values. ") + value_help);
     command->callback([command, options] {
-        options->more = further_words(*command);
+        options->words = further_words(*command);
         dolm::set_nvars(*options);
     });
 }
@@ -229,6 +257,22 @@ void add_check(CLI::App &app) {
     command->callback([options] { dolm::check_set(*options); });
 }
 
+void add_completions(CLI::App &app) {
+    auto *command = app.add_subcommand("completions", "Print the completions for a shell");
+    auto shell = std::make_shared<std::string>();
+    command->add_option("SHELL", *shell, "bash, zsh or fish")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+    command->callback([&app, shell] {
+        const std::string script = dolm::completion_script(app, *shell);
+        if (dolm::tells_json()) {
+            dolm::print_json({{"shell", *shell}, {"script", script}});
+        } else {
+            dolm::print_text(script);
+        }
+    });
+}
+
 void add_prove(CLI::App &app) {
     auto *command = app.add_subcommand(
         "prove", "Cut the power at every write of a termination, on a copy in memory");
@@ -284,25 +328,19 @@ void refuse_unknown_command(const CLI::App &app, const std::string &word) {
     }
 }
 
-// Wanted before the command line is understood, so that what is wrong with it is told in JSON too.
-bool asks_for_json(const std::vector<std::string> &words) {
-    const auto end = std::find(words.begin(), words.end(), "--");
-    return std::find(words.begin(), end, "--json") != end;
+// Taken before the command and behind it.
+void add_common_flags(CLI::App &command) {
+    command.add_flag("--json")->description("Results and errors as JSON");
+    command.add_flag_callback("-q", dolm::choose_quiet,
+                              "Nothing on standard output but what --json, --raw or - ask for");
+    command.add_flag_callback("-v,--verbose", dolm::choose_verbose,
+                              "Say on standard error what is done");
 }
 
-void run(const std::vector<std::string> &words) {
-    dolm::system::prepare_streams();
-    if (asks_for_json(words)) {
-        dolm::choose_json(words.front());
-    }
-    CLI::App app("Builds, reads and changes sets of firmware storage inputs: configuration tables "
-                 "and flash images.",
-                 "dolm");
-    app.allow_windows_style_options(false); // a path may begin with a slash
-    app.set_version_flag("--version", DOLM_VERSION);
-    app.require_subcommand(1);
+void add_commands(CLI::App &app, ExitStatus &status) {
     add_build(app);
     add_sample(app);
+    add_diff(app, status);
     add_list(app);
     add_get(app);
     add_set(app);
@@ -313,16 +351,35 @@ void run(const std::vector<std::string> &words) {
     add_history(app);
     add_inspect(app);
     add_check(app);
+    add_completions(app);
     add_prove(app);
     add_report(app);
     for (CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
-        command->add_flag("--json")->description("Results and errors as JSON");
+        add_common_flags(*command);
     }
-    if (!words.empty() && !words.front().starts_with('-')) {
-        refuse_unknown_command(app, words.front());
+}
+
+void run(std::vector<std::string> words, ExitStatus &status) {
+    dolm::system::prepare_streams();
+    const std::string command = dolm::command_of(words);
+    if (dolm::asks_for_json(words)) {
+        dolm::choose_json(command);
     }
+    CLI::App app("Builds, reads and changes sets of firmware storage inputs: configuration tables "
+                 "and flash images.",
+                 "dolm");
+    app.allow_windows_style_options(false); // a path may begin with a slash
+    app.set_version_flag("--version", DOLM_VERSION);
+    app.require_subcommand(1);
+    add_common_flags(app);
+    add_commands(app, status);
+    if (!command.empty()) {
+        refuse_unknown_command(app, command);
+        words = dolm::with_default_set(app, std::move(words));
+    }
+    std::reverse(words.begin(), words.end()); // as the parser takes them
     try {
-        app.parse(std::vector(words.rbegin(), words.rend()));
+        app.parse(std::move(words));
     } catch (const CLI::Success &help) {
         app.exit(help);
     } catch (const CLI::ParseError &error) {
@@ -340,14 +397,15 @@ int fail(const std::exception &error, int exit_code,
 } // namespace
 
 int main(int argc, char **argv) {
+    ExitStatus status;
     try {
-        run(dolm::system::arguments(argc, argv));
-        return 0;
+        run(dolm::system::arguments(argc, argv), status);
+        return status.done;
     } catch (const dolm::UsageError &error) {
         return fail(error, exit_usage);
     } catch (const dolm::Failure &failure) {
-        return fail(failure, exit_failure, failure.problems);
+        return fail(failure, status.failed, failure.problems);
     } catch (const std::exception &error) {
-        return fail(error, exit_failure);
+        return fail(error, status.failed);
     }
 }

@@ -1,12 +1,14 @@
 #include "host/output.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <set>
 #include <sstream>
 #include <utility>
 
+#include "host/system.h"
 #include "host/utf8.h"
 
 namespace dolm {
@@ -16,6 +18,8 @@ namespace {
 constexpr int error_level = 4;
 
 bool json_chosen = false;
+bool quiet_chosen = false;
+bool verbose_chosen = false;
 std::string command_name;
 Json untold_reports = Json::array();
 
@@ -44,6 +48,27 @@ Json to_json(const Report &report) {
         json["meaning"] = report.meaning;
     }
     return json;
+}
+
+bool colours_are_welcome() {
+    const char *no_color = std::getenv("NO_COLOR");
+    const char *terminal = std::getenv("TERM");
+    return (no_color == nullptr || *no_color == '\0') &&
+           (terminal == nullptr || std::string_view(terminal) != "dumb");
+}
+
+// Escape sequences around an escaped text.
+std::string styled_text(const std::string &text, Style style) {
+    constexpr const char *codes[] = {"", "1", "32", "33", "1;31"};
+    return style == Style::plain || text.empty()
+               ? text
+               : std::string("\x1b[") + codes[static_cast<size_t>(style)] + "m" + text + "\x1b[0m";
+}
+
+// The beginning of each complaint.
+std::string head_of_complaint(Style style) {
+    static const bool in_colour = colours_are_welcome() && system::errors_go_to_terminal();
+    return styled_text("dolm:", in_colour ? style : Style::plain) + " ";
 }
 
 void check_output() {
@@ -76,6 +101,14 @@ std::string to_text(const Report &report) {
     return line.str();
 }
 
+void choose_quiet() {
+    quiet_chosen = true;
+}
+
+void choose_verbose() {
+    verbose_chosen = true;
+}
+
 void choose_json(const std::string &command) {
     json_chosen = true;
     command_name = command;
@@ -92,14 +125,22 @@ void tell_report(const Report &report) {
     }
     // A command may start up more than once, and each start-up warns of the same missing files.
     static std::set<std::string> warnings;
-    const std::string line = "dolm: " + escape(to_text(report)) + "\n";
+    const std::string line = escape(to_text(report)) + "\n";
     if (is_error(report) || warnings.insert(line).second) {
-        complain(line);
+        complain(head_of_complaint(is_error(report) ? Style::bad : Style::warning) + line);
     }
 }
 
 void tell_notice(const std::string &text) {
-    complain(json_chosen ? dump({{"notice", text}}, -1) : "dolm: " + escape(text) + "\n");
+    complain(json_chosen ? dump({{"notice", text}}, -1)
+                         : head_of_complaint(Style::warning) + escape(text) + "\n");
+}
+
+void tell_detail(const std::string &text) {
+    if (verbose_chosen) {
+        complain(json_chosen ? dump({{"notice", text}}, -1)
+                             : head_of_complaint(Style::plain) + escape(text) + "\n");
+    }
 }
 
 void tell_error(const std::string &error, int exit_code, const std::vector<Problem> &problems) {
@@ -115,15 +156,21 @@ void tell_error(const std::string &error, int exit_code, const std::vector<Probl
         return;
     }
     for (const Problem &problem : problems) {
-        complain("dolm: " + escape(problem.line()) + "\n");
+        complain(head_of_complaint(Style::bad) + escape(problem.line()) + "\n");
     }
     if (problems.empty()) {
-        complain("dolm: " + escape(error) + "\n");
+        complain(head_of_complaint(Style::bad) + escape(error) + "\n");
     }
 }
 
-void print_line(std::string_view line) {
-    print_raw(escape(line) + "\n");
+void print_line(std::string_view line, Style style, size_t styled) {
+    if (quiet_chosen) {
+        return;
+    }
+    static const bool in_colour = colours_are_welcome() && system::output_goes_to_terminal();
+    const std::string head = escape(line.substr(0, styled));
+    const std::string rest = styled < line.size() ? escape(line.substr(styled)) : "";
+    print_raw(styled_text(head, in_colour ? style : Style::plain) + rest + "\n");
 }
 
 void print_text(std::string_view text) {

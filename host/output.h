@@ -19,6 +19,11 @@ using Json = nlohmann::ordered_json;
 void choose_json(const std::string &command);
 bool tells_json();
 
+// How much a command tells beside its results in JSON and what goes to "-": of quiet ones, nothing
+// on standard output; of verbose ones, details on standard error too.
+void choose_quiet();
+void choose_verbose();
+
 // Something that the library reported, or that the command has to say beside its results.
 struct Report {
     int level = 0;  // of the library: 4 for an error, 2 for a warning
@@ -42,13 +47,20 @@ void tell_report(const Report &report);
 // A line on standard error; in JSON an object, {"notice": text}.
 void tell_notice(const std::string &text);
 
+// The same, if the command is to be verbose.
+void tell_detail(const std::string &text);
+
 // The last words of a command that fails: a line on standard error for each problem, or the object
 // {"error", "exit", "reports", "problems"}.
 void tell_error(const std::string &error, int exit_code, const std::vector<Problem> &problems);
 
-// A line of text on standard output. This and what follows throw Failure if standard output does
-// not take it.
-void print_line(std::string_view line);
+// Colours, on a terminal and unless NO_COLOR is set.
+enum class Style { plain, heading, good, warning, bad };
+
+// A line of text on standard output, the first `styled` bytes of it in a style. This and what
+// follows throw Failure if standard output does not take it.
+void print_line(std::string_view line, Style style = Style::plain,
+                size_t styled = std::string_view::npos);
 
 // The lines of a text; a last line without an end gets one.
 void print_text(std::string_view text);

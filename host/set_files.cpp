@@ -59,6 +59,17 @@ SetSettings make_settings(const SetFiles &set) {
     return settings;
 }
 
+std::string sizes_text(const SetFiles &set) {
+    std::string text;
+    for (const SetMember &member : set_members) {
+        if (const size_t size = (set.*member.content).size(); size != 0) {
+            text += std::string(text.empty() ? " " : ", ") + member.name + " " +
+                    std::to_string(size) + " bytes";
+        }
+    }
+    return text;
+}
+
 // An unchanged file is left alone, so that its time of change tells the truth.
 bool holds_already(const fs::path &path, const std::optional<Bytes> &content) {
     if (!fs::is_regular_file(path)) {
@@ -175,6 +186,7 @@ SetFiles SetFolder::load() {
             empty_.insert(member.name);
         }
     }
+    tell_detail("read the set in " + path_.string() + ":" + sizes_text(set));
     if (auto said = settings()) {
         set.sku = said->sku;
         set.members = std::move(said->members);
@@ -223,6 +235,9 @@ void SetFolder::save(const SetFiles &set, const std::function<void()> &before_de
     }
     add(settings_name, set.sku ? std::optional(to_bytes(make_settings(set))) : std::nullopt);
     commit(path_, changes, before_decision);
+    for (const MemberChange &change : changes) {
+        tell_detail((change.content ? "wrote " : "removed ") + (path_ / change.member).string());
+    }
 }
 
 SetFiles load_set(const fs::path &folder, double lock_timeout) {

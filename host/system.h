@@ -27,6 +27,7 @@ std::filesystem::path to_path(std::string_view text);
 void prepare_streams();
 
 bool errors_go_to_terminal();
+bool output_goes_to_terminal();
 
 // While it lives, what is written to standard output is discarded.
 class DiscardedOutput {

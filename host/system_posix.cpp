@@ -132,6 +132,10 @@ bool errors_go_to_terminal() {
     return isatty(STDERR_FILENO) != 0;
 }
 
+bool output_goes_to_terminal() {
+    return isatty(STDOUT_FILENO) != 0;
+}
+
 DiscardedOutput::DiscardedOutput() {
     std::cout.flush();
     std::fflush(stdout);

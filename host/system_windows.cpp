@@ -125,6 +125,10 @@ bool errors_go_to_terminal() {
     return _isatty(_fileno(stderr)) != 0;
 }
 
+bool output_goes_to_terminal() {
+    return _isatty(_fileno(stdout)) != 0;
+}
+
 DiscardedOutput::DiscardedOutput() {
     std::cout.flush();
     std::fflush(stdout);
