@@ -5,6 +5,7 @@
 #include "host/errors.h"
 #include "host/output.h"
 #include "host/table_entries.h"
+#include "host/utf8.h"
 #include "host/value_folder.h"
 #include "host/value_text.h"
 
@@ -21,10 +22,25 @@ std::string name_of_values(const ManifestFile &file) {
                                     std::to_string(file.id) + "-" + std::to_string(file.number);
 }
 
+// Files for very many short values take longer than all else, so these stand in the manifest.
+constexpr size_t most_small_files = 1024;
+constexpr size_t most_inline = 64; // bytes
+
+size_t count_values(const Manifest &manifest) {
+    size_t count = 0;
+    for (const ManifestFile &file : manifest.files) {
+        for (const auto *value : {&file.base, &file.override_value, &file.flash}) {
+            count += *value ? 1U : 0U;
+        }
+    }
+    return count;
+}
+
 class Writer {
   public:
     Writer(const Manifest &manifest, fs::path folder)
-        : manifest_(manifest), folder_(std::move(folder)) {}
+        : manifest_(manifest), folder_(std::move(folder)),
+          short_ones_inline_(count_values(manifest) > most_small_files) {}
 
     size_t write() {
         std::string text = head();
@@ -168,10 +184,19 @@ class Writer {
 
     void put_value(Json &json, const char *key, const char *kind, const ManifestFile &file,
                    const std::optional<Content> &value) {
-        if (value) {
-            json[key] = {{"file", folder_.add(kind, name_of_values(file), ".bin", value->bytes())}};
-            ++values_;
+        if (!value) {
+            return;
         }
+        const Bytes bytes = value->bytes();
+        if (!short_ones_inline_ || bytes.size() > most_inline) {
+            const std::string path = folder_.add(kind, name_of_values(file), ".bin", bytes);
+            json[key] = {{"file", path}};
+        } else if (is_printable(to_text(bytes))) {
+            json[key] = to_text(bytes);
+        } else {
+            json[key] = {{"hex", to_hex(bytes)}};
+        }
+        ++values_;
     }
 
     static bool is_utf8(const std::string &text) {
@@ -185,6 +210,7 @@ class Writer {
 
     const Manifest &manifest_;
     ValueFolder folder_;
+    const bool short_ones_inline_;
     size_t values_ = 0;
 };
 

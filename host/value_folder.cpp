@@ -1,10 +1,12 @@
 #include "host/value_folder.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <fstream>
 #include <system_error>
 
 #include "host/errors.h"
+#include "host/value_text.h"
 
 namespace dolm {
 
@@ -17,14 +19,29 @@ bool is_plain(char c) {
            c == '-' || c == '.';
 }
 
+std::string lower(std::string text) {
+    for (char &c : text) {
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return text;
+}
+
+// Names of devices, whatever stands behind a dot.
+bool is_reserved(std::string_view part) {
+    const std::string stem = lower(std::string(part.substr(0, part.find('.'))));
+    const bool is_numbered =
+        stem.size() == 4 && (stem.starts_with("com") || stem.starts_with("lpt"));
+    return stem == "con" || stem == "prn" || stem == "aux" || stem == "nul" || is_numbered;
+}
+
 // A part of a path that every file system takes and that is no way up. A dot at either end is not
-// plain, nor is a part without a character.
+// plain, nor are a part without a character and the first one of a reserved name.
 std::string safe_part(std::string_view part) {
     constexpr std::string_view digits = "0123456789ABCDEF";
     std::string safe;
     for (size_t i = 0; i < part.size(); ++i) {
         const bool is_end_dot = part[i] == '.' && (i == 0 || i + 1 == part.size());
-        if (is_plain(part[i]) && !is_end_dot) {
+        if (is_plain(part[i]) && !is_end_dot && !(i == 0 && is_reserved(part))) {
             safe += part[i];
         } else {
             const auto byte = static_cast<uint8_t>(part[i]);
@@ -32,13 +49,6 @@ std::string safe_part(std::string_view part) {
         }
     }
     return safe.empty() ? "%" : safe;
-}
-
-std::string lower(std::string text) {
-    for (char &c : text) {
-        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    }
-    return text;
 }
 
 } // namespace
@@ -80,26 +90,24 @@ void ValueFolder::write(const std::string &path, const Bytes &content) {
     };
     std::error_code error;
     const size_t name = path.rfind('/');
-    if (made_.insert(name == path.npos ? "" : path.substr(0, name)).second) {
-        fs::create_directories(whole.parent_path(), error);
+    const std::string parent = name == path.npos ? "" : path.substr(0, name);
+    if (!known_.contains(parent)) {
+        known_[parent] = fs::create_directories(whole.parent_path(), error);
         if (error) {
             fail(error.message());
         }
     }
-    // A new file, so that nothing is written through a link.
-    std::FILE *file = std::fopen(whole.string().c_str(), "wbx");
-    if (file == nullptr && errno == EEXIST) {
-        fs::remove(whole, error);
-        file = std::fopen(whole.string().c_str(), "wbx");
+    if (!known_[parent]) {
+        fs::remove(whole, error); // rather than writing through a link
     }
-    if (file == nullptr) {
+    std::ofstream stream;
+    stream.rdbuf()->pubsetbuf(nullptr, 0); // each value is written at once
+    stream.open(whole, std::ios::binary);
+    const std::string_view bytes = to_text(content);
+    stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    stream.close();
+    if (!stream) {
         fail(std::generic_category().message(errno));
-    }
-    std::setvbuf(file, nullptr, _IONBF, 0);
-    const bool is_written = std::fwrite(content.data(), 1, content.size(), file) == content.size();
-    const int why = errno;
-    if (std::fclose(file) != 0 || !is_written) {
-        fail(std::generic_category().message(is_written ? errno : why));
     }
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -30,7 +31,7 @@ class ValueFolder {
     std::string take_path(std::string_view kind, std::string_view name, std::string_view suffix);
 
     const std::filesystem::path folder_;
-    std::set<std::string> made_; // folders that are there
+    std::map<std::string, bool> known_; // folders that are there, and whether they were made here
 
     // Paths that are taken, in lower case, since some file systems take both cases for one.
     std::set<std::string> files_;

@@ -106,7 +106,8 @@ TEST_F(DolmExport, KeepsEachValueInItsFolderWhateverTheNames) {
                                  R"("/home/\u001b[31m\n")",
                                  R"({"hex": "2f686f6d652fff2e2e"})",
                                  R"("/home/\u00e9%\\:")",
-                                 R"("/home/manifest.json")"};
+                                 R"("/home/manifest.json")",
+                                 R"("/home/nul/COM1.x")"};
     std::string files;
     int number = 0;
     for (const char *name : names) {
@@ -158,6 +159,22 @@ TEST_F(DolmExport, GivesRandomSetsBack) {
     for (int round = 0; round < 10 && !HasFailure(); ++round) {
         expect_round_trip(random_manifest(random), {"1", "2", "3"});
     }
+}
+
+// So many files would take longer than all else.
+TEST_F(DolmExport, KeepsShortValuesOfALargeSetInTheManifest) {
+    std::string files;
+    for (int i = 1; i <= 1100; ++i) {
+        const std::string n = std::to_string(i);
+        files += (i == 1 ? "" : ",") + std::string(R"({"name": "/home/)") + n +
+                 R"(", "max_size": 99, "number": )" + n + R"(, "base": )" +
+                 (i % 3 == 0 ? R"({"u32": )" + n + "}"
+                  : i == 1   ? R"({"text": "long", "size": 65})"
+                             : "\"\u00e9" + n + "\"") +
+                 "}";
+    }
+    expect_round_trip(R"({"skus": [1], "files": [)" + files + "]}", {"1"});
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder / "text/base/home"), {}), 1);
 }
 
 // Records in another order, with gaps and shared bytes, and a number that no SKU has.
