@@ -33,7 +33,7 @@ install(FILES ${PROJECT_BINARY_DIR}/DolmStorageLib.pc
 # Where Debian's Python looks; the module finds the library in the folders above.
 set(DOLM_PYTHON_DIR lib/python3/dist-packages CACHE STRING "Folder for the Python module")
 install(DIRECTORY python/dolmstorage DESTINATION ${DOLM_PYTHON_DIR} COMPONENT python
-    FILES_MATCHING PATTERN *.py PATTERN py.typed)
+    FILES_MATCHING PATTERN *.py PATTERN py.typed PATTERN __pycache__ EXCLUDE)
 
 if(TARGET dolm)
     install(TARGETS dolm COMPONENT program)
