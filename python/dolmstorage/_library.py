@@ -75,8 +75,9 @@ def _candidates() -> Iterator[str]:
         return
     name = "DolmStorageLib.dll" if sys.platform == "win32" else f"libDolmStorageLib.so.{MAJOR}"
     for folder in Path(__file__).resolve().parents:
-        if (folder / name).is_file():
-            yield str(folder / name)
+        for place in (folder / name, folder / "bin" / name):
+            if place.is_file():
+                yield str(place)
     yield name
 
 
