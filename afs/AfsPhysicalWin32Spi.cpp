@@ -4,8 +4,6 @@
 
 #include <cstring>
 
-#include "common/small_copy.h"
-
 namespace {
 
 // AFS_RC_OK and AFS_RC_INVALID: the device stands below the header that names them.
@@ -27,7 +25,7 @@ uint32_t SpiDrvRead(uint32_t address, uint32_t length, void *buffer) {
     if (gpBuffer == nullptr || buffer == nullptr) {
         return device_invalid;
     }
-    dolm::small_copy(static_cast<uint8_t *>(buffer), gpBuffer + address, length);
+    std::memcpy(buffer, gpBuffer + address, length);
     return device_ok;
 }
 
@@ -35,7 +33,7 @@ uint32_t SpiDrvWrite(uint32_t address, uint32_t length, const void *buffer) {
     if (gpBuffer == nullptr || buffer == nullptr) {
         return device_invalid;
     }
-    dolm::small_copy(gpBuffer + address, static_cast<const uint8_t *>(buffer), length);
+    std::memcpy(gpBuffer + address, buffer, length);
     return device_ok;
 }
 
