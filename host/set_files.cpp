@@ -121,10 +121,41 @@ void refuse_other_set(const fs::path &folder, bool replace) {
     }
 }
 
+NewFolders::NewFolders(const fs::path &folder) {
+    for (fs::path each = folder; !each.empty() && !fs::exists(each); each = each.parent_path()) {
+        made_.push_back(each);
+    }
+    try {
+        fs::create_directories(folder);
+    } catch (const fs::filesystem_error &) {
+        remove_empty();
+        throw;
+    }
+}
+
+NewFolders::~NewFolders() {
+    remove_empty();
+}
+
+void NewFolders::remove_empty() const {
+    for (const fs::path &folder : made_) {
+        std::error_code not_empty;
+        fs::remove(folder, not_empty);
+    }
+}
+
 SetFolder::SetFolder(fs::path folder, Use use, double lock_timeout) : path_(std::move(folder)) {
     try {
-        is_new_ = use == Use::change && fs::create_directories(path_);
+        if (use == Use::change) {
+            new_.emplace(path_);
+        }
         lock_.emplace(path_);
+        if (new_ && !lock_->acquire(system::FolderLock::Kind::exclusive, {})) {
+            new_->keep(); // another command has the folder now
+        }
+        if (new_ && !new_->any()) {
+            new_.reset(); // waiting needs the signals
+        }
         const auto kind = use == Use::read ? system::FolderLock::Kind::shared
                                            : system::FolderLock::Kind::exclusive;
         lock(kind, lock_timeout);
@@ -142,7 +173,7 @@ SetFolder::SetFolder(fs::path folder, Use use, double lock_timeout) : path_(std:
 }
 
 SetFolder::~SetFolder() {
-    if (is_new_ && lock_) {
+    if (new_ && lock_) {
         lock_->remove_empty_folder();
     }
 }

@@ -73,6 +73,25 @@ bool holds_set(const std::filesystem::path &folder);
 // Throws UsageError if the folder holds a set that is not to be replaced.
 void refuse_other_set(const std::filesystem::path &folder, bool replace);
 
+// Makes a folder and those above it, as far as they do not exist. They go again with the object if
+// nothing has come into them; a signal that would end the program waits until then.
+class NewFolders {
+  public:
+    explicit NewFolders(const std::filesystem::path &folder);
+    ~NewFolders();
+    NewFolders(const NewFolders &) = delete;
+    NewFolders &operator=(const NewFolders &) = delete;
+
+    bool any() const { return !made_.empty(); }
+    void keep() { made_.clear(); }
+
+  private:
+    void remove_empty() const;
+
+    const system::HeldSignals held_;
+    std::vector<std::filesystem::path> made_; // the innermost first
+};
+
 // The folder of a set, locked against other commands while the object lives. A change that was
 // interrupted has been finished or undone.
 class SetFolder {
@@ -107,8 +126,8 @@ class SetFolder {
     void lock(system::FolderLock::Kind kind, double timeout);
 
     std::filesystem::path path_;
-    bool is_new_ = false;
-    std::set<std::string> empty_; // members without a byte when the set was loaded
+    std::set<std::string> empty_;   // members without a byte when the set was loaded
+    std::optional<NewFolders> new_; // removes behind the lock what the lock does not
     std::optional<system::FolderLock> lock_;
 };
 

@@ -41,8 +41,8 @@ class DiscardedOutput {
     int kept_;
 };
 
-// While it lives, a signal that would end the program waits; it takes effect at the end of the
-// object's life.
+// While one lives, a signal that would end the program waits; it takes effect at the end of the
+// last one's life.
 class HeldSignals {
   public:
     HeldSignals();

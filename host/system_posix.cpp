@@ -79,6 +79,8 @@ bool sync(int descriptor) {
     return ::fsync(descriptor) == 0 || errno == EINVAL || errno == EROFS || errno == ENOTSUP;
 }
 
+int signal_holders = 0;
+
 sigset_t ending_signals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -153,12 +155,16 @@ DiscardedOutput::~DiscardedOutput() {
 
 HeldSignals::HeldSignals() {
     const sigset_t signals = ending_signals();
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    if (signal_holders++ == 0) {
+        sigprocmask(SIG_BLOCK, &signals, nullptr);
+    }
 }
 
 HeldSignals::~HeldSignals() {
     const sigset_t signals = ending_signals();
-    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    if (--signal_holders == 0) {
+        sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    }
 }
 
 bool HeldSignals::any() {

@@ -91,6 +91,7 @@ void write_all(const Descriptor &file, const Bytes &content) {
 }
 
 std::atomic<bool> end_is_waiting = false;
+int signal_holders = 0;
 
 BOOL WINAPI hold_end(DWORD) {
     end_is_waiting = true;
@@ -145,10 +146,15 @@ DiscardedOutput::~DiscardedOutput() {
 }
 
 HeldSignals::HeldSignals() {
-    SetConsoleCtrlHandler(hold_end, TRUE);
+    if (signal_holders++ == 0) {
+        SetConsoleCtrlHandler(hold_end, TRUE);
+    }
 }
 
 HeldSignals::~HeldSignals() {
+    if (--signal_holders > 0) {
+        return;
+    }
     SetConsoleCtrlHandler(hold_end, FALSE);
     if (any()) {
         ExitProcess(STATUS_CONTROL_C_EXIT);

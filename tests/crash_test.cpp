@@ -101,6 +101,19 @@ TEST_F(Crash, ASignalLeavesNothingBehind) {
     }
 }
 
+TEST_F(Crash, NoNewFolderStaysEmpty) {
+    const Folder old = snapshot(folder / "old");
+    for (const std::string command :
+         {"build ../tables.json new/deep", "set set -o new/deep net/ntp x"}) {
+        for (const char *how : {"signal", "fail"}) {
+            for (int n = 1; n <= 4; ++n) {
+                EXPECT_NE(run_until(how, n, command).code, 0);
+                EXPECT_EQ(state(), old) << how << " at call " << n << " of " << command;
+            }
+        }
+    }
+}
+
 TEST_F(Crash, AFailureChangesNothingOrLeavesAWarning) {
     for (const std::string &command : commands) {
         const Folder old = snapshot(folder / "old");
