@@ -101,6 +101,14 @@ const EfstRow *row_of_image(const SetFiles &set, const FileTable &table) {
     return best;
 }
 
+// Whether no other record of the file list has the file or begins where it does.
+bool is_only_one(const std::vector<EfsFileHistory> &files, const EfsPlace &place) {
+    return std::count_if(files.begin(), files.end(), [&](const EfsFileHistory &other) {
+               return other.place.number == place.number ||
+                      (other.place.block == place.block && other.place.offset == place.offset);
+           }) == 1;
+}
+
 void read_efs(const SetFiles &set, const Bytes &ftbl, Manifest &manifest, SalvagedFlash &flash) {
     const FileTable table = read_file_table(ftbl);
     const EfstRow *row = set.efs_image.empty() ? nullptr : row_of_image(set, table);
@@ -115,7 +123,11 @@ void read_efs(const SetFiles &set, const Bytes &ftbl, Manifest &manifest, Salvag
     const EfsHistory history = read_efs_history(set.efs_image, efs_layout_of(*row));
     for (const EfsFileHistory &file : history.files) {
         const EfsPlace &place = file.place;
-        flash.efs.insert_or_assign(place.number, to_part(file));
+        const bool is_clear = is_only_one(history.files, place);
+        flash.efs.insert_or_assign(
+            place.number,
+            is_clear ? to_part(file)
+                     : SalvagedPart{Found::lost, {}, "the file table gives its place twice", ""});
         flash.efs_places.insert_or_assign(place.number,
                                           EfsPlacement{place.block, place.offset, place.max_size});
     }

@@ -238,15 +238,16 @@ class History {
                 known.emplace(page_bytes(page).begin(), page_bytes(page).end());
             }
         }
-        for (const LogUnit &unit : remains_.log) {
-            for (const LogPage &page : unit.behind) {
-                const auto bytes = page_bytes(page);
-                if (unit.counts && !known.contains({bytes.begin(), bytes.end()})) {
-                    remains_.doubts.push_back(
-                        "pages of metadata lie behind the end of the log in EU " +
-                        std::to_string(unit.eu));
-                    return;
-                }
+        for (LogUnit &unit : remains_.log) {
+            const bool is_cut =
+                std::any_of(unit.behind.begin(), unit.behind.end(), [&](const LogPage &page) {
+                    const auto bytes = page_bytes(page);
+                    return unit.counts && !known.contains({bytes.begin(), bytes.end()});
+                });
+            if (is_cut) {
+                unit.pages.push_back({unknown_page, unit.eu, log_slots - 1, false});
+                remains_.doubts.push_back("pages of metadata lie behind the end of the log in EU " +
+                                          std::to_string(unit.eu));
             }
         }
     }
@@ -488,6 +489,9 @@ class History {
                                                                   : " lies in no erase unit"));
             }
             is_certain = is_certain && remains_.rows[chunk / data_slots]->is_certain;
+        }
+        if (!remains_.is_log_whole) { // its chunks may have gone to others unseen
+            return say(State::doubtful, remains_.doubts.front());
         }
         found.has_current = true;
         if (!is_certain) {

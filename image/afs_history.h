@@ -28,7 +28,7 @@ struct AfsFileHistory {
         sound,    // the first version is what a mount gives
         absent,   // there is no such file now
         shared,   // another file claims one of its chunks: which of them it belongs to is not known
-        doubtful, // the first version has its checksums, and may not be the newest
+        doubtful, // what it holds may not be the newest
         damaged   // what it holds now cannot be read
     };
 

@@ -162,7 +162,8 @@ class Reader {
             place_data(eu, header.va_base, header.sequence);
         } else if (header.is_told && header.va_base == 0) {
             place_log(eu, header.sequence, true);
-        } else if (const BaseByContent base = base_by_content(eu); base.pages > log_pages(eu)) {
+        } else if (const BaseByContent base = base_by_content(eu);
+                   base.pages > log_pages(eu) && is_missing(base)) {
             place_data(eu, base.va_base, 0);
         } else if (log_pages(eu) != 0) {
             place_log(eu, std::nullopt, true);
@@ -259,6 +260,13 @@ class Reader {
             best = pages > best.pages ? BaseByContent{base, pages} : best;
         }
         return best;
+    }
+
+    // One page or two can have the checksum by chance.
+    bool is_missing(const BaseByContent &base) const {
+        constexpr uint32_t by_chance = 2;
+        const uint32_t row = (base.va_base - remains_.geometry.page_count()) / data_slots;
+        return base.pages > by_chance || !remains_.rows[row];
     }
 
     uint32_t log_pages(uint32_t eu) const {
