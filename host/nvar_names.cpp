@@ -26,7 +26,7 @@ bool means_any(const std::string &word, const std::vector<std::string> &names) {
     return !names_meant({word}, names).names.empty();
 }
 
-// Names that share the last part with the word, or that a few keystrokes make of it.
+// Names that the word is a part of, or that a few keystrokes make of it.
 std::vector<std::string> close_names(const std::string &word,
                                      const std::vector<std::string> &names) {
     const std::string_view typed = short_name(word);
@@ -34,7 +34,8 @@ std::vector<std::string> close_names(const std::string &word,
     std::vector<std::string> close;
     for (const std::string &name : names) {
         const std::string_view other = short_name(name);
-        if (other.ends_with("/" + std::string(typed)) || distance(typed, other) <= tolerance) {
+        const bool is_part = typed.size() > 2 && other.find(typed) != other.npos;
+        if (is_part || distance(typed, other) <= tolerance) {
             close.emplace_back(other);
         }
     }

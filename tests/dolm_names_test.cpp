@@ -25,6 +25,7 @@ TEST_F(DolmCalls, TellWhatKindOfNameAnUnknownOneIs) {
         {"get set net/hostnam", 1,
          "net/hostnam: there is no such NVAR; close to it: net/hostname\n"},
         {"get set keys", 1, "close to it: security/keys\n"},
+        {"get set net/host", 1, "close to it: net/hostname\n"},
         {"get set what/ever/else", 1, "what/ever/else: there is no such NVAR\n"},
         {"get set radio/region --sku 2", 1, "radio/region: is of SKU 1 and not of SKU 2\n"},
         {"list set mca/deploy", 1, "mca/deploy: is a file and no NVAR\n"},
