@@ -150,9 +150,10 @@ void salvage_set(const SalvageOptions &options) {
     const Counts counts = count_all(salvage);
     if (!counts.all_sound() || !salvage.damages.empty()) {
         flush_output();
-        throw Failure(options.folder.string() + ": " + std::to_string(counts.older) +
-                      " values are older, " + std::to_string(counts.lost) + " are lost, " +
-                      std::to_string(salvage.damages.size()) + " damages");
+        throw Failure(options.folder.string() + ": of the places of its values " +
+                      std::to_string(counts.older) + " gave an older one and " +
+                      std::to_string(counts.lost) +
+                      " none; other damages: " + std::to_string(salvage.damages.size()));
     }
 }
 
