@@ -39,7 +39,7 @@ std::string choices_of(const CLI::Option &option) {
 }
 
 Kind kind_of(const CLI::Option &option) {
-    const std::string name = option.get_single_name();
+    const std::string &name = option.get_single_name();
     return option.get_items_expected_max() == 0       ? Kind::flag
            : !choices_of(option).empty()              ? Kind::choice
            : name == "NAME" || name == "unset"        ? Kind::nvar

@@ -143,8 +143,9 @@ TEST(FileTableTest, LoadsTheEfsGeometryAndFileList) {
         EXPECT_EQ(g_efs_sku_id, 5);
         const auto slot = [](uint32_t file) {
             const EFS_file_entry &entry = EFS_files[file];
-            return std::tuple<int, int, int, int, int>(entry.block, entry.offset, entry.max_size,
-                                                       entry.present, entry.reserved);
+            // Converted first: the record is packed, and its fields cannot be referred to.
+            return std::tuple(int{entry.block}, int{entry.offset}, int{entry.max_size},
+                              int{entry.present}, int{entry.reserved});
         };
         for (const uint32_t empty : {0u, 2u}) {
             EXPECT_EQ(slot(empty), std::tuple(0, 0, 0, 0, 0));
