@@ -34,8 +34,9 @@ std::string path_of(const Tile &tile, Cell cell) {
         }
         if (tile.cells[begin] == cell) {
             const std::string width = std::to_string(end - begin);
-            path += "M" + std::to_string(begin % tile.columns) + " " +
-                    std::to_string(begin / tile.columns) + "h" + width + "v1h-" + width + "z";
+            path.append("M").append(std::to_string(begin % tile.columns));
+            path.append(" ").append(std::to_string(begin / tile.columns));
+            path.append("h").append(width).append("v1h-").append(width).append("z");
         }
         begin = end;
     }
