@@ -17,7 +17,8 @@ class DolmSalvage : public Dolm {
     void SetUp() override {
         Dolm::SetUp();
         ASSERT_EQ(run("set set net/hostname second radio/cal/trim hex:01").code, 0);
-        for (const json &nvar : json::parse(run("list set --json").out)["nvars"]) {
+        const json list = json::parse(run("list set --json").out);
+        for (const json &nvar : list["nvars"]) {
             const std::string name = nvar["name"];
             truth[name] = nvar["hex"];
             for (const char *table : {"base", "override"}) {
@@ -27,8 +28,8 @@ class DolmSalvage : public Dolm {
             }
         }
         for (const char *image : {"qfs.img", "efs.img"}) {
-            const std::string history = run(std::string("history --json set/") + image).out;
-            for (const json &file : json::parse(history)["files"]) {
+            const json history = json::parse(run(std::string("history --json set/") + image).out);
+            for (const json &file : history["files"]) {
                 for (const json &content : file["earlier"]) {
                     once[file["name"]].insert(content["hex"].get<std::string>());
                 }
