@@ -208,12 +208,13 @@ class Salvager {
         if (part.value->size() < length) {
             return {Found::lost, {}, "it is shorter than its trailer", ""};
         }
-        const Bytes trailer(part.value->end() - length, part.value->end());
+        const auto value_end = part.value->end() - length;
+        const Bytes trailer(value_end, part.value->end());
         if (std::any_of(trailer.begin(), trailer.end(),
                         [](uint8_t byte) { return byte != trailer_filler; })) {
             trailer_of_[&file] = trailer;
         }
-        part.value->resize(part.value->size() - length);
+        part.value->erase(value_end, part.value->end());
         if (part.value->size() > file.max_size && !file.skus.empty()) {
             demote(part, "it is longer than the file table lets it be");
         }
