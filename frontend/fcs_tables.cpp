@@ -162,8 +162,10 @@ add_result add_to_store(const FcsTable &table, const FcsFileEntry &entry, bool e
     if (entry.data != nullptr) {
         std::memcpy(block.get() + record_size, entry.data, entry.size);
     }
-    char name[name_limit + 2];
-    std::snprintf(name, sizeof name, "%.*s/", static_cast<int>(name_limit), entry.name);
+    char name[name_limit + 2]; // the entry's name and a "/"
+    const size_t name_length = name_of(entry.name).copy(name, name_limit);
+    name[name_length] = '/';
+    name[name_length + 1] = '\0';
     const uint32_t status = addNewFile(table.handle, "", name, block.get(), length, enforceLimit);
     if (status != FCS_OK) {
         setLibError(IMAGE_TOOLS_FCS_ADD_FILE_FAILED, static_cast<int32_t>(status));
@@ -349,10 +351,12 @@ FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path) 
     if (!s_fcsInitialized || table->entryCount == 0) {
         return nullptr;
     }
+    if (std::strncmp(path, path_prefix, path_prefix_length) == 0) {
+        return find_in_list(*table, path);
+    }
     // One byte more than is compared, so that cutting a longer path here changes no comparison.
     char full_path[name_limit + 1];
-    const bool has_prefix = std::strncmp(path, path_prefix, path_prefix_length) == 0;
-    std::snprintf(full_path, sizeof full_path, "%s%s", has_prefix ? "" : path_prefix, path);
+    std::snprintf(full_path, sizeof full_path, "%s%s", path_prefix, path);
     return find_in_list(*table, full_path);
 }
 
