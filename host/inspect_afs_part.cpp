@@ -3,6 +3,7 @@
 
 #include "host/errors.h"
 #include "host/inspect.h"
+#include "host/value_text.h"
 #include "image/afs_records.h"
 
 namespace dolm {
@@ -13,14 +14,6 @@ using namespace afs;
 
 std::string text(uint64_t value) {
     return std::to_string(value);
-}
-
-std::string hex_word(uint32_t word, int digits) {
-    std::string hex = "0x";
-    for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) {
-        hex += "0123456789ABCDEF"[word >> shift & 0xF];
-    }
-    return hex;
 }
 
 class Part {
@@ -36,18 +29,19 @@ class Part {
         const Header judged = judge_header(bytes_.subspan(at, header_size));
         const bool is_valid = judged.state != HeaderState::invalid;
         add(at, 4, "magic",
-            hex_word(get_le32(bytes_, at), 8) + (judged.given_up ? ", given up" : ""));
+            "0x" + hex_digits(get_le32(bytes_, at), 8) + (judged.given_up ? ", given up" : ""));
         add(at + 4, 4, "sequence", text(get_le32(bytes_, at + 4)));
         add(at + 8, 4, "erase_count", text(get_le32(bytes_, at + 8)));
         add(at + 12, 2, "next_spare", "EU " + text(get_le16(bytes_, at + 12)));
         const uint16_t va_base = get_le16(bytes_, at + 14);
         add(at + 14, 2, "va_base", va_base == 0 ? "0, a log EU" : "page " + text(va_base));
         add(at + 16, 1, "eu_crc",
-            hex_word(bytes_[at + 16], 2) + (is_valid || judged.given_up ? ", good" : ", not good"));
+            "0x" + hex_digits(bytes_[at + 16], 2) +
+                (is_valid || judged.given_up ? ", good" : ", not good"));
         add(at + state_offset, 1, "eu_state",
-            hex_word(bytes_[at + state_offset], 2) + (bytes_[at + state_offset] == state_uncommitted
-                                                          ? ", not committed"
-                                                          : ", committed"));
+            "0x" + hex_digits(bytes_[at + state_offset], 2) +
+                (bytes_[at + state_offset] == state_uncommitted ? ", not committed"
+                                                                : ", committed"));
     }
 
     void add_log(uint32_t eu) {
@@ -82,8 +76,8 @@ class Part {
 
     void add_page(size_t at, uint32_t page) {
         if (page == 0) {
-            add(at, 4, "magic", hex_word(get_le32(bytes_, at), 8));
-            add(at + 4, 4, "fs_version", hex_word(get_le32(bytes_, at + 4), 8));
+            add(at, 4, "magic", "0x" + hex_digits(get_le32(bytes_, at), 8));
+            add(at + 4, 4, "fs_version", "0x" + hex_digits(get_le32(bytes_, at + 4), 8));
             add(at + 8, 4, "total_va_size", text(get_le32(bytes_, at + 8)));
             add(at + 12, 2, "file_count", text(get_le16(bytes_, at + 12)));
         }
@@ -105,7 +99,7 @@ class Part {
     }
 
     static std::string entry_text(const AfsEu &unit, uint32_t index, uint16_t entry) {
-        const std::string word = hex_word(entry, 4);
+        const std::string word = "0x" + hex_digits(entry, 4);
         if (index < unit.pages.size() && unit.pages[index]) {
             return word + ", page " + text(*unit.pages[index]);
         }
@@ -113,13 +107,14 @@ class Part {
     }
 
     static std::string status_text(uint8_t status) {
-        return hex_word(status, 2) + (status == status_complete  ? ", complete"
-                                      : status == status_writing ? ", being written"
-                                                                 : ", torn");
+        return "0x" + hex_digits(status, 2) +
+               (status == status_complete  ? ", complete"
+                : status == status_writing ? ", being written"
+                                           : ", torn");
     }
 
     std::string checksum_text(size_t at, uint32_t page) const {
-        return hex_word(get_le16(bytes_, at + page_size), 4) +
+        return "0x" + hex_digits(get_le16(bytes_, at + page_size), 4) +
                (page_is_good(page_record(bytes_, at), page) ? ", good" : ", not good");
     }
 
@@ -152,7 +147,7 @@ class Part {
             return entry == slot_zombie ? "zombie" : "empty";
         }
         return !is_file && entry <= page_size ? "last, " + text(entry) + " bytes"
-                                              : hex_word(entry, 4) + ", invalid";
+                                              : "0x" + hex_digits(entry, 4) + ", invalid";
     }
 
     std::span<const uint8_t> bytes_;

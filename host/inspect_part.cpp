@@ -13,11 +13,8 @@ namespace {
 constexpr size_t bytes_per_line = 16;
 
 std::string offset_text(size_t offset) {
-    std::string digits;
-    for (int shift = 20; shift >= 0; shift -= 4) {
-        digits += "0123456789abcdef"[offset >> shift & 0xF];
-    }
-    return digits;
+    return to_hex({static_cast<uint8_t>(offset >> 16), static_cast<uint8_t>(offset >> 8),
+                   static_cast<uint8_t>(offset)});
 }
 
 void print_line_of_bytes(std::ostream &out, size_t at, std::span<const uint8_t> line) {

@@ -14,22 +14,14 @@ namespace {
 
 constexpr size_t value_columns = 40;
 
-std::string hex_word(uint32_t word) {
-    std::string hex;
-    for (int shift = 12; shift >= 0; shift -= 4) {
-        hex += "0123456789ABCDEF"[word >> shift & 0xF];
-    }
-    return hex;
-}
-
 void print_row(std::ostream &out, const FtblRow &row) {
     out << "\nSKU " << row.sku << ": " << row.entries_count << " entries at " << row.entries_at
         << "\n   NUMBER  CLASS  ATTR  STORE    ID  MAX SIZE  NAME\n";
     for (const FtblEntry &entry : row.entries) {
         out << std::setw(9) << number_in_class(entry.number) << std::setw(7)
-            << class_of(entry.number) << "  " << hex_word(entry.attributes) << "  " << std::left
-            << std::setw(5) << store_name(entry.store) << std::right << std::setw(6) << entry.id
-            << std::setw(10) << entry.max_size << "  " << escape(entry.name) << '\n';
+            << class_of(entry.number) << "  " << hex_digits(entry.attributes, 4) << "  "
+            << std::left << std::setw(5) << store_name(entry.store) << std::right << std::setw(6)
+            << entry.id << std::setw(10) << entry.max_size << "  " << escape(entry.name) << '\n';
     }
 }
 
@@ -116,7 +108,7 @@ void print_store(std::ostream &out, const FcsStore &store, const FileNames &name
     for (const FcsRecord &record : store.records) {
         out << std::setw(9) << number_in_class(record.number) << std::setw(7)
             << class_of(record.number) << std::setw(8) << record.offset << std::setw(7)
-            << record.size << "    " << hex_word(record.opaque) << "  "
+            << record.size << "    " << hex_digits(record.opaque, 4) << "  "
             << escape(name_of(names, record.number)) << ", "
             << preview_value(payload_of(store, record), value_columns) << '\n';
     }

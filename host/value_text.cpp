@@ -28,6 +28,14 @@ int digit_value(char digit) {
 
 } // namespace
 
+std::string hex_digits(uint64_t number, int count) {
+    std::string digits;
+    for (int shift = 4 * (count - 1); shift >= 0; shift -= 4) {
+        digits += "0123456789ABCDEF"[number >> shift & 0xF];
+    }
+    return digits;
+}
+
 std::optional<Bytes> from_hex(std::string_view text) {
     Bytes bytes;
     for (size_t i = 0; i < text.size();) {

@@ -27,6 +27,9 @@ std::string preview_value(const Bytes &value, size_t width);
 
 std::string to_hex(const Bytes &value);
 
+// The lowest digits of a number, in capitals.
+std::string hex_digits(uint64_t number, int count);
+
 // Nothing if the text is not pairs of hexadecimal digits with blanks between.
 std::optional<Bytes> from_hex(std::string_view text);
 
