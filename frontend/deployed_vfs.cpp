@@ -10,6 +10,8 @@
 #include "frontend/report.h"
 #include "miniVfs.h"
 
+using namespace dolm::frontend;
+
 bool s_qfsInitialized = false;
 
 namespace {
@@ -143,10 +145,12 @@ bool is_written_back(const FcsFileEntry &entry) {
 
 } // namespace
 
+namespace dolm::frontend {
+
 void forget_flash() {
     s_qfsInitialized = false;
-    dolm::take_afs_out_of_use();
-    dolm::efs::take_out_of_use();
+    take_afs_out_of_use();
+    efs::take_out_of_use();
 }
 
 bool bring_up_flash(const _commonDolmInputs &inputs) {
@@ -188,6 +192,8 @@ bool take_afs_down() {
     }
     return true;
 }
+
+} // namespace dolm::frontend
 
 bool qoQfsIsVfsDeployed(void) {
     uint32_t number = 0;

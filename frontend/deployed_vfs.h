@@ -5,6 +5,8 @@
 #include "frontend/fcs_tables.h"
 #include "qoqfs.h"
 
+namespace dolm::frontend {
+
 // Puts AFS and EFS out of use without a look at their images, which may be gone by now.
 void forget_flash();
 
@@ -18,5 +20,7 @@ bool write_back_to_flash(const FcsTable &table);
 
 // Takes AFS down if it is up. False, with a report, if it would not terminate.
 bool take_afs_down();
+
+} // namespace dolm::frontend
 
 extern bool s_qfsInitialized; // AFS is up

@@ -8,6 +8,9 @@
 #include "frontend/report.h"
 #include "memory_utils.h"
 
+using namespace dolm;
+using namespace dolm::frontend;
+
 namespace {
 
 constexpr uint32_t record_size = sizeof(_cfg_file_entry_t);
@@ -45,7 +48,7 @@ FcsFileEntry *find_in_list(const indexed_table &table, const char *name) {
                (wanted.size() == name_limit || entry.name[wanted.size()] == '\0');
     };
     if (table.names.size() == table.entryCount) {
-        return table.names.find(dolm::hash_of(wanted), matches);
+        return table.names.find(hash_of(wanted), matches);
     }
     for (FcsFileEntry *entry = table.firstEntry; entry != nullptr; entry = entry->next) {
         if (matches(*entry)) {
@@ -69,7 +72,7 @@ void append(indexed_table &table, FcsFileEntry *entry) {
         ++table.entryCount;
     }
     table.lastEntry = entry;
-    table.names.add(dolm::hash_of(name_of(entry->name)), entry);
+    table.names.add(hash_of(name_of(entry->name)), entry);
 }
 
 bool load_file_table_once() {
@@ -118,9 +121,9 @@ bool load_value(const FcsTable &table, FcsFileEntry &entry) {
 // getFileAttributes leaves little-endian bytes; the record stays so, since it goes back as it is.
 void take_over_head(FcsFileEntry &entry) {
     const auto *head = reinterpret_cast<const uint8_t *>(&entry);
-    entry.size = dolm::load_le16(head + offsetof(_cfg_file_entry_t, size));
-    entry.attributes = dolm::load_le16(head + offsetof(FcsFileEntry, attributes));
-    entry.maxSize = dolm::load_le32(head + offsetof(FcsFileEntry, maxSize));
+    entry.size = load_le16(head + offsetof(_cfg_file_entry_t, size));
+    entry.attributes = load_le16(head + offsetof(FcsFileEntry, attributes));
+    entry.maxSize = load_le32(head + offsetof(FcsFileEntry, maxSize));
 }
 
 // A copy in no list, and without its value as yet; null without memory, which is not reported.
@@ -254,23 +257,14 @@ load_step load_next_entry(indexed_table &table, bool withData) {
 
 } // namespace
 
+namespace dolm::frontend {
+
 malloc_block allocate(size_t size) {
     malloc_block block(static_cast<uint8_t *>(std::malloc(size)));
     if (!block) {
         report_error(IMAGE_TOOLS_OUT_OF_MEMORY);
     }
     return block;
-}
-
-bool verifyOrvelTable(const char *label, const _commonDolmTable &table) {
-    if (table.size == 0 || table.data != nullptr) {
-        return true;
-    }
-    char message[96];
-    std::snprintf(message, sizeof message,
-                  "Invalid table %s. The table is loaded but data is empty.", label);
-    report_error(IMAGE_TOOLS_QFS_INIT_FAILED, message);
-    return false;
 }
 
 bool open_empty_store(FcsTable &table) {
@@ -282,6 +276,53 @@ bool open_empty_store(FcsTable &table) {
         return false;
     }
     return true;
+}
+
+FcsFileEntry *find_current_value(const char *path) {
+    FcsFileEntry *entry = qoQfsFindFileEntryInTable(FCS_FILE_CURRENT_VALUES, path);
+    if (entry == nullptr) {
+        report_error(IMAGE_TOOLS_FILE_NOT_FOUND);
+        return nullptr;
+    }
+    if (!is_accessible(*entry)) {
+        report_error(IMAGE_TOOLS_NVAR_ACCESS_ERROR);
+        return nullptr;
+    }
+    return entry;
+}
+
+bool copy_current_values_to_built() {
+    for (const FcsFileEntry *entry = s_currentValuesTable.firstEntry; entry != nullptr;
+         entry = entry->next) {
+        if (takes_part(*entry) && !add_copy_to_built(*entry)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void free_all_tables() {
+    qoQfsFreeFcsTable(s_builtVynCfgTable);
+    qoQfsFreeFcsTable(s_vynCfgTable);
+    qoQfsFreeFcsTable(s_orvelCfgTable);
+    qoQfsFreeFcsTable(s_currentValuesTable);
+    s_fcsInitialized = false;
+}
+
+} // namespace dolm::frontend
+
+// A host may end with tables up, after a start-up that failed for instance.
+[[maybe_unused]] static const at_unload<free_all_tables> release_tables;
+
+bool verifyOrvelTable(const char *label, const _commonDolmTable &table) {
+    if (table.size == 0 || table.data != nullptr) {
+        return true;
+    }
+    char message[96];
+    std::snprintf(message, sizeof message,
+                  "Invalid table %s. The table is loaded but data is empty.", label);
+    report_error(IMAGE_TOOLS_QFS_INIT_FAILED, message);
+    return false;
 }
 
 bool qoQfsLoadFcsTableFiles(indexed_table &table, bool withData) {
@@ -360,19 +401,6 @@ FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path) 
     return find_in_list(*table, full_path);
 }
 
-FcsFileEntry *find_current_value(const char *path) {
-    FcsFileEntry *entry = qoQfsFindFileEntryInTable(FCS_FILE_CURRENT_VALUES, path);
-    if (entry == nullptr) {
-        report_error(IMAGE_TOOLS_FILE_NOT_FOUND);
-        return nullptr;
-    }
-    if (!is_accessible(*entry)) {
-        report_error(IMAGE_TOOLS_NVAR_ACCESS_ERROR);
-        return nullptr;
-    }
-    return entry;
-}
-
 void qoQfsFreeFileEntry(FcsFileEntry *entry) {
     if (entry != nullptr) {
         std::free(entry->data);
@@ -400,17 +428,6 @@ void qoQfsFreeFcsTable(indexed_table &table) {
     table.names = {};
 }
 
-void free_all_tables() {
-    qoQfsFreeFcsTable(s_builtVynCfgTable);
-    qoQfsFreeFcsTable(s_vynCfgTable);
-    qoQfsFreeFcsTable(s_orvelCfgTable);
-    qoQfsFreeFcsTable(s_currentValuesTable);
-    s_fcsInitialized = false;
-}
-
-// A host may end with tables up, after a start-up that failed for instance.
-[[maybe_unused]] static const dolm::at_unload<free_all_tables> release_tables;
-
 bool qoQfsGenerateFcsCurrentsTable() {
     s_currentValuesTable = {};
     s_currentValuesTable.fileName = FCS_FILE_CURRENT_VALUES;
@@ -422,16 +439,6 @@ bool qoQfsGenerateFcsCurrentsTable() {
     // A part of the values would pass for all of them at the next termination.
     qoQfsFreeFcsTable(s_currentValuesTable);
     return false;
-}
-
-bool copy_current_values_to_built() {
-    for (const FcsFileEntry *entry = s_currentValuesTable.firstEntry; entry != nullptr;
-         entry = entry->next) {
-        if (takes_part(*entry) && !add_copy_to_built(*entry)) {
-            return false;
-        }
-    }
-    return true;
 }
 
 bool qoQfsSerializeFcsTable() {

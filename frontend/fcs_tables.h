@@ -69,10 +69,12 @@ static_assert(sizeof(FcsTable) == 12 + 4 * sizeof(void *));
 
 #pragma pack(pop)
 
+namespace dolm::frontend {
+
 // A table with its entries by name: the first of each name. The index is whole while it has as many
 // entries as the list; without memory for it the list is walked.
 struct indexed_table : FcsTable {
-    dolm::hash_index<FcsFileEntry> names;
+    hash_index<FcsFileEntry> names;
 };
 
 // Bits of FcsFileEntry::attributes. With a trailer, the file in a deployed VFS ends in bytes that
@@ -85,18 +87,6 @@ inline constexpr size_t name_limit = sizeof(FcsFileEntry::name);
 
 // A table that was never set up.
 inline constexpr FcsTable unset_table = {nullptr, FCS_FILE_UNSET, 0, nullptr, 0, nullptr, nullptr};
-
-extern indexed_table s_orvelCfgTable;      // base values; unchanged after the load
-extern indexed_table s_vynCfgTable;        // overriding values, or the store that termination built
-extern indexed_table s_currentValuesTable; // what the host reads and changes
-extern indexed_table s_builtVynCfgTable;   // under construction during termination
-
-// The library's copy of the file table. The selected rows point into it, so it stays for the life
-// of the process.
-extern std::vector<uint8_t> s_fileTableBuffer;
-extern uint32_t s_mDolmAfsSkuId;
-extern bool s_mDolmLoadFileTable; // the file table still has to be loaded, by the next table load
-extern bool s_fcsInitialized;     // the tables are up
 
 // Whether an entry takes part in current values and in the rebuilt store.
 inline bool takes_part(const FcsFileEntry &entry) {
@@ -116,38 +106,60 @@ using malloc_block = std::unique_ptr<uint8_t, free_deleter>;
 // A block from malloc; null, reported as 324, without memory.
 malloc_block allocate(size_t size);
 
-// Whether an input range is absent or has data; if not, reported with its label, which is short.
-bool verifyOrvelTable(const char *label, const _commonDolmTable &table);
-
-// Fills the list of a table from its buffer, after loading the file table if that is still due. On
-// false everything has been reported; the caller frees the table, with the entries it got so far.
-bool qoQfsLoadFcsTableFiles(indexed_table &table, bool withData);
-
-// A deep copy that stands in no list; null without memory (or for null).
-FcsFileEntry *copyFileEntry(const FcsFileEntry *entry);
+// Opens an empty store in table.handle; reports a failure as number 331.
+bool open_empty_store(FcsTable &table);
 
 // What came of adding an entry; all but the first have been reported.
 enum class add_result { added, refused, no_memory };
-
-// Adds entry to the table's store and list, which then owns it; an entry that is not added stays
-// the caller's. With enforceLimit a value over its maximum size is refused.
-add_result qoQfsAddNewFileFcs(indexed_table &table, FcsFileEntry *entry, bool enforceLimit);
-
-// The entry of path in the table of that name, or null; only a null path and an unknown table are
-// reported. A path that does not begin with "/home/" is taken as one below it.
-FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path);
 
 // The entry of path among the current values; null, reported, if there is none or it is not
 // accessible.
 FcsFileEntry *find_current_value(const char *path);
 
-void qoQfsFreeFileEntry(FcsFileEntry *entry);
-
-// Releases what the table owns; harmless on a free table. The other fields stay as they are.
-void qoQfsFreeFcsTable(indexed_table &table);
+// Copies the current values that take part into s_builtVynCfgTable, within their limits. False,
+// reported, at the first that is refused; a lack of memory for an entry itself is not reported.
+bool copy_current_values_to_built();
 
 // Releases all four tables and takes them down.
 void free_all_tables();
+
+} // namespace dolm::frontend
+
+extern dolm::frontend::indexed_table s_orvelCfgTable; // base values; unchanged after the load
+extern dolm::frontend::indexed_table s_vynCfgTable; // overriding values, or what termination built
+extern dolm::frontend::indexed_table s_currentValuesTable; // what the host reads and changes
+extern dolm::frontend::indexed_table s_builtVynCfgTable;   // under construction during termination
+
+// The library's copy of the file table. The selected rows point into it, so it stays for the life
+// of the process.
+extern std::vector<uint8_t> s_fileTableBuffer;
+extern uint32_t s_mDolmAfsSkuId;
+extern bool s_mDolmLoadFileTable; // the file table still has to be loaded, by the next table load
+extern bool s_fcsInitialized;     // the tables are up
+
+// Whether an input range is absent or has data; if not, reported with its label, which is short.
+bool verifyOrvelTable(const char *label, const _commonDolmTable &table);
+
+// Fills the list of a table from its buffer, after loading the file table if that is still due. On
+// false everything has been reported; the caller frees the table, with the entries it got so far.
+bool qoQfsLoadFcsTableFiles(dolm::frontend::indexed_table &table, bool withData);
+
+// A deep copy that stands in no list; null without memory (or for null).
+FcsFileEntry *copyFileEntry(const FcsFileEntry *entry);
+
+// Adds entry to the table's store and list, which then owns it; an entry that is not added stays
+// the caller's. With enforceLimit a value over its maximum size is refused.
+dolm::frontend::add_result qoQfsAddNewFileFcs(dolm::frontend::indexed_table &table,
+                                              FcsFileEntry *entry, bool enforceLimit);
+
+// The entry of path in the table of that name, or null; only a null path and an unknown table are
+// reported. A path that does not begin with "/home/" is taken as one below it.
+FcsFileEntry *qoQfsFindFileEntryInTable(FcsFileName fileName, const char *path);
+
+void qoQfsFreeFileEntry(FcsFileEntry *entry);
+
+// Releases what the table owns; harmless on a free table. The other fields stay as they are.
+void qoQfsFreeFcsTable(dolm::frontend::indexed_table &table);
 
 // Builds s_currentValuesTable, whose former content the caller has released: the entries of
 // s_orvelCfgTable in their order, with the entry of the same name from s_vynCfgTable where there is
@@ -155,16 +167,9 @@ void free_all_tables();
 // the table is then free, its handle null.
 bool qoQfsGenerateFcsCurrentsTable();
 
-// Copies the current values that take part into s_builtVynCfgTable, within their limits. False,
-// reported, at the first that is refused; a lack of memory for an entry itself is not reported.
-bool copy_current_values_to_built();
-
 // Flushes the store of s_builtVynCfgTable into its buffer.
 bool qoQfsSerializeFcsTable();
 
 // ByteCopy that reports a failure as number 324. A count of 0 gives 0 and touches nothing.
 uint32_t qoQfsMemCpy(void *destination, uint64_t destinationSize, const void *source,
                      uint64_t count);
-
-// Opens an empty store in table.handle; reports a failure as number 331.
-bool open_empty_store(FcsTable &table);

@@ -6,6 +6,8 @@
 #include "frontend/fcs_tables.h"
 #include "frontend/report.h"
 
+using namespace dolm::frontend;
+
 bool qoqfsCheckNvarExists(const char *path, FcsFileName fileName) {
     if (path == nullptr) {
         report_error(IMAGE_TOOLS_CORRUPTED_BUFFER, "Null NVAR path");

@@ -15,6 +15,9 @@
 #include "memory_utils.h"
 #include "vynerrors.h"
 
+using namespace dolm;
+using namespace dolm::frontend;
+
 namespace {
 
 // The head of "vync.cfg": bytes 8 to 11 hold the length of the store behind it; nothing else in it
@@ -118,7 +121,7 @@ bool load_vync_cfg(const _commonDolmTable &input) {
         report_error(IMAGE_TOOLS_BUFFER_PARSING_ERROR, "Invalid VYNC partition length");
         return false;
     }
-    const uint32_t length = dolm::load_le32(input.data + vync_head_length_offset);
+    const uint32_t length = load_le32(input.data + vync_head_length_offset);
     if (length > input.size - vync_head_size) {
         report_error(IMAGE_TOOLS_QFS_INIT_FAILED, "Invalid VYNC partition size.");
         return false;

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+using namespace dolm::frontend;
+
 DolmStatusCallback s_mDolmStatusCallback = nullptr;
 
 void qoQfsLogMessage(ErrorLevel level, ImageToolsErrorName number, const char *message) noexcept {

@@ -117,7 +117,7 @@ std::string VynErrors::getErrorNameString(ImageToolsErrorName number) {
     return row == s_imageToolsErrorNameStringMap.end() ? no_row : row->second;
 }
 
-const char *catalogue_text(ImageToolsErrorName number) noexcept {
+const char *dolm::frontend::catalogue_text(ImageToolsErrorName number) noexcept {
     const auto &texts = VynErrors::s_imageToolsErrorNameStringMap;
     if (const auto row = texts.find(number); row != texts.end()) {
         return row->second.c_str();

@@ -228,7 +228,8 @@ TEST_F(FrontEnd, AddRefusesAnEntryTwiceAndANameTwice) {
     FcsFileEntry *first = s_currentValuesTable.firstEntry;
     FcsFileEntry *copy = copyFileEntry(first);
     for (FcsFileEntry *entry : {first, copy, copyFileEntry(nullptr)}) {
-        EXPECT_EQ(qoQfsAddNewFileFcs(s_currentValuesTable, entry, false), add_result::refused);
+        EXPECT_EQ(qoQfsAddNewFileFcs(s_currentValuesTable, entry, false),
+                  dolm::frontend::add_result::refused);
     }
     qoQfsFreeFileEntry(copy);
     EXPECT_EQ(take_reports(),
