@@ -5,6 +5,7 @@
 
 #include "host/assignments.h"
 #include "host/commands.h"
+#include "host/counted.h"
 #include "host/errors.h"
 #include "host/library.h"
 #include "host/output.h"
@@ -162,10 +163,6 @@ Json to_json(const proof::Findings &findings) {
         json["examples"].push_back({{"id", id}});
     }
     return json;
-}
-
-std::string counted(uint64_t count, const char *noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 void print(const proof::Findings &findings) {

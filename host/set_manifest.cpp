@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "host/counted.h"
 #include "host/flash_images.h"
 #include "host/manifest_check.h"
 #include "host/sku_merge.h"
@@ -19,10 +20,6 @@
 namespace dolm {
 
 namespace {
-
-std::string count_of(size_t count, const char *what) {
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
 
 Content to_content(std::span<const uint8_t> bytes) {
     return Content(Bytes(bytes.begin(), bytes.end()), bytes.size());
@@ -61,7 +58,7 @@ class Describer {
             hide("ftbl.bin", "no file table: it does not begin with FTBL");
         }
         if (table_.rows.size() != table_.row_count) {
-            hide("ftbl.bin", "its head counts " + count_of(table_.row_count, "row") + ", " +
+            hide("ftbl.bin", "its head counts " + counted(table_.row_count, "row") + ", " +
                                  std::to_string(table_.rows.size()) + " can be read");
         }
     }
@@ -75,7 +72,7 @@ class Describer {
             }
             const bool is_empty = row.entries_count >> 31 != 0;
             if (!is_empty && row.entries.size() != row.entries_count) {
-                hide("ftbl.bin", sku + " has " + count_of(row.entries_count, "file") + ", " +
+                hide("ftbl.bin", sku + " has " + counted(row.entries_count, "file") + ", " +
                                      std::to_string(row.entries.size()) +
                                      " of them lie in the table");
             }
@@ -122,7 +119,7 @@ class Describer {
             }
         }
         if (table_.efst_rows.size() != table_.efst_row_count) {
-            hide("ftbl.bin", "its EFS section counts " + count_of(table_.efst_row_count, "row") +
+            hide("ftbl.bin", "its EFS section counts " + counted(table_.efst_row_count, "row") +
                                  ", " + std::to_string(table_.efst_rows.size()) + " can be read");
         }
     }
@@ -151,7 +148,7 @@ class Describer {
         const std::string sku = "SKU " + std::to_string(row.sku);
         if (row.records.size() != row.records_count) {
             hide("ftbl.bin", "the EFS list of " + sku + " has " +
-                                 count_of(row.records_count, "record") + ", " +
+                                 counted(row.records_count, "record") + ", " +
                                  std::to_string(row.records.size()) + " of them lie in the table");
         }
         std::map<uint16_t, EfsPlacement> places;
@@ -243,7 +240,7 @@ class Describer {
         if (bytes.size() < fcs::head_size) {
             hide(member, "too short for a store");
         } else if (!store.has_all_records()) {
-            hide(member, "has " + count_of(store.count, "record") + ", " +
+            hide(member, "has " + counted(store.count, "record") + ", " +
                              std::to_string(store.records.size()) + " of them lie in the file");
         }
         for (const FcsRecord &record : store.records) {

@@ -119,6 +119,13 @@ uint32_t trailer_length(uint16_t attributes) {
     return (attributes & attribute_long_trailer) != 0 ? 56 : 40;
 }
 
+const EfstRecord *EfstRow::record_of(uint32_t file) const {
+    const auto found = std::find_if(records.begin(), records.end(), [=](const EfstRecord &record) {
+        return record.file_index == file;
+    });
+    return found == records.end() ? nullptr : &*found;
+}
+
 const FtblRow *FileTable::row_of(uint32_t sku) const {
     const auto found =
         std::find_if(rows.begin(), rows.end(), [=](const FtblRow &row) { return row.sku == sku; });

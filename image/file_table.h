@@ -108,6 +108,9 @@ struct EfstRow {
     uint32_t wear_threshold = 0;
     uint32_t layout_id = 0;          // low 8 bits
     std::vector<EfstRecord> records; // as far as they lie in the table
+
+    // The first record for that file; null if there is none.
+    const EfstRecord *record_of(uint32_t file) const;
 };
 
 struct FileTable {

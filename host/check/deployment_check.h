@@ -59,7 +59,6 @@ class DeploymentCheck {
     void tell_swapped(const FtblEntry &entry, const FtblEntry &owner);
 
     // In efs_list.cpp.
-    const EfstRecord *record_of(const FtblRow &row, uint16_t id) const;
     void check_efs_list(const FtblRow &row);
     void tell_unlisted(const FtblRow &row, const EfstRow &efst, const FtblEntry &entry);
     void tell_small_place(const FtblRow &row, const EfstRow &efst, const FtblEntry &entry,

@@ -30,13 +30,7 @@ void EfsCheck::tell_files() {
 }
 
 const EfstRecord *EfsCheck::record_of(uint32_t file) const {
-    if (row_ == nullptr) {
-        return nullptr;
-    }
-    const auto found =
-        std::find_if(row_->records.begin(), row_->records.end(),
-                     [=](const EfstRecord &record) { return record.file_index == file; });
-    return found == row_->records.end() ? nullptr : &*found;
+    return row_ == nullptr ? nullptr : row_->record_of(file);
 }
 
 void EfsCheck::tell_list(const EfsDamage &damage, size_t field, const std::string &text) {

@@ -6,17 +6,6 @@
 
 namespace dolm {
 
-const EfstRecord *DeploymentCheck::record_of(const FtblRow &row, uint16_t id) const {
-    const EfstRow *efst = view_.table.efst_row_of(row.sku);
-    if (efst == nullptr) {
-        return nullptr;
-    }
-    const auto found =
-        std::find_if(efst->records.begin(), efst->records.end(),
-                     [=](const EfstRecord &record) { return record.file_index == id; });
-    return found == efst->records.end() ? nullptr : &*found;
-}
-
 // Entries and file list of EFS name the same files, and the places are large enough.
 void DeploymentCheck::check_efs_list(const FtblRow &row) {
     const EfstRow *efst = view_.table.efst_row_of(row.sku);
@@ -24,7 +13,7 @@ void DeploymentCheck::check_efs_list(const FtblRow &row) {
         if (!entry.is_in_efs() || efst == nullptr) {
             continue;
         }
-        const EfstRecord *record = record_of(row, entry.id);
+        const EfstRecord *record = efst->record_of(entry.id);
         if (record == nullptr) {
             tell_unlisted(row, *efst, entry);
         } else if (entry.trailer() == 0 && record->max_size < entry.max_size) {

@@ -119,10 +119,6 @@ std::string at_offset(uint64_t offset, const std::string &what) {
     return hex(offset) + (what.empty() ? "" : ", " + what);
 }
 
-std::string counted(uint64_t count, const std::string &noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 std::string listed(const std::vector<std::string> &items, size_t most) {
     std::string text;
     for (size_t i = 0; i < std::min(items.size(), most); ++i) {

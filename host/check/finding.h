@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/counted.h"
+
 namespace dolm {
 
 // Something that is wrong, or worth knowing, and where.
@@ -63,9 +65,6 @@ class Findings {
 std::string at_offset(uint64_t offset, const std::string &what = {});
 
 std::string hex(uint64_t value);
-
-// "1 byte", "2 bytes".
-std::string counted(uint64_t count, const std::string &noun);
 
 // "a, b, c and 7 more".
 std::string listed(const std::vector<std::string> &items, size_t most = 12);

@@ -109,8 +109,9 @@ class EntryCheck {
     bool agrees_with_flash(const FtblEntry &entry) const {
         if (!entry.is_in_afs()) {
             return entry.is_in_efs() &&
-                   std::any_of(table_.efst_rows.begin(), table_.efst_rows.end(),
-                               [&](const EfstRow &row) { return lists(row, entry.id); });
+                   std::any_of(
+                       table_.efst_rows.begin(), table_.efst_rows.end(),
+                       [&](const EfstRow &row) { return row.record_of(entry.id) != nullptr; });
         }
         const auto file =
             std::find_if(view_.afs.files.begin(), view_.afs.files.end(),
@@ -126,11 +127,6 @@ class EntryCheck {
                                });
         };
         return is_length(view_.base) || is_length(view_.overrides);
-    }
-
-    static bool lists(const EfstRow &row, uint32_t file) {
-        return std::any_of(row.records.begin(), row.records.end(),
-                           [=](const EfstRecord &record) { return record.file_index == file; });
     }
 
     bool fits(const FtblEntry &entry) const {

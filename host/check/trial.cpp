@@ -45,38 +45,28 @@ class Trial {
         for (const AfsFile &file : view_.afs.files) {
             progress.step();
             if (file.kind != AfsFile::Kind::zombie) {
-                compare(qfs_img, file.number, file.contents, read_afs_file(file.number));
+                compare(qfs_img, file.number, file.contents,
+                        read_file(file.number, dfs_getsize, dfs_read));
             }
         }
         for (const EfsFile &file : view_.efs.files) {
             progress.step();
             if (file.kind == EfsFile::Kind::contents) {
                 compare(efs_img, file.place.number, file.contents,
-                        read_efs_file(file.place.number));
+                        read_file(file.place.number, EFS_get_file_size, EFS_read));
             }
         }
     }
 
-    static std::optional<Bytes> read_afs_file(uint32_t number) {
+    // By a store's two operations, whose status of success is 0 in both.
+    static std::optional<Bytes> read_file(uint32_t number, decltype(dfs_getsize) get_size,
+                                          decltype(dfs_read) read) {
         uint32_t size = 0;
-        if (dfs_getsize(number, &size) != DFS_OK) {
+        if (get_size(number, &size) != DFS_OK) {
             return std::nullopt;
         }
         Bytes contents(size);
-        if (size != 0 && dfs_read(number, 0, &size, contents.data()) != DFS_OK) {
-            return std::nullopt;
-        }
-        contents.resize(size);
-        return contents;
-    }
-
-    static std::optional<Bytes> read_efs_file(uint32_t number) {
-        uint32_t size = 0;
-        if (EFS_get_file_size(number, &size) != EFS_OK) {
-            return std::nullopt;
-        }
-        Bytes contents(size);
-        if (size != 0 && EFS_read(number, 0, &size, contents.data()) != EFS_OK) {
+        if (size != 0 && read(number, 0, &size, contents.data()) != DFS_OK) {
             return std::nullopt;
         }
         contents.resize(size);

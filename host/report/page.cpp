@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "host/counted.h"
+
 namespace dolm {
 
 // page.html with style sheet and script in it.
@@ -52,10 +54,6 @@ class Figures {
   private:
     Html html_;
 };
-
-std::string plural(size_t count, const char *noun) {
-    return std::string(noun) + (count == 1 ? "" : "s");
-}
 
 } // namespace
 
