@@ -77,7 +77,7 @@ void reset_state(afs_context *context, uint32_t device_size) {
     ftl.reclaim_armed = 0;
     ftl.reclaim_cursor = 0;
     ftl.needs_mount = 0;
-    std::fill_n(ftl.data_eus, AFS_MAX_EU_COUNT, uint8_t{0});
+    std::fill(std::begin(ftl.data_eus), std::end(ftl.data_eus), uint8_t{0});
     ftl.head_closed = 0;
     ftl.chain_starts = 0;
     ftl.barren_ranges = 0;
@@ -457,7 +457,7 @@ uint32_t afs_physical_ftl_format(afs_context *context, uint8_t erase_first) {
             // The spare: no valid header, but an erase count that can be believed.
             store_le32(bytes + eu_magic_offset, 0);
         }
-        if (verified_write(address, bytes, sizeof bytes) != AFS_RC_OK ||
+        if (verified_write(address, bytes) != AFS_RC_OK ||
             verified_write_byte(address + eu_state_offset, eu_state_committed) != AFS_RC_OK) {
             return AFS_RC_IO;
         }

@@ -10,14 +10,54 @@ using namespace dolm;
 
 namespace {
 
+// A page without a copy.
+uint32_t clear_page(void *buffer) {
+    std::memset(buffer, 0, AFS_PAGE_SIZE);
+    return AFS_RC_OK;
+}
+
+uint32_t read_page_at(uint32_t address, uint32_t page, void *buffer) {
+    uint8_t slot[page_slot_size] = {};
+    const uint32_t status = read_page_slots(
+        address, 1, [page](uint32_t) { return page; }, slot);
+    if (status == AFS_RC_OK) {
+        std::memcpy(buffer, slot, AFS_PAGE_SIZE);
+    }
+    return status;
+}
+
+uint32_t read_log_page(const afs_context *context, uint32_t page, void *buffer) {
+    const afs_page_loc *copy = find_log_page(context, page);
+    if (copy == nullptr) {
+        return AFS_RC_IO;
+    }
+    return copy->slot == slot_none
+               ? clear_page(buffer)
+               : read_page_at(eu_address(context, copy->eu) + log_slot_offset(copy->slot), page,
+                              buffer);
+}
+
+uint32_t read_data_page(const afs_context *context, uint32_t va, void *buffer) {
+    data_place place;
+    if (!find_data_place(context, va, place)) {
+        return AFS_RC_IO;
+    }
+    return !chunk_is_live(context, place.chunk)
+               ? clear_page(buffer)
+               : read_page_at(eu_address(context, place.eu) + data_slot_offset(place.slot),
+                              va / AFS_PAGE_SIZE, buffer);
+}
+
 struct page_slot {
     uint8_t bytes[page_slot_size];
 };
 
 page_slot make_page_slot(const void *data, uint32_t page) {
     page_slot slot;
+    // The checksum of the copy would have to wait for it.
+    const uint16_t crc = page_crc(static_cast<const uint8_t *>(data), page);
     std::memcpy(slot.bytes, data, AFS_PAGE_SIZE);
-    store_le16(slot.bytes + page_crc_offset, page_crc(slot.bytes, page));
+    store_le16(slot.bytes + page_crc_offset, crc);
     return slot;
 }
 
@@ -43,7 +83,7 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
     const page_slot record = make_page_slot(data, page);
 
     head.free_pages = 0;
-    if (verified_write(address + log_entry_offset(slot), entry, sizeof entry) != AFS_RC_OK ||
+    if (verified_write(address + log_entry_offset(slot), entry) != AFS_RC_OK ||
         verified_write_slot(address + log_slot_offset(slot), record.bytes) != AFS_RC_OK ||
         verified_write_byte(address + log_commit_offset(slot + 1), log_commit_byte) != AFS_RC_OK) {
         return AFS_RC_IO;
@@ -86,6 +126,27 @@ uint32_t write_data_page(afs_context *context, uint32_t va, const void *data) {
     }
     row.dirty_pages = static_cast<uint8_t>(row.dirty_pages - (row.dirty_pages != 0 ? 1 : 0));
     return AFS_RC_OK;
+}
+
+void trim_log_page(afs_context *context, uint32_t page) {
+    afs_page_loc *copy = find_log_page(context, page);
+    if (copy != nullptr && copy->slot != slot_none) {
+        ++context->ftl->eu_table[copy->eu].dirty_pages;
+        *copy = {0xFF, slot_none};
+    }
+}
+
+void trim_data_page(afs_context *context, uint32_t chunk) {
+    afs_ftl_state &ftl = *context->ftl;
+    if (chunk / AFS_DATA_EU_PAGES == ftl.alloc_cursor / AFS_DATA_EU_PAGES) {
+        ftl.alloc_checks_flash = 1;
+    }
+    if (context->chunk_map != nullptr && chunk_is_live(context, chunk)) {
+        context->chunk_map[chunk / 32] &= ~(1u << (chunk % 32));
+        if (const uint32_t eu = find_data_eu(context, chunk); eu != AFS_FTL_NONE) {
+            ++ftl.eu_table[eu].dirty_pages;
+        }
+    }
 }
 
 uint32_t count_data_eus(const afs_ftl_state &ftl) {
@@ -194,35 +255,8 @@ uint32_t afs_physical_ftl_read_page(afs_context *context, uint32_t va, uint32_t 
     if (!ftl_is_mounted(context) || buffer == nullptr) {
         return AFS_RC_INVALID;
     }
-    const uint32_t page = va / AFS_PAGE_SIZE;
-    uint32_t address;
-    bool holds_page;
-    if (va < context->data_va_start) {
-        const afs_page_loc *copy = find_log_page(context, page);
-        if (copy == nullptr) {
-            return AFS_RC_IO;
-        }
-        holds_page = copy->slot != slot_none;
-        address = eu_address(context, copy->eu) + log_slot_offset(copy->slot);
-    } else {
-        data_place place;
-        if (!find_data_place(context, va, place)) {
-            return AFS_RC_IO;
-        }
-        holds_page = chunk_is_live(context, place.chunk);
-        address = eu_address(context, place.eu) + data_slot_offset(place.slot);
-    }
-    if (!holds_page) {
-        std::memset(buffer, 0, AFS_PAGE_SIZE);
-        return AFS_RC_OK;
-    }
-    uint8_t slot[page_slot_size] = {};
-    const uint32_t status = read_page_slots(
-        address, 1, [page](uint32_t) { return page; }, slot);
-    if (status == AFS_RC_OK) {
-        std::memcpy(buffer, slot, AFS_PAGE_SIZE);
-    }
-    return status;
+    return va < context->data_va_start ? read_log_page(context, va / AFS_PAGE_SIZE, buffer)
+                                       : read_data_page(context, va, buffer);
 }
 
 uint32_t afs_physical_ftl_write_page(afs_context *context, uint32_t va, uint32_t /*length*/,
@@ -242,25 +276,10 @@ uint32_t afs_physical_ftl_trim_page(afs_context *context, uint32_t va, uint32_t 
     if (!ftl_is_mounted(context)) {
         return AFS_RC_INVALID;
     }
-    afs_ftl_state &ftl = *context->ftl;
     if (va < context->data_va_start) {
-        afs_page_loc *copy = find_log_page(context, va / AFS_PAGE_SIZE);
-        if (copy != nullptr && copy->slot != slot_none) {
-            ++ftl.eu_table[copy->eu].dirty_pages;
-            *copy = {0xFF, slot_none};
-        }
-        return AFS_RC_OK;
-    }
-    const uint32_t chunk = (va - context->data_va_start) / AFS_PAGE_SIZE;
-    if (chunk / AFS_DATA_EU_PAGES == ftl.alloc_cursor / AFS_DATA_EU_PAGES) {
-        ftl.alloc_checks_flash = 1;
-    }
-    if (context->chunk_map != nullptr && chunk_is_live(context, chunk)) {
-        context->chunk_map[chunk / 32] &= ~(1u << (chunk % 32));
-        data_place place;
-        if (find_data_place(context, va, place)) {
-            ++ftl.eu_table[place.eu].dirty_pages;
-        }
+        trim_log_page(context, va / AFS_PAGE_SIZE);
+    } else {
+        trim_data_page(context, (va - context->data_va_start) / AFS_PAGE_SIZE);
     }
     return AFS_RC_OK;
 }

@@ -338,14 +338,14 @@ uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu, ui
                              .erase_count = target.erase_count,
                              .next_spare = static_cast<uint16_t>(source_eu),
                              .va_base = source.va_base});
-    if (verified_write(target_address, header, sizeof header) != AFS_RC_OK) {
+    if (verified_write(target_address, header) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     // From here on until both writes are known to have landed, only a mount can tell which of the
     // two EUs counts.
     static constexpr uint8_t no_magic[4] = {};
     ftl.needs_mount = 1;
-    if (verified_write(source_address + eu_magic_offset, no_magic, sizeof no_magic) != AFS_RC_OK) {
+    if (verified_write(source_address + eu_magic_offset, no_magic) != AFS_RC_OK) {
         return AFS_RC_IO;
     }
     source.sequence = 0;

@@ -50,14 +50,10 @@ bool erase_eu(uint32_t address) {
            SpiDrvEraseBlock(address + SPI_ERASE_BLOCK_SIZE) == AFS_RC_OK;
 }
 
-uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uint8_t *readback) {
-    return write_until(address, data, length, readback,
-                       [=] { return std::memcmp(readback, data, length) == 0; });
-}
-
-uint32_t verified_write(uint32_t address, const void *data, uint32_t length) {
-    uint8_t readback[AFS_DATA_EU_PAGES];
-    return verified_write(address, data, length, readback);
+uint32_t verified_write(uint32_t address, const uint8_t *data, uint32_t length, uint8_t *readback) {
+    return write_until(
+        address, data, length, readback,
+        [length](const uint8_t *a, const uint8_t *b) { return std::memcmp(a, b, length) == 0; });
 }
 
 } // namespace dolm

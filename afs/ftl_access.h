@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include "AfsFtl.h"
 #include "AfsPhysicalWin32Spi.h"
@@ -86,13 +87,16 @@ inline uint32_t first_data_page(const afs_context *context) {
 // The first EU whose data pages start at va_base, or AFS_FTL_NONE.
 uint32_t search_data_eu(afs_ftl_state *ftl, uint32_t va_base);
 
-// The EU of the data pages from va_base on, which are those of the chunks `group` times
-// AFS_DATA_EU_PAGES onwards. The EU found there last is only looked at again.
-inline uint32_t find_data_eu(afs_ftl_state *ftl, uint32_t group, uint32_t va_base) {
+// The EU of a chunk, or AFS_FTL_NONE. The EU found last for the same row of chunks is only looked
+// at again.
+inline uint32_t find_data_eu(const afs_context *context, uint32_t chunk) {
+    afs_ftl_state *const ftl = context->ftl;
+    const uint32_t row = chunk / AFS_DATA_EU_PAGES;
+    const uint32_t va_base = first_data_page(context) + row * AFS_DATA_EU_PAGES;
     if (va_base == 0) {
         return AFS_FTL_NONE;
     }
-    uint8_t &found = ftl->data_eus[group % AFS_MAX_EU_COUNT];
+    uint8_t &found = ftl->data_eus[row % std::size(ftl->data_eus)];
     if (found >= ftl->eu_count || ftl->eu_table[found].va_base != va_base) {
         const uint32_t eu = search_data_eu(ftl, va_base);
         if (eu == AFS_FTL_NONE) {
@@ -106,18 +110,12 @@ inline uint32_t find_data_eu(afs_ftl_state *ftl, uint32_t group, uint32_t va_bas
 // Finds the slot of a data VA. False if it lies below the data area or past the chunks, or if no EU
 // covers it.
 inline bool find_data_place(const afs_context *context, uint32_t va, data_place &place) {
-    if (va < context->data_va_start) {
-        return false;
-    }
     const uint32_t chunk = (va - context->data_va_start) / AFS_PAGE_SIZE;
-    if (chunk >= chunk_limit(context)) {
+    if (va < context->data_va_start || chunk >= chunk_limit(context)) {
         return false;
     }
-    const uint32_t group = chunk / AFS_DATA_EU_PAGES;
-    const uint32_t first = group * AFS_DATA_EU_PAGES;
-    const uint32_t eu = find_data_eu(context->ftl, group, first_data_page(context) + first);
-    place = {.eu = eu, .slot = chunk - first, .chunk = chunk};
-    return eu != AFS_FTL_NONE;
+    place = {.eu = find_data_eu(context, chunk), .slot = chunk % AFS_DATA_EU_PAGES, .chunk = chunk};
+    return place.eu != AFS_FTL_NONE;
 }
 
 // First chunk of a data EU. False if its va_base does not fit the data area.
@@ -191,13 +189,13 @@ reclaim_choice choose_for_idle_time(const afs_context *context, wear_rule rule);
 // Erases both blocks of an EU, the lower one first. False if the device fails.
 bool erase_eu(uint32_t address);
 
-// Writes once, then reads back until same() says that it compares equal, at most max_reads times.
-// AFS_RC_OK or AFS_RC_IO.
+// Writes once, then reads back until same(readback, data) holds, at most max_reads times. AFS_RC_OK
+// or AFS_RC_IO.
 template <typename Same>
-uint32_t write_until(uint32_t address, const void *data, uint32_t length, uint8_t *readback,
+uint32_t write_until(uint32_t address, const uint8_t *data, uint32_t length, uint8_t *readback,
                      Same same) {
     if (length != 0) { // what no read brings does not compare equal
-        readback[0] = static_cast<uint8_t>(~*static_cast<const uint8_t *>(data));
+        readback[0] = static_cast<uint8_t>(~data[0]);
     }
     if (SpiDrvWrite(address, length, data) != AFS_RC_OK) {
         return AFS_RC_IO;
@@ -206,7 +204,7 @@ uint32_t write_until(uint32_t address, const void *data, uint32_t length, uint8_
         if (SpiDrvRead(address, length, readback) != AFS_RC_OK) {
             return AFS_RC_IO;
         }
-        if (same()) {
+        if (same(readback, data)) {
             return AFS_RC_OK;
         }
     }
@@ -214,14 +212,20 @@ uint32_t write_until(uint32_t address, const void *data, uint32_t length, uint8_
 }
 
 // The same for any bytes; readback has room for length bytes.
-uint32_t verified_write(uint32_t address, const void *data, uint32_t length, uint8_t *readback);
+uint32_t verified_write(uint32_t address, const uint8_t *data, uint32_t length, uint8_t *readback);
 
-// The same for up to a whole row of status bytes.
-uint32_t verified_write(uint32_t address, const void *data, uint32_t length);
+// The same for a record.
+template <size_t length>
+uint32_t verified_write(uint32_t address, const uint8_t (&record)[length]) {
+    uint8_t readback[length];
+    return write_until(address, record, length, readback, [](const uint8_t *a, const uint8_t *b) {
+        return std::memcmp(a, b, length) == 0;
+    });
+}
 
 inline uint32_t verified_write_byte(uint32_t address, uint8_t value) {
-    uint8_t readback;
-    return write_until(address, &value, 1, &readback, [&] { return readback == value; });
+    const uint8_t record[] = {value};
+    return verified_write(address, record);
 }
 
 // A page slot is compared by words: bytes that were just copied are only at hand for loads no wider
@@ -240,8 +244,7 @@ inline bool same_slot(const uint8_t *a, const uint8_t *b) {
 
 inline uint32_t verified_write_slot(uint32_t address, const uint8_t *slot) {
     uint8_t readback[page_slot_size];
-    return write_until(address, slot, page_slot_size, readback,
-                       [&] { return same_slot(readback, slot); });
+    return write_until(address, slot, page_slot_size, readback, same_slot);
 }
 
 // Reads count page slots in one device read and checks each against its page number, page_of(i);

@@ -98,7 +98,7 @@ struct afs_ftl_state {
     uint8_t chain_starts;  // 1: write_eu holds no committed entry, so that its next one is linked
                            // to 0, whatever last_page says
     uint8_t barren_ranges; // ranges that the allocator was given since it last handed out a chunk
-    uint8_t data_eus[AFS_MAX_EU_COUNT]; // the EU found last for each row of 122 chunks; only hints
+    uint8_t data_eus[256]; // the EU found last for each row of 122 chunks, modulo 256; only hints
 };
 
 // Control record of one line of the page cache.
