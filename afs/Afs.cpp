@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "AfsPhysical.h"
-#include "afs/cache_lines.h"
 #include "afs/fat_access.h"
 #include "afs/ftl_access.h"
 
@@ -27,29 +26,17 @@ void trim_fat_page(afs_context *context, uint32_t page_va) {
     }
 }
 
+// afs_trim_fat_page_if_needed for a store with a chunk map.
+void note_free_chunk(afs_context *context, uint32_t chunk) {
+    const uint32_t entry_va = fat_va(context->file_count + chunk);
+    const uint32_t page_va = entry_va & ~(context->page_size - 1u);
+    if (page_va != context->last_fat_page) {
+        trim_fat_page(context, context->last_fat_page);
+        context->last_fat_page = page_va;
+    }
+}
+
 } // namespace
-
-uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes) {
-    const auto page = static_cast<uint16_t>(pages_in(context, va));
-    if (!holds_page(context, context->cache_head, page)) {
-        void *line = nullptr; // will be the head
-        if (const uint32_t status = cache_ptr(context, page, &line); status != AFS_RC_OK) {
-            return status;
-        }
-    }
-    bytes = line_bytes(context, context->cache_head) + (va & (context->page_size - 1u));
-    return AFS_RC_OK;
-}
-
-uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value) {
-    uint8_t *entry = nullptr;
-    const uint32_t status = cached_bytes(context, fat_va(cid), entry);
-    if (status == AFS_RC_OK) {
-        store_le16(entry, value);
-        cache_line_written(context, entry);
-    }
-    return status;
-}
 
 uint32_t commit_slot(afs_context *context, uint16_t file, uint16_t value) {
     uint32_t status = set_fat_entry(context, file, value);
@@ -81,19 +68,12 @@ uint32_t afs_allocate_chunk(afs_context *context, uint16_t *cid) {
     if (!is_mounted(context) || cid == nullptr) {
         return AFS_RC_INVALID;
     }
-    return context->ftl_allocator != 0 ? afs_physical_ftl_allocate_page(context, cid)
-                                       : AFS_RC_BAD_STATE;
+    return allocate_chunk(context, *cid);
 }
 
 void afs_trim_fat_page_if_needed(afs_context *context, uint16_t chunk) {
-    if (!is_mounted(context) || context->chunk_map == nullptr || chunk > context->chunk_count) {
-        return;
-    }
-    const uint32_t entry_va = fat_va(uint32_t{context->file_count} + chunk);
-    const uint32_t page_va = entry_va & ~(context->page_size - 1u);
-    if (page_va != context->last_fat_page) {
-        trim_fat_page(context, context->last_fat_page);
-        context->last_fat_page = page_va;
+    if (is_mounted(context) && context->chunk_map != nullptr && chunk <= context->chunk_count) {
+        note_free_chunk(context, chunk);
     }
 }
 
@@ -129,8 +109,8 @@ uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t co
         if (status != AFS_RC_OK) {
             return status;
         }
-        afs_trim_fat_page_if_needed(context, chunk);
+        note_free_chunk(context, chunk);
     }
-    afs_trim_fat_page_if_needed(context, context->chunk_count);
+    note_free_chunk(context, context->chunk_count);
     return AFS_RC_OK;
 }

@@ -15,9 +15,9 @@ bool has_cache(const afs_context *context) {
            context->cache_data != nullptr && context->ops != nullptr;
 }
 
-void set_link(afs_context *context, uint16_t line, uint16_t next) {
-    uint16_t &word = context->cache_lines[line].flags_and_link;
-    word = static_cast<uint16_t>(next << link_shift | (word & line_flags));
+void set_link(afs_cache_line &line, uint16_t next) {
+    line.flags_and_link =
+        static_cast<uint16_t>(next << link_shift | (line.flags_and_link & line_flags));
 }
 
 void set_flags(afs_cache_line &line, uint16_t value) {
@@ -28,24 +28,32 @@ bool is_dirty(const afs_cache_line &line) {
     return (line.flags_and_link & line_flags) == line_flags;
 }
 
-// Behind the control records the array has one more number for each line: the line before it in the
-// list, and for the head the last line. Not part of the record, it is checked against the list
-// whenever it is used.
-uint16_t *back_links(const afs_context *context) {
-    return reinterpret_cast<uint16_t *>(context->cache_lines + context->cache_line_count);
+// What is known of the lines, valid or not, whose pages have the same low bits.
+struct page_bucket {
+    uint16_t lines; // how many there are
+    uint16_t found; // the one found last; only a hint
+};
+
+constexpr uint32_t bucket_count = 256;
+
+// Behind the control records the array goes on with the buckets, and then with a number for each
+// line: the line before it in the list, and for the head the last line, so that they go round.
+page_bucket &bucket_of(const afs_context *context, uint16_t page) {
+    auto *buckets =
+        reinterpret_cast<page_bucket *>(context->cache_lines + context->cache_line_count);
+    return buckets[page % bucket_count];
 }
 
-// The line whose link is `next`, which may be end_of_list.
-uint16_t line_before(const afs_context *context, uint16_t next) {
-    const bool at_end = next == end_of_list;
-    uint16_t line = back_links(context)[at_end ? context->cache_head : next];
-    if (line >= context->cache_line_count || link_of(context, line) != next) {
-        line = context->cache_head;
-        for (uint16_t i = 1; i < context->cache_line_count && link_of(context, line) != next; ++i) {
-            line = link_of(context, line);
-        }
-    }
-    return line;
+uint16_t *back_links(const afs_context *context) {
+    return reinterpret_cast<uint16_t *>(&bucket_of(context, 0) + bucket_count);
+}
+
+size_t size_of_lines(uint16_t lines) {
+    return lines * (sizeof(afs_cache_line) + sizeof(uint16_t)) + bucket_count * sizeof(page_bucket);
+}
+
+uint16_t last_line(const afs_context *context) {
+    return back_links(context)[context->cache_head];
 }
 
 void move_to_head(afs_context *context, uint16_t line) {
@@ -53,22 +61,37 @@ void move_to_head(afs_context *context, uint16_t line) {
     if (line == head) {
         return;
     }
+    afs_cache_line *const lines = context->cache_lines;
     uint16_t *const back = back_links(context);
-    const uint16_t before = line_before(context, line);
-    const uint16_t next = link_of(context, line);
-    set_link(context, before, next);
-    back[next == end_of_list ? head : next] = before;
-    set_link(context, line, head);
-    back[line] = back[head];
-    back[head] = line;
+    const uint16_t before = back[line];
+    const uint16_t next = link_of(lines[line]);
+    set_link(lines[before], next);
+    set_link(lines[line], head);
     context->cache_head = line;
+    if (next != end_of_list) { // else the round stays as it is, and only begins at another line
+        back[next] = before;
+        back[line] = back[head];
+        back[head] = line;
+    }
 }
 
 // The line that holds a page, or cache_line_count.
 uint16_t find_line(const afs_context *context, uint16_t page) {
+    const afs_cache_line *const lines = context->cache_lines;
+    const uint16_t count = context->cache_line_count;
+    page_bucket &bucket = bucket_of(context, page);
+    if (bucket.lines == 0) {
+        return count;
+    }
+    if (holds(lines[bucket.found], page)) {
+        return bucket.found;
+    }
     uint16_t line = 0;
-    while (line < context->cache_line_count && !holds_page(context, line, page)) {
+    while (line < count && !holds(lines[line], page)) {
         ++line;
+    }
+    if (line < count) {
+        bucket.found = line;
     }
     return line;
 }
@@ -103,12 +126,26 @@ uint32_t load(afs_context *context, uint16_t line, uint16_t page) {
         return status;
     }
     clear_unfilled_part(context, line);
+    --bucket_of(context, control.page).lines;
     control.page = page;
+    page_bucket &bucket = bucket_of(context, page);
+    bucket = {.lines = static_cast<uint16_t>(bucket.lines + 1), .found = line};
     set_flags(control, line_valid);
     return AFS_RC_OK;
 }
 
 } // namespace
+
+uint32_t dolm::fetch_page(afs_context *context, uint16_t page) {
+    const uint16_t found = find_line(context, page);
+    if (found < context->cache_line_count) {
+        move_to_head(context, found);
+        return AFS_RC_OK;
+    }
+    const uint16_t last = last_line(context);
+    move_to_head(context, last);
+    return load(context, last, page);
+}
 
 uint32_t cache_init(afs_context *context, uint32_t page_size, uint16_t lines) {
     if (context == nullptr || lines == 0 || lines > end_of_list || page_size < AFS_PAGE_SIZE ||
@@ -133,15 +170,16 @@ uint32_t cache_init(afs_context *context, uint32_t page_size, uint16_t lines) {
     // The lines have room for the context's present page size too: it holds until the caller sets
     // the new one.
     const size_t line_size = std::max<size_t>(page_size, context->page_size);
-    context->cache_lines = static_cast<afs_cache_line *>(
-        std::calloc(lines, sizeof(afs_cache_line) + sizeof(uint16_t)));
+    context->cache_lines = static_cast<afs_cache_line *>(std::calloc(1, size_of_lines(lines)));
     context->cache_data = static_cast<uint8_t *>(std::calloc(lines, line_size));
     if (context->cache_lines == nullptr || context->cache_data == nullptr) {
         return AFS_RC_NO_MEMORY;
     }
     context->cache_head = 0;
+    bucket_of(context, 0).lines = lines; // as yet page 0 stands in all of them
     for (uint16_t line = 0; line < lines; ++line) {
-        set_link(context, line, line + 1 < lines ? static_cast<uint16_t>(line + 1) : end_of_list);
+        set_link(context->cache_lines[line],
+                 line + 1 < lines ? static_cast<uint16_t>(line + 1) : end_of_list);
         back_links(context)[line] = static_cast<uint16_t>(line == 0 ? lines - 1 : line - 1);
     }
     return AFS_RC_OK;
@@ -151,18 +189,11 @@ uint32_t cache_ptr(afs_context *context, uint16_t page, void **line) {
     if (!has_cache(context) || line == nullptr) {
         return AFS_RC_INVALID;
     }
-    uint16_t index = find_line(context, page);
-    if (index < context->cache_line_count) {
-        move_to_head(context, index);
-    } else {
-        index = line_before(context, end_of_list);
-        move_to_head(context, index);
-        if (const uint32_t status = load(context, index, page); status != AFS_RC_OK) {
-            return status;
-        }
+    const uint32_t status = fetch_page(context, page);
+    if (status == AFS_RC_OK) {
+        *line = line_bytes(context, context->cache_head);
     }
-    *line = line_bytes(context, index);
-    return AFS_RC_OK;
+    return status;
 }
 
 void cache_line_written(afs_context *context, const void *pointer) {
@@ -175,26 +206,28 @@ void cache_line_written(afs_context *context, const void *pointer) {
     if (index >= context->cache_line_count) {
         return;
     }
-    const auto line = static_cast<uint16_t>(index);
-    move_to_head(context, line);
-    context->cache_lines[line].flags_and_link |= line_dirty;
+    move_to_head(context, static_cast<uint16_t>(index));
+    context->cache_lines[index].flags_and_link |= line_dirty;
 }
 
 uint32_t cache_flush(afs_context *context) {
     if (!has_cache(context)) {
         return AFS_RC_INVALID;
     }
-    uint16_t line = end_of_list;
-    do {
-        line = line_before(context, line);
+    const uint16_t head = context->cache_head;
+    uint16_t line = last_line(context);
+    for (;;) {
         if (is_dirty(context->cache_lines[line])) {
             if (const uint32_t status = write_back(context, line); status != AFS_RC_OK) {
                 return status;
             }
             set_flags(context->cache_lines[line], line_valid);
         }
-    } while (line != context->cache_head);
-    return AFS_RC_OK;
+        if (line == head) {
+            return AFS_RC_OK;
+        }
+        line = back_links(context)[line];
+    }
 }
 
 void cache_invalidate(afs_context *context) {

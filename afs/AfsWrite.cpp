@@ -65,18 +65,13 @@ void step_forward(write_job &job) {
     job.position += AFS_PAGE_SIZE;
 }
 
-// Looks up the old chunk at the position, or passes those that stay since more of them come before
-// the range.
-uint32_t look_up_old_chunk(write_job &job) {
-    if (!is_chunk(job.current)) {
-        job.current = no_chunk;
-        job.next = 0;
-        return AFS_RC_OK;
-    }
-    const uint32_t before = job.offset > job.position ? job.offset - job.position : 0;
+// Looks up the old chunk at the position, and goes on to the next as long as those that stay come
+// before the range.
+uint32_t walk_old_chunks(write_job &job) {
+    const uint32_t most = (job.offset - job.position) / AFS_PAGE_SIZE;
     chain_place place = {.previous = job.previous, .chunk = job.current, .entry = 0};
     uint32_t taken = 0;
-    const uint32_t status = fat_reader(job.context).follow(before / AFS_PAGE_SIZE, place, taken);
+    const uint32_t status = fat_reader(job.context).follow(most, place, taken);
     job.previous = place.previous;
     job.current = place.chunk;
     job.next = place.entry;
@@ -84,12 +79,21 @@ uint32_t look_up_old_chunk(write_job &job) {
     return status;
 }
 
+uint32_t look_up_old_chunk(write_job &job) {
+    if (!is_chunk(job.current)) {
+        job.current = no_chunk;
+        job.next = 0;
+        return AFS_RC_OK;
+    }
+    return job.offset > job.position ? walk_old_chunks(job)
+                                     : next_cid(job.context, job.current, job.next);
+}
+
 // A reclaim takes chunks that are still in the cache for free ones, so the allocator asks for a
 // flush before it does one: at most once for each data EU.
 uint32_t allocate(afs_context *context, uint16_t &cid) {
     for (;;) {
-        if (const uint32_t status = afs_allocate_chunk(context, &cid);
-            status != AFS_RC_FLUSH_FIRST) {
+        if (const uint32_t status = allocate_chunk(context, cid); status != AFS_RC_FLUSH_FIRST) {
             return status;
         }
         if (const uint32_t status = cache_flush(context); status != AFS_RC_OK) {
@@ -143,7 +147,7 @@ uint32_t replace_chunk(write_job &job) {
         status = fill_chunk(job, chunk);
     }
     if (status == AFS_RC_OK) {
-        cache_line_written(job.context, chunk);
+        mark_written(job.context, chunk);
     }
     return status;
 }

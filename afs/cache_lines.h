@@ -17,23 +17,30 @@ inline constexpr uint16_t line_flags = line_valid | line_dirty;
 inline constexpr unsigned link_shift = 2;
 inline constexpr uint16_t end_of_list = 0xFFF;
 
-inline uint16_t link_of(const afs_context *context, uint16_t line) {
-    return static_cast<uint16_t>(context->cache_lines[line].flags_and_link >> link_shift);
+inline uint16_t link_of(afs_cache_line line) {
+    return static_cast<uint16_t>(line.flags_and_link >> link_shift);
 }
 
 inline uint8_t *line_bytes(const afs_context *context, uint16_t line) {
-    return context->cache_data + static_cast<size_t>(line) * context->page_size;
+    return context->cache_data + size_t{line} * context->page_size;
 }
 
-// Pages in so many bytes. page_size is a power of two in every store that works; with another one
-// the result is a page all the same, if not the right one.
+// page_size is a power of two in every store that works; with another one the pages are not the
+// right ones, but pages all the same. The bit above it saves the processor the question whether it
+// is 0.
+inline unsigned page_shift(const afs_context *context) {
+    return static_cast<unsigned>(std::countr_zero(context->page_size | 0x10000u));
+}
+
 inline uintptr_t pages_in(const afs_context *context, uintptr_t bytes) {
-    return bytes >> std::countr_zero(context->page_size);
+    return bytes >> page_shift(context);
 }
 
-inline bool holds_page(const afs_context *context, uint16_t line, uint16_t page) {
-    const afs_cache_line control = context->cache_lines[line];
-    return control.page == page && (control.flags_and_link & line_valid) != 0;
+inline bool holds(afs_cache_line line, uint16_t page) {
+    return line.page == page && (line.flags_and_link & line_valid) != 0;
 }
+
+// cache_ptr for a context with a cache: the line of the page is then the head.
+uint32_t fetch_page(afs_context *context, uint16_t page);
 
 } // namespace dolm

@@ -19,10 +19,10 @@
 #pragma once
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 
 #include "Afs.h"
+#include "afs/cache_lines.h"
 #include "afs/ftl_access.h"
 #include "common/little_endian.h"
 
@@ -68,8 +68,34 @@ inline bool is_mounted(const afs_context *context) {
            context->cache_data != nullptr;
 }
 
-// Where the bytes of a VA lie in the cache; good until the call after the next one.
-uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes);
+// afs_allocate_chunk for a mounted store.
+inline uint32_t allocate_chunk(afs_context *context, uint16_t &cid) {
+    return context->ftl_allocator != 0 ? afs_physical_ftl_allocate_page(context, &cid)
+                                       : AFS_RC_BAD_STATE;
+}
+
+// Where the bytes of a VA lie in the cache, whose head then holds them; good until the call after
+// the next one.
+inline uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes) {
+    const auto page = static_cast<uint16_t>(pages_in(context, va));
+    if (!holds(context->cache_lines[context->cache_head], page)) {
+        if (const uint32_t status = fetch_page(context, page); status != AFS_RC_OK) {
+            return status;
+        }
+    }
+    bytes = line_bytes(context, context->cache_head) + (va & (context->page_size - 1u));
+    return AFS_RC_OK;
+}
+
+// cache_line_written for such bytes.
+inline void mark_written(afs_context *context, const uint8_t *bytes) {
+    const uint8_t *const head = line_bytes(context, context->cache_head);
+    if (static_cast<size_t>(bytes - head) < context->page_size) {
+        context->cache_lines[context->cache_head].flags_and_link |= line_dirty;
+    } else {
+        cache_line_written(context, bytes);
+    }
+}
 
 // Chunks looked up since the last file slot. More of them than the store has make a loop.
 inline uint32_t chunk_cntr;
@@ -88,8 +114,8 @@ class fat_reader {
   public:
     explicit fat_reader(afs_context *context)
         : context_(context), offset_mask_(context->page_size - 1u),
-          page_shift_(static_cast<unsigned>(std::countr_zero(context->page_size))),
-          file_count_(context->file_count), chunk_count_(context->chunk_count) {}
+          page_shift_(page_shift(context)), file_count_(context->file_count),
+          chunk_count_(context->chunk_count) {}
 
     bool names_chunk(uint16_t value) const {
         return value - file_count_ < chunk_count_; // unsigned: not below file_count_ either
@@ -205,7 +231,15 @@ inline uint32_t next_cid(afs_context *context, uint16_t cid, uint16_t &value) {
 }
 
 // Changes a FAT entry in the cache.
-uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value);
+inline uint32_t set_fat_entry(afs_context *context, uint16_t cid, uint16_t value) {
+    uint8_t *entry = nullptr;
+    const uint32_t status = cached_bytes(context, fat_va(cid), entry);
+    if (status == AFS_RC_OK) {
+        store_le16(entry, value);
+        mark_written(context, entry);
+    }
+    return status;
+}
 
 // Changes the slot of a file and flushes. After a failure the change is dropped from the cache.
 uint32_t commit_slot(afs_context *context, uint16_t file, uint16_t value);
