@@ -9,6 +9,7 @@
 #include "Afs.h"
 #include "AfsFtl.h"
 #include "afs/ftl_format.h"
+#include "image/afs_history.h"
 #include "image/afs_image.h"
 #include "proof/afs_build.h"
 
@@ -99,6 +100,20 @@ Damage entry(uint32_t id, uint16_t value) {
     return metadata(14 + 2 * id, value);
 }
 
+// What was in it, or no claim at all: also where a chain leads in a circle.
+void expect_no_sound_file_is_damaged(const Image &image) {
+    const auto history = dolm::read_afs_history(image);
+    for (const dolm::AfsFileHistory &file :
+         history ? history->files : std::vector<dolm::AfsFileHistory>{}) {
+        if (file.state == dolm::AfsFileHistory::State::sound) {
+            const Image content = dolm::contents_of(image, file.versions.front());
+            const Image expected =
+                file.number == 3 ? Image(100, 0xA5) : Image(file.number == 64 ? 64 : 0, 0x5A);
+            EXPECT_EQ(content, expected) << file.number;
+        }
+    }
+}
+
 // The reader names every damage. The store refuses those that it has to see at the mount. What the
 // reader shows of sound images is held against the store in every state of the power-cut runs.
 TEST(AfsImage, NamesWhatIsBroken) {
@@ -126,6 +141,7 @@ TEST(AfsImage, NamesWhatIsBroken) {
         {"leads to 64, which is no chunk", entry(5, 64), 5},
         {"leads to 309, which is no chunk", entry(first_chunk, 65 + 244), 5},
         {"already belongs to file 3", entry(64, first_chunk + 1), 0},
+        {"chunk 122 already belongs to file 3", entry(first_chunk + 1, first_chunk), 5},
         {"was not written to its end", byte(3, dolm::data_status_offset, 0x7F), 5},
         {"fails its checksum", byte(3, dolm::data_slot_offset(0), 0), 0},
     };
@@ -138,6 +154,7 @@ TEST(AfsImage, NamesWhatIsBroken) {
         }
         EXPECT_NE(all.find(test.message), std::string::npos) << test.message << "\n got " << all;
         EXPECT_EQ(dolm::AfsMount(image).status(), test.mount_status) << test.message;
+        expect_no_sound_file_is_damaged(image);
     }
 }
 

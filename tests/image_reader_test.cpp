@@ -1,0 +1,432 @@
+// The readers that trust no byte: on every part of an image and on random damage they come to their
+// end inside it, and what they call sound is what was there.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "image/afs_history.h"
+#include "image/afs_survey.h"
+#include "image/efs_history.h"
+#include "image/efs_layout.h"
+#include "image/efs_survey.h"
+#include "image/fcs_mend.h"
+#include "image/member_kind.h"
+#include "image/table_mend.h"
+#include "proof/afs_store.h"
+#include "proof/efs_store.h"
+#include "proof/full_set.h"
+
+namespace {
+
+using namespace dolm;
+using builders::GuardedBytes;
+using proof::Files;
+
+std::span<const uint8_t> span_of(const GuardedBytes &guarded, const Bytes &bytes) {
+    return {guarded.data(), bytes.size()};
+}
+
+// All short lengths, those around each block, and the whole.
+std::vector<size_t> lengths(const Bytes &bytes, size_t block) {
+    std::vector<size_t> all;
+    for (size_t size = 0; size <= std::min<size_t>(200, bytes.size()); ++size) {
+        all.push_back(size);
+    }
+    for (size_t at = block; at < bytes.size(); at += block) {
+        all.insert(all.end(), {at - 1, at, at + 1, at + block / 3});
+    }
+    std::erase_if(all, [&](size_t size) { return size >= bytes.size(); });
+    all.push_back(bytes.size());
+    return all;
+}
+
+Bytes head_of(const Bytes &bytes, size_t size) {
+    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)};
+}
+
+class ImageReaders : public testing::Test {
+  protected:
+    void SetUp() override {
+        set = full_set::FlashSet();
+        layout = read_efs_layout(set.ftbl, set.sku);
+        // Rewritten a few times, so that there are older contents and maps.
+        proof::EfsStore efs(layout);
+        for (uint8_t round = 0; round < 3; ++round) {
+            ASSERT_EQ(efs.mount(set.efs), 0U);
+            ASSERT_EQ(proof::EfsStore::write(0, 300U + round, round).run(), 0U);
+            AfsMount afs(set.qfs);
+            const Bytes content(150U * (round + 1), round);
+            ASSERT_EQ(afs_writefile(afs.context(), 2, 0, static_cast<uint32_t>(content.size()),
+                                    content.data(), 0),
+                      0U);
+        }
+        for (const AfsFile &file : read_afs_image(set.qfs).files) {
+            afs_files[file.number] = file.contents;
+        }
+        for (const EfsFile &file : read_efs_image(set.efs, layout).files) {
+            efs_files[file.place.number] = file.contents;
+        }
+        ASSERT_EQ(afs_files.size(), 7U);
+        ASSERT_EQ(efs_files.size(), 3U);
+    }
+
+    // Everything that reads an AFS image. Returns how many files it calls sound.
+    size_t read_afs(const Bytes &bytes) {
+        const GuardedBytes guarded(bytes);
+        const auto all = span_of(guarded, bytes);
+        const AfsImage image = read_afs_image(all);
+        for (const AfsTrace &trace : survey_afs_image(all, image)) {
+            EXPECT_LE(trace.at, bytes.size()) << trace.text;
+        }
+        EXPECT_EQ(check_invariants(all), check_invariants(image));
+        if (image.damages.empty()) {
+            Bytes copy = bytes;
+            EXPECT_EQ(AfsMount(copy).status(), 0U);
+        }
+        size_t sound = 0;
+        if (const auto history = read_afs_history(all)) {
+            for (const AfsFileHistory &file : history->files) {
+                for (const AfsVersion &version : file.versions) {
+                    EXPECT_EQ(contents_of(all, version).size(), version.size);
+                }
+                if (file.state == AfsFileHistory::State::sound && afs_files.contains(file.number)) {
+                    EXPECT_EQ(contents_of(all, file.versions.front()), afs_files[file.number]);
+                    ++sound;
+                }
+            }
+        }
+        return sound;
+    }
+
+    size_t read_efs(const Bytes &bytes) {
+        const GuardedBytes guarded(bytes);
+        const auto all = span_of(guarded, bytes);
+        const EfsImage image = read_efs_image(all, layout);
+        if (!image.bms.empty()) {
+            for (const EfsTrace &trace : survey_efs_image(all, layout, image)) {
+                EXPECT_LE(trace.at, bytes.size()) << trace.text;
+            }
+        }
+        if (const auto own = own_geometry(all)) {
+            EXPECT_LT(own->at, bytes.size());
+        }
+        if (image.damages.empty()) {
+            Bytes copy = bytes;
+            proof::EfsStore store(layout);
+            EXPECT_EQ(store.mount(copy), 0U);
+            EXPECT_EQ(store.read_files(), efs_files);
+        }
+        size_t sound = 0;
+        for (const EfsFileHistory &file : read_efs_history(all, layout).files) {
+            if (file.state == EfsFileHistory::State::sound && !file.versions.empty()) {
+                EXPECT_EQ(file.versions.front().contents, efs_files[file.place.number]);
+                ++sound;
+            }
+        }
+        return sound;
+    }
+
+    full_set::FlashSet set;
+    EfsLayout layout;
+    Files afs_files, efs_files;
+};
+
+TEST_F(ImageReaders, TakeAnImageOfEveryLength) {
+    for (const size_t size : lengths(set.qfs, 8192)) {
+        SCOPED_TRACE("AFS " + std::to_string(size));
+        const size_t sound = read_afs(head_of(set.qfs, size));
+        EXPECT_EQ(read_afs_image(head_of(set.qfs, size)).damages.empty(), size == set.qfs.size());
+        EXPECT_TRUE(sound == afs_files.size() || size < set.qfs.size());
+    }
+    for (const size_t size : lengths(set.efs, 4096)) {
+        SCOPED_TRACE("EFS " + std::to_string(size));
+        const size_t sound = read_efs(head_of(set.efs, size));
+        EXPECT_TRUE(sound == efs_files.size() || size < set.efs.size());
+    }
+}
+
+// Short runs of random bytes, and bits; many of them where nothing is written.
+TEST_F(ImageReaders, CallNothingSoundThatIsNot) {
+    std::mt19937 random(20261123);
+    size_t whole = 0;
+    for (int i = 0; i < 300; ++i) {
+        SCOPED_TRACE(i);
+        for (Bytes *image : {&set.qfs, &set.efs}) {
+            Bytes damaged = *image;
+            const size_t at = random() % damaged.size();
+            const size_t size = std::min<size_t>(damaged.size() - at, size_t{1} << random() % 8);
+            for (size_t k = at; k < at + size; ++k) {
+                damaged[k] = static_cast<uint8_t>(i % 2 == 0 ? random() : damaged[k] ^ 4);
+            }
+            const bool is_afs = image == &set.qfs;
+            const size_t sound = is_afs ? read_afs(damaged) : read_efs(damaged);
+            whole += sound == (is_afs ? afs_files : efs_files).size() ? 1 : 0;
+        }
+    }
+    EXPECT_GT(whole, 100U) << "most of the bytes do not matter to a file in force";
+}
+
+TEST_F(ImageReaders, KnowAMemberByItsContentAlone) {
+    const Bytes vync = host_session::with_head(set.orvel);
+    const std::pair<const Bytes *, MemberKind> members[] = {
+        {&set.orvel, MemberKind::base_store}, {&vync, MemberKind::override_store},
+        {&set.ftbl, MemberKind::file_table},  {&set.qfs, MemberKind::afs_image},
+        {&set.efs, MemberKind::efs_image},
+    };
+    for (const auto &[bytes, kind] : members) {
+        EXPECT_EQ(recognise(*bytes), kind);
+        for (const size_t size : lengths(*bytes, 4096)) {
+            const Bytes part = head_of(*bytes, size);
+            const auto found = recognise(part);
+            EXPECT_TRUE(!found || *found == kind) << size;
+            const auto store = override_store(part);
+            EXPECT_LE(store.size(), size < 16 ? 0 : size - 16);
+        }
+    }
+    // A head of a BM anywhere but in a BM of its own count is none.
+    Bytes shifted(set.efs.size(), 0xFF);
+    std::copy_n(set.efs.begin() + 4096, 8192, shifted.begin() + 5 * 4096);
+    std::copy_n(set.efs.begin(), 4096, shifted.begin() + 3 * 4096);
+    EXPECT_EQ(recognise(shifted), std::nullopt);
+    EXPECT_FALSE(own_geometry(shifted).has_value());
+    EXPECT_EQ(override_store(vync).size(), set.orvel.size());
+    Bytes longer = vync;
+    longer.resize(vync.size() + 40);
+    EXPECT_EQ(override_store(longer).size(), set.orvel.size()) << "as long as its head says";
+}
+
+// ---- Tables ----
+
+// A store as the front end writes it, of names in order.
+class TableReaders : public testing::Test {
+  protected:
+    static std::string name_of(uint32_t number) {
+        return number >= 10 && number < 30 ? "/home/" + std::to_string(number) : "";
+    }
+    static std::vector<uint32_t> numbers() {
+        std::vector<uint32_t> all;
+        for (uint32_t number = 10; number < 30; ++number) {
+            all.push_back(number);
+        }
+        return all;
+    }
+    static Bytes store() {
+        std::vector<builders::StoreFile> files;
+        for (uint32_t i = 0; i < 12; ++i) {
+            files.push_back({10 + i, std::string(1 + i * 7 % 20, static_cast<char>('a' + i)),
+                             static_cast<uint16_t>(i)});
+        }
+        return builders::store_of(files);
+    }
+    // By number.
+    static std::map<uint32_t, Bytes> payloads(const std::vector<MendedRecord> &records) {
+        std::map<uint32_t, Bytes> found;
+        for (const MendedRecord &record : records) {
+            if (record.payload) {
+                found[record.number] = {record.payload->begin(), record.payload->end()};
+            }
+        }
+        return found;
+    }
+};
+
+TEST_F(TableReaders, AStoreThatIsSoundIsMendedToItself) {
+    const Bytes sound = store();
+    const auto mended = mend_store(sound, name_of, numbers());
+    for (const MendedRecord &record : mended) {
+        EXPECT_EQ(record.doubt, "");
+    }
+    EXPECT_EQ(write_store(mended), sound);
+    EXPECT_EQ(write_store({}), Bytes(4));
+}
+
+TEST_F(TableReaders, AWrongOffsetOrSizeOrCountCostsNothing) {
+    const Bytes sound = store();
+    const auto expected = payloads(mend_store(sound, name_of, numbers()));
+    for (size_t at = 0; at < 4 + 12 * 12; ++at) {
+        const size_t field = at < 4 ? 4 : (at - 4) % 12;
+        if (field < 4 || field >= 10) {
+            continue; // a number, which the names tell, or an opaque word, which nothing does
+        }
+        for (const int bits : {0x01, 0x10, 0xFF}) {
+            SCOPED_TRACE(std::to_string(at) + ", " + std::to_string(bits));
+            Bytes damaged = sound;
+            damaged[at] = static_cast<uint8_t>(damaged[at] ^ bits);
+            const GuardedBytes guarded(damaged);
+            EXPECT_EQ(payloads(mend_store(span_of(guarded, damaged), name_of, numbers())),
+                      expected);
+        }
+    }
+}
+
+TEST_F(TableReaders, AWrongNumberLosesNoOtherValue) {
+    const Bytes sound = store();
+    const auto expected = payloads(mend_store(sound, name_of, numbers()));
+    for (uint32_t i = 0; i < 12; ++i) {
+        for (const uint32_t number : {0U, 777U, 10 + (i + 5) % 12, 25U}) {
+            SCOPED_TRACE(std::to_string(i) + " becomes " + std::to_string(number));
+            Bytes damaged = sound;
+            put_le(damaged, 4 + 12 * i, number, 4);
+            for (const auto &[found, payload] : payloads(mend_store(damaged, name_of, numbers()))) {
+                const auto same = expected.find(found);
+                EXPECT_TRUE(same != expected.end()
+                                ? payload == same->second
+                                : found == number && payload == expected.at(10 + i))
+                    << found;
+            }
+        }
+    }
+}
+
+TEST_F(TableReaders, TakeStoresOfEveryLengthAndAnyBytes) {
+    const Bytes sound = store();
+    std::mt19937 random(7);
+    for (size_t round = 0; round < 2 * sound.size(); ++round) {
+        Bytes bytes = head_of(sound, std::min(round, sound.size()));
+        for (size_t k = 0; round > sound.size() && k < 3; ++k) {
+            bytes[random() % (round % 2 == 0 ? 40 : bytes.size())] = static_cast<uint8_t>(random());
+        }
+        SCOPED_TRACE(round);
+        const GuardedBytes guarded(bytes);
+        const auto all = span_of(guarded, bytes);
+        const FcsStore read = read_fcs_store(all);
+        EXPECT_LE(read.records.size() * fcs::record_size + 4, std::max<size_t>(4, bytes.size()));
+        for (const FcsRecord &record : read.records) {
+            EXPECT_EQ(read.has_payload(record) ? read.payload(record).size() : record.size,
+                      record.size);
+        }
+        const Bytes written = write_store(mend_store(all, name_of, numbers()));
+        EXPECT_TRUE(is_of_kind(written, MemberKind::base_store));
+    }
+}
+
+// What a file table tells twice, or its EFS image tells too.
+TEST_F(TableReaders, AFileTableIsMendedWhereItCanBe) {
+    builders::FileTable source;
+    source.sku_rows = {{1, {}}, {2, {}}};
+    for (uint32_t i = 0; i < 20; ++i) {
+        source.sku_rows[i % 2].entries.push_back({"/home/" + std::to_string(i), 100 + i});
+    }
+    source.geometry_rows = {full_set::geometry, full_set::geometry};
+    source.geometry_rows[1].sku = 2;
+    const Bytes sound = source.build();
+    const EfsOwnGeometry own{{2, 7, 3, 0, {}}, 1, 0};
+    const auto mend = [&](const Bytes &bytes) { return mend_file_table(bytes, 1, own); };
+    EXPECT_EQ(mend(sound).bytes, sound);
+    EXPECT_TRUE(mend(sound).mended.empty());
+
+    const size_t section = source.section_at();
+    const struct {
+        const char *what;
+        size_t at;
+        uint32_t value;
+        const char *told;
+    } damages[] = {
+        {"magic", 0, 0x12345678, "its magic was wrong"},
+        {"no rows", 12, 0, "its number of rows was wrong"},
+        {"more rows than there can be", 12, 11, "its number of rows was wrong"},
+        {"a row less", 12, 1, "its number of rows was wrong"},
+        {"entries astray", 20, 0x7FFFFFFF, "the place of the entries of SKU 1"},
+        {"too few entries", 20 + 4, 0, nullptr},
+        {"entries behind the end", 24, 1000, "the number of entries of SKU 1"},
+        {"the other row's, the same", 36 + 4, 1000, "the number of entries of SKU 2"},
+        {"SKU", 16, 9, "the SKU of a row was wrong"},
+        {"magic of the section", section, 0, "the magic of its EFS section"},
+        {"rows of the section", section + 12, 0, "the number of rows of its EFS section"},
+        {"SKU of a row of EFS", section + 16 + 40, 9, "the SKU of a row of EFS was wrong"},
+        {"block maps", section + 16 + 16, 3, "the geometry of EFS for SKU 1"},
+        {"spare blocks of the other", section + 16 + 40 + 24, 4, "the geometry of EFS for SKU 2"},
+        {"list of EFS astray", section + 16 + 4, 0x7FFFFFFF, "the list of EFS for SKU 1"},
+    };
+    for (const auto &[what, at, value, told] : damages) {
+        SCOPED_TRACE(what);
+        Bytes damaged = sound;
+        put_le(damaged, at, value, 4);
+        const MendedTable mended = mend(damaged);
+        const FileTable table = read_file_table(mended.bytes);
+        ASSERT_EQ(table.rows.size(), 2U);
+        if (told == nullptr) {
+            EXPECT_EQ(table.rows[0].entries.size(), 0U) << "an empty SKU is a SKU";
+            continue;
+        }
+        ASSERT_FALSE(mended.mended.empty());
+        EXPECT_NE(mended.mended.front().find(told), std::string::npos) << mended.mended.front();
+        EXPECT_EQ(table.row_of(1)->entries.size(), 10U);
+        EXPECT_EQ(table.row_of(2)->entries.size(), 10U);
+        EXPECT_EQ(table.row_of(1)->entries[0].name, "/home/0");
+        ASSERT_NE(table.efst_row_of(2), nullptr);
+        EXPECT_EQ(table.efst_row_of(1)->records.size(), 3U);
+        EXPECT_EQ(efs_layout_of(*table.efst_row_of(2)).image_size(), 12U * 4096);
+    }
+}
+
+TEST_F(TableReaders, TakeFileTablesOfEveryLengthAndAnyBytes) {
+    const Bytes sound = full_set::FlashSet().ftbl;
+    std::mt19937 random(8);
+    for (size_t round = 0; round < 1500; ++round) {
+        Bytes bytes = head_of(sound, round < 1000 ? round % sound.size() : sound.size());
+        for (size_t k = 0; round >= 1000 && k < 4; ++k) {
+            bytes[random() % (round % 2 == 0 ? 120 : bytes.size())] =
+                static_cast<uint8_t>(random());
+        }
+        SCOPED_TRACE(round);
+        const FileTable table = read_file_table(bytes);
+        for (const FtblRow &row : table.rows) {
+            EXPECT_LE(row.entries.size(), row.entries_count);
+            for (const FtblEntry &entry : row.entries) {
+                EXPECT_LE(entry.at + ftbl::entry_size, bytes.size());
+                EXPECT_LE(entry.name.size(), ftbl::name_size);
+            }
+        }
+        const MendedTable mended = mend_file_table(bytes, 1, std::nullopt);
+        EXPECT_EQ(mended.bytes.size(), bytes.size());
+        EXPECT_EQ(mend_file_table(mended.bytes, 1, std::nullopt).bytes, mended.bytes)
+            << "mended once, there is nothing left to mend";
+    }
+}
+
+// What a layout can be, and what the list may name.
+TEST_F(TableReaders, AnEfsLayoutIsOneThatAnImageCanHave) {
+    const struct {
+        size_t field;
+        uint32_t value;
+        const char *problem; // null: none
+    } changes[] = {
+        {ftbl::efst_bm_num_offset, 0, "none that an image can have"},
+        {ftbl::efst_bm_num_offset, 255, nullptr},
+        {ftbl::efst_bm_num_offset, 256, "none that an image can have"},
+        {ftbl::efst_valid_blocks_offset, 253, nullptr},
+        {ftbl::efst_valid_blocks_offset, 254, "none that an image can have"},
+        {ftbl::efst_spare_blocks_offset, 249, nullptr},
+        {ftbl::efst_spare_blocks_offset, 250, "none that an image can have"},
+        {ftbl::efst_files_num_offset, 3, nullptr},
+        {ftbl::efst_files_num_offset, 2, "names file 2 of 2"},
+        {ftbl::efst_files_num_offset, 65536, nullptr},
+        {ftbl::efst_files_num_offset, 65537, "none that an image can have"},
+        {ftbl::efst_record_count_offset, 1000, "runs past its end"},
+        {0, 7, "no EFS row for SKU 1"},
+    };
+    builders::FileTable source;
+    source.sku_rows = {{1, {{"/home/a", 1}}}};
+    source.geometry_rows = {full_set::geometry};
+    const Bytes sound = source.build();
+    for (const auto &[field, value, problem] : changes) {
+        SCOPED_TRACE(std::to_string(field) + " is " + std::to_string(value));
+        Bytes changed = sound;
+        put_le(changed, source.geometry_at() + field, value, 4);
+        try {
+            EXPECT_EQ(read_efs_layout(changed, 1).files.size(), 3U);
+            EXPECT_EQ(problem, nullptr);
+        } catch (const std::runtime_error &refusal) {
+            ASSERT_NE(problem, nullptr) << refusal.what();
+            EXPECT_NE(std::string(refusal.what()).find(problem), std::string::npos)
+                << refusal.what();
+        }
+    }
+    EXPECT_THROW(read_efs_layout(Bytes(1024), 1), std::runtime_error);
+    EXPECT_THROW(read_efs_layout(builders::FileTable{{{1, {}}}, {}}.build(), 1),
+                 std::runtime_error);
+}
+
+} // namespace
