@@ -8,8 +8,8 @@
 #include <unistd.h>
 #endif
 
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
 
 #include "image/bytes.h"
 
@@ -25,7 +25,7 @@ class GuardedBytes {
         map_size_ = used + page;
         map_ = take(map_size_);
         data_ = map_ + used - bytes.size();
-        std::memcpy(data_, bytes.data(), bytes.size());
+        std::copy(bytes.begin(), bytes.end(), data_);
         protect(map_, used, page);
     }
     ~GuardedBytes() { give_back(map_, map_size_); }
