@@ -246,8 +246,8 @@ TEST(Proof, AStoreThatKeepsItsPromisePasses) {
 
 struct FaultCase {
     const char *name;
-    Fault fault;
     const char *reason;
+    Fault fault;
     bool is_of_a_state = true; // else the workload fails without a cut
 };
 
@@ -258,7 +258,7 @@ void PrintTo(const FaultCase &test, std::ostream *out) {
 class ProofFaults : public testing::TestWithParam<FaultCase> {};
 
 TEST_P(ProofFaults, AreFoundAndTheirStatesShowThemAgain) {
-    const auto &[name, fault, reason, is_of_a_state] = GetParam();
+    const auto &[name, reason, fault, is_of_a_state] = GetParam();
     Ledger store(fault);
     const Findings found = explore(store, workload_of(store, 6), {});
     ASSERT_NE(found.failed, 0U);
@@ -278,16 +278,16 @@ TEST_P(ProofFaults, AreFoundAndTheirStatesShowThemAgain) {
 }
 
 const FaultCase fault_cases[] = {
-    {"a_commit_before_the_content", Fault::trusts_every_commit, "neither the old nor the new ones"},
-    {"a_write_over_what_is_in_force", Fault::rewrites_in_place, "that only an erase can set"},
-    {"an_erase_of_the_last_copy", Fault::erases_too_early, "neither the old nor the new ones"},
-    {"a_write_behind_the_end", Fault::writes_outside, "outside the image: write of 7 bytes at 53"},
-    {"a_mount_that_loses", Fault::cleans_up_at_mount, "neither the old nor the new ones"},
-    {"a_value_that_stays_in_memory", Fault::keeps_in_memory, "the mount after the changes shows",
+    {"a_commit_before_the_content", "neither the old nor the new ones", Fault::trusts_every_commit},
+    {"a_write_over_what_is_in_force", "that only an erase can set", Fault::rewrites_in_place},
+    {"an_erase_of_the_last_copy", "neither the old nor the new ones", Fault::erases_too_early},
+    {"a_write_behind_the_end", "outside the image: write of 7 bytes at 53", Fault::writes_outside},
+    {"a_mount_that_loses", "neither the old nor the new ones", Fault::cleans_up_at_mount},
+    {"a_value_that_stays_in_memory", "the mount after the changes shows", Fault::keeps_in_memory,
      false},
-    {"a_change_that_fails", Fault::refuses, "write fails with 5", false},
-    {"a_mount_that_fails", Fault::refuses_the_second_mount, "fails with 7"},
-    {"a_broken_rule", Fault::breaks_a_rule, "leaves a third record"},
+    {"a_change_that_fails", "write fails with 5", Fault::refuses, false},
+    {"a_mount_that_fails", "fails with 7", Fault::refuses_the_second_mount},
+    {"a_broken_rule", "leaves a third record", Fault::breaks_a_rule},
 };
 
 INSTANTIATE_TEST_SUITE_P(All, ProofFaults, testing::ValuesIn(fault_cases),
@@ -335,7 +335,7 @@ TEST(Proof, ARunThatVisitsNothingHasFailed) {
 TEST(Proof, SamplesAreEvenAndNeverMoreThanAsked) {
     Ledger store(Fault::none);
     const Findings all = explore(store, workload_of(store, 6), {});
-    for (const uint64_t first : {1, 10, 50}) {
+    for (const uint64_t first : {1U, 10U, 50U}) {
         const Findings some = explore(store, workload_of(store, 6), {first, 3 * first, ""});
         EXPECT_EQ(some.failed, 0U);
         EXPECT_LE(some.first_level, first);
