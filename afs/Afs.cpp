@@ -26,7 +26,8 @@ void trim_fat_page(afs_context *context, uint32_t page_va) {
     }
 }
 
-// afs_trim_fat_page_if_needed for a store with a chunk map.
+} // namespace
+
 void note_free_chunk(afs_context *context, uint32_t chunk) {
     const uint32_t entry_va = fat_va(context->file_count + chunk);
     const uint32_t page_va = entry_va & ~(context->page_size - 1u);
@@ -36,7 +37,34 @@ void note_free_chunk(afs_context *context, uint32_t chunk) {
     }
 }
 
-} // namespace
+uint32_t release_chunks(afs_context *context, uint16_t first, uint32_t count,
+                        const uint16_t *cids) {
+    chunk_cntr = 0;          // the caller may have walked the same chain before
+    fat_reader fat(context); // a trim leaves the cache alone
+    uint16_t cid = first;
+    for (uint32_t freed = 1; freed <= count && cid > fat_last_chunk; ++freed) {
+        if (!fat.names_chunk(cid)) {
+            return AFS_RC_IO;
+        }
+        const auto chunk = static_cast<uint16_t>(cid - context->file_count);
+        uint32_t status = context->ops->trim_page(context, chunk_va(context, cid), AFS_PAGE_SIZE,
+                                                  context->device_offset);
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+        if (cids == nullptr) {
+            status = fat.next(cid, cid);
+        } else if (freed < count) {
+            cid = cids[freed - 1];
+        }
+        if (status != AFS_RC_OK) {
+            return status;
+        }
+        note_free_chunk(context, chunk);
+    }
+    note_free_chunk(context, context->chunk_count);
+    return AFS_RC_OK;
+}
 
 uint32_t commit_slot(afs_context *context, uint16_t file, uint16_t value) {
     uint32_t status = set_fat_entry(context, file, value);
@@ -88,29 +116,5 @@ uint32_t afs_release_resources(afs_context *context, uint16_t first, uint32_t co
     if (invalidate) {
         cache_invalidate(context);
     }
-    chunk_cntr = 0;          // the caller may have walked the same chain before
-    fat_reader fat(context); // a trim leaves the cache alone
-    uint16_t cid = first;
-    for (uint32_t freed = 1; freed <= count && cid > fat_last_chunk; ++freed) {
-        if (!fat.names_chunk(cid)) {
-            return AFS_RC_IO;
-        }
-        const auto chunk = static_cast<uint16_t>(cid - context->file_count);
-        uint32_t status = context->ops->trim_page(context, chunk_va(context, cid), AFS_PAGE_SIZE,
-                                                  context->device_offset);
-        if (status != AFS_RC_OK) {
-            return status;
-        }
-        if (cids == nullptr) {
-            status = fat.next(cid, cid);
-        } else if (freed < count) {
-            cid = cids[freed - 1];
-        }
-        if (status != AFS_RC_OK) {
-            return status;
-        }
-        note_free_chunk(context, chunk);
-    }
-    note_free_chunk(context, context->chunk_count);
-    return AFS_RC_OK;
+    return release_chunks(context, first, count, cids);
 }

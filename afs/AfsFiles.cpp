@@ -237,9 +237,7 @@ uint32_t afs_deletefile(afs_context *context, int32_t file) {
     if (context->file_sizes != nullptr) {
         context->file_sizes[file] = AFS_NO_FILE_SIZE;
     }
-    return is_chunk(slot)
-               ? afs_release_resources(context, slot, context->chunk_count, nullptr, false)
-               : AFS_RC_OK;
+    return is_chunk(slot) ? release_chunks(context, slot, context->chunk_count) : AFS_RC_OK;
 }
 
 uint32_t afs_mark_zombie_file(afs_context *context, uint32_t file) {

@@ -103,23 +103,23 @@ bool is_in_doubt(const log_contents &log, log_pages pages) {
 // Whether an entry in doubt is chained to one that is missing: the slot then holds another page
 // than it decodes to, one that some link leads to. The flash is only read if there is such a link.
 uint32_t find_out_if_astray(uint32_t address, uint16_t entry, uint32_t page, uint32_t page_count,
-                            bool *astray) {
-    *astray = false;
+                            bool &astray) {
+    astray = false;
     uint8_t slot[page_slot_size] = {};
     bool is_read = false;
-    for (uint32_t link = 0; link < page_count && !*astray; ++link) {
+    for (uint32_t link = 0; link < page_count && !astray; ++link) {
         const uint32_t other = log_chain(static_cast<uint16_t>(link), entry);
         if (other == page || other >= page_count) {
             continue;
         }
-        if (!is_read && SpiDrvRead(address, sizeof slot, slot) != 0) {
+        if (!is_read && SpiDrvRead(address, sizeof slot, slot) != AFS_RC_OK) {
             return AFS_RC_IO;
         }
         is_read = true;
         if (page_slot_is_good(slot, page)) {
             return AFS_RC_OK;
         }
-        *astray = page_slot_is_good(slot, other);
+        astray = page_slot_is_good(slot, other);
     }
     return AFS_RC_OK;
 }
@@ -138,14 +138,14 @@ uint32_t read_log(const afs_context *context, uint32_t eu, log_contents &log) {
     const uint32_t doubtful = log.doubtful_slot;
     uint8_t *entry = map + doubtful * log_entry_size;
     bool astray;
-    const uint32_t rc =
+    const uint32_t status =
         find_out_if_astray(eu_address(context, eu) + log_slot_offset(doubtful), load_le16(entry),
-                           log.pages[doubtful], pages.count, &astray);
-    if (rc == AFS_RC_OK && astray) {
+                           log.pages[doubtful], pages.count, astray);
+    if (status == AFS_RC_OK && astray) {
         store_le16(entry, log_entry_erased); // like the entries before it that did not land
         log = read_log_map(map, pages);
     }
-    return rc;
+    return status;
 }
 
 // A committed log entry: page has a copy in a slot of eu. The copy in the EU of the higher sequence

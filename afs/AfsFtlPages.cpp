@@ -70,7 +70,7 @@ uint32_t write_log_page(afs_context *context, uint32_t page, const void *data) {
         return AFS_RC_IO;
     }
     if (log_head_is_full(ftl)) {
-        if (const uint32_t status = reclaim_eu_wrapper(context, AFS_FTL_KIND_LOG);
+        if (const uint32_t status = reclaim_on_demand(context, AFS_FTL_KIND_LOG);
             status != AFS_RC_OK) {
             return status;
         }
@@ -183,7 +183,7 @@ uint32_t renew_allocation_range(afs_context *context) {
         ftl.reclaim_armed = 1;
         return AFS_RC_FLUSH_FIRST;
     }
-    const uint32_t status = reclaim_eu_wrapper(context, AFS_FTL_KIND_DATA);
+    const uint32_t status = reclaim_on_demand(context, AFS_FTL_KIND_DATA);
     ftl.barren_ranges = static_cast<uint8_t>(ftl.barren_ranges + (status == AFS_RC_OK ? 1 : 0));
     return status;
 }
@@ -199,7 +199,7 @@ uint32_t check_chunk_is_free(afs_context *context, uint32_t chunk, bool &is_free
     uint8_t state = slot_complete;
     if (!find_data_place(context, context->data_va_start + chunk * AFS_PAGE_SIZE, place) ||
         SpiDrvRead(eu_address(context, place.eu) + data_status_offset + place.slot, 1, &state) !=
-            0) {
+            AFS_RC_OK) {
         return AFS_RC_IO;
     }
     is_free = state == slot_free;
@@ -248,6 +248,21 @@ uint32_t count_data_eu(afs_context *context, uint32_t eu, uint32_t &newest_with_
     return AFS_RC_OK;
 }
 
+// Reads consecutive slots of a data EU and leaves their pages side by side.
+uint32_t read_data_slots(const afs_context *context, uint32_t eu, uint32_t first_slot,
+                         uint32_t count, uint32_t first_page, uint8_t *bytes) {
+    if (count > AFS_DATA_EU_PAGES - first_slot) {
+        return AFS_RC_IO;
+    }
+    const uint32_t status = read_page_slots(
+        eu_address(context, eu) + data_slot_offset(first_slot), count,
+        [first_page](uint32_t i) { return first_page + i; }, bytes);
+    for (uint32_t i = 1; status == AFS_RC_OK && i < count; ++i) {
+        std::memmove(bytes + i * AFS_PAGE_SIZE, bytes + i * page_slot_size, AFS_PAGE_SIZE);
+    }
+    return status;
+}
+
 } // namespace
 
 uint32_t afs_physical_ftl_read_page(afs_context *context, uint32_t va, uint32_t /*length*/,
@@ -289,18 +304,11 @@ uint32_t read_ftl_data_pages(afs_context *context, uint32_t eu, uint32_t first_s
     if (!ftl_is_mounted(context) || buffer == nullptr) {
         return AFS_RC_INVALID;
     }
-    if (eu >= context->ftl->eu_count || first_slot > AFS_DATA_EU_PAGES ||
-        count > AFS_DATA_EU_PAGES - first_slot) {
+    if (eu >= context->ftl->eu_count || first_slot > AFS_DATA_EU_PAGES) {
         return AFS_RC_IO;
     }
-    auto *bytes = static_cast<uint8_t *>(buffer);
-    const uint32_t status = read_page_slots(
-        eu_address(context, eu) + data_slot_offset(first_slot), count,
-        [first_page](uint32_t i) { return first_page + i; }, bytes);
-    for (uint32_t i = 1; status == AFS_RC_OK && i < count; ++i) {
-        std::memmove(bytes + i * AFS_PAGE_SIZE, bytes + i * page_slot_size, AFS_PAGE_SIZE);
-    }
-    return status;
+    return read_data_slots(context, eu, first_slot, count, first_page,
+                           static_cast<uint8_t *>(buffer));
 }
 
 uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, uint32_t va,
@@ -318,18 +326,20 @@ uint32_t afs_physical_ftl_read_data_pages(afs_context *context, void *buffer, ui
     }
     const uint32_t page = va / AFS_PAGE_SIZE;
     const uint32_t slots_left = AFS_DATA_EU_PAGES - place.slot;
+    auto *const bytes = static_cast<uint8_t *>(buffer);
     if (count <= slots_left) {
-        return read_ftl_data_pages(context, place.eu, place.slot, count, page, buffer);
+        return read_data_slots(context, place.eu, place.slot, count, page, bytes);
     }
-    uint32_t status = read_ftl_data_pages(context, place.eu, place.slot, slots_left, page, buffer);
-    if (status != AFS_RC_OK) {
+    if (const uint32_t status =
+            read_data_slots(context, place.eu, place.slot, slots_left, page, bytes);
+        status != AFS_RC_OK) {
         return status;
     }
     if (!find_data_place(context, va + slots_left * AFS_PAGE_SIZE, place)) {
         return AFS_RC_IO;
     }
-    return read_ftl_data_pages(context, place.eu, 0, count - slots_left, page + slots_left,
-                               static_cast<uint8_t *>(buffer) + slots_left * AFS_PAGE_SIZE);
+    return read_data_slots(context, place.eu, 0, count - slots_left, page + slots_left,
+                           bytes + slots_left * AFS_PAGE_SIZE);
 }
 
 uint32_t afs_physical_ftl_allocate_page(afs_context *context, uint16_t *cid) {

@@ -34,6 +34,63 @@ uint32_t run_length(uint32_t limit, IsLive is_live) {
     return count;
 }
 
+// Copies pages between the same slots of two data EUs. Each is checked before.
+uint32_t copy_data_pages(uint32_t source_address, uint32_t target_address, uint32_t first_slot,
+                         uint32_t count, uint32_t first_page, uint8_t *pages, uint8_t *readback) {
+    static constexpr uint8_t complete[max_run] = {};
+    static_assert(slot_complete == 0);
+    if (read_page_slots(
+            source_address + data_slot_offset(first_slot), count,
+            [first_page](uint32_t i) { return first_page + i; }, pages) != AFS_RC_OK ||
+        verified_write(target_address + data_slot_offset(first_slot), pages, count * page_slot_size,
+                       readback) != AFS_RC_OK) {
+        return AFS_RC_IO;
+    }
+    return verified_write(target_address + data_status_offset + first_slot, complete, count,
+                          readback);
+}
+
+// Writes the header of the target, gives up the source and commits the target: the order on which
+// recovery rests.
+uint32_t hand_over(const afs_context *context, uint32_t target_eu, uint32_t source_eu) {
+    const uint32_t target_address = eu_address(context, target_eu);
+    const uint32_t source_address = eu_address(context, source_eu);
+    afs_ftl_state &ftl = *context->ftl;
+    afs_eu_info &target = ftl.eu_table[target_eu];
+    afs_eu_info &source = ftl.eu_table[source_eu];
+    ++ftl.sequence;
+    target.erase_count += target.erase_count != UINT32_MAX ? 1 : 0;
+    uint8_t header[eu_header_written_size];
+    store_eu_header(header, {.magic = eu_magic,
+                             .sequence = ftl.sequence,
+                             .erase_count = target.erase_count,
+                             .next_spare = static_cast<uint16_t>(source_eu),
+                             .va_base = source.va_base});
+    if (verified_write(target_address, header) != AFS_RC_OK) {
+        return AFS_RC_IO;
+    }
+    // From here on until both writes are known to have landed, only a mount can tell which of the
+    // two EUs counts.
+    static constexpr uint8_t no_magic[4] = {};
+    ftl.needs_mount = 1;
+    if (verified_write(source_address + eu_magic_offset, no_magic) != AFS_RC_OK) {
+        return AFS_RC_IO;
+    }
+    source.sequence = 0;
+    if (verified_write_byte(target_address + eu_state_offset, eu_state_committed) != AFS_RC_OK) {
+        return AFS_RC_IO;
+    }
+    ftl.needs_mount = 0;
+
+    ftl.spare_eu = static_cast<uint16_t>(source_eu);
+    target.va_base = source.va_base;
+    target.sequence = ftl.sequence;
+    source.va_base = 0;
+    source.dirty_pages = 0;
+    source.free_pages = 0;
+    return AFS_RC_OK;
+}
+
 // Copies the live pages of a data EU to the same slots of the erased target, from the last slot to
 // the first. With rearm the allocator's cursor ends up on the lowest dead slot.
 uint32_t copy_live_data_pages(afs_context *context, uint32_t source, uint32_t first_chunk,
@@ -53,9 +110,9 @@ uint32_t copy_live_data_pages(afs_context *context, uint32_t source, uint32_t fi
             ftl.alloc_cursor = first_chunk + slot - 1;
         }
         if (run != 0) {
-            if (const uint32_t status = ftl_copy_pages(
-                    context, eu_address(context, source), eu_address(context, ftl.spare_eu), slot,
-                    run, work.pages, work.readback, first_page + slot);
+            if (const uint32_t status =
+                    copy_data_pages(eu_address(context, source), eu_address(context, ftl.spare_eu),
+                                    slot, run, first_page + slot, work.pages, work.readback);
                 status != AFS_RC_OK) {
                 return status;
             }
@@ -87,8 +144,7 @@ uint32_t reclaim_data_eu(afs_context *context, uint32_t source, work_area &work)
     }
     uint32_t status = copy_live_data_pages(context, source, first_chunk, rearm, work);
     if (status == AFS_RC_OK) {
-        status = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
-                                            eu_address(context, source));
+        status = hand_over(context, target, source);
     }
     if (status != AFS_RC_OK) {
         return status;
@@ -203,8 +259,7 @@ uint32_t reclaim_log_eu(afs_context *context, uint32_t source, work_area &work) 
     const log_move move = list_live_log_pages(ftl, source, overflow_eu);
     uint32_t status = move_live_log_pages(context, move, work);
     if (status == AFS_RC_OK) {
-        status = reclaim_eu_write_eu_header(context, target, source, eu_address(context, target),
-                                            eu_address(context, source));
+        status = hand_over(context, target, source);
     }
     if (status != AFS_RC_OK) {
         // The map may point to pages that were not written, and the head may be an EU that has no
@@ -273,13 +328,10 @@ bool reclaim_failed(uint32_t status) {
     return status != AFS_RC_OK && status != AFS_RC_NOT_RECLAIMED;
 }
 
-} // namespace
-
-uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
-    if (!ftl_is_mounted(context)) {
-        return AFS_RC_INVALID;
-    }
+// reclaim_eu for a mounted store.
+uint32_t reclaim(afs_context *context, const reclaim_choice &choice) {
     const afs_ftl_state &ftl = *context->ftl;
+    const uint32_t eu = choice.eu;
     if (eu >= ftl.eu_count || eu == ftl.spare_eu) {
         return AFS_RC_NO_SPACE;
     }
@@ -287,7 +339,7 @@ uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
     if (ftl.needs_mount != 0 || ftl.sequence == UINT32_MAX) {
         return AFS_RC_IO;
     }
-    if (mode == static_cast<int32_t>(AFS_FTL_MODE_MOVE)) {
+    if (choice.mode == AFS_FTL_MODE_MOVE) {
         return move_to_eu(context, eu);
     }
     const bool is_data = ftl.eu_table[eu].va_base != 0;
@@ -304,20 +356,28 @@ uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
     return is_data ? reclaim_data_eu(context, eu, *work) : reclaim_log_eu(context, eu, *work);
 }
 
-uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind) {
-    if (!ftl_is_mounted(context)) {
-        return AFS_RC_INVALID;
-    }
+} // namespace
+
+uint32_t dolm::reclaim_on_demand(afs_context *context, uint32_t kind) {
     const reclaim_choice first = choose_on_demand(context, kind, wear_rule::on);
-    if (const uint32_t status = reclaim_eu(context, first.eu, static_cast<int32_t>(first.mode));
-        status != AFS_RC_NOT_RECLAIMED) {
+    if (const uint32_t status = reclaim(context, first); status != AFS_RC_NOT_RECLAIMED) {
         return status;
     }
     const reclaim_choice second = choose_on_demand(context, kind, wear_rule::off);
     if (second.mode == AFS_FTL_MODE_RECLAIM && context->ftl->eu_table[second.eu].dirty_pages == 0) {
         return AFS_RC_NO_SPACE;
     }
-    return reclaim_eu(context, second.eu, static_cast<int32_t>(second.mode));
+    return reclaim(context, second);
+}
+
+uint32_t reclaim_eu(afs_context *context, uint32_t eu, int32_t mode) {
+    return ftl_is_mounted(context)
+               ? reclaim(context, {.eu = eu, .mode = static_cast<uint32_t>(mode)})
+               : AFS_RC_INVALID;
+}
+
+uint32_t reclaim_eu_wrapper(afs_context *context, uint32_t kind) {
+    return ftl_is_mounted(context) ? reclaim_on_demand(context, kind) : AFS_RC_INVALID;
 }
 
 uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu, uint32_t source_eu,
@@ -327,40 +387,7 @@ uint32_t reclaim_eu_write_eu_header(afs_context *context, uint32_t target_eu, ui
         source_address != eu_address(context, source_eu)) {
         return AFS_RC_INVALID;
     }
-    afs_ftl_state &ftl = *context->ftl;
-    afs_eu_info &target = ftl.eu_table[target_eu];
-    afs_eu_info &source = ftl.eu_table[source_eu];
-    ++ftl.sequence;
-    target.erase_count += target.erase_count != UINT32_MAX ? 1 : 0;
-    uint8_t header[eu_header_written_size];
-    store_eu_header(header, {.magic = eu_magic,
-                             .sequence = ftl.sequence,
-                             .erase_count = target.erase_count,
-                             .next_spare = static_cast<uint16_t>(source_eu),
-                             .va_base = source.va_base});
-    if (verified_write(target_address, header) != AFS_RC_OK) {
-        return AFS_RC_IO;
-    }
-    // From here on until both writes are known to have landed, only a mount can tell which of the
-    // two EUs counts.
-    static constexpr uint8_t no_magic[4] = {};
-    ftl.needs_mount = 1;
-    if (verified_write(source_address + eu_magic_offset, no_magic) != AFS_RC_OK) {
-        return AFS_RC_IO;
-    }
-    source.sequence = 0;
-    if (verified_write_byte(target_address + eu_state_offset, eu_state_committed) != AFS_RC_OK) {
-        return AFS_RC_IO;
-    }
-    ftl.needs_mount = 0;
-
-    ftl.spare_eu = static_cast<uint16_t>(source_eu);
-    target.va_base = source.va_base;
-    target.sequence = ftl.sequence;
-    source.va_base = 0;
-    source.dirty_pages = 0;
-    source.free_pages = 0;
-    return AFS_RC_OK;
+    return hand_over(context, target_eu, source_eu);
 }
 
 uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address, uint32_t target_address,
@@ -371,19 +398,9 @@ uint32_t ftl_copy_pages(afs_context *context, uint32_t source_address, uint32_t 
         count > max_run || first_slot > AFS_DATA_EU_PAGES - count) {
         return AFS_RC_INVALID;
     }
-    auto *pages = static_cast<uint8_t *>(first_buffer);
-    auto *readback = static_cast<uint8_t *>(second_buffer);
-    static constexpr uint8_t complete[max_run] = {};
-    static_assert(slot_complete == 0);
-    if (read_page_slots(
-            source_address + data_slot_offset(first_slot), count,
-            [first_page](uint32_t i) { return first_page + i; }, pages) != AFS_RC_OK ||
-        verified_write(target_address + data_slot_offset(first_slot), pages, count * page_slot_size,
-                       readback) != AFS_RC_OK) {
-        return AFS_RC_IO;
-    }
-    return verified_write(target_address + data_status_offset + first_slot, complete, count,
-                          readback);
+    return copy_data_pages(source_address, target_address, first_slot, count, first_page,
+                           static_cast<uint8_t *>(first_buffer),
+                           static_cast<uint8_t *>(second_buffer));
 }
 
 uint32_t afs_physical_ftl_idle_reclaim(afs_context *context) {
@@ -391,9 +408,7 @@ uint32_t afs_physical_ftl_idle_reclaim(afs_context *context) {
         return AFS_RC_INVALID;
     }
     const reclaim_choice choice = choose_for_idle_time(context, wear_rule::on);
-    return choice.eu != AFS_FTL_NONE
-               ? reclaim_eu(context, choice.eu, static_cast<int32_t>(choice.mode))
-               : AFS_RC_OK;
+    return choice.eu != AFS_FTL_NONE ? reclaim(context, choice) : AFS_RC_OK;
 }
 
 uint32_t afs_physical_ftl_force_full_reclaim(afs_context *context) {
@@ -406,7 +421,7 @@ uint32_t afs_physical_ftl_force_full_reclaim(afs_context *context) {
         ++eu;
     }
     if (eu < ftl.eu_count) {
-        const uint32_t status = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+        const uint32_t status = reclaim(context, {.eu = eu, .mode = AFS_FTL_MODE_RECLAIM});
         if (reclaim_failed(status)) {
             return status;
         }
@@ -442,7 +457,7 @@ uint32_t afs_physical_ftl_end_reserved_files_mode(afs_context *context) {
         if (context->ftl->spare_eu == eu) {
             continue;
         }
-        const uint32_t status = reclaim_eu(context, eu, AFS_FTL_MODE_RECLAIM);
+        const uint32_t status = reclaim(context, {.eu = eu, .mode = AFS_FTL_MODE_RECLAIM});
         if (reclaim_failed(status)) {
             return status;
         }

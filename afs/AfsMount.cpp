@@ -199,7 +199,7 @@ void trim_free_fat_pages(afs_context *context) {
     const uint32_t first_entry = fat_va(context->file_count) / 2 % entries_per_page;
     uint32_t chunk = find_chunk(context, 0, end, false);
     while (chunk < end) {
-        afs_trim_fat_page_if_needed(context, static_cast<uint16_t>(chunk));
+        note_free_chunk(context, chunk);
         // The others whose entries lie in the same page would change nothing.
         const uint32_t next_page =
             chunk + entries_per_page - (first_entry + chunk) % entries_per_page;

@@ -202,7 +202,8 @@ uint32_t link_chain(write_job &job) {
 
 void undo(const write_job &job) {
     if (job.new_chunks() > 0) {
-        afs_release_resources(job.context, job.chain[1], job.new_chunks(), &job.chain[2], true);
+        cache_invalidate(job.context);
+        release_chunks(job.context, job.chain[1], job.new_chunks(), &job.chain[2]);
     }
 }
 
@@ -247,7 +248,7 @@ uint32_t write_file(write_job &job, uint16_t file) {
     }
     update_file_size(job, file);
     const uint32_t to_free = job.truncate ? job.context->chunk_count : job.new_chunks();
-    return afs_release_resources(job.context, job.release_head, to_free, nullptr, false);
+    return release_chunks(job.context, job.release_head, to_free);
 }
 
 } // namespace

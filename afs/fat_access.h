@@ -68,6 +68,13 @@ inline bool is_mounted(const afs_context *context) {
            context->cache_data != nullptr;
 }
 
+// afs_release_resources for a mounted store with a chunk map, without a look at the cache.
+uint32_t release_chunks(afs_context *context, uint16_t first, uint32_t count,
+                        const uint16_t *cids = nullptr);
+
+// afs_trim_fat_page_if_needed for a store with a chunk map.
+void note_free_chunk(afs_context *context, uint32_t chunk);
+
 // afs_allocate_chunk for a mounted store.
 inline uint32_t allocate_chunk(afs_context *context, uint16_t &cid) {
     return context->ftl_allocator != 0 ? afs_physical_ftl_allocate_page(context, &cid)

@@ -186,6 +186,9 @@ enum class wear_rule : uint8_t { off, on };
 reclaim_choice choose_on_demand(const afs_context *context, uint32_t kind, wear_rule rule);
 reclaim_choice choose_for_idle_time(const afs_context *context, wear_rule rule);
 
+// reclaim_eu_wrapper for a mounted store.
+uint32_t reclaim_on_demand(afs_context *context, uint32_t kind);
+
 // Erases both blocks of an EU, the lower one first. False if the device fails.
 bool erase_eu(uint32_t address);
 
