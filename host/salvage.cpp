@@ -42,10 +42,11 @@ class Salvager {
         flash_ = read_flash(set_, tables_.files.ftbl, manifest_);
         add_files_without_entry();
         count_claims();
+        note_values();
         for (const ManifestFile &file : manifest_.files) {
             SalvagedFile found;
-            found.base = table_part(file, file.base, tables_.base);
-            found.override_value = table_part(file, file.override_value, tables_.overrides);
+            found.base = table_part(file, base_of_, tables_.base);
+            found.override_value = table_part(file, override_of_, tables_.overrides);
             if (file.is_in_afs() || file.is_in_efs()) {
                 found.flash = flash_part(file);
             }
@@ -132,29 +133,60 @@ class Salvager {
         }
     }
 
+    bool is_doubted(const ManifestFile &file) const {
+        return tables_.doubted_numbers.contains(file.number);
+    }
+
     using Claim = std::tuple<uint32_t, bool, uint32_t>; // SKU, whether in EFS, id
+
+    // An entry that is in doubt takes nothing from one that is not.
+    struct Claims {
+        int sure = 0;
+        int doubted = 0;
+    };
+    struct Trailers { // lengths
+        std::set<uint32_t> sure;
+        std::set<uint32_t> doubted;
+    };
 
     void count_claims() {
         for (const ManifestFile &file : manifest_.files) {
             const bool is_in_flash = file.is_in_afs() || file.is_in_efs();
             for (const uint32_t sku : is_in_flash ? file.skus : std::vector<uint32_t>{}) {
-                ++claims_[{sku, file.is_in_efs(), file.id}];
+                Claims &claims = claims_[{sku, file.is_in_efs(), file.id}];
+                ++(is_doubted(file) ? claims.doubted : claims.sure);
             }
             if (is_in_flash && !file.skus.empty()) {
-                trailers_[{0, file.is_in_efs(), file.id}].insert(trailer_length(file.attributes));
+                Trailers &trailers = trailers_[{0, file.is_in_efs(), file.id}];
+                (is_doubted(file) ? trailers.doubted : trailers.sure)
+                    .insert(trailer_length(file.attributes));
             }
         }
     }
 
-    SalvagedPart table_part(const ManifestFile &file, const std::optional<Content> &value,
+    // Of several files with a number one has the values in the manifest, and all have them in the
+    // tables.
+    void note_values() {
+        for (const ManifestFile &file : manifest_.files) {
+            if (file.base) {
+                base_of_.emplace(file.number, file.base->bytes());
+            }
+            if (file.override_value) {
+                override_of_.emplace(file.number, file.override_value->bytes());
+            }
+        }
+    }
+
+    SalvagedPart table_part(const ManifestFile &file, const std::map<uint32_t, Bytes> &values,
                             const MendedValues &mended) const {
         SalvagedPart part;
-        if (value) {
-            part.value = value->bytes();
+        if (const auto value = values.find(file.number);
+            value != values.end() && file.number != 0) {
+            part.value = value->second;
             if (const auto doubt = mended.doubts.find(file.number); doubt != mended.doubts.end()) {
                 demote(part, doubt->second);
             }
-            if (tables_.doubted_numbers.contains(file.number)) {
+            if (is_doubted(file)) {
                 demote(part, "the entries of its SKUs contradict each other");
             }
         } else if (const auto lost = mended.lost.find(file.number);
@@ -182,15 +214,20 @@ class Salvager {
                                             : SalvagedPart{Found::lost, {}, flash_.afs_doubt, ""};
         }
         SalvagedPart part = found->second;
+        const auto doubt = tables_.efs_doubts.find(file.id);
+        if (is_efs && doubt != tables_.efs_doubts.end()) {
+            demote(part, doubt->second);
+        }
         for (const uint32_t sku : file.skus) {
-            if (claims_[{sku, is_efs, file.id}] > 1) {
+            const Claims &claims = claims_[{sku, is_efs, file.id}];
+            if (claims.sure + (is_doubted(file) ? claims.doubted : 0) > 1) {
                 return {Found::lost,
                         {},
                         "two files of SKU " + std::to_string(sku) + " have its place in flash",
                         ""};
             }
         }
-        if (tables_.doubted_numbers.contains(file.number)) {
+        if (is_doubted(file)) {
             demote(part, "the entries of its SKUs contradict each other");
         }
         return part.value ? without_trailer(file, std::move(part)) : part;
@@ -202,7 +239,9 @@ class Salvager {
 
     SalvagedPart without_trailer(const ManifestFile &file, SalvagedPart part) {
         const uint32_t length = trailer_length(file.attributes);
-        if (trailers_[{0, file.is_in_efs(), file.id}].size() > 1) {
+        const Trailers &trailers = trailers_[{0, file.is_in_efs(), file.id}];
+        const auto &told = trailers.sure.empty() ? trailers.doubted : trailers.sure;
+        if (!file.skus.empty() && told != std::set<uint32_t>{length}) {
             return {Found::lost, {}, "the file table has no one length of its trailer", ""};
         }
         if (part.value->size() < length) {
@@ -238,7 +277,7 @@ class Salvager {
                                      found.base.state == Found::lost ||
                                      found.override_value.state == Found::lost;
         const bool reads_flash = (is_deployed_ && is_pulled) || !has_table_value;
-        std::string lost;
+        std::string lost = is_pulled || has_table_value ? "" : what_is_missing();
         const auto try_part = [&](const SalvagedPart &part, const char *source) {
             if (part.state == Found::lost && lost.empty()) {
                 lost = part.why;
@@ -258,14 +297,24 @@ class Salvager {
                 lost = "a file in flash has no entry in the file table, which may be this one";
             }
         }
-        if (set_.vync_cfg.empty() && belongs(set_, "vync.cfg") && lost.empty()) {
-            lost = "vync.cfg is missing";
-        }
         try_part(found.override_value, "override");
+        if (lost.empty()) {
+            lost = missing_overrides();
+        }
         try_part(found.base, "base");
         if (!found.current.value && !lost.empty() && (reads_flash || has_table_value)) {
             found.current = {Found::lost, {}, lost, ""};
         }
+    }
+
+    std::string missing_overrides() const {
+        return set_.vync_cfg.empty() && belongs(set_, "vync.cfg") ? "vync.cfg is missing"
+                                                                  : tables_.overrides.missing;
+    }
+
+    // Why a file without a value in the tables may have had one.
+    std::string what_is_missing() const {
+        return tables_.base.missing.empty() ? missing_overrides() : tables_.base.missing;
     }
 
     // What was found goes to where it belongs. A file whose content in flash is lost gets the value
@@ -328,8 +377,10 @@ class Salvager {
     Salvage salvage_;
     Manifest &manifest_;
     SalvagedFlash flash_;
-    std::map<Claim, int> claims_;
-    std::map<Claim, std::set<uint32_t>> trailers_;
+    std::map<uint32_t, Bytes> base_of_; // by number
+    std::map<uint32_t, Bytes> override_of_;
+    std::map<Claim, Claims> claims_;
+    std::map<Claim, Trailers> trailers_;
     std::map<const ManifestFile *, Bytes> trailer_of_;
     bool has_stranger_ = false;
     bool is_deployed_ = false;

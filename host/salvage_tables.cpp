@@ -79,20 +79,32 @@ class Mender {
     }
 
     void mend_table() {
-        const auto own = own_geometry(set_.efs_image);
         Table given = mend_bytes("ftbl.bin", set_.ftbl);
-        MendedTable table = mend_file_table(std::move(given.bytes), set_.sku, own);
+        MendedTable table = mend_file_table(std::move(given.bytes), set_.sku, set_.efs_image);
         for (std::string &text : table.mended) {
             damage("ftbl.bin", std::move(text));
         }
         mended_.files.ftbl = std::move(table.bytes);
         mended_.doubted_numbers = std::move(table.doubted_numbers);
-        for (const FtblRow &row : read_file_table(mended_.files.ftbl).rows) {
+        const FileTable mended = read_file_table(mended_.files.ftbl);
+        for (const EfstRow &row : mended.efst_rows) {
+            for (const EfstRecord &record : row.records) {
+                const size_t at = record.at - table.shift;
+                if (record.at >= table.shift && given.is_changed(at, at + ftbl::efst_record_size)) {
+                    mended_.efs_doubts[record.file_index] = "its place in EFS is not what it was";
+                }
+            }
+        }
+        for (const uint32_t id : table.counted_ids) {
+            mended_.efs_doubts[id] = "its number in the store was lost with the file table";
+        }
+        for (const FtblRow &row : mended.rows) {
             for (const FtblEntry &entry : row.entries) {
                 if (names_.emplace(entry.number, entry.name).second) {
                     numbers_.push_back(entry.number);
                 }
-                if (given.is_changed(entry.at, entry.at + ftbl::entry_size)) {
+                const size_t at = entry.at - table.shift;
+                if (given.is_changed(at, at + ftbl::entry_size)) {
                     mended_.doubted_numbers.insert(entry.number);
                 }
             }
@@ -126,16 +138,24 @@ class Mender {
                       MendedValues &values) {
         if (bytes.size() < fcs::head_size) {
             damage(member, bytes.empty() ? "is missing or empty" : "is too short for a store");
+            values.missing = std::string(member) + " is too short for a store";
             return Bytes(fcs::head_size);
         }
         const auto name_of = [this](uint32_t number) {
             const auto found = names_.find(number);
             return found == names_.end() ? std::string() : found->second;
         };
-        std::vector<MendedRecord> records = mend_store(bytes, name_of, numbers_);
+        auto [records, has_all_records] = mend_store(bytes, name_of, numbers_);
+        if (!has_all_records) {
+            values.missing = std::string(member) + " has lost records";
+        }
         for (size_t i = 0; i < records.size(); ++i) {
             judge(table, bytes, i, records[i]);
             const MendedRecord &record = records[i];
+            if (!record.is_number_sure) {
+                values.missing =
+                    std::string(member) + " has records that may be those of other files";
+            }
             if (!record.doubt.empty()) {
                 (record.payload ? values.doubts : values.lost)[record.number] = record.doubt;
                 damage(member, "record of file " + std::to_string(record.number & 0x0FFFFFFF) +
@@ -150,6 +170,8 @@ class Mender {
                       MendedRecord &record) {
         const auto store_at = static_cast<size_t>(bytes.data() - table.bytes.data());
         const size_t record_at = store_at + fcs::head_size + index * fcs::record_size;
+        const bool is_changed = table.is_changed(record_at, record_at + fcs::record_size);
+        record.is_number_sure = record.is_number_sure && !is_changed;
         if (record.payload && !record.payload->empty()) {
             const auto at = static_cast<size_t>(record.payload->data() - table.bytes.data());
             if (table.is_changed(at, at + record.payload->size())) {
@@ -158,7 +180,7 @@ class Mender {
                 return;
             }
         }
-        if (record.doubt.empty() && table.is_changed(record_at, record_at + fcs::record_size)) {
+        if (record.doubt.empty() && is_changed) {
             record.doubt = "its record is not what it was";
         }
     }

@@ -15,6 +15,7 @@ namespace dolm {
 struct MendedValues {
     std::map<uint32_t, std::string> doubts; // of those that were mended, what was wrong
     std::map<uint32_t, std::string> lost;   // why
+    std::string missing; // why a value that is not there may have been; empty if all are there
 };
 
 struct MendedTables {
@@ -22,6 +23,8 @@ struct MendedTables {
     MendedValues base;
     MendedValues overrides;
     std::set<uint32_t> doubted_numbers; // whose entries contradict each other
+    std::map<uint32_t, std::string>
+        efs_doubts; // by id, why the place in EFS may not be that file's
     std::vector<Problem> damages;
 };
 

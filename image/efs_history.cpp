@@ -138,10 +138,13 @@ class History {
         const auto taken = std::find_if(maps_.begin(), maps_.end(), [&](const Map &map) {
             return map.place.bm == image_.bm_in_force && map.place.entry == image_.entry_in_force;
         });
-        const auto index = static_cast<size_t>(taken - maps_.begin());
-        if (is_lost) {
+        if (is_lost || taken == maps_.end()) { // zeros, say, have the checksum of a map
             doubts_.emplace_back("the newest block map is damaged");
         }
+        if (taken == maps_.end()) {
+            return;
+        }
+        const auto index = static_cast<size_t>(taken - maps_.begin());
         const bool is_newest = index + 1 == maps_.size();
         if (is_newest || !is_lost) {
             map_in_force_ = index;

@@ -14,14 +14,15 @@ class Mender {
            const std::vector<uint32_t> &numbers)
         : bytes_(bytes), name_of_(name_of), numbers_(numbers) {}
 
-    std::vector<MendedRecord> mend() {
+    MendedStore mend() {
         store_ = read_fcs_store(bytes_, best_count());
         find_payloads();
         if (is_packed_) {
             find_numbers();
         }
         drop_doubles();
-        return std::move(mended_);
+        const bool is_blank = store_.count == 0 && bytes_.size() > fcs::head_size;
+        return {std::move(mended_), store_.has_all_records() && !is_blank};
     }
 
   private:
@@ -163,6 +164,7 @@ class Mender {
         }
         const bool stands_alone =
             (i == 0 || in_order[i - 1]) && (i + 1 == names.size() || in_order[i + 1]);
+        mended_[i].is_number_sure = false;
         std::vector<uint32_t> fitting;
         for (const uint32_t number : numbers_) {
             const std::string name = name_of_(number);
@@ -175,6 +177,7 @@ class Mender {
         if (stands_alone && fitting.size() == 1) {
             mended_[i].number = fitting.front();
             mended_[i].doubt = "its number was wrong";
+            mended_[i].is_number_sure = true;
         } else if (is_known && fitting.empty()) {
             mended_[i].doubt = "its name does not stand in the order of the records";
         } else if (is_known) {
@@ -227,6 +230,7 @@ class Mender {
                 for (const size_t both : {first->second, i}) {
                     mended_[both].payload.reset();
                     mended_[both].doubt = "two records have its number";
+                    mended_[both].is_number_sure = false;
                 }
             }
         }
@@ -244,9 +248,9 @@ class Mender {
 
 } // namespace
 
-std::vector<MendedRecord> mend_store(std::span<const uint8_t> bytes,
-                                     const std::function<std::string(uint32_t)> &name_of,
-                                     const std::vector<uint32_t> &numbers) {
+MendedStore mend_store(std::span<const uint8_t> bytes,
+                       const std::function<std::string(uint32_t)> &name_of,
+                       const std::vector<uint32_t> &numbers) {
     return Mender(bytes, name_of, numbers).mend();
 }
 

@@ -18,14 +18,20 @@ struct MendedRecord {
     uint32_t number = 0;
     uint16_t opaque = 0;
     std::optional<std::span<const uint8_t>> payload; // nothing if it is lost
-    std::string doubt; // what was wrong with the record; empty if nothing was
+    std::string doubt;          // what was wrong with the record; empty if nothing was
+    bool is_number_sure = true; // false if it may be the record of another file
+};
+
+struct MendedStore {
+    std::vector<MendedRecord> records;
+    bool has_all_records = true; // false if the store is too short for those that it counts
 };
 
 // name_of gives the name of a number, empty if there is none. numbers are all that have one. The
 // bytes have to outlive what is returned.
-std::vector<MendedRecord> mend_store(std::span<const uint8_t> bytes,
-                                     const std::function<std::string(uint32_t)> &name_of,
-                                     const std::vector<uint32_t> &numbers);
+MendedStore mend_store(std::span<const uint8_t> bytes,
+                       const std::function<std::string(uint32_t)> &name_of,
+                       const std::vector<uint32_t> &numbers);
 
 // A store of the records that have a payload, as the library writes it.
 Bytes write_store(const std::vector<MendedRecord> &records);

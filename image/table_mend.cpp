@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <map>
 
+#include "image/efs_layout.h"
+#include "image/efs_list.h"
+#include "image/efs_survey.h"
 #include "image/file_table.h"
 
 namespace dolm {
@@ -13,19 +16,21 @@ using namespace ftbl;
 
 class Mender {
   public:
-    Mender(Bytes bytes, std::optional<uint32_t> sku, const std::optional<EfsOwnGeometry> &own)
-        : sku_(sku), own_(own) {
+    Mender(Bytes bytes, std::optional<uint32_t> sku, std::span<const uint8_t> efs_image)
+        : sku_(sku), own_(own_geometry(efs_image)), efs_image_(efs_image) {
         mended_.bytes = std::move(bytes);
     }
 
     MendedTable mend() {
-        if (size() < head_size + row_size) {
-            return std::move(mended_);
+        if (size() >= head_size + row_size) {
+            put_if_other(0, magic, "its magic was wrong");
+            mend_row_count();
+            mend_rows();
+            mend_section();
         }
-        put_if_other(0, magic, "its magic was wrong");
-        mend_row_count();
-        mend_rows();
-        mend_section();
+        if (own_ && !has_list()) {
+            find_list();
+        }
         mend_skus();
         compare_entries();
         return std::move(mended_);
@@ -50,6 +55,8 @@ class Mender {
         return has(at, entry_size) &&
                is_plausible_entry(std::span(mended_.bytes).subspan(at, entry_size));
     }
+
+    uint32_t number_at(size_t entry) const { return word(entry + entry_number_offset); }
 
     // More than half of a row's entries can be ones, the first among them.
     bool is_row(size_t at) const {
@@ -101,7 +108,7 @@ class Mender {
             if (is_row(at)) {
                 claimed.emplace_back(word(at + 4),
                                      word(at + 4) + uint64_t{word(at + 8)} * entry_size);
-            } else if (word(at + 8) != 0) {
+            } else if (word(at + 8) != 0 || word(at + 4) < row_at(row_count())) {
                 astray.push_back(at);
             }
         }
@@ -109,8 +116,11 @@ class Mender {
             return;
         }
         const auto runs = unclaimed_runs(claimed);
-        for (const size_t at : astray) {
-            give_entries(at, runs, astray.size() == 1);
+        for (size_t i = 0; i < astray.size(); ++i) {
+            if (!give_entries(astray[i], runs, astray.size() == 1) &&
+                runs.size() == astray.size()) {
+                give_run(astray[i], runs[i]); // rows and entries mostly stand in one order
+            }
         }
     }
 
@@ -129,11 +139,13 @@ class Mender {
                 at = in_the_way->second;
             } else if (is_entry(at)) {
                 uint32_t count = 0;
+                std::set<uint32_t> numbers; // a row has each once
                 const auto next = std::find_if(claimed.begin(), claimed.end(),
                                                [&](const auto &range) { return range.first > at; });
                 const uint64_t limit = next == claimed.end() ? size() : next->first;
                 while (at + uint64_t{count + 1} * entry_size <= limit &&
-                       is_entry(at + uint64_t{count} * entry_size)) {
+                       is_entry(at + uint64_t{count} * entry_size) &&
+                       numbers.insert(number_at(at + uint64_t{count} * entry_size)).second) {
                     ++count;
                 }
                 runs.emplace_back(at, count);
@@ -145,22 +157,28 @@ class Mender {
         return runs;
     }
 
-    void give_entries(size_t at, const Runs &runs, bool is_only_one) {
+    bool give_entries(size_t at, const Runs &runs, bool is_only_one) {
         const std::string sku = std::to_string(word(at));
         for (const auto &[entries_at, count] : runs) {
             if (word(at + 4) == entries_at) {
                 put_if_other(at + 8, count, "the number of entries of SKU " + sku + " was wrong");
-                return;
+                return true;
             }
         }
         for (const auto &[entries_at, count] : runs) {
             if (word(at + 8) == count || (is_only_one && runs.size() == 1)) {
-                put_if_other(at + 4, static_cast<uint32_t>(entries_at),
-                             "the place of the entries of SKU " + sku + " was wrong");
-                put_if_other(at + 8, count, "the number of entries of SKU " + sku + " was wrong");
-                return;
+                give_run(at, {entries_at, count});
+                return true;
             }
         }
+        return false;
+    }
+
+    void give_run(size_t at, const Runs::value_type &run) {
+        const std::string sku = std::to_string(word(at));
+        put_if_other(at + 4, static_cast<uint32_t>(run.first),
+                     "the place of the entries of SKU " + sku + " was wrong");
+        put_if_other(at + 8, run.second, "the number of entries of SKU " + sku + " was wrong");
     }
 
     // The geometry of the image counts, which has a checksum.
@@ -188,6 +206,8 @@ class Mender {
 
     static constexpr size_t geometry_offset = 16;
     static constexpr size_t layout_offset = 36;
+    static constexpr uint32_t usual_files_num = 16;
+    static constexpr uint32_t usual_wear_threshold = 100;
 
     bool fits_own(size_t row) const {
         const EfsLayout &layout = own_->layout;
@@ -258,6 +278,151 @@ class Mender {
         return good == count;
     }
 
+    // Whether the files of EFS have the places that they need.
+    bool has_list() const {
+        const FileTable table = read_file_table(mended_.bytes);
+        const EfstRow *row = first_with_list(table);
+        return row != nullptr &&
+               std::all_of(table.rows.begin(), table.rows.end(), [&](const FtblRow &files) {
+                   return std::all_of(files.entries.begin(), files.entries.end(),
+                                      [&](const FtblEntry &entry) {
+                                          return !entry.is_in_efs() || lists(*row, entry.id);
+                                      });
+               });
+    }
+
+    const EfstRow *first_with_list(const FileTable &table) const {
+        const auto found =
+            std::find_if(table.efst_rows.begin(), table.efst_rows.end(), [&](const EfstRow &row) {
+                return row.records_count != 0 && leads_to_records(row.at);
+            });
+        return found == table.efst_rows.end() ? nullptr : &*found;
+    }
+
+    static bool lists(const EfstRow &row, uint32_t id) {
+        return std::any_of(row.records.begin(), row.records.end(),
+                           [=](const EfstRecord &record) { return record.file_index == id; });
+    }
+
+    // The list of EFS stands in the table still, without a way to it, or is told by the image.
+    void find_list() {
+        Bytes image(efs_image_.begin(), efs_image_.end());
+        image.resize(std::max<size_t>(image.size(), own_->layout.image_size()), 0xFF);
+        const FileTable table = read_file_table(mended_.bytes);
+        const EfstRow *row = first_with_list(table);
+        std::vector<EfsPlace> list = row == nullptr
+                                         ? find_listed_places(mended_.bytes, image, own_->layout)
+                                         : efs_layout_of(*row).files;
+        std::set<std::pair<uint32_t, uint32_t>> begins;
+        uint32_t number = usual_files_num; // not one that the file table may have had
+        for (const EfsPlace &place : list) {
+            begins.emplace(place.block, place.offset);
+            number = std::max(number, place.number + 1);
+        }
+        for (const FtblRow &files : table.rows) {
+            for (const FtblEntry &entry : files.entries) {
+                number = entry.is_in_efs() ? std::max<uint32_t>(number, entry.id + 1) : number;
+            }
+        }
+        for (EfsPlace &place : find_places_in_image(image, own_->layout, number)) {
+            if (!begins.contains({place.block, place.offset})) {
+                mended_.counted_ids.insert(place.number);
+                list.push_back(place);
+            }
+        }
+        if (row == nullptr ? !list.empty() : !mended_.counted_ids.empty()) {
+            put_in_front(table, list);
+        }
+    }
+
+    // Of a head of which nothing is left, the longest run of entries.
+    std::vector<FtblRow> rows_left(const FileTable &table) const {
+        std::vector<FtblRow> rows;
+        for (const FtblRow &row : table.rows) {
+            if (row.entries_count == 0 || is_row(row.at)) {
+                rows.push_back(row);
+            }
+        }
+        if (!rows.empty()) {
+            return rows;
+        }
+        FtblRow row;
+        row.sku = sku_.value_or(own_->sku);
+        if (size() < head_size + row_size) {
+            return {row};
+        }
+        for (const auto &[at, count] : unclaimed_runs({})) {
+            if (count > row.entries_count) {
+                row.entries_at = static_cast<uint32_t>(at);
+                row.entries_count = count;
+            }
+        }
+        return {row};
+    }
+
+    // A new head with the rows that are left, and a section of EFS with the list; all that there
+    // was follows behind.
+    void put_in_front(const FileTable &table, const std::vector<EfsPlace> &list) {
+        const std::vector<FtblRow> rows = rows_left(table);
+        const auto row_total = static_cast<uint32_t>(rows.size());
+        const size_t section = row_at(row_total);
+        const size_t records = section + head_size + rows.size() * efst_row_size;
+        Bytes bytes(std::max<size_t>(records + list.size() * efst_record_size, min_size));
+        put_le(bytes, 0, magic, 4);
+        put_le(bytes, section, efst_magic, 4);
+        for (const size_t head : {size_t{0}, section}) {
+            put_le(bytes, head + row_count_offset, row_total, 4);
+        }
+        for (uint32_t i = 0; i < row_total; ++i) {
+            const FtblRow &row = rows[i];
+            const auto entries_at = static_cast<uint32_t>(bytes.size() + row.entries_at);
+            put_words(bytes, row_at(i), {row.sku, entries_at, row.entries_count});
+            put_words(bytes, section + head_size + size_t{i} * efst_row_size,
+                      efst_row(row.sku, static_cast<uint32_t>(records), list));
+        }
+        for (size_t i = 0; i < list.size(); ++i) {
+            const size_t at = records + i * efst_record_size;
+            put_le(bytes, at, list[i].number, 2);
+            put_le(bytes, at + record_block_offset, list[i].block, 1);
+            put_le(bytes, at + record_start_offset, list[i].offset, 2);
+            put_le(bytes, at + record_max_size_offset, list[i].max_size, 2);
+        }
+        mended_.shift = bytes.size();
+        bytes.insert(bytes.end(), mended_.bytes.begin(), mended_.bytes.end());
+        mended_.bytes = std::move(bytes);
+        mended_.mended.emplace_back(mended_.counted_ids.empty()
+                                        ? "nothing led to its list of EFS"
+                                        : "its list of EFS is lost; files are known by their "
+                                          "records in the image and counted in that order");
+    }
+
+    std::vector<uint32_t> efst_row(uint32_t sku, uint32_t records_at,
+                                   const std::vector<EfsPlace> &list) const {
+        uint32_t files_num = usual_files_num;
+        for (const EfsPlace &place : list) {
+            files_num = std::max(files_num, place.number + 1);
+        }
+        const auto count = static_cast<uint32_t>(list.size());
+        const EfsLayout &layout = own_->layout;
+        return {sku,
+                records_at,
+                count,
+                count * efst_record_size,
+                layout.bm_num,
+                layout.valid_blocks,
+                layout.spare_blocks,
+                files_num,
+                usual_wear_threshold,
+                layout.layout_id};
+    }
+
+    static void put_words(Bytes &bytes, size_t at, const std::vector<uint32_t> &words) {
+        for (const uint32_t value : words) {
+            put_le(bytes, at, value, 4);
+            at += 4;
+        }
+    }
+
     // The SKU of the set has a row; the rows of EFS have the same SKUs, in the same order.
     void mend_skus() {
         const FileTable table = read_file_table(mended_.bytes);
@@ -276,6 +441,12 @@ class Mender {
         }
         const FileTable again = read_file_table(mended_.bytes);
         if (again.rows.size() != again.efst_rows.size()) {
+            return;
+        }
+        if (sku_ && again.row_of(*sku_) == nullptr && again.efst_row_of(*sku_) != nullptr) {
+            for (size_t i = 0; i < again.rows.size(); ++i) {
+                put_if_other(again.rows[i].at, again.efst_rows[i].sku, "the SKUs were wrong");
+            }
             return;
         }
         size_t others = 0;
@@ -319,7 +490,8 @@ class Mender {
 
     MendedTable mended_;
     const std::optional<uint32_t> sku_;
-    const std::optional<EfsOwnGeometry> &own_;
+    const std::optional<EfsOwnGeometry> own_;
+    const std::span<const uint8_t> efs_image_;
 };
 
 } // namespace
@@ -334,8 +506,8 @@ bool is_plausible_entry(std::span<const uint8_t> entry) {
 }
 
 MendedTable mend_file_table(Bytes bytes, std::optional<uint32_t> sku,
-                            const std::optional<EfsOwnGeometry> &own) {
-    return Mender(std::move(bytes), sku, own).mend();
+                            std::span<const uint8_t> efs_image) {
+    return Mender(std::move(bytes), sku, efs_image).mend();
 }
 
 } // namespace dolm

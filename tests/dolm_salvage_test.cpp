@@ -45,7 +45,7 @@ class DolmSalvage : public Dolm {
         const Outcome outcome = run("salvage damaged rescued --replace --json");
         EXPECT_LE(outcome.code, 1) << outcome.err;
         std::map<std::string, json> values;
-        const json told = json::parse(outcome.out, nullptr, false);
+        told = json::parse(outcome.out, nullptr, false);
         for (const json &value : told["values"]) {
             values[value["name"]] = value;
         }
@@ -64,6 +64,7 @@ class DolmSalvage : public Dolm {
         }
     }
 
+    json told; // by the last salvage
     std::map<std::string, std::string> truth;
     std::map<std::string, std::set<std::string>> once; // values of other times and tables
 };
@@ -102,6 +103,13 @@ TEST_F(DolmSalvage, FindsWhatIsLeftAndTellsItsState) {
     values = salvage("efs.img", bad);
     EXPECT_EQ(values["/home/radio/cal/trim"]["hex"], "01");
     EXPECT_EQ(values["/home/radio/cal/trim"]["state"], "older");
+    bad = efs;
+    constexpr size_t entry_size = 22;
+    for (size_t entry = 16; bad.substr(entry, entry_size) != std::string(entry_size, '\xFF');) {
+        bad.replace(entry, entry_size, entry_size, '\0'); // which has the checksum of a map
+        entry += entry_size;
+    }
+    expect_nothing_wrong(salvage("efs.img", bad));
 
     fs::remove(set / "qfs.img");
     values = salvage("ftbl.bin", read_whole(set / "ftbl.bin"));
@@ -125,6 +133,45 @@ TEST_F(DolmSalvage, KeepsAFileWithoutEntryUnderItsNumber) {
                    file.contains("flash");
         }));
     EXPECT_EQ(run("build rescued/manifest.json again").code, 0);
+}
+
+TEST_F(DolmSalvage, FindsTheFilesOfEfsWithoutAWayToTheirList) {
+    const std::string table = read_whole(set / "ftbl.bin");
+    const std::string sweep = truth["/home/radio/cal/sweep"];
+    const size_t section = table.find("EFST");
+    std::string bad = table;
+    bad.replace(section, 16 + 2 * 40, 16 + 2 * 40, '\0');
+    auto values = salvage("ftbl.bin", bad);
+    EXPECT_EQ(values["/home/radio/cal/sweep"]["flash"]["hex"], sweep);
+    EXPECT_EQ(values["/home/radio/cal/sweep"]["flash"]["state"], "sound");
+    bad = table;
+    bad.replace(section + 16 + 2 * 40 + 2 * 60, 3, "\x0F\0\1", 3); // of the third file
+    for (const std::string &lost : {std::string(), std::string(table.size(), '\xFF'), bad}) {
+        salvage("ftbl.bin", lost);
+        size_t found = 0;
+        for (const json &value : told["values"]) {
+            const bool is_it = value["store"] == "efs" && value["flash"].is_object() &&
+                               value["flash"].value("hex", "") == sweep;
+            found += is_it ? 1 : 0;
+            EXPECT_TRUE(!is_it || (value["state"] == "older" && value["id"] >= 15)) << value["id"];
+        }
+        EXPECT_EQ(found, 1U);
+        EXPECT_EQ(run("build rescued/manifest.json again --replace").code, 0);
+    }
+}
+
+// What the lost part of a table may have held is not made up from what stands behind it.
+TEST_F(DolmSalvage, DoubtsWhatALostRecordMayHaveReplaced) {
+    ASSERT_EQ(run("set set test/scratch changed").code, 0); // not pulled from flash
+    auto values = salvage("vync.cfg", read_whole(set / "vync.cfg").substr(0, 100));
+    EXPECT_EQ(values["/home/test/scratch"]["state"], "older");
+    EXPECT_EQ(values["/home/test/scratch"]["source"], "base");
+    values = salvage("orvel.cfg", "");
+    EXPECT_EQ(values["/home/test/scratch"]["text"], "changed");
+    fs::remove(set / "vync.cfg");
+    write_whole(set / "set.json", R"({"sku": 1})");
+    values = salvage("orvel.cfg", "");
+    EXPECT_EQ(values["/home/test/scratch"]["state"], "older");
 }
 
 // One damaged place, anywhere: no value is wrong, and no more is lost than stood there.

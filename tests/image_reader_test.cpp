@@ -233,7 +233,7 @@ class TableReaders : public testing::Test {
 
 TEST_F(TableReaders, AStoreThatIsSoundIsMendedToItself) {
     const Bytes sound = store();
-    const auto mended = mend_store(sound, name_of, numbers());
+    const auto mended = mend_store(sound, name_of, numbers()).records;
     for (const MendedRecord &record : mended) {
         EXPECT_EQ(record.doubt, "");
     }
@@ -243,7 +243,7 @@ TEST_F(TableReaders, AStoreThatIsSoundIsMendedToItself) {
 
 TEST_F(TableReaders, AWrongOffsetOrSizeOrCountCostsNothing) {
     const Bytes sound = store();
-    const auto expected = payloads(mend_store(sound, name_of, numbers()));
+    const auto expected = payloads(mend_store(sound, name_of, numbers()).records);
     for (size_t at = 0; at < 4 + 12 * 12; ++at) {
         const size_t field = at < 4 ? 4 : (at - 4) % 12;
         if (field < 4 || field >= 10) {
@@ -254,7 +254,7 @@ TEST_F(TableReaders, AWrongOffsetOrSizeOrCountCostsNothing) {
             Bytes damaged = sound;
             damaged[at] = static_cast<uint8_t>(damaged[at] ^ bits);
             const GuardedBytes guarded(damaged);
-            EXPECT_EQ(payloads(mend_store(span_of(guarded, damaged), name_of, numbers())),
+            EXPECT_EQ(payloads(mend_store(span_of(guarded, damaged), name_of, numbers()).records),
                       expected);
         }
     }
@@ -262,13 +262,14 @@ TEST_F(TableReaders, AWrongOffsetOrSizeOrCountCostsNothing) {
 
 TEST_F(TableReaders, AWrongNumberLosesNoOtherValue) {
     const Bytes sound = store();
-    const auto expected = payloads(mend_store(sound, name_of, numbers()));
+    const auto expected = payloads(mend_store(sound, name_of, numbers()).records);
     for (uint32_t i = 0; i < 12; ++i) {
         for (const uint32_t number : {0U, 777U, 10 + (i + 5) % 12, 25U}) {
             SCOPED_TRACE(std::to_string(i) + " becomes " + std::to_string(number));
             Bytes damaged = sound;
             put_le(damaged, 4 + 12 * i, number, 4);
-            for (const auto &[found, payload] : payloads(mend_store(damaged, name_of, numbers()))) {
+            for (const auto &[found, payload] :
+                 payloads(mend_store(damaged, name_of, numbers()).records)) {
                 const auto same = expected.find(found);
                 EXPECT_TRUE(same != expected.end()
                                 ? payload == same->second
@@ -296,7 +297,7 @@ TEST_F(TableReaders, TakeStoresOfEveryLengthAndAnyBytes) {
             EXPECT_EQ(read.has_payload(record) ? read.payload(record).size() : record.size,
                       record.size);
         }
-        const Bytes written = write_store(mend_store(all, name_of, numbers()));
+        const Bytes written = write_store(mend_store(all, name_of, numbers()).records);
         EXPECT_TRUE(is_of_kind(written, MemberKind::base_store));
     }
 }
@@ -311,8 +312,8 @@ TEST_F(TableReaders, AFileTableIsMendedWhereItCanBe) {
     source.geometry_rows = {full_set::geometry, full_set::geometry};
     source.geometry_rows[1].sku = 2;
     const Bytes sound = source.build();
-    const EfsOwnGeometry own{{2, 7, 3, 0, {}}, 1, 0};
-    const auto mend = [&](const Bytes &bytes) { return mend_file_table(bytes, 1, own); };
+    const Bytes image = full_set::FlashSet().efs;
+    const auto mend = [&](const Bytes &bytes) { return mend_file_table(bytes, 1, image); };
     EXPECT_EQ(mend(sound).bytes, sound);
     EXPECT_TRUE(mend(sound).mended.empty());
 
@@ -379,9 +380,9 @@ TEST_F(TableReaders, TakeFileTablesOfEveryLengthAndAnyBytes) {
                 EXPECT_LE(entry.name.size(), ftbl::name_size);
             }
         }
-        const MendedTable mended = mend_file_table(bytes, 1, std::nullopt);
+        const MendedTable mended = mend_file_table(bytes, 1, {});
         EXPECT_EQ(mended.bytes.size(), bytes.size());
-        EXPECT_EQ(mend_file_table(mended.bytes, 1, std::nullopt).bytes, mended.bytes)
+        EXPECT_EQ(mend_file_table(mended.bytes, 1, {}).bytes, mended.bytes)
             << "mended once, there is nothing left to mend";
     }
 }
