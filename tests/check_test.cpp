@@ -146,6 +146,17 @@ class Check : public testing::Test {
         return findings;
     }
 
+    void change(std::vector<std::string> words) const {
+        dolm::ChangeOptions options;
+        options.folder = set;
+        options.words = std::move(words);
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        dolm::set_nvars(options);
+        testing::internal::GetCapturedStderr();
+        testing::internal::GetCapturedStdout();
+    }
+
     const fs::path folder = testing::TempDir() + "check_test." + dolm::system::process_number();
     const fs::path set = folder / "set";
 
@@ -215,6 +226,52 @@ TEST_F(Check, TablesAreWhatDolmWroteOrTheChangeIsFound) {
             EXPECT_EQ(findings[i].severity, Finding::Severity::note) << line_of(findings[i]);
         }
     }
+}
+
+// A host that knows nothing of checksums writes its values into vync.cfg and into flash. What dolm
+// writes over that afterwards it knows again; what it leaves as it was found stays in doubt.
+TEST_F(Check, WhatAnotherHostWroteIsANoteAndDamageToItAnError) {
+    const auto of_tables = [](std::vector<Finding> findings) {
+        std::erase_if(findings, [](const Finding &finding) {
+            return finding.cause.file == "qfs.img" && finding.severity == Finding::Severity::note;
+        });
+        return findings;
+    };
+    const auto check_tables = [&] { return of_tables(check()); };
+    const std::string recorded = read_whole(set / "set.json");
+    change({"net/ntp", "time.example.com", "net/hostname", "gateway-18"});
+    EXPECT_TRUE(check_tables().empty());
+    write_whole(set / "set.json", recorded);
+    const std::string written = read_whole(set / "vync.cfg");
+    const std::vector<Finding> found = check_tables();
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].severity, Finding::Severity::note);
+    EXPECT_EQ(found[0].cause.file, "vync.cfg");
+    EXPECT_NE(found[0].cause.text.find("another program has written it"), std::string::npos);
+
+    const size_t value = written.find("gateway-18");
+    ASSERT_NE(value, written.npos);
+    for (const size_t at : {size_t{16}, size_t{20}, size_t{24}, size_t{28}, value, value + 9}) {
+        std::string damaged = written;
+        damaged[at] = static_cast<char>(damaged[at] ^ 0x20);
+        const std::vector<Finding> findings = of_tables(check_with("vync.cfg", damaged));
+        ASSERT_FALSE(findings.empty()) << at;
+        EXPECT_EQ(findings[0].severity, Finding::Severity::error) << line_of(findings[0]);
+        EXPECT_EQ(findings[0].cause.file, "vync.cfg") << line_of(findings[0]);
+    }
+    EXPECT_EQ(check_with("vync.cfg", written.substr(0, written.size() - 1))[0].severity,
+              Finding::Severity::error);
+
+    change({"net/ntp", "other.example.com"});
+    EXPECT_TRUE(check_tables().empty()) << "dolm wrote it last";
+    std::string base = read_whole(set / "orvel.cfg");
+    base[base.find("ntp.example")] = 'N';
+    write_whole(set / "orvel.cfg", base);
+    change({"net/ntp", "third.example.com"});
+    const std::vector<Finding> left = check_tables();
+    ASSERT_FALSE(left.empty()) << "written as it was found, the change still shows";
+    EXPECT_EQ(left[0].cause.file, "orvel.cfg");
+    EXPECT_EQ(left[0].severity, Finding::Severity::error);
 }
 
 // Thousands of random damages were tried by hand; these few keep the rule: whatever the bytes, the

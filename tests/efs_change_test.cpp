@@ -98,6 +98,7 @@ const LogCase log_cases[] = {
      [](Test t) {
          t.fill_bm_up_to(2857);
          EFS_idle_reclaim();
+         EXPECT_EQ(efs_ctx.next_bm_state, EFS_NEXT_BM_ERASED) << "no second look is needed";
      },
      [](Test) { return EFS_idle_reclaim(); }, erase_log("A")},
     {"erase_of_the_next_bm", nothing, [](Test) { return EFS_erase_next_BM(1); },

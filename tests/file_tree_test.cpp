@@ -94,6 +94,9 @@ TEST(FileTreeTest, ADeepTreeIsWalkedSerialisedAndSearched) {
     EXPECT_EQ(at.nextFile(), "") << "the walk stands behind the end of a shrunk tree";
     EXPECT_EQ(walk(at), (Names{"B", "a.x", "a/b", "d", "d/e", "z", "\xC3\xA9"}));
 
+    at.index = -7; // a host may set it
+    EXPECT_EQ(at.nextFile(), "B");
+
     // A directory that cannot be found again from below ends the walk at position -1.
     at.current = d.get();
     d->parent = e.get();

@@ -11,6 +11,7 @@
 #include "EFS.h"
 #include "EFS_phy_win32.h"
 #include "dfs.h"
+#include "frontend/fcs_tables.h"
 #include "heap_double.h"
 #include "miniVfs.h"
 #include "proof/full_set.h"
@@ -108,6 +109,26 @@ TEST_F(FlashStage, WritesBackWhatIsNotPulledButNothingWithATrailer) {
     set.vync = with_head(rebuilt_store());
     ASSERT_TRUE(set.start());
     EXPECT_EQ(value_of("afs/trailer"), "sealed");
+}
+
+// A value that is hidden from the host goes into the store and not into flash, and a file that is
+// empty on both sides is left alone: a write would cost EFS a block.
+TEST_F(FlashStage, WritesBackNeitherHiddenNorNothing) {
+    std::vector<SetFile> files = {default_set[0], default_set[1], default_set[7]};
+    files[2].base = "";
+    files[2].flash = "";
+    FlashSet set(files);
+    const Bytes before = set.efs;
+    ASSERT_TRUE(set.start());
+    ASSERT_TRUE(set_value("afs/plain", "changed"));
+    for (FcsFileEntry *entry = s_currentValuesTable.firstEntry; entry != nullptr;
+         entry = entry->next) {
+        entry->hidden = std::string_view(entry->name) == "/home/afs/plain";
+    }
+    ASSERT_TRUE(qoQfsNvarTerm(true));
+    EXPECT_EQ(flash_content("/home/afs/plain"), "from flash");
+    EXPECT_EQ(rebuilt_store(), builders::store_of({{2, "changed"}, {3, ""}, {1, "deployed"}}));
+    EXPECT_EQ(set.efs, before);
 }
 
 TEST_F(FlashStage, ARefusedValueKeepsTheOthersOutOfTheFlash) {

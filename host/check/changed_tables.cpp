@@ -24,6 +24,11 @@ struct Changed {
         const size_t all = recorded->crc32s.size();
         return blocks.size() > all / 2 + 1 || (all > 1 && blocks.size() == all);
     }
+    // What lies behind all that has checksums is new.
+    bool holds(size_t at) const {
+        return at >= recorded->size ||
+               std::binary_search(blocks.begin(), blocks.end(), at / recorded->block);
+    }
     size_t begin() const { return blocks.front() * recorded->block; }
     size_t end() const {
         return std::min<size_t>((blocks.back() + 1) * recorded->block, bytes->size());
@@ -176,8 +181,7 @@ class ChangeCheck {
         for (const Finding &finding : findings_.all()) {
             const size_t at = std::strtoull(finding.cause.place.c_str(), nullptr, 16);
             if (finding.cause.file != changed.file() || !finding.cause.place.starts_with("0x") ||
-                !std::binary_search(changed.blocks.begin(), changed.blocks.end(),
-                                    at / changed.recorded->block)) {
+                !changed.holds(at)) {
                 continue;
             }
             if (finding.severity == Finding::Severity::error) {
