@@ -10,9 +10,12 @@
 #include "proof/afs_build.h"
 #include "proof/host_session.h"
 
+namespace builders = dolm::proof::builders;
+namespace host_session = dolm::proof::host_session;
+
 namespace {
 
-using builders::Bytes;
+using dolm::Bytes;
 
 constexpr uint32_t afs_files = 500;
 constexpr uint32_t efs_files = 7; // one for each block of the default geometry

@@ -8,9 +8,11 @@
 #include "flash_figures.h"
 #include "proof/builders.h"
 
+namespace builders = dolm::proof::builders;
+
 namespace {
 
-using builders::Bytes;
+using dolm::Bytes;
 
 // One file for each size: 64 bytes and 1 KiB share a block, 4 KiB takes two, the last one three.
 struct File {

@@ -7,9 +7,12 @@
 #include "proof/host_session.h"
 #include "ratio.h"
 
+namespace builders = dolm::proof::builders;
+namespace host_session = dolm::proof::host_session;
+
 namespace {
 
-using host_session::Bytes;
+using dolm::Bytes;
 using host_session::Inputs;
 
 constexpr size_t value_size = 64;

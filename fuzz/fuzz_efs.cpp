@@ -14,6 +14,8 @@
 #include "proof/builders.h"
 #include "proof/device.h"
 
+namespace builders = dolm::proof::builders;
+
 namespace {
 
 using damage::Image;
@@ -37,7 +39,7 @@ void load_geometry(uint32_t bm_num, uint32_t valid, uint32_t non_valid) {
                         {3, 2, 100, 10000},
                         {4, 5, 0, 65535}};
     table.geometry_rows = {geometry};
-    const builders::Bytes bytes = table.build();
+    const dolm::Bytes bytes = table.build();
     load_file_table(bytes.data(), 1, static_cast<uint32_t>(bytes.size()));
 }
 

@@ -7,7 +7,9 @@
 #include "fuzz/require.h"
 #include "proof/builders.h"
 
-using builders::Bytes;
+namespace builders = dolm::proof::builders;
+
+using dolm::Bytes;
 
 namespace {
 

@@ -12,6 +12,10 @@
 #include "fuzz/require.h"
 #include "proof/full_set.h"
 
+namespace builders = dolm::proof::builders;
+namespace host_session = dolm::proof::host_session;
+namespace full_set = dolm::proof::full_set;
+
 namespace {
 
 using full_set::FlashSet;

@@ -14,19 +14,14 @@
 #include "image/file_table.h"
 #include "proof/guarded_bytes.h"
 
-namespace builders {
-
-namespace fcs = dolm::fcs;
-namespace ftbl = dolm::ftbl;
-
-using dolm::Bytes;
+namespace dolm::proof::builders {
 
 inline void put16(Bytes &bytes, size_t at, uint32_t value) {
-    dolm::put_le(bytes, at, value, 2);
+    put_le(bytes, at, value, 2);
 }
 
 inline void put32(Bytes &bytes, size_t at, uint32_t value) {
-    dolm::put_le(bytes, at, value, 4);
+    put_le(bytes, at, value, 4);
 }
 
 // Adds size zero bytes and returns where they start.
@@ -175,4 +170,4 @@ inline void forget_file_table() {
     g_dfs_sku = 0xFFFFFFFF;
 }
 
-} // namespace builders
+} // namespace dolm::proof::builders

@@ -11,7 +11,7 @@
 #include "proof/flash_store.h"
 #include "proof/host_session.h"
 
-namespace full_set {
+namespace dolm::proof::full_set {
 
 inline constexpr uint8_t in_afs = 1;
 inline constexpr uint8_t in_efs = 2;
@@ -61,7 +61,7 @@ struct FlashSet : host_session::Inputs {
         table.sku_rows = {{1, {}}};
         table.geometry_rows = {geometry};
         std::vector<builders::StoreFile> base;
-        std::vector<dolm::AfsFileInput> afs_files;
+        std::vector<AfsFileInput> afs_files;
         for (const SetFile &file : files) {
             const auto fileno = static_cast<uint32_t>(base.size() + 1);
             table.sku_rows[0].entries.push_back(
@@ -73,13 +73,11 @@ struct FlashSet : host_session::Inputs {
         }
         ftbl = table.build();
         orvel = builders::store_of(base);
-        qfs = dolm::build_afs_image({.device_size = 65536, .data_eus = 4, .file_count = 128},
-                                    afs_files);
+        qfs = build_afs_image({.device_size = 65536, .data_eus = 4, .file_count = 128}, afs_files);
         efs = build_efs(files);
     }
 
-    builders::Bytes build_efs(const std::vector<SetFile> &files) {
-        using dolm::proof::expect_done;
+    Bytes build_efs(const std::vector<SetFile> &files) {
         expect_done(load_file_table(ftbl.data(), 1, static_cast<uint32_t>(ftbl.size())),
                     "the load of the file table");
         expect_done(EFS_init(1), "the format of EFS");
@@ -94,4 +92,4 @@ struct FlashSet : host_session::Inputs {
     }
 };
 
-} // namespace full_set
+} // namespace dolm::proof::full_set

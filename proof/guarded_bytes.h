@@ -13,9 +13,7 @@
 
 #include "image/bytes.h"
 
-namespace builders {
-
-using dolm::Bytes;
+namespace dolm::proof {
 
 // Read-only copy of bytes that ends where unreadable memory starts.
 class GuardedBytes {
@@ -73,4 +71,4 @@ class GuardedBytes {
     size_t map_size_;
 };
 
-} // namespace builders
+} // namespace dolm::proof

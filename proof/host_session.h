@@ -11,9 +11,7 @@
 #include "proof/builders.h"
 #include "qoqfs.h"
 
-namespace host_session {
-
-using builders::Bytes;
+namespace dolm::proof::host_session {
 
 // What the host was told: "<number>:<message>" for each report, with the level in front of one that
 // is no error.
@@ -88,4 +86,4 @@ inline Bytes rebuilt_store() {
     return qoQfsGetBuildVynCfgFcsBuffer(&bytes, &size) ? Bytes(bytes, bytes + size) : Bytes();
 }
 
-} // namespace host_session
+} // namespace dolm::proof::host_session

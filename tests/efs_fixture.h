@@ -16,8 +16,8 @@ namespace dolm_test {
 
 using namespace dolm::proof;
 
-using builders::Bytes;
 using builders::Geometry;
+using dolm::Bytes;
 
 // One file alone in its block, two in one block, one over two blocks with another behind its second
 // record that goes on in a third, one at the last offset, and one beyond the last block.

@@ -7,6 +7,8 @@
 #include "power_cut_run.h"
 #include "proof/efs_store.h"
 
+namespace builders = dolm::proof::builders;
+
 namespace dolm_test {
 namespace {
 
@@ -37,7 +39,7 @@ void load_layout(uint32_t threshold) {
         geometry.records.push_back(
             {word(place.number), word(place.block), word(place.offset), word(place.max_size)});
     }
-    const builders::Bytes table = builders::FileTable{{}, {geometry}}.build();
+    const dolm::Bytes table = builders::FileTable{{}, {geometry}}.build();
     load_file_table(table.data(), geometry.sku, static_cast<uint32_t>(table.size()));
 }
 

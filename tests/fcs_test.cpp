@@ -11,6 +11,10 @@
 #include "heap_double.h"
 #include "proof/builders.h"
 
+namespace builders = dolm::proof::builders;
+
+using dolm::Bytes;
+using dolm::proof::GuardedBytes;
 using namespace builders;
 
 namespace {

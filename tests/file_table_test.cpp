@@ -7,6 +7,10 @@
 #include "common/little_endian.h"
 #include "proof/builders.h"
 
+namespace builders = dolm::proof::builders;
+
+using dolm::Bytes;
+using dolm::proof::GuardedBytes;
 using namespace builders;
 
 namespace {

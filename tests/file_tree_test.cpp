@@ -10,6 +10,9 @@
 #include "common/little_endian.h"
 #include "proof/builders.h"
 
+namespace builders = dolm::proof::builders;
+
+using dolm::Bytes;
 using namespace builders;
 using namespace image_editor;
 

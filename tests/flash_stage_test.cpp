@@ -16,6 +16,11 @@
 #include "miniVfs.h"
 #include "proof/full_set.h"
 
+namespace builders = dolm::proof::builders;
+namespace host_session = dolm::proof::host_session;
+namespace full_set = dolm::proof::full_set;
+
+using dolm::Bytes;
 using namespace full_set;
 using namespace host_session;
 

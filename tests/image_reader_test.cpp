@@ -17,10 +17,14 @@
 #include "proof/efs_store.h"
 #include "proof/full_set.h"
 
+namespace builders = dolm::proof::builders;
+namespace host_session = dolm::proof::host_session;
+namespace full_set = dolm::proof::full_set;
+
 namespace {
 
 using namespace dolm;
-using builders::GuardedBytes;
+using dolm::proof::GuardedBytes;
 using proof::Files;
 
 std::span<const uint8_t> span_of(const GuardedBytes &guarded, const Bytes &bytes) {

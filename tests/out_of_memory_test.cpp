@@ -11,6 +11,11 @@
 #include "proof/full_set.h"
 #include "vynerrors.h"
 
+namespace builders = dolm::proof::builders;
+namespace host_session = dolm::proof::host_session;
+namespace full_set = dolm::proof::full_set;
+
+using dolm::Bytes;
 using namespace full_set;
 using namespace host_session;
 using builders::store_of;

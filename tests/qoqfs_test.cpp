@@ -11,6 +11,10 @@
 #include "proof/host_session.h"
 #include "vynerrors.h"
 
+namespace builders = dolm::proof::builders;
+namespace host_session = dolm::proof::host_session;
+
+using dolm::Bytes;
 using namespace host_session;
 using builders::FileTable;
 using builders::store_of;

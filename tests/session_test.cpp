@@ -5,6 +5,8 @@
 
 #include "proof/full_set.h"
 
+namespace full_set = dolm::proof::full_set;
+
 namespace {
 
 using dolmstorage::Failure;
