@@ -54,10 +54,8 @@ struct page_slot {
 
 page_slot make_page_slot(const void *data, uint32_t page) {
     page_slot slot;
-    // The checksum of the copy would have to wait for it.
-    const uint16_t crc = page_crc(static_cast<const uint8_t *>(data), page);
     std::memcpy(slot.bytes, data, AFS_PAGE_SIZE);
-    store_le16(slot.bytes + page_crc_offset, crc);
+    store_le16(slot.bytes + page_crc_offset, page_crc(slot.bytes, page));
     return slot;
 }
 
