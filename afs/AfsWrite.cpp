@@ -105,7 +105,8 @@ uint32_t allocate(afs_context *context, uint16_t &cid) {
 // Makes the contents of the chunk at the position: old bytes, zeros where there are none, and the
 // caller's data over them.
 uint32_t fill_chunk(write_job &job, uint8_t *chunk) {
-    if (job.offset <= job.position && job.left >= AFS_PAGE_SIZE) {
+    // Taken for rare, this copy would be made in the shortest way, not in the fastest.
+    if (job.offset <= job.position && job.left >= AFS_PAGE_SIZE) [[likely]] {
         std::memcpy(chunk, job.data, AFS_PAGE_SIZE);
         job.data += AFS_PAGE_SIZE;
         job.left -= AFS_PAGE_SIZE;
