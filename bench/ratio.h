@@ -21,20 +21,20 @@ inline double cpu_seconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Seconds that one call takes, over at least 10 ms of calls. The clock is read once for every
-// calls_at_once of them.
+// Seconds that one call takes, over at least 10 ms of calls. The clock is read after calls_at_once
+// of them, and then each time that there are twice as many, since to read it takes longer than some
+// of the calls.
 template <typename Operation>
-double seconds_per_call(Operation &operation, int calls_at_once) {
+double seconds_per_call(Operation &operation, int64_t calls_at_once) {
     const double start = cpu_seconds();
     double elapsed = 0;
     int64_t calls = 0;
-    do {
-        for (int i = 0; i < calls_at_once; ++i) {
+    for (int64_t target = calls_at_once; elapsed < 0.01; target *= 2) {
+        for (; calls < target; ++calls) {
             operation();
         }
-        calls += calls_at_once;
         elapsed = cpu_seconds() - start;
-    } while (elapsed < 0.01);
+    }
     return elapsed / static_cast<double>(calls);
 }
 
