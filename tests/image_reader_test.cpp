@@ -171,6 +171,22 @@ TEST_F(ImageReaders, CallNothingSoundThatIsNot) {
     EXPECT_GT(whole, 100U) << "most of the bytes do not matter to a file in force";
 }
 
+TEST_F(ImageReaders, JudgeARecordByItsPlace) {
+    const EfsImage image = read_efs_image(set.efs, layout);
+    for (const EfsPlace &place : layout.files) {
+        EXPECT_TRUE(is_good_record(set.efs, layout, image, place));
+    }
+    const EfsPlace places[] = {{0, 0, 0, 301},     // shorter than what is there
+                               {0, 3, 0, 1000},    // nothing is there
+                               {0, 0, 4, 1000},    // no record begins there
+                               {0, 0, 4073, 1000}, // none could
+                               {0, 7, 0, 1000}};
+    for (const EfsPlace &place : places) {
+        EXPECT_FALSE(is_good_record(set.efs, layout, image, place))
+            << place.block << " at " << place.offset;
+    }
+}
+
 TEST_F(ImageReaders, KnowAMemberByItsContentAlone) {
     const Bytes vync = host_session::with_head(set.orvel);
     const std::pair<const Bytes *, MemberKind> members[] = {

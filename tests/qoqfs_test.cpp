@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <ostream>
 #include <random>
 
 #include "frontend/fcs_tables.h"
@@ -130,13 +131,6 @@ TEST_F(FrontEnd, NvarAccess) {
     EXPECT_FALSE(qoqfsCheckNvarExists("/home/a", current)) << "before start-up";
     ASSERT_TRUE(inputs.start());
     EXPECT_TRUE(qoqfsCheckNvarExists("a", current)) << "the prefix may be left out";
-    EXPECT_FALSE(qoqfsCheckNvarExists("home/a", current));
-    EXPECT_FALSE(qoqfsCheckNvarExists(("/home/a" + std::string(300, 'x')).c_str(), current));
-    EXPECT_TRUE(reports.empty());
-    EXPECT_FALSE(qoqfsCheckNvarExists(nullptr, current));
-    EXPECT_FALSE(qoqfsCheckNvarExists("a", FCS_FILE_UNSET));
-    EXPECT_EQ(take_reports(), (Reports{"402:Null NVAR path", "337:"}));
-
     uint8_t *data = nullptr;
     uint32_t size = 7;
     bool writable = false;
@@ -147,24 +141,129 @@ TEST_F(FrontEnd, NvarAccess) {
     EXPECT_EQ(max_size, 8u);
     ASSERT_TRUE(qoQfsNvarGet("d", &data, &size, FCS_FILE_ORVEL_CFG, nullptr, nullptr));
     EXPECT_EQ(data, nullptr) << "an empty value";
-    EXPECT_FALSE(qoQfsNvarGet(nullptr, &data, &size, current, nullptr, nullptr));
-    EXPECT_FALSE(qoQfsNvarGet("b", nullptr, nullptr, current, nullptr, nullptr));
-    EXPECT_FALSE(qoQfsNvarGet("b", &data, nullptr, current, nullptr, nullptr));
-    EXPECT_EQ(take_reports(),
-              (Reports{"402:Null NVAR path", "402:Null data", "402:Null data size"}));
-    EXPECT_FALSE(qoQfsNvarGet("none", &data, &size, FCS_FILE_UNSET, &writable, &max_size));
-    EXPECT_EQ(data, nullptr);
-    EXPECT_EQ(size, 0u);
-    EXPECT_FALSE(qoQfsNvarResize(nullptr, &data, 1));
-    EXPECT_FALSE(qoQfsNvarResize("a", nullptr, 1));
-    EXPECT_FALSE(qoQfsNvarResize("c", &data, 1)) << "a name of the overriding table alone";
-    EXPECT_EQ(take_reports(),
-              (Reports{"337:", "39:", "402:Null NVAR path", "402:Null New NVAR data", "39:"}));
-    s_currentValuesTable.firstEntry->hidden = 1;
-    EXPECT_FALSE(qoQfsNvarGet("a", &data, &size, current, nullptr, nullptr));
-    EXPECT_FALSE(qoQfsNvarResize("a", &data, 1));
-    EXPECT_EQ(take_reports(), (Reports{"349:", "349:"}));
+    EXPECT_TRUE(reports.empty());
 }
+
+// ---- Every refusal between start-up and termination, with its reports ----
+
+class FrontEndRefusal : public FrontEnd {
+  public:
+    void SetUp() override { ASSERT_TRUE(inputs.start()); }
+
+    static std::string current_values() {
+        std::string all;
+        for (const FcsFileEntry *entry = s_currentValuesTable.firstEntry; entry != nullptr;
+             entry = entry->next) {
+            all += std::string(entry->name) + "=";
+            all.append(reinterpret_cast<const char *>(entry->data), entry->size) += '\n';
+        }
+        return all;
+    }
+    bool get(const char *path, FcsFileName table = FCS_FILE_CURRENT_VALUES) {
+        return qoQfsNvarGet(path, &data, &size, table, &writable, &max_size);
+    }
+    // Of the first entry, as no load leaves it.
+    static FcsFileEntry &first() { return *s_currentValuesTable.firstEntry; }
+
+    uint8_t byte = 0;
+    uint8_t *data = &byte;
+    uint32_t size = 7;
+    bool writable = true;
+    uint32_t max_size = 9;
+};
+
+using Test = FrontEndRefusal &;
+constexpr auto current = FCS_FILE_CURRENT_VALUES;
+
+struct Refusal {
+    const char *name;
+    bool (*call)(Test);
+    Reports reports;
+    bool clears = false; // what a get delivers
+};
+
+void PrintTo(const Refusal &test, std::ostream *out) {
+    *out << test.name;
+}
+
+const Refusal refusals[] = {
+    {"look_for_a_name_without_its_slash",
+     [](Test) { return qoqfsCheckNvarExists("home/a", current); },
+     {}},
+    {"look_for_the_head_of_a_name",
+     [](Test) { return qoqfsCheckNvarExists("/home/", current); },
+     {}},
+    {"look_for_a_name_that_is_too_long",
+     [](Test) { return qoqfsCheckNvarExists(("a" + std::string(300, 'x')).c_str(), current); },
+     {}},
+    {"look_for_no_name",
+     [](Test) { return qoqfsCheckNvarExists(nullptr, current); },
+     {"402:Null NVAR path"}},
+    {"look_in_no_table", [](Test) { return qoqfsCheckNvarExists("a", FCS_FILE_UNSET); }, {"337:"}},
+    {"get_without_a_name", [](Test t) { return t.get(nullptr); }, {"402:Null NVAR path"}},
+    {"get_without_data",
+     [](Test t) { return qoQfsNvarGet("a", nullptr, nullptr, current, &t.writable, nullptr); },
+     {"402:Null data"}},
+    {"get_without_size",
+     [](Test t) { return qoQfsNvarGet("a", &t.data, nullptr, current, nullptr, &t.max_size); },
+     {"402:Null data size"}},
+    {"get_of_no_nvar", [](Test t) { return t.get("none"); }, {"39:"}, true},
+    {"get_of_an_overriding_value_alone", [](Test t) { return t.get("c"); }, {"39:"}, true},
+    {"get_from_no_table", [](Test t) { return t.get("a", FCS_FILE_UNSET); }, {"337:", "39:"}, true},
+    {"get_of_what_is_hidden",
+     [](Test t) {
+         t.first().hidden = 1;
+         return t.get("a");
+     },
+     {"349:"},
+     true},
+    {"get_of_what_is_not_available",
+     [](Test t) {
+         t.first().available = 0;
+         return t.get("a");
+     },
+     {"349:"},
+     true},
+    {"resize_without_a_name",
+     [](Test t) { return qoQfsNvarResize(nullptr, &t.data, 1); },
+     {"402:Null NVAR path"}},
+    {"resize_without_data",
+     [](Test) { return qoQfsNvarResize("a", nullptr, 1); },
+     {"402:Null New NVAR data"}},
+    {"resize_of_no_nvar", [](Test t) { return qoQfsNvarResize("none", &t.data, 1); }, {"39:"}},
+    {"resize_of_an_overriding_value_alone",
+     [](Test t) { return qoQfsNvarResize("c", &t.data, 1); },
+     {"39:"}},
+    {"resize_of_what_is_hidden",
+     [](Test t) {
+         t.first().hidden = 1;
+         return qoQfsNvarResize("a", &t.data, 1);
+     },
+     {"349:"}},
+    {"built_bytes_into_nothing",
+     [](Test t) { return qoQfsGetBuildVynCfgFcsBuffer(nullptr, &t.size); },
+     {"402:VYN CFG buffer"}},
+    {"built_bytes_without_size",
+     [](Test t) { return qoQfsGetBuildVynCfgFcsBuffer(&t.data, nullptr); },
+     {"402:VYN CFG buffer"}},
+};
+
+class FrontEndRefusalTest : public FrontEndRefusal, public testing::WithParamInterface<Refusal> {};
+
+TEST_P(FrontEndRefusalTest, IsReportedAndChangesNothing) {
+    const std::string before = current_values();
+    EXPECT_FALSE(GetParam().call(*this));
+    EXPECT_EQ(take_reports(), GetParam().reports);
+    EXPECT_EQ(data, GetParam().clears ? nullptr : &byte);
+    EXPECT_EQ(size, GetParam().clears ? 0U : 7U);
+    EXPECT_TRUE(writable);
+    EXPECT_EQ(max_size, 9U);
+    EXPECT_EQ(current_values(), before);
+    EXPECT_TRUE(qoFcsIsInitialized());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, FrontEndRefusalTest, testing::ValuesIn(refusals),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(FrontEnd, ResizeKeepsTheHeadOfTheValue) {
     ASSERT_TRUE(inputs.start());
@@ -196,11 +295,6 @@ TEST_F(FrontEnd, TerminationRebuildsTheStoreAndStaysOpen) {
     EXPECT_TRUE(qoQfsNvarTerm(false));
     EXPECT_TRUE(rebuilt_store().empty());
     EXPECT_FALSE(qoQfsNvarTerm(false));
-
-    uint8_t *bytes = nullptr;
-    take_reports();
-    EXPECT_FALSE(qoQfsGetBuildVynCfgFcsBuffer(&bytes, nullptr));
-    EXPECT_EQ(take_reports(), Reports{"402:VYN CFG buffer"});
 }
 
 TEST_F(FrontEnd, TerminationRefusesValuesOverTheirLimit) {
