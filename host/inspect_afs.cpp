@@ -6,6 +6,7 @@
 #include "host/inspect.h"
 #include "host/utf8.h"
 #include "image/afs_image.h"
+#include "image/afs_records.h"
 
 namespace dolm {
 
@@ -69,9 +70,10 @@ size_t count_role(const AfsImage &image, AfsRole role) {
 
 void print_summary(std::ostream &out, const AfsImage &image, size_t size) {
     const AfsWear wear = afs_wear(image);
-    out << "AFS image of " << size << " bytes: " << image.eu_count << " EUs of 8192 bytes, "
-        << count_role(image, AfsRole::data) << " data, " << count_role(image, AfsRole::log)
-        << " log, " << count_role(image, AfsRole::spare) << " spare\n";
+    out << "AFS image of " << size << " bytes: " << image.eu_count << " EUs of " << afs::eu_size
+        << " bytes, " << count_role(image, AfsRole::data) << " data, "
+        << count_role(image, AfsRole::log) << " log, " << count_role(image, AfsRole::spare)
+        << " spare\n";
     if (image.has_file_system) {
         out << "File system: " << image.file_count << " file slots, " << image.files.size()
             << " used; " << image.chunk_count << " chunks of 64 bytes, " << image.used_chunks

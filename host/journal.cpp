@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "host/set_files.h"
+#include "host/set_members.h"
 #include "host/system.h"
 
 namespace dolm {

@@ -7,12 +7,13 @@
 #include <string>
 #include <string_view>
 
+#include "Afs.h"
 #include "host/content.h"
 #include "host/json_object.h"
 
 namespace dolm {
 
-inline constexpr uint32_t max_content = 262144; // bytes of any file in flash
+inline constexpr uint32_t max_content = AFS_MAX_FILE_SIZE; // EFS holds less
 
 // True for the members of a VALUE that hold numbers: "u8", "i32", "u16be" and so on.
 bool is_number_form(std::string_view key);

@@ -10,7 +10,7 @@ namespace dolm {
 
 namespace {
 
-constexpr uint32_t max_efs_file = 65534; // a length of 65535 means that there is no file
+constexpr uint32_t max_efs_file = efs::no_file - 1; // that length means that there is no file
 
 // Who has a place in the list of EFS files.
 struct EfsClaim {

@@ -103,12 +103,6 @@ Bytes read_file(const fs::path &path, uint64_t max_size) {
     }
 }
 
-bool is_member_name(const std::string &name) {
-    return name == settings_name ||
-           std::any_of(std::begin(set_members), std::end(set_members),
-                       [&](const SetMember &member) { return name == member.name; });
-}
-
 bool holds_set(const fs::path &folder) {
     return fs::exists(folder / settings_name) ||
            std::any_of(std::begin(set_members), std::end(set_members),

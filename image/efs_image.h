@@ -12,11 +12,9 @@
 #include <string>
 #include <vector>
 
-namespace dolm {
+#include "image/efs_records.h"
 
-namespace efs {
-constexpr uint32_t block_size = 4096;
-}
+namespace dolm {
 
 // A file of the list that belongs to an image.
 struct EfsPlace {

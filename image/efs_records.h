@@ -8,9 +8,10 @@
 #include <span>
 
 #include "image/bytes.h"
-#include "image/efs_image.h"
 
 namespace dolm::efs {
+
+constexpr uint32_t block_size = 4096;
 
 // BM: header with checksum at 12, then entries; the last one ends at 4095 at most.
 constexpr uint32_t header_size = 16;

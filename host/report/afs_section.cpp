@@ -55,7 +55,7 @@ Tile tile_of(const AfsEu &eu, size_t index) {
 
 Html fill_of(const AfsImage &image) {
     Html html;
-    html << "<p>" << counted(image.eu_count, "EU") << " of 8192 bytes. ";
+    html << "<p>" << counted(image.eu_count, "EU") << " of " << afs::eu_size << " bytes. ";
     if (image.has_file_system) {
         html << counted(image.files.size(), "file") << " in " << image.file_count << " slots; "
              << image.used_chunks << " of " << image.chunk_count << " chunks of 64 bytes are used, "
