@@ -219,6 +219,56 @@ TEST_F(Crash, FinishesWhateverPartOfAChangeIsLeft) {
     }
 }
 
+// What cannot be removed or renamed keeps its journal, so that the next command goes on.
+TEST_F(Crash, ARecoveryThatFailsIsTakenUpAgain) {
+    for (const std::string end : {"undo", "finish"}) {
+        restore("old", "now");
+        write_whole(folder / "now/set/.vync.cfg.x.new", read_whole(folder / "now/set/vync.cfg"));
+        const Folder whole = state();
+        write_whole(folder / ("now/set/dolm-change." + end),
+                    "dolm-change 1\nreplace vync.cfg .vync.cfg.x.new\nend\n");
+        const Folder before = state();
+        const Outcome failed = run_until("fail", 1, "list set --sku 1", true);
+        EXPECT_EQ(failed.code, 1);
+        EXPECT_NE(failed.err.find("could not be " + end), std::string::npos) << failed.err;
+        EXPECT_TRUE(state() == before);
+        EXPECT_EQ(run("list now/set --sku 1").code, 0);
+        Folder after = whole;
+        after.erase("set/.vync.cfg.x.new");
+        EXPECT_TRUE(state() == after);
+    }
+}
+
+// A file with a second name is written over, and once that has begun there is no way back.
+TEST_F(Crash, AFailureInAFileWithASecondNameLeavesItOldOrNew) {
+    const std::string change = "set set net/ntp new --sku 1";
+    const auto run_with_link = [&](int n) {
+        restore("old", "now");
+        fs::create_hard_link(folder / "now/set/vync.cfg", folder / "now/same");
+        return run_until("fail", n, change, true);
+    };
+    const Folder old = snapshot(folder / "old");
+    ASSERT_EQ(run_with_link(0).code, 0);
+    Folder changed = state();
+    EXPECT_EQ(changed["same"], changed["set/vync.cfg"]);
+    changed.erase("same");
+    int failures = 0;
+    for (int n = 1;; ++n) {
+        SCOPED_TRACE("failing at call " + std::to_string(n));
+        const Outcome outcome = run_with_link(n);
+        if (outcome.code == 0 && outcome.err.find("warning: the change") == std::string::npos) {
+            break;
+        }
+        ++failures;
+        EXPECT_EQ(run("list now/set --sku 1").code, 0);
+        Folder now = state();
+        EXPECT_TRUE(now["same"] == now["set/vync.cfg"]);
+        now.erase("same");
+        EXPECT_TRUE(now == (outcome.code == 0 ? changed : old));
+    }
+    EXPECT_GT(failures, 12);
+}
+
 TEST_F(Crash, ChangesAtTheSameTimeAreAllKept) {
     restore("old", "now");
     const char *names[] = {"net/ntp",     "net/dns",     "net/gateway",  "net/address",
