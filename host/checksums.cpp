@@ -38,14 +38,15 @@ bool is_possible(const Checksums &checksums) {
 
 std::span<const uint8_t> block_of(const Bytes &file, const Checksums &checksums, size_t index) {
     const size_t begin = std::min<size_t>(file.size(), index * checksums.block);
-    const size_t end = std::min<size_t>(begin + checksums.block, checksums.size);
+    const auto end =
+        static_cast<size_t>(std::min<uint64_t>(begin + checksums.block, checksums.size));
     return std::span(file).subspan(begin, std::min(end, file.size()) - begin);
 }
 
 std::vector<size_t> changed_blocks(const Bytes &file, const Checksums &checksums) {
     std::vector<size_t> changed;
     for (size_t i = 0; i < checksums.crc32s.size(); ++i) {
-        const size_t due = std::min<size_t>(checksums.block, checksums.size - i * checksums.block);
+        const auto due = std::min<uint64_t>(checksums.block, checksums.size - i * checksums.block);
         const auto bytes = block_of(file, checksums, i);
         if (bytes.size() != due || efs::crc32(bytes) != checksums.crc32s[i]) {
             changed.push_back(i);

@@ -97,7 +97,8 @@ class Mender {
             if (begin == end) {
                 mended.payload.emplace();
             } else if (is_there) {
-                mended.payload = bytes_.subspan(begin, end - begin);
+                mended.payload =
+                    bytes_.subspan(static_cast<size_t>(begin), static_cast<size_t>(end - begin));
             } else if (mended.doubt.empty()) {
                 mended.doubt = "its value runs past the end";
             }
@@ -121,7 +122,7 @@ class Mender {
         if (at + least > bytes_.size()) {
             return false;
         }
-        const auto rest = bytes_.subspan(at);
+        const auto rest = bytes_.subspan(static_cast<size_t>(at));
         return (rest[0] == 0 || rest[0] == 0xFF) &&
                std::all_of(rest.begin(), rest.end(), [&](uint8_t byte) { return byte == rest[0]; });
     }

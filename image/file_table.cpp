@@ -26,8 +26,9 @@ class Reader {
             }
         }
         const uint64_t section = head_size + uint64_t{table.row_count} * row_size;
-        if (has(section, head_size) && get_le32(bytes_, section) == efst_magic) {
-            read_section(table, section);
+        if (has(section, head_size) &&
+            get_le32(bytes_, static_cast<size_t>(section)) == efst_magic) {
+            read_section(table, static_cast<size_t>(section));
         }
         return table;
     }

@@ -53,10 +53,13 @@ class Mender {
 
     bool is_entry(uint64_t at) const {
         return has(at, entry_size) &&
-               is_plausible_entry(std::span(mended_.bytes).subspan(at, entry_size));
+               is_plausible_entry(
+                   std::span(mended_.bytes).subspan(static_cast<size_t>(at), entry_size));
     }
 
-    uint32_t number_at(size_t entry) const { return word(entry + entry_number_offset); }
+    uint32_t number_at(uint64_t entry) const {
+        return word(static_cast<size_t>(entry) + entry_number_offset);
+    }
 
     // More than half of a row's entries can be ones, the first among them.
     bool is_row(size_t at) const {

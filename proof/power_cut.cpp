@@ -313,10 +313,10 @@ bool Explorer::cut_somewhere(Image &image, const Recording &recording, State &st
     if (recording.events.empty()) {
         return false;
     }
-    const size_t k = random % recording.events.size();
+    const auto k = static_cast<size_t>(random % recording.events.size());
     const DeviceEvent &event = recording.events[k];
     const std::vector<Tear> all = tears_of(store_, event);
-    const Tear tear = all[(random >> 24) % all.size()];
+    const Tear tear = all[static_cast<size_t>((random >> 24) % all.size())];
     Image reached = image;
     for (size_t i = 0; i < k; ++i) {
         apply(reached, recording.events[i]);

@@ -504,7 +504,7 @@ TEST(AfsFiles, RandomRunWithRemountsAgreesWithAModel) {
             const uint32_t start = close_to_a_chunk_border();
             std::vector<uint8_t> wanted = files[file];
             wanted.erase(wanted.begin(),
-                         wanted.begin() + std::min<long>(start, std::ssize(wanted)));
+                         wanted.begin() + std::min<ptrdiff_t>(start, std::ssize(wanted)));
             wanted.resize(std::min<size_t>(count, wanted.size()));
             std::vector<uint8_t> range(count);
             ASSERT_EQ(afs_readfile(store.context(), static_cast<int32_t>(file), start, &count,

@@ -25,7 +25,7 @@ struct Changed {
         return blocks.size() > all / 2 + 1 || (all > 1 && blocks.size() == all);
     }
     // What lies behind all that has checksums is new.
-    bool holds(size_t at) const {
+    bool holds(uint64_t at) const {
         return at >= recorded->size ||
                std::binary_search(blocks.begin(), blocks.end(), at / recorded->block);
     }
@@ -132,7 +132,7 @@ class ChangeCheck {
     Remark cause_of(const Changed &changed) const {
         const char *file = changed.file();
         if (!changed.has_size()) {
-            const size_t end = std::min<size_t>(changed.bytes->size(), changed.recorded->size);
+            const uint64_t end = std::min<uint64_t>(changed.bytes->size(), changed.recorded->size);
             return {file, changed.is_another() ? "" : at_offset(end, "end of the file"),
                     "has " + counted(changed.bytes->size(), "byte") + ", and " +
                         std::to_string(changed.recorded->size) + " when dolm wrote it" +
@@ -179,7 +179,7 @@ class ChangeCheck {
     const Finding *finding_inside(const Changed &changed) const {
         const Finding *note = nullptr;
         for (const Finding &finding : findings_.all()) {
-            const size_t at = std::strtoull(finding.cause.place.c_str(), nullptr, 16);
+            const uint64_t at = std::strtoull(finding.cause.place.c_str(), nullptr, 16);
             if (finding.cause.file != changed.file() || !finding.cause.place.starts_with("0x") ||
                 !changed.holds(at)) {
                 continue;
