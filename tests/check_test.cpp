@@ -332,7 +332,8 @@ TEST_F(Check, MixedUpSetsAreToldAsSuch) {
          "holds a store of overriding values"},
         {"a member twice",
          [&] {
-             fs::copy(set / "ftbl.bin", set / "vync.cfg", fs::copy_options::overwrite_existing);
+             remove({"vync.cfg"});
+             fs::copy(set / "ftbl.bin", set / "vync.cfg");
          },
          "vync.cfg", "holds a file table"},
         {"no file table", [&] { remove({"ftbl.bin"}); }, "ftbl.bin", "is missing"},

@@ -165,12 +165,12 @@ TEST(FileTableTest, LoadsTheEfsGeometryAndFileList) {
     // short for them has to go.
     const size_t row = source.geometry_at(1);
     const auto whole = static_cast<uint32_t>(good.size());
-    Bytes far = good;
+    Bytes distant = good;
     for (const auto &[records, slots, stored] :
          {std::tuple(whole, 2u, 4u), {whole + 1, 2, 2}, {whole + 1, 5, 5}}) {
-        put32(far, row + 4, records);
-        put32(far, row + 28, slots);
-        EXPECT_EQ(load(far, 0x105), 1u);
+        put32(distant, row + 4, records);
+        put32(distant, row + 28, slots);
+        EXPECT_EQ(load(distant, 0x105), 1u);
         EXPECT_EQ(geometry(), std::tuple(3u, 255u, 1u, stored, 9u, 0xFE));
         EXPECT_EQ(EFS_files != nullptr, slots == 2);
         EXPECT_EQ(g_efs_autogen_data_loaded, slots == 2);

@@ -13,11 +13,28 @@ bool has_failed = false;
 long allocations_left = 0;
 size_t in_use = 0;
 
-void start(long number, bool is_lasting) {
+void fail(long number, bool is_lasting) {
     active = true;
     lasting = is_lasting;
     has_failed = false;
     allocations_left = number;
+}
+
+// The first exception for which there is no memory makes MinGW's run time allocate a lock, without
+// which it goes astray. Here it has that memory.
+bool settle_run_time() {
+    fail(0, false);
+    try {
+        throw 0;
+    } catch (int) {
+    }
+    active = false;
+    return true;
+}
+
+void start(long number, bool is_lasting) {
+    [[maybe_unused]] static const bool settled = settle_run_time();
+    fail(number, is_lasting);
 }
 
 bool fails_now() {
@@ -28,8 +45,16 @@ bool fails_now() {
     return has_failed;
 }
 
+size_t size_of(void *memory) {
+#ifdef _WIN32
+    return memory != nullptr ? _msize(memory) : 0;
+#else
+    return malloc_usable_size(memory);
+#endif
+}
+
 void *counted(void *memory) {
-    in_use += malloc_usable_size(memory);
+    in_use += size_of(memory);
     return memory;
 }
 
@@ -80,14 +105,14 @@ void *__wrap_realloc(void *memory, size_t size) {
     if (fails_now()) {
         return nullptr;
     }
-    const size_t before = malloc_usable_size(memory);
+    const size_t before = size_of(memory);
     void *moved = __real_realloc(memory, size);
     in_use -= moved != nullptr ? before : 0;
     return counted(moved);
 }
 
 void __wrap_free(void *memory) {
-    in_use -= malloc_usable_size(memory);
+    in_use -= size_of(memory);
     __real_free(memory);
 }
 }
