@@ -1,6 +1,7 @@
 #include "image/afs_history.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "image/afs_records.h"
@@ -18,12 +19,14 @@ constexpr size_t forever = SIZE_MAX;
 class Fat {
   public:
     explicit Fat(const Geometry &geometry)
-        : geometry_(geometry), pages_(geometry.page_count()), is_bad_(geometry.page_count()) {}
+        : geometry_(geometry), pages_(geometry.page_count()), is_bad_(geometry.page_count()),
+          is_mended_(geometry.page_count()) {}
 
     // A page without a copy reads as zeros; of one whose newest copy is bad nothing is known.
-    void put(uint32_t page, std::span<const uint8_t> data, bool is_good) {
-        pages_[page] = data;
-        is_bad_[page] = !is_good;
+    void put(const LogPage &page, std::span<const uint8_t> data) {
+        pages_[page.page] = data;
+        is_bad_[page.page] = !page.is_good;
+        is_mended_[page.page] = page.is_mended;
     }
 
     // From now on nothing is known but what is written again.
@@ -32,6 +35,7 @@ class Fat {
     static uint32_t page_of_entry(uint32_t cid) { return (fs_header_size + 2 * cid) / page_size; }
 
     bool is_known(uint32_t cid) const { return !is_bad_[page_of_entry(cid)]; }
+    bool is_mended(uint32_t page) const { return is_mended_[page]; }
 
     uint16_t entry(uint32_t cid) const {
         const auto page = pages_[page_of_entry(cid)];
@@ -46,6 +50,7 @@ class Fat {
     const Geometry &geometry_;
     std::vector<std::span<const uint8_t>> pages_;
     std::vector<bool> is_bad_;
+    std::vector<bool> is_mended_;
 };
 
 // What the metadata say of a file.
@@ -115,7 +120,7 @@ class History {
         : bytes_(bytes), remains_(std::move(remains)), geometry_(remains_.geometry) {}
 
     AfsHistory run() {
-        note_sequences();
+        mend_pages();
         place_units_without_sequence();
         look_behind_the_log();
         replay();
@@ -124,10 +129,11 @@ class History {
         history.file_count = geometry_.file_count;
         history.chunk_count = geometry_.chunk_count;
         history.doubts = remains_.doubts;
-        const std::vector<Chain> now = read_all(counted_fat(remains_.log));
+        const Fat fat = counted_fat(remains_.log);
+        const std::vector<Chain> now = read_all(fat);
         const std::vector<uint32_t> claims = count_claims(now);
         for (uint32_t file = 0; file < geometry_.file_count; ++file) {
-            AfsFileHistory found = judge(file, now[file], claims);
+            AfsFileHistory found = judge(file, now[file], fat, claims);
             add_versions(found, now[file]);
             if (found.state != AfsFileHistory::State::absent || !found.versions.empty()) {
                 history.files.push_back(std::move(found));
@@ -140,7 +146,25 @@ class History {
     using State = AfsFileHistory::State;
 
     std::span<const uint8_t> page_bytes(const LogPage &page) const {
-        return bytes_.subspan(log_record_at(page.eu, page.slot), page_size);
+        const size_t at = log_record_at(page.eu, page.slot);
+        return page.is_mended ? mended_pages_.at(at) : bytes_.subspan(at, page_size);
+    }
+
+    // A page of the log with one wrong bit.
+    void mend_pages() {
+        for (LogUnit &unit : remains_.log) {
+            for (LogPage &page : unit.pages) {
+                const size_t at = log_record_at(page.eu, page.slot);
+                if (page.is_good || page.page == unknown_page) {
+                    continue;
+                }
+                if (auto mended = with_bit_put_right(page_record(bytes_, at), page.page)) {
+                    mended_pages_.emplace(at, std::move(*mended));
+                    page.is_good = true;
+                    page.is_mended = true;
+                }
+            }
+        }
     }
 
     // What a mount reads.
@@ -169,28 +193,18 @@ class History {
     // Whether a unit with pages of the log may have stood between two, and been reclaimed or lost.
     bool is_gap(uint32_t before, const LogUnit &unit) const {
         for (uint32_t i = before + 1; unit.sequence && i < *unit.sequence; ++i) {
-            if (!sequences_.contains(i)) {
+            if (!remains_.sequences.contains(i)) {
                 return true;
             }
         }
         return !unit.sequence;
     }
 
-    void note_sequences() {
-        for (const LogUnit &unit : remains_.log) {
-            sequences_.insert(unit.sequence.value_or(0));
-        }
-        for (const auto &row : remains_.rows) {
-            sequences_.insert(row ? row->sequence : 0);
-        }
-        sequences_.insert(remains_.spare_row ? remains_.spare_row->sequence : 0);
-    }
-
     void put(Fat &fat, const LogPage &page) const {
         if (page.page == unknown_page) {
             fat.forget();
         } else {
-            fat.put(page.page, page_bytes(page), page.is_good);
+            fat.put(page, page_bytes(page));
         }
     }
 
@@ -212,21 +226,103 @@ class History {
         return claims;
     }
 
-    // A log unit whose header does not tell its time is put where its pages contradict the others
-    // least.
+    using Log = std::vector<LogUnit>;
+
+    // Log units whose headers do not tell their time are put where their pages contradict the
+    // others least. Where several orders do, a file is known that they agree on.
     void place_units_without_sequence() {
-        std::vector<LogUnit> &log = remains_.log;
+        Log &log = remains_.log;
         const auto known = std::stable_partition(
             log.begin(), log.end(), [](const LogUnit &unit) { return unit.sequence.has_value(); });
-        std::vector<LogUnit> unplaced(known, log.end());
+        const Log unplaced(known, log.end());
         log.erase(known, log.end());
-        for (const LogUnit &unit : unplaced) {
-            if (unplaced.size() > 1 || !place(unit)) {
-                remains_.doubts.push_back("the header of EU " + std::to_string(unit.eu) +
-                                          " does not tell the time of its pages");
-                remains_.is_log_whole = false;
+        if (unplaced.empty()) {
+            return;
+        }
+        std::vector<Log> fitting;
+        std::vector<std::vector<Chain>> readings;
+        size_t fewest = SIZE_MAX;
+        for (Log &order : possible_orders(unplaced)) {
+            std::vector<Chain> chains = read_all(counted_fat(order));
+            const size_t contradictions = count_contradictions(chains);
+            if (contradictions < fewest) {
+                fewest = contradictions;
+                fitting.clear();
+                readings.clear();
+            }
+            if (contradictions == fewest) {
+                fitting.push_back(std::move(order));
+                readings.push_back(std::move(chains));
             }
         }
+        if (fitting.size() != 1) {
+            remains_.doubts.push_back("the header of EU " + std::to_string(unplaced.front().eu) +
+                                      " does not tell the time of its pages");
+        }
+        if (fitting.empty()) {
+            remains_.is_log_whole = false;
+            return;
+        }
+        log = std::move(fitting.back());
+        is_order_known_ = fitting.size() == 1;
+        for (uint32_t file = 0; file < geometry_.file_count; ++file) {
+            is_disputed_.push_back(std::any_of(readings.begin(), readings.end(),
+                                               [&](const std::vector<Chain> &chains) {
+                                                   return !(chains[file] == readings.front()[file]);
+                                               }));
+        }
+    }
+
+    // None if there are too many to try.
+    std::vector<Log> possible_orders(const Log &unplaced) const {
+        constexpr size_t max_orders = 1000;
+        std::vector<Log> orders{remains_.log};
+        for (const LogUnit &unit : unplaced) {
+            std::vector<Log> longer;
+            for (const Log &order : orders) {
+                for (size_t at = 0; at <= order.size() && longer.size() <= max_orders; ++at) {
+                    longer.push_back(order);
+                    longer.back().insert(longer.back().begin() + static_cast<std::ptrdiff_t>(at),
+                                         unit);
+                }
+            }
+            orders = std::move(longer);
+        }
+        if (orders.size() > max_orders) {
+            return {};
+        }
+        std::erase_if(orders, [&](const Log &order) { return !is_possible(order); });
+        return orders;
+    }
+
+    // The unit that has room is the last one, and a unit without a sequence had one that no header
+    // has.
+    bool is_possible(const Log &order) const {
+        const auto last = std::find_if(order.rbegin(), order.rend(),
+                                       [](const LogUnit &unit) { return unit.counts; });
+        uint32_t before = 0;
+        uint32_t untold = 0;
+        for (const LogUnit &unit : order) {
+            if (unit.counts && !unit.is_full && &unit != &*last) {
+                return false;
+            }
+            if (!unit.sequence) {
+                ++untold;
+                continue;
+            }
+            if (untold > count_free_sequences(before, *unit.sequence)) {
+                return false;
+            }
+            before = *unit.sequence;
+            untold = 0;
+        }
+        return true;
+    }
+
+    uint32_t count_free_sequences(uint32_t before, uint32_t behind) const {
+        const auto taken = std::distance(remains_.sequences.upper_bound(before),
+                                         remains_.sequences.lower_bound(behind));
+        return behind - before - 1 - static_cast<uint32_t>(taken);
     }
 
     // Pages that are newer than the log, as far as its entries tell it. A cut leaves copies of
@@ -252,67 +348,36 @@ class History {
         }
     }
 
-    // False if what is newest depends on the place, and nothing speaks for one.
-    bool place(const LogUnit &unit) {
-        std::vector<LogUnit> &log = remains_.log;
-        const auto last = std::find_if(log.rbegin(), log.rend(),
-                                       [](const LogUnit &other) { return other.counts; });
-        const bool has_head = last != log.rend() && !last->is_full;
-        if (has_head && !unit.is_full) {
-            return false;
-        }
-        size_t fewest = SIZE_MAX;
-        std::vector<size_t> fitting;
-        std::vector<Chain> best;
-        bool is_certain = true;
-        // The unit that has room is the last one.
-        const size_t begin = unit.is_full ? 0 : log.size();
-        const size_t end = has_head ? log.size() - 1 : log.size();
-        for (size_t at = begin; at <= end; ++at) {
-            std::vector<LogUnit> tried = log;
-            tried.insert(tried.begin() + static_cast<std::ptrdiff_t>(at), unit);
-            std::vector<Chain> chains = read_all(counted_fat(tried));
-            const size_t contradictions = count_contradictions(chains);
-            if (contradictions < fewest) {
-                fewest = contradictions;
-                fitting.assign(1, at);
-                is_certain = true;
-                best = std::move(chains);
-            } else if (contradictions == fewest) {
-                fitting.push_back(at);
-                is_certain = is_certain && chains == best;
-            }
-        }
-        if (is_certain) {
-            log.insert(log.begin() + static_cast<std::ptrdiff_t>(fitting.back()), unit);
-            is_order_known_ = is_order_known_ && fitting.size() == 1;
-        }
-        return is_certain;
-    }
-
-    // Chains that lead astray or to each other's chunks.
+    // Chains that lead astray, to each other's chunks or to what is none.
     size_t count_contradictions(const std::vector<Chain> &chains) const {
         const std::vector<uint32_t> claims = count_claims(chains);
         return static_cast<size_t>(
             std::count_if(chains.begin(), chains.end(), [&](const Chain &chain) {
                 return chain.kind == Chain::Kind::astray ||
-                       std::any_of(chain.chunks.begin(), chain.chunks.end(),
-                                   [&](uint32_t chunk) { return claims[chunk] != 1; });
+                       std::any_of(chain.chunks.begin(), chain.chunks.end(), [&](uint32_t chunk) {
+                           return claims[chunk] != 1 || !place_of_chunk(chunk);
+                       });
             }));
     }
 
-    // Where a good and complete chunk lies in a unit.
+    // Where a good chunk lies in a unit, whatever its status says.
     std::optional<size_t> place_in(const std::optional<DataUnit> &unit, uint32_t chunk) const {
-        const uint32_t slot = chunk % data_slots;
-        if (!unit || bytes_[status_at(unit->eu, slot)] != status_complete) {
+        if (!unit) {
             return std::nullopt;
         }
-        const size_t at = data_record_at(unit->eu, slot);
+        const size_t at = data_record_at(unit->eu, chunk % data_slots);
         const bool is_good = page_is_good(page_record(bytes_, at), geometry_.page_count() + chunk);
-        return is_good ? std::optional(at) : std::nullopt;
+        return is_good && !is_erased(page_record(bytes_, at)) ? std::optional(at) : std::nullopt;
     }
     std::optional<size_t> place_of_chunk(uint32_t chunk) const {
         return place_in(remains_.rows[chunk / data_slots], chunk);
+    }
+    std::optional<size_t> complete_place_in(const std::optional<DataUnit> &unit,
+                                            uint32_t chunk) const {
+        return is_complete(unit, chunk) ? place_in(unit, chunk) : std::nullopt;
+    }
+    bool is_complete(const std::optional<DataUnit> &unit, uint32_t chunk) const {
+        return unit && bytes_[status_at(unit->eu, chunk % data_slots)] == status_complete;
     }
 
     // Goes through the log and notes what every file had, and when.
@@ -402,7 +467,8 @@ class History {
         for (uint32_t chunk = 0; chunk < geometry_.chunk_count; ++chunk) {
             const auto &unit = remains_.rows[chunk / data_slots];
             if (unit && !tenures_[chunk].empty() &&
-                bytes_[status_at(unit->eu, chunk % data_slots)] == status_free) {
+                bytes_[status_at(unit->eu, chunk % data_slots)] == status_free &&
+                is_erased(page_record(bytes_, data_record_at(unit->eu, chunk % data_slots)))) {
                 is_reclaimed_[chunk / data_slots] = true;
             }
         }
@@ -420,11 +486,11 @@ class History {
         }
         const uint32_t row = chunk / data_slots;
         const auto &unit = remains_.rows[row];
-        if (!unit) {
+        if (!unit || !unit->is_certain || (!is_order_known_ && !is_first(*unit))) {
             return std::nullopt;
         }
         if (is_as_it_was(*unit, time)) {
-            return place_in(unit, chunk);
+            return complete_place_in(unit, chunk);
         }
         if (time < last_gap_) {
             return std::nullopt;
@@ -432,7 +498,7 @@ class History {
         const bool is_last = held + 1 == tenures.end();
         const bool is_held = held->end == forever && remains_.is_log_whole;
         if (is_last && (is_held || !is_reclaimed_[row])) {
-            if (const auto at = place_in(unit, chunk)) {
+            if (const auto at = complete_place_in(unit, chunk)) {
                 return at;
             }
         }
@@ -440,7 +506,7 @@ class History {
         const bool is_erased = bytes_[status_at(unit->eu, chunk % data_slots)] == status_free;
         if (remains_.spare_row && remains_.spare_row_index == row && held->end != forever &&
             (is_last ? is_erased : held + 2 == tenures.end())) {
-            return place_in(remains_.spare_row, chunk);
+            return complete_place_in(remains_.spare_row, chunk);
         }
         return std::nullopt;
     }
@@ -453,11 +519,15 @@ class History {
 
     // The unit is older than the time, and between two reclaims a chunk is written once.
     bool is_as_it_was(const DataUnit &unit, size_t time) const {
-        return unit.sequence != 0 && unit.is_certain &&
-               (unit.sequence < remains_.eu_count || unit.sequence < times_[time].sequence);
+        return is_first(unit) || (unit.sequence != 0 && unit.sequence < times_[time].sequence);
     }
 
-    AfsFileHistory judge(uint32_t file, const Chain &chain,
+    // No unit was reclaimed into it since the format: every chunk in it was written once.
+    bool is_first(const DataUnit &unit) const {
+        return unit.sequence != 0 && unit.sequence < remains_.eu_count;
+    }
+
+    AfsFileHistory judge(uint32_t file, const Chain &chain, const Fat &fat,
                          const std::vector<uint32_t> &claims) const {
         AfsFileHistory found;
         found.number = file;
@@ -466,6 +536,9 @@ class History {
             found.why = std::move(why);
             return found;
         };
+        if (!is_disputed_.empty() && is_disputed_[file]) {
+            return say(State::damaged, remains_.doubts.front());
+        }
         if (chain.kind == Chain::Kind::unknown) {
             return say(State::damaged, "page " + std::to_string(chain.pages.back()) +
                                            " of the metadata fails its checksum");
@@ -476,7 +549,7 @@ class History {
         if (chain.kind == Chain::Kind::absent) {
             return remains_.doubts.empty() ? found : say(State::absent, remains_.doubts.front());
         }
-        bool is_certain = true;
+        std::string doubt = remains_.doubts.empty() ? "" : remains_.doubts.front();
         for (const uint32_t chunk : chain.chunks) {
             if (claims[chunk] > 1) {
                 return say(State::shared,
@@ -488,17 +561,34 @@ class History {
                                (remains_.rows[chunk / data_slots] ? " is damaged"
                                                                   : " lies in no erase unit"));
             }
-            is_certain = is_certain && remains_.rows[chunk / data_slots]->is_certain;
+            const auto &unit = remains_.rows[chunk / data_slots];
+            if (!unit->is_certain) {
+                return say(State::doubtful, "an erase unit may hold chunks of another time");
+            }
+            if (!is_complete(unit, chunk)) {
+                doubt = "the status of chunk " + std::to_string(chunk) + " is damaged";
+            }
         }
-        if (!remains_.is_log_whole) { // its chunks may have gone to others unseen
+        for (const uint32_t page : chain.pages) {
+            if (fat.is_mended(page)) {
+                doubt = "page " + std::to_string(page) + " of the metadata had a wrong bit";
+            }
+        }
+        if (!remains_.is_log_whole && !is_head_known()) {
             return say(State::doubtful, remains_.doubts.front());
         }
         found.has_current = true;
-        if (!is_certain) {
-            return say(State::doubtful, "an erase unit may hold chunks of another time");
-        }
-        return remains_.doubts.empty() ? say(State::sound, "")
-                                       : say(State::doubtful, remains_.doubts.front());
+        const State state = doubt.empty() ? State::sound : State::doubtful;
+        return say(state, std::move(doubt));
+    }
+
+    // A unit that has room is the last one of the log: whatever may be lost is older than its
+    // pages.
+    bool is_head_known() const {
+        const auto last =
+            std::find_if(remains_.log.rbegin(), remains_.log.rend(),
+                         [](const LogUnit &unit) { return unit.counts && unit.sequence; });
+        return last != remains_.log.rend() && !last->is_full;
     }
 
     void add_versions(AfsFileHistory &found, const Chain &now) const {
@@ -508,9 +598,6 @@ class History {
                 version.chunks_at.push_back(*place_of_chunk(chunk));
             }
             found.versions.push_back(std::move(version));
-        }
-        if (!is_order_known_) {
-            return; // nothing is known of what was when
         }
         const std::vector<Version> &had = versions_[found.number];
         for (auto version = had.rbegin(); version != had.rend(); ++version) {
@@ -540,6 +627,8 @@ class History {
         return placed;
     }
 
+    std::map<size_t, std::vector<uint8_t>> mended_pages_; // by their offset
+
     struct Time {
         uint32_t sequence; // of the unit in which the page lies
         LogPage page;
@@ -553,7 +642,7 @@ class History {
     std::vector<std::vector<Version>> versions_; // by file
     std::vector<bool> is_reclaimed_;             // by row
     bool is_order_known_ = true;                 // of the log
-    std::set<uint32_t> sequences_;               // of units that are there
+    std::vector<bool> is_disputed_;              // by file: it depends on that order
     size_t last_gap_ = 0;                        // time behind the last gap in the log
 };
 

@@ -84,6 +84,19 @@ bool page_is_good(PageRecord record, uint32_t page) {
            get_le16(record, page_size);
 }
 
+std::optional<std::vector<uint8_t>> with_bit_put_right(PageRecord record, uint32_t page) {
+    std::vector<uint8_t> mended(record.begin(), record.end());
+    for (size_t bit = 0; bit < size_t{record_size} * 8; ++bit) {
+        const auto mask = static_cast<uint8_t>(1 << bit % 8);
+        mended[bit / 8] ^= mask;
+        if (page_is_good(PageRecord(mended), page)) {
+            return mended;
+        }
+        mended[bit / 8] ^= mask;
+    }
+    return std::nullopt;
+}
+
 std::optional<uint16_t> page_of(PageRecord record, uint32_t page_count) {
     const uint16_t crc = crc16(0xFFFF, record.first<page_size>());
     const uint16_t wanted = get_le16(record, page_size);

@@ -1,10 +1,12 @@
 // The records of an AFS image as the readers see them: sizes, values and checksums.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "image/bytes.h"
 
@@ -87,6 +89,13 @@ inline PageRecord page_record(std::span<const uint8_t> bytes, size_t offset) {
 
 // Every page carries its own number in its checksum, so that one in the wrong place fails.
 bool page_is_good(PageRecord record, uint32_t page);
+
+// The page as it was if one wrong bit, in it or in its checksum, explains that the checksum fails.
+std::optional<std::vector<uint8_t>> with_bit_put_right(PageRecord record, uint32_t page);
+
+inline bool is_erased(std::span<const uint8_t> bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0xFF; });
+}
 
 // The page below page_count whose number the checksum of a record carries, if there is one.
 std::optional<uint16_t> page_of(PageRecord record, uint32_t page_count);

@@ -34,10 +34,6 @@ uint32_t count_eus(std::span<const uint8_t> bytes) {
     return static_cast<uint32_t>(std::min<size_t>(bytes.size() / eu_size, max_eu_count));
 }
 
-bool is_erased(std::span<const uint8_t> bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0xFF; });
-}
-
 // A header as it was before its magic was changed, by being given up or by damage.
 struct UnitHeader {
     bool counts = false; // valid, committed or not
@@ -82,6 +78,9 @@ class Reader {
     Remains run() {
         for (uint32_t eu = 0; eu < remains_.eu_count; ++eu) {
             headers_.push_back(read_header(bytes_, eu));
+            if (headers_.back().is_told) {
+                remains_.sequences.insert(headers_.back().sequence);
+            }
         }
         choose_spare();
         for (uint32_t eu = 0; eu < remains_.eu_count; ++eu) {
@@ -116,18 +115,17 @@ class Reader {
     // was given up in order is older than the header of the unit that took its place.
     void choose_spare() {
         std::optional<uint32_t> newest;
-        size_t invalid = 0;
         std::optional<uint32_t> pending;
         for (uint32_t eu = 0; eu < remains_.eu_count; ++eu) {
             const UnitHeader &header = headers_[eu];
-            invalid += header.counts ? 0 : 1;
+            invalid_ += header.counts ? 0 : 1;
             pending = header.pending ? eu : pending;
             const bool tells = header.counts || (header.is_told && !is_erased(body(eu)));
             if (tells && (!newest || headers_[*newest].sequence < header.sequence)) {
                 newest = eu;
             }
         }
-        if (invalid == 0) {
+        if (invalid_ == 0) {
             spare_ = pending; // a reclaim that was cut before its source was given up
             return;
         }
@@ -140,7 +138,7 @@ class Reader {
         }
         // The unit that is named may have had a newer header, of a reclaim whose source is a spare
         // as it should be.
-        if (invalid > 1 && spare_ && !headers_[*spare_].given_up) {
+        if (invalid_ > 1 && spare_ && !headers_[*spare_].given_up) {
             for (uint32_t eu = 0; eu < remains_.eu_count; ++eu) {
                 if (eu != *spare_ && headers_[eu].given_up) {
                     uncertain_ = spare_;
@@ -181,18 +179,25 @@ class Reader {
 
     void place_data(uint32_t eu, uint32_t va_base, uint32_t sequence) {
         auto &row = remains_.rows[(va_base - remains_.geometry.page_count()) / data_slots];
-        const bool is_certain = uncertain_ != eu;
+        const bool is_certain = uncertain_ != eu || invalid_ == 2; // the other one is the spare
         if (!row) {
             row = DataUnit{eu, sequence, is_certain};
         } else if (sequence > row->sequence) {
             row = DataUnit{eu, sequence, false};
-        } else {
+        } else if (!headers_[row->eu].counts) {
             row->is_certain = false;
         }
     }
 
     void place_log(uint32_t eu, std::optional<uint32_t> sequence, bool counts) {
         LogUnit unit = read_log_unit(eu);
+        if (LogUnit by_content = read_by_content(eu);
+            count_good(by_content) > 2 * count_good(unit) + by_chance) {
+            unit = std::move(by_content);
+            if (counts) {
+                doubt("the entries of the log in EU " + std::to_string(eu) + " are damaged");
+            }
+        }
         unit.sequence = sequence;
         unit.counts = counts;
         const uint32_t end = unit.pages.empty() ? 0 : unit.pages.back().slot + 1;
@@ -231,14 +236,21 @@ class Reader {
     }
 
     // Units whose part is unknown can be the data units that are missing; every further one may
-    // have held the newest pages of the log.
+    // have held the newest pages of the log, as may those behind the end of an image that was cut.
     void count_what_is_missing() {
         size_t missing_rows = is_row_lost_ ? 1 : 0;
         for (const auto &row : remains_.rows) {
             missing_rows += row ? 0 : 1;
         }
+        const bool is_cut =
+            std::any_of(headers_.begin(), headers_.end(), [&](const UnitHeader &header) {
+                return header.counts && header.next_spare >= remains_.eu_count;
+            });
         if (unknown_.size() > missing_rows) {
             doubt("an erase unit cannot be read, which may have held the newest metadata");
+            remains_.is_log_whole = false;
+        } else if (is_cut || unknown_.size() < missing_rows) {
+            doubt("an erase unit is not there, which may have held the newest metadata");
             remains_.is_log_whole = false;
         }
     }
@@ -262,18 +274,48 @@ class Reader {
         return best;
     }
 
-    // One page or two can have the checksum by chance.
+    static constexpr uint32_t by_chance = 2; // pages that have the checksum
+
     bool is_missing(const BaseByContent &base) const {
-        constexpr uint32_t by_chance = 2;
         const uint32_t row = (base.va_base - remains_.geometry.page_count()) / data_slots;
         return base.pages > by_chance || !remains_.rows[row];
     }
 
     uint32_t log_pages(uint32_t eu) const {
-        const LogUnit unit = read_log_unit(eu);
+        const uint32_t by_content = count_good(read_by_content(eu));
+        return std::max(count_good(read_log_unit(eu)), by_content > by_chance ? by_content : 0);
+    }
+
+    static uint32_t count_good(const LogUnit &unit) {
         return static_cast<uint32_t>(
             std::count_if(unit.pages.begin(), unit.pages.end(),
                           [](const LogPage &page) { return page.is_good; }));
+    }
+
+    // The page that a slot holds by its checksum, if it was written.
+    std::optional<uint16_t> page_in(uint32_t eu, uint32_t slot) const {
+        const PageRecord record = page_record(bytes_, log_record_at(eu, slot));
+        const bool is_uniform = std::all_of(record.begin(), record.end(),
+                                            [&](uint8_t byte) { return byte == record[0]; });
+        return is_uniform ? std::nullopt : page_of(record, remains_.geometry.page_count());
+    }
+
+    // The pages without the entries. What was written last and is not good was cut.
+    LogUnit read_by_content(uint32_t eu) const {
+        LogUnit unit;
+        unit.eu = eu;
+        std::vector<LogPage> damaged;
+        for (uint32_t slot = 0; slot < log_slots; ++slot) {
+            if (const auto page = page_in(eu, slot)) {
+                unit.pages.insert(unit.pages.end(), damaged.begin(), damaged.end());
+                damaged.clear();
+                unit.pages.push_back({*page, eu, slot, true});
+            } else if (!is_erased(page_record(bytes_, log_record_at(eu, slot)))) {
+                damaged.push_back({unknown_page, eu, slot, false});
+            }
+        }
+        unit.is_full = !unit.pages.empty() && unit.pages.back().slot + 1 == log_slots;
+        return unit;
     }
 
     uint16_t entry(uint32_t eu, uint32_t index) const {
@@ -303,15 +345,23 @@ class Reader {
         unit.eu = eu;
         uint16_t link = 0;
         uint32_t gap_end = 0; // slot behind two that were given up
+        uint16_t link_before_gap = 0;
         for (uint32_t slot = 0; slot < log_slots; ++slot) {
             const uint16_t own = entry(eu, slot);
             const uint16_t next = entry(eu, slot + 1);
+            if (slot == gap_end && leads_from(link_before_gap, eu, slot)) {
+                link = link_before_gap;
+            }
             const uint32_t told = link_of(link) ^ (own & entry_page_mask);
             const bool is_committed = (next & entry_uncommitted_bit) == 0;
             // A cut leaves the next entry erased; anything else is a commit mark that was damaged.
             const bool went_on = !is_committed && holds(eu, slot, told) && next != entry_empty;
             if (!is_committed && !went_on) {
-                slot += own == entry_empty ? 0 : 1; // a write that was cut takes the next slot too
+                if (own != entry_empty) { // a write that was cut takes the next slot too
+                    link_before_gap = link;
+                    add_uncommitted(unit, told, slot, link);
+                    ++slot;
+                }
                 gap_end = slot + 1;
                 continue;
             }
@@ -349,6 +399,21 @@ class Reader {
         return unit;
     }
 
+    bool leads_from(uint16_t link, uint32_t eu, uint32_t slot) const {
+        return holds(eu, slot, link_of(link) ^ (entry(eu, slot) & entry_page_mask));
+    }
+
+    // Behind a write that was cut the next slot stays empty. Where it holds a page the entry
+    // between the two was lost, or they are of a run of copies that landed in part, which are what
+    // they were copied from.
+    void add_uncommitted(LogUnit &unit, uint32_t told, uint32_t slot, uint16_t &link) const {
+        const auto next = slot + 1 < log_slots ? page_in(unit.eu, slot + 1) : std::nullopt;
+        if (next && holds(unit.eu, slot, told)) {
+            add(unit, told, slot, true, link);
+            add(unit, *next, slot + 1, true, link);
+        }
+    }
+
     static void add(LogUnit &unit, uint32_t page, uint32_t slot, bool is_good, uint16_t &link) {
         unit.pages.push_back({page, unit.eu, slot, is_good});
         link = static_cast<uint16_t>(page);
@@ -380,6 +445,7 @@ class Reader {
     std::vector<UnitHeader> headers_;
     std::optional<uint32_t> spare_;
     std::optional<uint32_t> uncertain_; // named as the spare, and probably none
+    size_t invalid_ = 0;                // headers
     std::vector<uint32_t> unknown_;     // units whose part is not known
     bool is_row_lost_ = false;
 };

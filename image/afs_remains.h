@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -43,7 +44,8 @@ struct LogPage {
     uint32_t page = 0; // unknown_page if what was written there is not known
     uint32_t eu = 0;
     uint32_t slot = 0;
-    bool is_good = false; // its checksum matches
+    bool is_good = false;   // its checksum matches
+    bool is_mended = false; // once a bit of it is put right
 };
 
 struct LogUnit {
@@ -63,6 +65,7 @@ struct Remains {
     uint32_t spare_row_index = 0;
     std::vector<LogUnit> log;        // by sequence; those without one last
     bool is_log_whole = true;        // no unit is lost that may have been one of the log
+    std::set<uint32_t> sequences;    // of all headers that can be read
     std::vector<std::string> doubts; // why what is newest may not be known
 };
 

@@ -174,6 +174,42 @@ TEST_F(DolmSalvage, DoubtsWhatALostRecordMayHaveReplaced) {
     EXPECT_EQ(values["/home/test/scratch"]["state"], "older");
 }
 
+// Where its entries, its headers or single bits are gone, the pages of the log tell by themselves
+// what they are, and all values are found.
+TEST_F(DolmSalvage, ReadsALogWhoseEntriesAreDamaged) {
+    const std::string qfs = read_whole(set / "qfs.img");
+    constexpr size_t map_at = 18;
+    constexpr size_t map_size = 242;
+    std::map<std::string, std::string> images;
+    (images["no entries"] = qfs).replace(map_at, map_size, map_size, '\0');
+    (images["erased entries"] = qfs).replace(map_at, map_size, map_size, '\xFF');
+    (images["no header"] = qfs).replace(0, map_at, map_at, '\0');
+    (images["no states of chunks"] = qfs).replace(7 * 8192 + map_at, 122, 122, '\xFF');
+    for (const int page : {0, 32, 119}) {
+        const json told_page =
+            json::parse(run("inspect set/qfs.img --json --page " + std::to_string(page)).out);
+        std::string &image = images["page " + std::to_string(page)] = qfs;
+        image[told_page["at"].get<size_t>() + 40] ^= 8;
+    }
+    for (const auto &[what, image] : images) {
+        SCOPED_TRACE(what);
+        const auto values = salvage("qfs.img", image);
+        expect_nothing_wrong(values);
+        for (const auto &[name, value] : values) {
+            const json &flash = value["flash"];
+            const bool is_there = name != "/home/radio/thermal_table"; // as is said at start-up
+            EXPECT_TRUE(flash.is_null() || flash["state"] != "lost" || !is_there) << name;
+        }
+    }
+    expect_nothing_wrong(salvage("qfs.img", qfs.substr(0, qfs.size() / 2)));
+    for (size_t slot = 5; slot < 120; slot += 8) {
+        std::string image = qfs;
+        image.replace(map_at + 2 * slot, 2, 2, '\xFF');
+        SCOPED_TRACE("entry " + std::to_string(slot));
+        expect_nothing_wrong(salvage("qfs.img", image));
+    }
+}
+
 // One damaged place, anywhere: no value is wrong, and no more is lost than stood there.
 TEST_F(DolmSalvage, NoDamageMakesAValueWrong) {
     std::mt19937 random(1);
