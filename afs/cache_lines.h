@@ -26,10 +26,9 @@ inline uint8_t *line_bytes(const afs_context *context, uint16_t line) {
 }
 
 // page_size is a power of two in every store that works; with another one the pages are not the
-// right ones, but pages all the same. The bit above it saves the processor the question whether it
-// is 0.
+// right ones, but pages all the same.
 inline unsigned page_shift(const afs_context *context) {
-    return static_cast<unsigned>(std::countr_zero(context->page_size | 0x10000u));
+    return static_cast<unsigned>(std::countr_zero(context->page_size));
 }
 
 inline uintptr_t pages_in(const afs_context *context, uintptr_t bytes) {
