@@ -96,7 +96,8 @@ uint32_t afs_allocate_chunk(afs_context *context, uint16_t *cid) {
     if (!is_mounted(context) || cid == nullptr) {
         return AFS_RC_INVALID;
     }
-    return allocate_chunk(context, *cid);
+    return context->ftl_allocator != 0 ? afs_physical_ftl_allocate_page(context, cid)
+                                       : AFS_RC_BAD_STATE;
 }
 
 void afs_trim_fat_page_if_needed(afs_context *context, uint16_t chunk) {

@@ -93,7 +93,8 @@ uint32_t look_up_old_chunk(write_job &job) {
 // flush before it does one: at most once for each data EU.
 uint32_t allocate(afs_context *context, uint16_t &cid) {
     for (;;) {
-        if (const uint32_t status = allocate_chunk(context, cid); status != AFS_RC_FLUSH_FIRST) {
+        if (const uint32_t status = afs_allocate_chunk(context, &cid);
+            status != AFS_RC_FLUSH_FIRST) {
             return status;
         }
         if (const uint32_t status = cache_flush(context); status != AFS_RC_OK) {

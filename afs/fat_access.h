@@ -75,12 +75,6 @@ uint32_t release_chunks(afs_context *context, uint16_t first, uint32_t count,
 // afs_trim_fat_page_if_needed for a store with a chunk map.
 void note_free_chunk(afs_context *context, uint32_t chunk);
 
-// afs_allocate_chunk for a mounted store.
-inline uint32_t allocate_chunk(afs_context *context, uint16_t &cid) {
-    return context->ftl_allocator != 0 ? afs_physical_ftl_allocate_page(context, &cid)
-                                       : AFS_RC_BAD_STATE;
-}
-
 // Where the bytes of a VA lie in the cache, whose head then holds them; good until the call after
 // the next one.
 inline uint32_t cached_bytes(afs_context *context, uint32_t va, uint8_t *&bytes) {
