@@ -37,6 +37,7 @@ struct FileHistory {
 };
 
 struct ImageHistory {
+    std::string image; // file name
     const char *store;
     std::vector<FileHistory> files;
 };
@@ -125,7 +126,7 @@ ImageHistory read_afs(const ImageFile &image) {
         throw Failure(image.name + " has no header of a file system");
     }
     const FileNames names = image.table.names_in(Store::afs);
-    ImageHistory told{"afs", {}};
+    ImageHistory told{image.name, "afs", {}};
     for (const AfsFileHistory &file : history->files) {
         FileHistory shown{
             file.number, name_of(names, file.number), state_name(file.state), file.why, {}, {}};
@@ -142,7 +143,7 @@ ImageHistory read_afs(const ImageFile &image) {
 ImageHistory read_efs(const ImageFile &image) {
     const EfsHistory history = read_efs_history(image.bytes, image.table.efs_layout(image.name));
     const FileNames names = image.table.names_in(Store::efs);
-    ImageHistory told{"efs", {}};
+    ImageHistory told{image.name, "efs", {}};
     for (const EfsFileHistory &file : history.files) {
         FileHistory shown{file.place.number,
                           name_of(names, file.place.number),
@@ -164,14 +165,18 @@ bool is_number(const std::string &word) {
     return !word.empty() && word.find_first_not_of("0123456789") == word.npos;
 }
 
-// Leaves the files that the words mean, in the order of the image.
-void choose(ImageHistory &history, const std::vector<std::string> &words) {
+// Leaves the files that the words mean, in the order of the images.
+void choose(std::vector<ImageHistory> &images, const std::vector<std::string> &words) {
     std::vector<std::string> names;
+    std::vector<std::string> numbers_known;
+    for (const ImageHistory &history : images) {
+        for (const FileHistory &file : history.files) {
+            names.push_back(file.name);
+            numbers_known.push_back(std::to_string(file.number));
+        }
+    }
     std::vector<std::string> names_asked;
     std::vector<std::string> numbers;
-    for (const FileHistory &file : history.files) {
-        names.push_back(file.name);
-    }
     for (const std::string &word : words) {
         (is_number(word) ? numbers : names_asked).push_back(word);
     }
@@ -179,20 +184,21 @@ void choose(ImageHistory &history, const std::vector<std::string> &words) {
     const auto has = [](const std::vector<std::string> &list, const std::string &word) {
         return std::find(list.begin(), list.end(), word) != list.end();
     };
+    const std::string where = images.size() == 1 ? "the image has" : "the images have";
     if (!meant.unknown.empty()) {
-        throw Failure("the image has no trace of " + meant.unknown.front());
+        throw Failure(where + " no trace of " + meant.unknown.front());
     }
     for (const std::string &number : numbers) {
-        if (std::none_of(history.files.begin(), history.files.end(), [&](const FileHistory &file) {
-                return std::to_string(file.number) == number;
-            })) {
-            throw Failure("the image has no trace of file " + number);
+        if (!has(numbers_known, number)) {
+            throw Failure(where + " no trace of file " + number);
         }
     }
-    std::erase_if(history.files, [&](const FileHistory &file) {
-        return !has(numbers, std::to_string(file.number)) &&
-               (file.name.empty() || !has(meant.names, file.name));
-    });
+    for (ImageHistory &history : images) {
+        std::erase_if(history.files, [&](const FileHistory &file) {
+            return !has(numbers, std::to_string(file.number)) &&
+                   (file.name.empty() || !has(meant.names, file.name));
+        });
+    }
 }
 
 Json to_json(const Held &content) {
@@ -202,7 +208,7 @@ Json to_json(const Held &content) {
     return json;
 }
 
-void print_json_of(const ImageHistory &history) {
+Json to_json(const ImageHistory &history) {
     Json json{{"store", history.store}, {"files", Json::array()}};
     for (const FileHistory &file : history.files) {
         Json told{{"number", file.number}, {"name", file.name}, {"state", file.state}};
@@ -216,7 +222,7 @@ void print_json_of(const ImageHistory &history) {
         }
         json["files"].push_back(std::move(told));
     }
-    print_json(json);
+    return json;
 }
 
 void print_content(const char *when, const Held &content) {
@@ -236,26 +242,59 @@ void print_file(const FileHistory &file) {
     }
 }
 
-} // namespace
-
-void show_history(const HistoryOptions &options) {
-    const ImageFile image = read_image_file(options);
+ImageHistory read_history(const ImageFile &image) {
     const auto kind = recognise(image.bytes);
     if (kind && *kind != MemberKind::afs_image && *kind != MemberKind::efs_image) {
         throw UsageError(image.name + " is no flash image");
     }
-    ImageHistory history = kind == MemberKind::afs_image ? read_afs(image) : read_efs(image);
-    if (!options.names.empty()) {
-        choose(history, options.names);
+    return kind == MemberKind::afs_image ? read_afs(image) : read_efs(image);
+}
+
+// A damaged image of a set may be like nothing known.
+std::vector<ImageHistory> read_set(const HistoryOptions &options) {
+    std::vector<ImageHistory> images;
+    for (const ImageFile &image : read_set_images(options)) {
+        images.push_back(image.name == "qfs.img" ? read_afs(image) : read_efs(image));
     }
-    if (tells_json()) {
-        print_json_of(history);
-        return;
-    }
+    return images;
+}
+
+void print_files(const ImageHistory &history, bool all) {
     for (const FileHistory &file : history.files) {
-        if (!options.names.empty() || !file.earlier.empty()) {
+        if (all || !file.earlier.empty()) {
             print_file(file);
         }
+    }
+}
+
+} // namespace
+
+void show_history(const HistoryOptions &options) {
+    const bool is_set = std::filesystem::is_directory(options.path);
+    std::vector<ImageHistory> images =
+        is_set ? read_set(options) : std::vector{read_history(read_image_file(options))};
+    if (!options.names.empty()) {
+        choose(images, options.names);
+    }
+    if (tells_json() && !is_set) {
+        print_json(to_json(images.front()));
+        return;
+    }
+    Json json{{"images", Json::array()}};
+    for (const ImageHistory &history : images) {
+        if (tells_json()) {
+            Json told = to_json(history);
+            told["file"] = history.image;
+            json["images"].push_back(std::move(told));
+            continue;
+        }
+        if (is_set) {
+            print_line(history.image + ":");
+        }
+        print_files(history, !options.names.empty());
+    }
+    if (tells_json()) {
+        print_json(json);
     }
 }
 

@@ -57,4 +57,16 @@ ImageFile read_image_file(const ImageOptions &options) {
             find_table(options, set ? &*set : nullptr)};
 }
 
+std::vector<ImageFile> read_set_images(const ImageOptions &options) {
+    const SetFolder set(options.path, SetFolder::Use::read, options.lock_timeout);
+    const ImageTable table = find_table(options, &set);
+    std::vector<ImageFile> images;
+    for (const char *name : {"qfs.img", "efs.img"}) {
+        if (fs::exists(set.path() / name)) {
+            images.push_back({name, read_file(set.path() / name, max_table_size), table});
+        }
+    }
+    return images;
+}
+
 } // namespace dolm

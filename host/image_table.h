@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/commands.h"
 #include "host/inspect.h"
@@ -34,5 +35,8 @@ struct ImageFile {
     ImageTable table;
 };
 ImageFile read_image_file(const ImageOptions &options);
+
+// The images of the set whose folder the path is.
+std::vector<ImageFile> read_set_images(const ImageOptions &options);
 
 } // namespace dolm

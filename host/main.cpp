@@ -217,9 +217,9 @@ void add_salvage(CLI::App &app) {
 
 void add_history(CLI::App &app) {
     auto *command =
-        app.add_subcommand("history", "Show earlier contents of files that still lie on an image");
+        app.add_subcommand("history", "Show earlier contents of files that still lie on the flash");
     auto options = std::make_shared<dolm::HistoryOptions>();
-    command->add_option("IMAGE", options->path, "The image; it is not changed")->required();
+    command->add_option("PATH", options->path, "An image, or the folder of a set")->required();
     command->add_option("NAME", options->names,
                         "Files by name, with or without /home/ in front, pattern, or number in "
                         "their store; all without one");

@@ -43,14 +43,25 @@ std::vector<std::string> arguments_of(const CLI::App &command,
 
 // True if the first thing that a command needs is a set and its arguments do not begin with one.
 bool lacks_set(const CLI::App &command, const std::vector<std::string> &arguments) {
-    const auto required = command.get_options([](const CLI::Option *option) {
-        return option->get_positional() && option->get_required();
-    });
+    const auto positional =
+        command.get_options([](const CLI::Option *option) { return option->get_positional(); });
+    std::vector<const CLI::Option *> required;
+    std::copy_if(positional.begin(), positional.end(), std::back_inserter(required),
+                 [](const CLI::Option *option) { return option->get_required(); });
     const std::string first = required.empty() ? "" : required.front()->get_single_name();
     if (first != "SET" && first != "PATH") {
         return false;
     }
-    return arguments.size() < required.size() || (first == "SET" && !holds_set(arguments.front()));
+    if (arguments.size() < required.size()) {
+        return true;
+    }
+    const std::string &argument = arguments.front();
+    if (first == "SET") {
+        return !holds_set(argument);
+    }
+    // Names may follow a path, or stand alone.
+    return positional.size() > required.size() && argument != "-" &&
+           !std::filesystem::exists(argument);
 }
 
 } // namespace

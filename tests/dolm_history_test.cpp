@@ -65,6 +65,26 @@ TEST_F(DolmHistory, GivesOldContentsNewestFirst) {
     EXPECT_EQ(run("history set/ftbl.bin").code, 2);
 }
 
+// Both images of a set, which DOLM_SET may name.
+TEST_F(DolmHistory, ShowsASetAsItShowsItsImages) {
+    const json images = json::parse(run("history set --json").out)["images"];
+    ASSERT_EQ(images.size(), 2U);
+    EXPECT_EQ(images[0]["file"], "qfs.img");
+    EXPECT_EQ(images[0]["files"], history("set/qfs.img"));
+    EXPECT_EQ(images[1]["files"], history("set/efs.img"));
+    EXPECT_EQ(run("history set 2 'l*'").out, "qfs.img:\n" + run("history set/qfs.img long").out +
+                                                 "efs.img:\n" + run("history set/efs.img 2").out);
+    EXPECT_EQ(run("history set no").err, "dolm: the images have no trace of no\n");
+    setenv("DOLM_SET", set.c_str(), 1);
+    const Outcome all = run("history");
+    const Outcome named = run("history long");
+    const Outcome image = run("history set/qfs.img long");
+    unsetenv("DOLM_SET");
+    EXPECT_EQ(all.out, run("history set").out);
+    EXPECT_EQ(named.out, run("history set long").out);
+    EXPECT_EQ(image.out, run("history set/qfs.img long").out);
+}
+
 TEST_F(DolmHistory, LeavesOutWhatFailsItsChecksum) {
     std::string image = read_whole(set / "qfs.img");
     image[image.find("second, and")] ^= 1;
