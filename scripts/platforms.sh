@@ -39,8 +39,8 @@ emulated() {
     WINEDEBUG=-all WINEPREFIX=$PWD/build/windows/wine "${words[@]}" "$@"
 }
 
-# prepare_platform PLATFORM: installs its tools, and puts what the program and the tests need of
-# other packages into build/PLATFORM/packages: headers, and GoogleTest built for it.
+# prepare_platform PLATFORM: installs its tools, and puts GoogleTest, built for it, into
+# build/PLATFORM/packages.
 prepare_platform() {
     local triplet name packages=$PWD/build/$1/packages
     triplet=$(platform_triplet "$1")
@@ -48,9 +48,6 @@ prepare_platform() {
     windows) install_packages "${test_packages[@]}" g++-mingw-w64-x86-64-posix wine64 unzip ;;
     *) install_packages "${test_packages[@]}" "g++-$triplet" qemu-user ;;
     esac
-    mkdir -p "$packages/include" "$packages/share/cmake"
-    cp -r /usr/include/{CLI,nlohmann} "$packages/include"
-    cp -r /usr/share/cmake/{CLI11,nlohmann_json} "$packages/share/cmake"
     [ -e "$packages/lib/libgtest.a" ] && return
     cmake_for_platform "$1" -S /usr/src/googletest -B "build/$1/googletest" -DBUILD_GMOCK=OFF \
         -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_INSTALL_PREFIX="$packages" >/dev/null
