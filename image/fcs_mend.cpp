@@ -44,8 +44,13 @@ class Mender {
         return agreed;
     }
 
+    bool is_packed() const {
+        return !store_.records.empty() && 2 * count_agreed() > store_.records.size();
+    }
+
     // The number of records with which most of them follow each other: the one that the store
-    // tells, unless that does not fit the place of the first payload.
+    // tells, unless that does not fit the place of the first payload. A store that is not packed
+    // is one that others wrote, and speaks for no other number.
     uint32_t best_count() {
         store_ = read_fcs_store(bytes_);
         uint32_t best = store_.count;
@@ -59,7 +64,7 @@ class Mender {
                 const uint32_t start = told.offset - before;
                 const uint32_t count = (start - fcs::head_size) / fcs::record_size;
                 store_ = read_fcs_store(bytes_, count);
-                if (store_.has_all_records() && count_agreed() > best_agreed) {
+                if (store_.has_all_records() && is_packed() && count_agreed() > best_agreed) {
                     best = count;
                     best_agreed = count_agreed();
                 }
@@ -72,7 +77,7 @@ class Mender {
     // whichever of the two the next boundaries speak for.
     void find_payloads() {
         const size_t count = store_.records.size();
-        is_packed_ = count > 0 && 2 * count_agreed() > count;
+        is_packed_ = is_packed();
         for (size_t i = 0; i < count; ++i) {
             uint64_t begin = record(i).offset;
             uint64_t end = record(i).end();

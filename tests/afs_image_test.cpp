@@ -96,6 +96,17 @@ Damage metadata(uint32_t va, uint16_t value) {
     };
 }
 
+// Where the log of EU 0 ends.
+Damage last_log_entry(uint16_t page) {
+    return [=](Image &image) {
+        const dolm::AfsImage sound = dolm::read_afs_image(image);
+        const uint32_t slot = sound.head_slot - 1;
+        const uint16_t link = sound.eus[0].pages[slot - 1].value();
+        dolm::store_le16(eu_at(image, 0, dolm::log_entry_offset(slot)),
+                         dolm::log_chain(link, page));
+    };
+}
+
 Damage entry(uint32_t id, uint16_t value) {
     return metadata(14 + 2 * id, value);
 }
@@ -138,6 +149,8 @@ TEST(AfsImage, NamesWhatIsBroken) {
         {"no file-system header", metadata(0, 0), 5},
         {"has 64 files", metadata(12, 64), 5},
         {"no size for this device", metadata(10, 0xFFFF), 5},
+        {"has 3948416 bytes, which is no size for this device", metadata(10, 60), 5},
+        {"decodes to page 10, which the store does not have", last_log_entry(10), 5},
         {"leads to 64, which is no chunk", entry(5, 64), 5},
         {"leads to 309, which is no chunk", entry(first_chunk, 65 + 244), 5},
         {"already belongs to file 3", entry(64, first_chunk + 1), 0},

@@ -280,6 +280,32 @@ TEST_F(TableReaders, AWrongOffsetOrSizeOrCountCostsNothing) {
     }
 }
 
+// Payloads with gaps between them, in any order: there is nothing to hold an offset against.
+TEST_F(TableReaders, AStoreThatIsNotPackedIsTakenAsItSays) {
+    const Bytes packed = store();
+    const size_t records_end = 4 + 12 * 12;
+    Bytes loose(packed.begin(), packed.begin() + records_end);
+    for (size_t i = 12; i-- > 0;) {
+        const size_t record = 4 + 12 * i;
+        const size_t at = get_le32(packed, record + 4);
+        put_le(loose, record + 4, static_cast<uint32_t>(loose.size()), 4);
+        const auto payload = std::span(packed).subspan(at, get_le16(packed, record + 8));
+        loose.insert(loose.end(), payload.begin(), payload.end());
+        loose.resize(loose.size() + 3);
+    }
+    auto expected = payloads(mend_store(packed, name_of, numbers()).records);
+    const auto mended = mend_store(loose, name_of, numbers()).records;
+    EXPECT_EQ(payloads(mended), expected);
+    for (const MendedRecord &record : mended) {
+        EXPECT_EQ(record.doubt, "");
+    }
+    put_le(loose, 4 + 12 * 3, 15, 4);
+    expected.erase(13);
+    expected.erase(15);
+    EXPECT_EQ(payloads(mend_store(loose, name_of, numbers()).records), expected)
+        << "two claim number 15";
+}
+
 TEST_F(TableReaders, AWrongNumberLosesNoOtherValue) {
     const Bytes sound = store();
     const auto expected = payloads(mend_store(sound, name_of, numbers()).records);
@@ -351,6 +377,8 @@ TEST_F(TableReaders, AFileTableIsMendedWhereItCanBe) {
         {"entries astray", 20, 0x7FFFFFFF, "the place of the entries of SKU 1"},
         {"too few entries", 20 + 4, 0, nullptr},
         {"entries behind the end", 24, 1000, "the number of entries of SKU 1"},
+        {"entries that begin in the middle", 36, get_le32(sound, 36) + 5 * 68,
+         "the place of the entries of SKU 2"},
         {"the other row's, the same", 36 + 4, 1000, "the number of entries of SKU 2"},
         {"SKU", 16, 9, "the SKU of a row was wrong"},
         {"magic of the section", section, 0, "the magic of its EFS section"},

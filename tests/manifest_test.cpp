@@ -192,7 +192,7 @@ TEST(Manifest, TakesValuesInEachForm) {
 TEST(Manifest, AcceptsWhatIsJustWithinTheLimits) {
     const Manifest manifest = parse_manifest(
         R"({"skus": [1],
-        "afs": {"size": 65536, "data_units": 4}, "efs": {}, "files": [
+        "afs": {"size": 65536, "data_units": 4}, "efs": {"places": [{"id": 17, "block": 6, "offset": 0, "max_size": 4}]}, "files": [
         {"name": "/home/this_name_is_as_long_as_the_table_can_have", "number": "0x0FFFFFFF", "class": 15,
          "max_size": 65523, "base": {"hex": "01 02", "size": 65523}},
         {"name": "/home/a", "number": 1, "max_size": 96,
@@ -205,7 +205,7 @@ TEST(Manifest, AcceptsWhatIsJustWithinTheLimits) {
     EXPECT_EQ(manifest.files[0].number, 0xFFFFFFFF);
     EXPECT_EQ(manifest.files[0].base->bytes().back(), 1);
     EXPECT_EQ(make_orvel_cfg(manifest).size(), 4u + 12 + 65523);
-    EXPECT_EQ(manifest.efs[0].geometry.files_num, 17u);
+    EXPECT_EQ(manifest.efs[0].geometry.files_num, 18u) << "of a place without a file";
 }
 
 } // namespace
