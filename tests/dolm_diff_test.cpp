@@ -41,6 +41,8 @@ TEST_F(DolmCalls, DiffOfASetWithItselfIsEmptyAndOfAChangedOneHasTheChanges) {
 TEST_F(DolmCalls, DiffTellsEveryKindOfDifference) {
     const std::string long_value(100, 'a');
     write_whole(folder / "a.json", manifest(R"("flash": "1"},
+        {"name": "/home/base", "number": 8, "max_size": 8, "base": "x", "override": "o"},
+        {"name": "/home/class", "number": 9, "class": 1, "max_size": 8, "base": "c"},
         {"name": "/home/gone", "number": 2, "max_size": 8, "base": "old"},
         {"name": "/home/kept", "number": 3, "max_size": 200, "store": "afs", "id": 3,
          "base": ")" + long_value + R"(", "flash": true},
@@ -49,6 +51,8 @@ TEST_F(DolmCalls, DiffTellsEveryKindOfDifference) {
          "efs": {"block": 1, "offset": 0}, "flash": "raw"})",
                                             "131072"));
     write_whole(folder / "b.json", manifest(R"("flash": "2"},
+        {"name": "/home/base", "number": 8, "max_size": 8, "base": "y", "override": "o"},
+        {"name": "/home/class", "number": 9, "class": 2, "max_size": 8, "base": "c"},
         {"name": "/home/kept", "number": 3, "max_size": 200, "store": "afs", "id": 3,
          "base": ")" + long_value + R"(", "flash": ")" +
                                                 long_value + R"(b"},
@@ -65,6 +69,8 @@ TEST_F(DolmCalls, DiffTellsEveryKindOfDifference) {
               "~ geometry afs.size: 131072 -> 139264\n"
               "~ geometry efs.place 0: {\"block\":1,\"offset\":0,\"max_size\":60} -> "
               "{\"block\":2,\"offset\":0,\"max_size\":60}\n"
+              "~ nvar /home/base: base \"x\" -> \"y\"\n"
+              "~ nvar /home/class: class 1 -> 2\n"
               "- nvar /home/gone: \"old\", origin base, attributes 0000\n"
               "~ nvar /home/moved: value \"o\" -> \"b\"; max_size 8 -> 9; attributes 0000 -> 0100; "
               "number 4 -> 6; origin override -> base\n"

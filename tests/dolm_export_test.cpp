@@ -107,6 +107,7 @@ TEST_F(DolmExport, KeepsEachValueInItsFolderWhateverTheNames) {
                                  R"({"hex": "2f686f6d652fff2e2e"})",
                                  R"("/home/\u00e9%\\:")",
                                  R"("/home/manifest.json")",
+                                 R"("/home/dot./x.")",
                                  R"("/home/nul/COM1.x")"};
     std::string files;
     int number = 0;
@@ -121,6 +122,8 @@ TEST_F(DolmExport, KeepsEachValueInItsFolderWhateverTheNames) {
     size_t values = 0;
     for (const auto &item : fs::recursive_directory_iterator(folder / "text/base")) {
         values += item.is_regular_file() ? 1 : 0;
+        const std::string name = item.path().filename().string();
+        EXPECT_TRUE(name.front() != '.' && name.back() != '.') << name;
     }
     EXPECT_EQ(values, std::size(names));
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 5); // set, made, again, text
@@ -270,6 +273,13 @@ TEST_F(DolmExport, ExtractsFilesOfBothStores) {
         EXPECT_EQ(run(wrong).code, 2) << wrong;
     }
     EXPECT_FALSE(fs::exists(folder / "x"));
+    // Shorter than the trailer that the table gives it.
+    std::string table = read_whole(set / "ftbl.bin");
+    table[table.find(std::string("/home/net/ntp\0", 14)) + 52] |= 1;
+    write_whole(set / "ftbl.bin", table);
+    const Outcome cut = run("extract set net/ntp -o -");
+    EXPECT_EQ(cut.code, 0) << cut.err;
+    EXPECT_EQ(cut.out, "");
 }
 
 TEST_F(DolmExport, ImportsFilesIntoBothStoresOrNone) {
