@@ -42,6 +42,8 @@ class Writer {
         : manifest_(manifest), folder_(std::move(folder)),
           short_ones_inline_(count_values(manifest) > most_small_files) {}
 
+    void discard() { folder_.discard(); }
+
     size_t write() {
         std::string text = head();
         for (size_t i = 0; i < manifest_.files.size(); ++i) {
@@ -217,17 +219,26 @@ class Writer {
 } // namespace
 
 size_t write_export(const Manifest &manifest, const fs::path &folder, bool replace) {
+    Writer writer(manifest, folder);
+    bool is_new = false;
     try {
-        fs::create_directories(folder);
+        is_new = fs::create_directories(folder);
         if (!replace && !fs::is_empty(folder)) {
             throw UsageError(folder.string() +
                              " is not empty; --replace writes over what it holds");
         }
         fs::remove(folder / "manifest.json");
-        return Writer(manifest, folder).write();
+        return writer.write();
     } catch (const std::system_error &failure) {
         throw Failure("cannot write the export to " + folder.string() + ": " +
                       failure.code().message());
+    } catch (const Failure &) {
+        writer.discard();
+        std::error_code ignored;
+        if (is_new) {
+            fs::remove(folder, ignored);
+        }
+        throw;
     }
 }
 

@@ -100,6 +100,7 @@ void ValueFolder::write(const std::string &path, const Bytes &content) {
     if (!known_[parent]) {
         fs::remove(whole, error); // rather than writing through a link
     }
+    written_.push_back(path);
     std::ofstream stream;
     stream.rdbuf()->pubsetbuf(nullptr, 0); // each value is written at once
     stream.open(whole, std::ios::binary);
@@ -108,6 +109,16 @@ void ValueFolder::write(const std::string &path, const Bytes &content) {
     stream.close();
     if (!stream) {
         fail(std::generic_category().message(errno));
+    }
+}
+
+void ValueFolder::discard() {
+    std::error_code ignored;
+    for (const std::string &path : written_) {
+        fs::path gone = path;
+        while (!gone.empty() && fs::remove(folder_ / gone, ignored)) {
+            gone = gone.parent_path();
+        }
     }
 }
 

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "image/bytes.h"
 
@@ -27,10 +28,14 @@ class ValueFolder {
     // name goes. Throws Failure.
     void write(const std::string &path, const Bytes &content);
 
+    // Takes away again what was written, and the folders below this one that are empty then.
+    void discard();
+
   private:
     std::string take_path(std::string_view kind, std::string_view name, std::string_view suffix);
 
     const std::filesystem::path folder_;
+    std::vector<std::string> written_;
     std::map<std::string, bool> known_; // folders that are there, and whether they were made here
 
     // Paths that are taken, in lower case, since some file systems take both cases for one.

@@ -2,8 +2,11 @@
 // that say everything that can be said, with names that would lead out of the folder, and over
 // damaged sets.
 #include <algorithm>
+#include <csignal>
 #include <random>
 #include <vector>
+
+#include <sys/resource.h>
 
 #include "dolm_process.h"
 #include "image/bytes.h"
@@ -162,6 +165,25 @@ TEST_F(DolmExport, GivesRandomSetsBack) {
     for (int round = 0; round < 10 && !HasFailure(); ++round) {
         expect_round_trip(random_manifest(random), {"1", "2", "3"});
     }
+}
+
+// A disk that is full, as far as a program can tell.
+TEST_F(DolmExport, LeavesNothingOfAnExportThatFails) {
+    ASSERT_EQ(run("sample made").code, 0);
+    fs::create_directory(folder / "there");
+    rlimit room{};
+    getrlimit(RLIMIT_FSIZE, &room);
+    const rlimit less{4096, room.rlim_max};
+    const auto before = signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &less);
+    const Outcome fresh = run("export made new/text");
+    const Outcome there = run("export made there");
+    setrlimit(RLIMIT_FSIZE, &room);
+    signal(SIGXFSZ, before);
+    EXPECT_EQ(fresh.code, 1) << fresh.err;
+    EXPECT_NE(there.err.find("cannot write there/"), there.err.npos) << there.err;
+    EXPECT_FALSE(fs::exists(folder / "new/text"));
+    EXPECT_TRUE(fs::is_empty(folder / "there"));
 }
 
 // So many files would take longer than all else.
