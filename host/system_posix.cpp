@@ -101,7 +101,9 @@ class Alarm {
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(first);
         const auto rest = std::chrono::duration_cast<std::chrono::microseconds>(first - seconds);
         // One that comes before the call has begun is followed by others.
-        itimerval timer{{0, 50000}, {seconds.count(), std::max<suseconds_t>(rest.count(), 1)}};
+        itimerval timer{{0, 50000},
+                        {static_cast<time_t>(seconds.count()),
+                         std::max<suseconds_t>(static_cast<suseconds_t>(rest.count()), 1)}};
         setitimer(ITIMER_REAL, &timer, nullptr);
     }
     ~Alarm() {

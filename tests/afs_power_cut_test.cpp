@@ -168,14 +168,15 @@ Prepare head_overflow(bool blank_log_eu) {
 uint32_t wear_out_all_but_the_fullest(Image &image, dolm::AfsRole role) {
     const dolm::AfsImage found = dolm::read_afs_image(image);
     const auto live = [role](const dolm::AfsEu &eu) { return eu.role == role ? eu.live : 0; };
-    const auto fullest = std::ranges::max_element(found.eus, {}, live) - found.eus.begin();
+    const auto fullest =
+        static_cast<uint32_t>(std::ranges::max_element(found.eus, {}, live) - found.eus.begin());
     for (uint32_t eu = 0; eu < found.eu_count; ++eu) {
         uint8_t *bytes = &image[size_t{eu} * AFS_EU_SIZE];
         dolm::afs_eu_header header = dolm::load_eu_header(bytes);
         header.erase_count = eu == fullest ? 100 : 210;
         dolm::store_eu_header(bytes, header);
     }
-    return static_cast<uint32_t>(fullest);
+    return fullest;
 }
 
 Prepare wear_rule(dolm::AfsRole role, const Filling &filling) {
