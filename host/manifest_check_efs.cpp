@@ -1,6 +1,7 @@
 #include "host/manifest_check_efs.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -19,7 +20,7 @@ struct EfsClaim {
     std::string name;
     uint32_t id;
     EfsPlacement placement;
-    uint32_t content; // bytes that are to be written there
+    std::optional<uint32_t> content; // bytes that are to be written there
 };
 
 std::vector<EfsClaim> efs_claims(const Manifest &manifest, const EfsSection &section) {
@@ -27,14 +28,15 @@ std::vector<EfsClaim> efs_claims(const Manifest &manifest, const EfsSection &sec
     for (const ManifestFile &file : manifest.files) {
         if (section.lists(file)) {
             claims.push_back({file.place + "/efs", file.place, quoted(file.name), file.id,
-                              *file.efs, file.flash ? flash_size(file) : 0});
+                              *file.efs,
+                              file.flash ? std::optional(flash_size(file)) : std::nullopt});
         }
     }
     for (size_t i = 0; i < section.places.size(); ++i) {
         const EfsSlot &slot = section.places[i];
         const std::string place = section.place + "/places/" + std::to_string(i);
         claims.push_back(
-            {place, place, "file " + std::to_string(slot.id), slot.id, slot.placement, 0});
+            {place, place, "file " + std::to_string(slot.id), slot.id, slot.placement, {}});
     }
     return claims;
 }
@@ -64,6 +66,12 @@ void add_stretches(const EfsClaim &claim, std::vector<Stretch> &stretches) {
     }
 }
 
+// In which a content ends.
+uint32_t last_block(const EfsPlacement &placement, uint32_t size) {
+    const uint32_t bytes = placement.offset + size;
+    return placement.block + (bytes == 0 ? 0 : (bytes - 1) / efs::record_room);
+}
+
 // The store rounds up with the record's head counted against the payload.
 uint32_t blocks_to_write(const EfsPlacement &placement, uint32_t size) {
     return (size + efs::record_room + efs::record_head_size - 1 + placement.offset) /
@@ -87,24 +95,28 @@ void check_efs_claim(const EfsGeometry &geometry, const EfsClaim &claim, Problem
     }
     std::vector<Stretch> stretches;
     add_stretches(claim, stretches);
-    if (stretches.back().block >= geometry.valid_blocks) {
-        problems.doubt(claim.place, "the file runs to logical block " +
-                                        std::to_string(stretches.back().block) + ", the last is " +
-                                        std::to_string(geometry.valid_blocks - 1));
+    if (const uint32_t last = stretches.back().block; last >= geometry.valid_blocks) {
+        const std::string text = "the file runs to logical block " + std::to_string(last) +
+                                 ", the last is " + std::to_string(geometry.valid_blocks - 1);
+        if (claim.content && last_block(placement, *claim.content) >= geometry.valid_blocks) {
+            problems.add(claim.place, text);
+        } else {
+            problems.doubt(claim.place, text);
+        }
     }
     const uint32_t needed = blocks_to_write(placement, placement.max_size);
     if (needed > geometry.spare_blocks) {
         const std::string text = "a write of " + bytes(placement.max_size) + " needs " +
                                  std::to_string(needed) + " spare blocks, there are " +
                                  std::to_string(geometry.spare_blocks);
-        if (blocks_to_write(placement, claim.content) > geometry.spare_blocks) {
+        if (blocks_to_write(placement, claim.content.value_or(0)) > geometry.spare_blocks) {
             problems.add(claim.place, text);
         } else {
             problems.doubt(claim.place, text);
         }
     }
     if (claim.content > placement.max_size) {
-        problems.add(claim.holder + "/flash", "the content has " + bytes(claim.content) +
+        problems.add(claim.holder + "/flash", "the content has " + bytes(*claim.content) +
                                                   " with its trailer, over the limit of " +
                                                   bytes(placement.max_size));
     }

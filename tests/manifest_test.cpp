@@ -110,10 +110,17 @@ TEST(Manifest, RefusesWhatStandsAloneInTheWay) {
         {R"({"skus": [1], "files": [{"name": "/home/a", "number": 1, "max_size": 4,
              "store": "efs", "id": 1}]})",
          "m: /files/0: 'efs' is missing, the file's place in EFS"},
+        {R"({"skus": [1], "as_found": true, "efs": {}, "files": [
+             {"name": "/home/a", "number": 1, "max_size": 4073, "flash": {"hex": "00", "size": 4072},
+              "store": "efs", "id": 1, "efs": {"block": 6}},
+             {"name": "/home/b", "number": 2, "max_size": 4073, "flash": {"hex": "00", "size": 4073},
+              "store": "efs", "id": 2, "efs": {"block": 6}}]})",
+         "m: /files/1/efs: the file runs to logical block 7"},
     };
     for (const auto &[manifest, message] : cases) {
         const std::string problems = problems_of(manifest);
         EXPECT_NE(problems.find(message), std::string::npos) << message << ", got " << problems;
+        EXPECT_EQ(problems.find("/files/0/efs"), std::string::npos) << "which can be built";
     }
 }
 
