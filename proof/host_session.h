@@ -2,6 +2,7 @@
 // came.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <string>
@@ -54,9 +55,9 @@ struct Inputs {
 
 // A "vync.cfg" partition around a store.
 inline Bytes with_head(const Bytes &store) {
-    Bytes partition(16, 0xEE);
+    Bytes partition(16 + store.size(), 0xEE);
     builders::put32(partition, 8, static_cast<uint32_t>(store.size()));
-    partition.insert(partition.end(), store.begin(), store.end());
+    std::copy(store.begin(), store.end(), partition.begin() + 16);
     return partition;
 }
 
