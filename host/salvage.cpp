@@ -276,8 +276,9 @@ class Salvager {
         const bool has_table_value = found.base.value || found.override_value.value ||
                                      found.base.state == Found::lost ||
                                      found.override_value.state == Found::lost;
-        const bool reads_flash = (is_deployed_ && is_pulled) || !has_table_value;
+        // What a start-up passes by is the value only of a file that the tables do not have.
         std::string lost = is_pulled || has_table_value ? "" : what_is_missing();
+        const bool reads_flash = (is_deployed_ && is_pulled) || (!has_table_value && lost.empty());
         const auto try_part = [&](const SalvagedPart &part, const char *source) {
             if (part.state == Found::lost && lost.empty()) {
                 lost = part.why;
@@ -302,7 +303,7 @@ class Salvager {
             lost = missing_overrides();
         }
         try_part(found.base, "base");
-        if (!found.current.value && !lost.empty() && (reads_flash || has_table_value)) {
+        if (!found.current.value && !lost.empty()) {
             found.current = {Found::lost, {}, lost, ""};
         }
     }

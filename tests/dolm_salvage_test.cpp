@@ -171,7 +171,8 @@ TEST_F(DolmSalvage, DoubtsWhatALostRecordMayHaveReplaced) {
     fs::remove(set / "vync.cfg");
     write_whole(set / "set.json", R"({"sku": 1})");
     values = salvage("orvel.cfg", "");
-    EXPECT_EQ(values["/home/test/scratch"]["state"], "older");
+    EXPECT_EQ(values["/home/test/scratch"]["state"], "lost");
+    EXPECT_EQ(values["/home/test/scratch"]["flash"]["text"], "changed");
 }
 
 // Where its entries, its headers or single bits are gone, the pages of the log tell by themselves
