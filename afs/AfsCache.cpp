@@ -1,6 +1,7 @@
 #include "AfsCache.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 
 #include "AfsPhysical.h"
@@ -28,28 +29,10 @@ bool is_dirty(const afs_cache_line &line) {
     return (line.flags_and_link & line_flags) == line_flags;
 }
 
-// What is known of the lines, valid or not, whose pages have the same low bits.
-struct page_bucket {
-    uint16_t lines; // how many there are
-    uint16_t found; // the one found last; only a hint
-};
-
-constexpr uint32_t bucket_count = 256;
-
-// Behind the control records the array goes on with the buckets, and then with a number for each
-// line: the line before it in the list, and for the head the last line, so that they go round.
-page_bucket &bucket_of(const afs_context *context, uint16_t page) {
-    auto *buckets =
-        reinterpret_cast<page_bucket *>(context->cache_lines + context->cache_line_count);
-    return buckets[page % bucket_count];
-}
-
+// Behind the control records the array has one more number for each line: the line before it in the
+// list, and for the head the last line, so that they go round.
 uint16_t *back_links(const afs_context *context) {
-    return reinterpret_cast<uint16_t *>(&bucket_of(context, 0) + bucket_count);
-}
-
-size_t size_of_lines(uint16_t lines) {
-    return lines * (sizeof(afs_cache_line) + sizeof(uint16_t)) + bucket_count * sizeof(page_bucket);
+    return reinterpret_cast<uint16_t *>(context->cache_lines + context->cache_line_count);
 }
 
 uint16_t last_line(const afs_context *context) {
@@ -75,23 +58,15 @@ void move_to_head(afs_context *context, uint16_t line) {
     }
 }
 
-// The line that holds a page, or cache_line_count.
+// The line that holds a page, or cache_line_count. A record is compared as one number.
 uint16_t find_line(const afs_context *context, uint16_t page) {
+    const auto wanted = std::bit_cast<uint32_t>(afs_cache_line{line_valid, page});
+    const auto mask = std::bit_cast<uint32_t>(afs_cache_line{line_valid, UINT16_MAX});
     const afs_cache_line *const lines = context->cache_lines;
     const uint16_t count = context->cache_line_count;
-    page_bucket &bucket = bucket_of(context, page);
-    if (bucket.lines == 0) {
-        return count;
-    }
-    if (holds(lines[bucket.found], page)) {
-        return bucket.found;
-    }
     uint16_t line = 0;
-    while (line < count && !holds(lines[line], page)) {
+    while (line < count && (std::bit_cast<uint32_t>(lines[line]) & mask) != wanted) {
         ++line;
-    }
-    if (line < count) {
-        bucket.found = line;
     }
     return line;
 }
@@ -126,10 +101,7 @@ uint32_t load(afs_context *context, uint16_t line, uint16_t page) {
         return status;
     }
     clear_unfilled_part(context, line);
-    --bucket_of(context, control.page).lines;
     control.page = page;
-    page_bucket &bucket = bucket_of(context, page);
-    bucket = {.lines = static_cast<uint16_t>(bucket.lines + 1), .found = line};
     set_flags(control, line_valid);
     return AFS_RC_OK;
 }
@@ -170,13 +142,13 @@ uint32_t cache_init(afs_context *context, uint32_t page_size, uint16_t lines) {
     // The lines have room for the context's present page size too: it holds until the caller sets
     // the new one.
     const size_t line_size = std::max<size_t>(page_size, context->page_size);
-    context->cache_lines = static_cast<afs_cache_line *>(std::calloc(1, size_of_lines(lines)));
+    context->cache_lines = static_cast<afs_cache_line *>(
+        std::calloc(lines, sizeof(afs_cache_line) + sizeof(uint16_t)));
     context->cache_data = static_cast<uint8_t *>(std::calloc(lines, line_size));
     if (context->cache_lines == nullptr || context->cache_data == nullptr) {
         return AFS_RC_NO_MEMORY;
     }
     context->cache_head = 0;
-    bucket_of(context, 0).lines = lines; // as yet page 0 stands in all of them
     for (uint16_t line = 0; line < lines; ++line) {
         set_link(context->cache_lines[line],
                  line + 1 < lines ? static_cast<uint16_t>(line + 1) : end_of_list);
