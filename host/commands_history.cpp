@@ -184,13 +184,14 @@ void choose(std::vector<ImageHistory> &images, const std::vector<std::string> &w
     const auto has = [](const std::vector<std::string> &list, const std::string &word) {
         return std::find(list.begin(), list.end(), word) != list.end();
     };
-    const std::string where = images.size() == 1 ? "the image has" : "the images have";
+    const std::string no_trace =
+        images.size() == 1 ? "the image has no trace of " : "the images have no trace of ";
     if (!meant.unknown.empty()) {
-        throw Failure(where + " no trace of " + meant.unknown.front());
+        throw Failure(no_trace + meant.unknown.front());
     }
     for (const std::string &number : numbers) {
         if (!has(numbers_known, number)) {
-            throw Failure(where + " no trace of file " + number);
+            throw Failure(std::string(no_trace).append("file ").append(number));
         }
     }
     for (ImageHistory &history : images) {
