@@ -4,8 +4,8 @@
 tests_of_bytes=(crc_test fcs_test file_table_test file_tree_test qoqfs_test afs_file_test
     efs_change_test session_test)
 tests_of_windows=("${tests_of_bytes[@]}" afs_cache_test afs_device_log_test afs_ftl_test
-    afs_image_test check_test efs_mount_test flash_stage_test manifest_test out_of_memory_test
-    patterns_test set_power_cut_test table_refusal_test)
+    afs_image_test check_test efs_mount_test efs_refusal_test flash_stage_test image_reader_test
+    manifest_test out_of_memory_test patterns_test proof_test set_power_cut_test table_refusal_test)
 
 # platform_triplet PLATFORM: the name of its tools.
 platform_triplet() {

@@ -129,8 +129,8 @@ TEST_F(DolmSalvage, KeepsAFileWithoutEntryUnderItsNumber) {
     const json manifest = json::parse(read_whole(folder / "rescued/manifest.json"));
     EXPECT_TRUE(
         std::any_of(manifest["files"].begin(), manifest["files"].end(), [](const json &file) {
-            return file["store"] == "afs" && file["id"] == 34 && file.contains("skus") &&
-                   file["skus"].empty() && file.contains("flash");
+            return file.value("store", "") == "afs" && file.value("id", 0) == 34 &&
+                   file.contains("skus") && file["skus"].empty() && file.contains("flash");
         }));
     EXPECT_EQ(run("build rescued/manifest.json again").code, 0);
 }
