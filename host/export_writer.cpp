@@ -4,6 +4,7 @@
 
 #include "host/errors.h"
 #include "host/output.h"
+#include "host/set_files.h"
 #include "host/table_entries.h"
 #include "host/utf8.h"
 #include "host/value_folder.h"
@@ -42,9 +43,19 @@ class Writer {
         : manifest_(manifest), folder_(std::move(folder)),
           short_ones_inline_(count_values(manifest) > most_small_files) {}
 
-    void discard() { folder_.discard(); }
-
+    // The number of values that were written as files. Nothing stays of an export that fails.
     size_t write() {
+        try {
+            write_all();
+        } catch (...) {
+            folder_.discard();
+            throw;
+        }
+        return values_;
+    }
+
+  private:
+    void write_all() {
         std::string text = head();
         for (size_t i = 0; i < manifest_.files.size(); ++i) {
             text += i == 0 ? "\n    " : ",\n    ";
@@ -52,10 +63,8 @@ class Writer {
         }
         text += "\n  ]\n}\n";
         folder_.write("manifest.json", to_bytes(text));
-        return values_;
     }
 
-  private:
     // The manifest up to its files, a member a line.
     std::string head() const {
         Json json;
@@ -219,26 +228,17 @@ class Writer {
 } // namespace
 
 size_t write_export(const Manifest &manifest, const fs::path &folder, bool replace) {
-    Writer writer(manifest, folder);
-    bool is_new = false;
     try {
-        is_new = fs::create_directories(folder);
+        const NewFolders made(folder); // which go again if nothing comes into them
         if (!replace && !fs::is_empty(folder)) {
             throw UsageError(folder.string() +
                              " is not empty; --replace writes over what it holds");
         }
         fs::remove(folder / "manifest.json");
-        return writer.write();
+        return Writer(manifest, folder).write();
     } catch (const std::system_error &failure) {
         throw Failure("cannot write the export to " + folder.string() + ": " +
                       failure.code().message());
-    } catch (const Failure &) {
-        writer.discard();
-        std::error_code ignored;
-        if (is_new) {
-            fs::remove(folder, ignored);
-        }
-        throw;
     }
 }
 

@@ -12,7 +12,8 @@ namespace dolm {
 // manifest comes last, so half an export has none. Nothing comes to lie outside of the folder,
 // whatever names the files have: each value has the path of its file's name below "base",
 // "override", "flash" or "trailer". Throws UsageError if the folder holds anything and is not to be
-// written over, Failure if something cannot be written.
+// written over, Failure if something cannot be written: then what was written goes again, with the
+// folders made for it, and what it was written over is lost.
 size_t write_export(const Manifest &manifest, const std::filesystem::path &folder, bool replace);
 
 } // namespace dolm
