@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 #include "image/efs_records.h"
 #include "image/efs_survey.h"
@@ -19,6 +20,32 @@ EfsPlace listed_place(std::span<const uint8_t> table, size_t at) {
     return {get_le16(table, at), table[at + ftbl::record_block_offset],
             get_le16(table, at + ftbl::record_start_offset),
             get_le16(table, at + ftbl::record_max_size_offset)};
+}
+
+// The places of the records from begin on that a list could have, up to two in a row that none
+// could: a single one is damaged.
+std::vector<EfsPlace> run_of_places(std::span<const uint8_t> table, size_t begin,
+                                    const EfsLayout &layout, std::set<size_t> &tried) {
+    std::vector<EfsPlace> run;
+    std::set<uint32_t> numbers;
+    std::set<std::pair<uint32_t, uint32_t>> begins;
+    bool was_possible = true;
+    for (size_t at = begin; at + ftbl::efst_record_size <= table.size();
+         at += ftbl::efst_record_size) {
+        const EfsPlace place = listed_place(table, at);
+        const bool is_possible = place.number <= max_number && place.block < layout.valid_blocks &&
+                                 place.offset <= record_room &&
+                                 numbers.insert(place.number).second &&
+                                 begins.emplace(place.block, place.offset).second;
+        if (is_possible) {
+            run.push_back(place);
+            tried.insert(at);
+        } else if (!was_possible) {
+            break;
+        }
+        was_possible = is_possible;
+    }
+    return run;
 }
 
 // Goes through the blocks from their fronts, over one record after the other.
@@ -102,44 +129,22 @@ std::vector<EfsPlace> find_listed_places(std::span<const uint8_t> table,
                                          std::span<const uint8_t> image, const EfsLayout &layout) {
     constexpr size_t by_chance = 1; // zeros lead to the front of the first block
     const EfsImage read = read_efs_image(image, layout);
+    const auto is_good = [&](const EfsPlace &place) {
+        return is_good_record(image, layout, read, place);
+    };
     std::vector<EfsPlace> best;
     size_t best_good = by_chance;
     std::set<size_t> tried; // records of runs
     for (size_t begin = 0; begin + ftbl::efst_record_size <= table.size(); ++begin) {
-        if (tried.contains(begin) ||
-            !is_good_record(image, layout, read, listed_place(table, begin))) {
+        if (tried.contains(begin) || !is_good(listed_place(table, begin))) {
             continue;
         }
-        std::vector<EfsPlace> run;
-        std::set<uint32_t> numbers;
-        std::set<std::pair<uint32_t, uint32_t>> begins;
-        size_t good = 0;
-        size_t end_of_good = 0;
-        bool was_possible = true;
-        for (size_t at = begin; at + ftbl::efst_record_size <= table.size();
-             at += ftbl::efst_record_size) {
-            const EfsPlace place = listed_place(table, at);
-            const bool is_possible =
-                place.number <= max_number && place.block < layout.valid_blocks &&
-                place.offset <= record_room && numbers.insert(place.number).second &&
-                begins.emplace(place.block, place.offset).second;
-            if (!is_possible && !was_possible) {
-                break;
-            }
-            was_possible = is_possible;
-            if (!is_possible) {
-                continue; // one damaged record
-            }
-            run.push_back(place);
-            tried.insert(at);
-            if (is_good_record(image, layout, read, place)) {
-                ++good;
-                end_of_good = run.size();
-            }
-        }
+        std::vector<EfsPlace> run = run_of_places(table, begin, layout, tried);
+        const auto good = static_cast<size_t>(std::count_if(run.begin(), run.end(), is_good));
         if (good > best_good) {
             best_good = good;
-            run.resize(end_of_good);
+            const auto last_good = std::find_if(run.rbegin(), run.rend(), is_good);
+            run.erase(last_good.base(), run.end());
             best = std::move(run);
         }
     }
