@@ -62,31 +62,17 @@ void add_versions(FileHistory &file, bool has_current, std::vector<Held> content
     }
 }
 
-const char *state_name(AfsFileHistory::State state) {
+const char *state_name(HistoryState state) {
     switch (state) {
-    case AfsFileHistory::State::sound:
+    case HistoryState::sound:
         return "sound";
-    case AfsFileHistory::State::absent:
+    case HistoryState::absent:
         return "absent";
-    case AfsFileHistory::State::shared:
+    case HistoryState::shared:
         return "shared";
-    case AfsFileHistory::State::doubtful:
+    case HistoryState::doubtful:
         return "doubtful";
-    case AfsFileHistory::State::damaged:
-        break;
-    }
-    return "damaged";
-}
-
-const char *state_name(EfsFileHistory::State state) {
-    switch (state) {
-    case EfsFileHistory::State::sound:
-        return "sound";
-    case EfsFileHistory::State::absent:
-        return "absent";
-    case EfsFileHistory::State::doubtful:
-        return "doubtful";
-    case EfsFileHistory::State::damaged:
+    case HistoryState::damaged:
         break;
     }
     return "damaged";
@@ -123,7 +109,7 @@ Held to_held(const EfsVersion &version) {
 ImageHistory read_afs(const ImageFile &image) {
     const auto history = read_afs_history(image.bytes);
     if (!history) {
-        throw Failure(image.name + " has no header of a file system");
+        throw Failure("no header of a file system is left in the AFS image");
     }
     const FileNames names = image.table.names_in(Store::afs);
     ImageHistory told{image.name, "afs", {}};
@@ -165,8 +151,15 @@ bool is_number(const std::string &word) {
     return !word.empty() && word.find_first_not_of("0123456789") == word.npos;
 }
 
+// Of the images of a set, or of one alone.
+struct Histories {
+    std::vector<ImageHistory> images;
+    std::vector<Problem> unreadable;
+};
+
 // Leaves the files that the words mean, in the order of the images.
-void choose(std::vector<ImageHistory> &images, const std::vector<std::string> &words) {
+void choose(Histories &histories, const std::vector<std::string> &words) {
+    std::vector<ImageHistory> &images = histories.images;
     std::vector<std::string> names;
     std::vector<std::string> numbers_known;
     for (const ImageHistory &history : images) {
@@ -184,8 +177,9 @@ void choose(std::vector<ImageHistory> &images, const std::vector<std::string> &w
     const auto has = [](const std::vector<std::string> &list, const std::string &word) {
         return std::find(list.begin(), list.end(), word) != list.end();
     };
-    const std::string no_trace =
-        images.size() == 1 ? "the image has no trace of " : "the images have no trace of ";
+    const std::string no_trace = !histories.unreadable.empty() ? "what can be read has no trace of "
+                                 : images.size() == 1          ? "the image has no trace of "
+                                                               : "the images have no trace of ";
     if (!meant.unknown.empty()) {
         throw Failure(no_trace + meant.unknown.front());
     }
@@ -252,12 +246,16 @@ ImageHistory read_history(const ImageFile &image) {
 }
 
 // A damaged image of a set may be like nothing known.
-std::vector<ImageHistory> read_set(const HistoryOptions &options) {
-    std::vector<ImageHistory> images;
+Histories read_set(const HistoryOptions &options) {
+    Histories histories;
     for (const ImageFile &image : read_set_images(options)) {
-        images.push_back(image.name == "qfs.img" ? read_afs(image) : read_efs(image));
+        try {
+            histories.images.push_back(image.name == "qfs.img" ? read_afs(image) : read_efs(image));
+        } catch (const std::runtime_error &failure) {
+            histories.unreadable.push_back({image.name, "", "", failure.what()});
+        }
     }
-    return images;
+    return histories;
 }
 
 void print_files(const ImageHistory &history, bool all) {
@@ -272,17 +270,17 @@ void print_files(const ImageHistory &history, bool all) {
 
 void show_history(const HistoryOptions &options) {
     const bool is_set = std::filesystem::is_directory(options.path);
-    std::vector<ImageHistory> images =
-        is_set ? read_set(options) : std::vector{read_history(read_image_file(options))};
-    if (!options.names.empty()) {
-        choose(images, options.names);
+    Histories histories =
+        is_set ? read_set(options) : Histories{{read_history(read_image_file(options))}, {}};
+    if (!options.names.empty() && !histories.images.empty()) {
+        choose(histories, options.names);
     }
     if (tells_json() && !is_set) {
-        print_json(to_json(images.front()));
+        print_json(to_json(histories.images.front()));
         return;
     }
     Json json{{"images", Json::array()}};
-    for (const ImageHistory &history : images) {
+    for (const ImageHistory &history : histories.images) {
         if (tells_json()) {
             Json told = to_json(history);
             told["file"] = history.image;
@@ -296,6 +294,10 @@ void show_history(const HistoryOptions &options) {
     }
     if (tells_json()) {
         print_json(json);
+    }
+    if (!histories.unreadable.empty()) {
+        flush_output();
+        throw Failure(histories.unreadable);
     }
 }
 

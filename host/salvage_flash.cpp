@@ -16,37 +16,29 @@ std::string place_text(size_t at) {
     return "at offset " + std::to_string(at);
 }
 
-// The newest content that is left, which is sound only if it is known to be the last.
-SalvagedPart to_part(const Bytes &image, const AfsFileHistory &file) {
-    if (file.state == AfsFileHistory::State::absent && file.why.empty()) {
-        return {};
-    }
-    if (file.versions.empty()) {
-        return {Found::lost, {}, file.why, ""};
-    }
-    const AfsVersion &version = file.versions.front();
-    SalvagedPart part{Found::sound, contents_of(image, version), "", ""};
-    if (file.state != AfsFileHistory::State::sound) {
-        part.state = Found::older;
-        part.why = file.why;
-        part.where = version.chunks_at.empty() ? "" : place_text(version.chunks_at.front());
-    }
-    return part;
+SalvagedPart to_part(const Bytes &image, const AfsVersion &version) {
+    return {Found::sound, contents_of(image, version), "",
+            version.chunks_at.empty() ? "" : place_text(version.chunks_at.front())};
 }
 
-SalvagedPart to_part(const EfsFileHistory &file) {
-    if (file.state == EfsFileHistory::State::absent && file.why.empty()) {
+SalvagedPart to_part(const Bytes &, const EfsVersion &version) {
+    return {Found::sound, version.contents, "", place_text(version.at)};
+}
+
+// The newest content that is left, which is sound only if it is known to be the last.
+SalvagedPart newest_part(const Bytes &image, const auto &file) {
+    if (file.state == HistoryState::absent && file.why.empty()) {
         return {};
     }
     if (file.versions.empty()) {
         return {Found::lost, {}, file.why, ""};
     }
-    const EfsVersion &version = file.versions.front();
-    SalvagedPart part{Found::sound, version.contents, "", ""};
-    if (file.state != EfsFileHistory::State::sound) {
+    SalvagedPart part = to_part(image, file.versions.front());
+    if (file.state == HistoryState::sound) {
+        part.where.clear();
+    } else {
         part.state = Found::older;
         part.why = file.why;
-        part.where = place_text(version.at);
     }
     return part;
 }
@@ -68,7 +60,7 @@ void read_afs(const SetFiles &set, Manifest &manifest, SalvagedFlash &flash) {
     layout.file_count = history->file_count;
     manifest.afs = layout;
     for (const AfsFileHistory &file : history->files) {
-        const SalvagedPart part = to_part(set.qfs_image, file);
+        const SalvagedPart part = newest_part(set.qfs_image, file);
         if (part.value || part.state == Found::lost) {
             flash.afs.emplace(file.number, part);
         }
@@ -78,8 +70,7 @@ void read_afs(const SetFiles &set, Manifest &manifest, SalvagedFlash &flash) {
 size_t count_sound(const EfsHistory &history) {
     return static_cast<size_t>(
         std::count_if(history.files.begin(), history.files.end(), [](const EfsFileHistory &file) {
-            return file.state == EfsFileHistory::State::sound ||
-                   file.state == EfsFileHistory::State::doubtful;
+            return file.state == HistoryState::sound || file.state == HistoryState::doubtful;
         }));
 }
 
@@ -126,7 +117,7 @@ void read_efs(const SetFiles &set, const Bytes &ftbl, Manifest &manifest, Salvag
         const bool is_clear = is_only_one(history.files, place);
         flash.efs.insert_or_assign(
             place.number,
-            is_clear ? to_part(file)
+            is_clear ? newest_part(set.efs_image, file)
                      : SalvagedPart{Found::lost, {}, "the file table gives its place twice", ""});
         flash.efs_places.insert_or_assign(place.number,
                                           EfsPlacement{place.block, place.offset, place.max_size});

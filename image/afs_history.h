@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "image/afs_image.h"
+#include "image/history_state.h"
 
 namespace dolm {
 
@@ -24,13 +25,7 @@ struct AfsVersion {
 };
 
 struct AfsFileHistory {
-    enum class State : uint8_t {
-        sound,    // the first version is what a mount gives
-        absent,   // there is no such file now
-        shared,   // another file claims one of its chunks: which of them it belongs to is not known
-        doubtful, // what it holds may not be the newest
-        damaged   // what it holds now cannot be read
-    };
+    using State = HistoryState;
 
     uint32_t number = 0;
     State state = State::absent;

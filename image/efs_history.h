@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "image/efs_image.h"
+#include "image/history_state.h"
 
 namespace dolm {
 
@@ -30,12 +31,7 @@ struct EfsVersion {
 };
 
 struct EfsFileHistory {
-    enum class State : uint8_t {
-        sound,    // the first version is what a mount gives
-        absent,   // there is no such file now
-        doubtful, // the first version has its checksums, and may not be the newest
-        damaged   // what it holds now cannot be read
-    };
+    using State = HistoryState;
 
     EfsPlace place;
     State state = State::absent;

@@ -83,6 +83,15 @@ TEST_F(DolmHistory, ShowsASetAsItShowsItsImages) {
     EXPECT_EQ(all.out, run("history set").out);
     EXPECT_EQ(named.out, run("history set long").out);
     EXPECT_EQ(image.out, run("history set/qfs.img long").out);
+
+    write_whole(set / "qfs.img", std::string(65536, '\0'));
+    const std::string why = "qfs.img: no header of a file system is left in the AFS image\n";
+    const Outcome half = run("history set --json");
+    EXPECT_EQ(half.code, 1);
+    EXPECT_NE(half.err.find("no header of a file system"), half.err.npos);
+    EXPECT_EQ(json::parse(half.out)["images"], json::array({images[1]}));
+    EXPECT_EQ(run("history set 2").err, "dolm: " + why);
+    EXPECT_EQ(run("history set long").err, "dolm: what can be read has no trace of long\n");
 }
 
 TEST_F(DolmHistory, LeavesOutWhatFailsItsChecksum) {
