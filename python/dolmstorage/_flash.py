@@ -2,7 +2,7 @@
 
 import ctypes
 import io
-from typing import Callable, Iterator, MutableMapping, Optional, Union
+from typing import Callable, Iterable, Iterator, MutableMapping, Optional, Union
 
 from ._errors import FlashError, FlashFileNotFound, StorageError
 from ._library import Library, decode_name, encode_name, full_name
@@ -155,6 +155,7 @@ class Afs(FlashStore):
     def _slots(self) -> Iterator[int]:
         size = ctypes.c_uint32()
         for file in range(_ID_MASK + 1):
+            self._require_up()
             if self._size(file, ctypes.byref(size)) == _INVALID:
                 return
             yield file
@@ -199,6 +200,12 @@ class FlashFile(io.BytesIO):
         """Raises io.UnsupportedOperation on a file opened to read."""
         self._require_writable()
         return super().write(data)
+
+    def writelines(  # type: ignore[override]
+            self, lines: "Iterable[Union[bytes, bytearray, memoryview]]") -> None:
+        """Raises io.UnsupportedOperation on a file opened to read."""
+        self._require_writable()
+        super().writelines(lines)
 
     def truncate(self, size: Optional[int] = None) -> int:
         """Raises io.UnsupportedOperation on a file opened to read."""

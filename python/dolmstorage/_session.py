@@ -5,6 +5,7 @@ import ctypes
 import enum
 import mmap
 import struct
+import warnings
 from dataclasses import dataclass
 from types import TracebackType
 from typing import Any, Iterator, List, Mapping, Optional, Tuple, Type, TypeVar, Union
@@ -112,6 +113,12 @@ def _shared(image: Optional[Image]) -> "ctypes.Array[ctypes.c_uint8]":
     return (ctypes.c_uint8 * memoryview(image).nbytes).from_buffer(image)
 
 
+def require_no_session() -> None:
+    """Raises RuntimeError if the library is up already."""
+    if library().qoFcsIsInitialized():
+        raise RuntimeError("a process can have one open session at a time")
+
+
 class Session(Mapping[str, bytes]):
     """The library from start-up to release: a mapping from the names of NVARs to current values.
 
@@ -125,20 +132,19 @@ class Session(Mapping[str, bytes]):
 
     Raises ReportedError if start-up fails; StorageError if the file table has no row for the SKU;
     RuntimeError if another session is open in this process; TypeError for an image that is not
-    writable. Used as a context manager, it closes at the end.
+    writable. Used as a context manager, it closes at the end; one that nobody holds any more closes
+    with a ResourceWarning.
     """
 
-    _active: Optional["Session"] = None
+    _is_open = False
 
     def __init__(self, *, orvel_cfg: Bytes, ftbl: Bytes, vync_cfg: Bytes = b"",
                  qfs_image: Optional[Image] = None, efs_image: Optional[Image] = None,
                  sku: int) -> None:
         self._library: Library = library()
         self._reports: List[Report] = []
-        self._is_open = False
         self._sku = sku
-        if Session._active is not None or self._library.qoFcsIsInitialized():
-            raise RuntimeError("a process can have one open session at a time")
+        require_no_session()
         _require_row(bytes(ftbl), sku)
         self._qfs_image = qfs_image
         self._efs_image = efs_image
@@ -146,7 +152,6 @@ class Session(Mapping[str, bytes]):
         copies = [_copied(bytes(content)) for content in (orvel_cfg, vync_cfg, ftbl)]
         inputs = Inputs(_range(copies[0]), _range(copies[1]), _range(self._held[0]),
                         _range(copies[2]), sku, _range(self._held[1]))
-        Session._active = self
         self._is_open = True
         try:
             self._call("start-up", self._library.qoQfsDolmInit, ctypes.byref(inputs),
@@ -170,7 +175,6 @@ class Session(Mapping[str, bytes]):
             self._library.qoQfsNvarTerm(False)
         self._library.take_reports()
         self._held.clear()
-        Session._active = None
 
     def __enter__(self: AnySession) -> AnySession:
         return self
@@ -178,6 +182,13 @@ class Session(Mapping[str, bytes]):
     def __exit__(self, kind: Optional[Type[BaseException]], value: Optional[BaseException],
                  traceback: Optional[TracebackType]) -> None:
         self.close()
+
+    def __del__(self) -> None:
+        if self._is_open:
+            try:
+                warnings.warn("a session was not closed", ResourceWarning, source=self)
+            finally:
+                self.close()
 
     # ---- The library
 

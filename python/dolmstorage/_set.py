@@ -6,7 +6,7 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Optional, Union
 
 from ._errors import StorageError
-from ._session import Session
+from ._session import Session, require_no_session
 
 if TYPE_CHECKING:
     from ._files import SetFolder
@@ -73,6 +73,7 @@ def open(path: Union[str, "os.PathLike[str]"], mode: str = "r+", *, sku: Optiona
     from ._files import SetFolder
     if mode not in ("r", "r+"):
         raise ValueError(f"mode {mode!r}; there are 'r' and 'r+'")
+    require_no_session()  # else it would wait for the lock of a session of this very process
     folder = SetFolder(Path(path), mode == "r+", lock_timeout)
     try:
         return Set(folder, mode == "r+", sku)

@@ -166,13 +166,19 @@ class Failures(SetTest):
             s["radio/power_table"] = b"x"
 
     def test_one_session_at_a_time_and_only_for_a_sku_of_the_table(self) -> None:
-        with dolmstorage.open(self.set, "r"):
-            self.assertRaises(RuntimeError, dolmstorage.open, self.set, "r")
+        with dolmstorage.open(self.set):  # whose lock would keep the other waiting
+            self.assertRaises(RuntimeError, dolmstorage.open, self.set)
         self.assertRaisesRegex(dolmstorage.StorageError, "only for 1, 2", dolmstorage.open,
                                self.set, sku=3)
         self.assertRaises(FileNotFoundError, dolmstorage.open, self.folder / "nowhere")
         (self.set / "set.json").write_text('{"sku": -1}')
         self.assertRaisesRegex(dolmstorage.StorageError, "set.json", dolmstorage.open, self.set)
+
+
+    def test_a_session_that_nobody_holds_gives_up_library_and_lock(self) -> None:
+        with self.assertWarns(ResourceWarning):
+            dolmstorage.open(self.set)
+        dolmstorage.open(self.set, lock_timeout=0).close()
 
 
 class Memory(SetTest):
@@ -224,6 +230,9 @@ class Flash(SetTest):
                 s.efs[3] = bytes(17)
             self.assertEqual((caught.exception.status, caught.exception.file), (34, 3))
             self.assertNotIn(32, s.efs)
+            numbers = iter(s.afs)
+            next(numbers)
+        self.assertRaises(dolmstorage.StorageError, next, numbers)
 
     def test_file_objects_store_what_was_written_when_they_are_closed(self) -> None:
         with dolmstorage.open(self.set) as s:
@@ -236,6 +245,7 @@ class Flash(SetTest):
                 raise RuntimeError
             with s.afs.open(32) as file:
                 self.assertRaises(io.UnsupportedOperation, file.write, b"x")
+                self.assertRaises(io.UnsupportedOperation, file.writelines, [b"x"])
                 self.assertEqual(file.read(), b"gateway+17")
 
 
