@@ -58,8 +58,8 @@ class History {
     std::span<const uint8_t> block(uint32_t number) const { return unit(layout_.bm_num + number); }
     uint32_t entry_size() const { return layout_.data_blocks() + entry_words_size; }
 
-    // The order of a BM among the others; nothing for one whose maps never came into force.
-    std::optional<uint32_t> sequence_of(uint32_t bm, bool any_good) const {
+    // The sequence of a BM that a mount finds, or would find but for one wrong byte.
+    std::optional<uint32_t> sequence_of(uint32_t bm) const {
         const EfsBm &known = image_.bms[bm];
         if (known.state == EfsBmState::good) {
             return known.sequence;
@@ -70,46 +70,89 @@ class History {
             header[wrong->at] ^= wrong->bits;
             return get_le32(header, 4);
         }
-        if (known.state == EfsBmState::erased && any_good) {
-            return std::nullopt;
-        }
-        return 0;
+        return std::nullopt;
     }
 
     // All maps, the oldest first. A BM follows the one before it in the ring.
     void read_maps() {
-        const bool any_good =
-            std::any_of(image_.bms.begin(), image_.bms.end(),
-                        [](const EfsBm &bm) { return bm.state == EfsBmState::good; });
-        std::vector<std::pair<uint32_t, uint32_t>> order; // sequence, BM
-        const uint32_t in_force = image_.bm_in_force.value_or(0);
-        for (uint32_t step = 1; step <= layout_.bm_num; ++step) {
-            const uint32_t bm = (in_force + step) % layout_.bm_num;
-            if (const auto sequence = sequence_of(bm, any_good)) {
-                order.emplace_back(*sequence, bm);
+        std::optional<uint32_t> newest;
+        uint32_t highest = 0;
+        for (uint32_t bm = 0; bm < layout_.bm_num; ++bm) {
+            const uint32_t sequence = sequence_of(bm).value_or(0);
+            if (sequence > highest) {
+                highest = sequence;
+                newest = bm;
             }
         }
-        std::stable_sort(order.begin(), order.end(),
-                         [](const auto &a, const auto &b) { return a.first < b.first; });
-        for (const auto &[sequence, bm] : order) {
-            read_entries(bm);
+        const bool is_told = newest.has_value();
+        if (!is_told) {
+            newest = newest_by_content();
+        }
+        for (uint32_t step = 1; step <= layout_.bm_num; ++step) {
+            const uint32_t bm = (newest.value_or(0) + step) % layout_.bm_num;
+            const bool never_counted =
+                image_.bms[bm].state == EfsBmState::erased && is_told && bm != newest;
+            if (!never_counted) {
+                const std::vector<Map> maps = maps_in(bm);
+                maps_.insert(maps_.end(), maps.begin(), maps.end());
+            }
         }
     }
 
-    void read_entries(uint32_t bm) {
-        for (uint32_t slot = 0; header_size + (slot + 1) * entry_size() <= entry_limit; ++slot) {
+    // Without headers: of the BMs the one whose last map leads to most files, and whose first map
+    // follows most closely on the last one of the BM before.
+    std::optional<uint32_t> newest_by_content() const {
+        std::optional<uint32_t> newest;
+        std::pair<size_t, size_t> best;
+        for (uint32_t bm = 0; bm < layout_.bm_num; ++bm) {
+            const std::vector<Map> maps = maps_in(bm);
+            if (maps.empty()) {
+                continue;
+            }
+            const std::vector<Map> before = maps_in((bm + layout_.bm_num - 1) % layout_.bm_num);
+            const std::pair rank{count_readable(maps.back()),
+                                 before.empty() ? 0 : count_same(before.back(), maps.front())};
+            if (!newest || rank > best) {
+                newest = bm;
+                best = rank;
+            }
+        }
+        return newest;
+    }
+
+    size_t count_readable(const Map &map) const {
+        return static_cast<size_t>(
+            std::count_if(layout_.files.begin(), layout_.files.end(), [&](const EfsPlace &place) {
+                return read(place, [&](uint32_t logical) {
+                           return std::optional(map.valid[logical]);
+                       }).kind != Reading::Kind::damaged;
+            }));
+    }
+
+    static size_t count_same(const Map &a, const Map &b) {
+        size_t same = 0;
+        for (size_t logical = 0; logical < a.valid.size(); ++logical) {
+            same += a.valid[logical] == b.valid[logical] ? 1 : 0;
+        }
+        return same;
+    }
+
+    std::vector<Map> maps_in(uint32_t bm) const {
+        std::vector<Map> maps;
+        for (uint32_t slot = 0; slot < entries_in_bm(layout_.data_blocks()); ++slot) {
             const auto entry = unit(bm).subspan(header_size + slot * entry_size(), entry_size());
             if (is_sealed(entry)) {
-                add_map({bm, slot}, entry);
+                add_map(maps, {bm, slot}, entry);
             } else if (const auto wrong = wrong_byte(entry); wrong && !all(entry, 0xFF)) {
                 std::vector<uint8_t> mended(entry.begin(), entry.end());
                 mended[wrong->at] ^= wrong->bits;
-                add_map({bm, slot}, mended);
+                add_map(maps, {bm, slot}, mended);
             }
         }
+        return maps;
     }
 
-    void add_map(EfsMapPlace place, std::span<const uint8_t> entry) {
+    void add_map(std::vector<Map> &maps, EfsMapPlace place, std::span<const uint8_t> entry) const {
         std::vector<bool> seen(layout_.data_blocks());
         for (const uint8_t number : entry.first(layout_.data_blocks())) {
             if (number >= layout_.data_blocks() || seen[number]) {
@@ -117,7 +160,7 @@ class History {
             }
             seen[number] = true;
         }
-        maps_.push_back({place, {entry.begin(), entry.begin() + layout_.valid_blocks}});
+        maps.push_back({place, {entry.begin(), entry.begin() + layout_.valid_blocks}});
     }
 
     // The map that a mount takes, if it takes one and no newer one is damaged; else the newest.
@@ -132,9 +175,11 @@ class History {
             return;
         }
         const auto traces = survey_efs_image(bytes_, layout_, image_);
-        const bool is_lost = std::any_of(traces.begin(), traces.end(), [](const EfsTrace &trace) {
-            return trace.kind == EfsTrace::Kind::lost_map;
-        });
+        const bool is_lost = std::any_of(traces.begin(), traces.end(),
+                                         [](const EfsTrace &trace) {
+                                             return trace.kind == EfsTrace::Kind::lost_map;
+                                         }) ||
+                             lies_behind_a_gap(maps_.back());
         const auto taken = std::find_if(maps_.begin(), maps_.end(), [&](const Map &map) {
             return map.place.bm == image_.bm_in_force && map.place.entry == image_.entry_in_force;
         });
@@ -152,6 +197,12 @@ class History {
         }
     }
 
+    // A mount looks no further than the first erased entry, and at no BM whose header is damaged.
+    bool lies_behind_a_gap(const Map &map) const {
+        const uint32_t bm = *image_.bm_in_force;
+        return map.place.bm != bm || map.place.entry > image_.bms[bm].entries;
+    }
+
     // A block holds what it was given last: of the maps that name it, the last run of those that
     // name it for the same logical block.
     void find_spans() {
@@ -163,6 +214,42 @@ class History {
                 span = {true, logical, goes_on ? span.first : i, i};
             }
         }
+        for (uint32_t number = 0; number < layout_.data_blocks(); ++number) {
+            if (spans_[number].is_known && is_elsewhere(number)) {
+                spans_[number].is_known = false;
+            }
+        }
+    }
+
+    // A whole block without a record of the logical block that the maps say is not in its place, or
+    // was written since the last of them.
+    bool is_elsewhere(uint32_t number) const {
+        const Fit told = files_in(number, spans_[number].logical);
+        if (told.good != 0 || !is_whole(number)) {
+            return false;
+        }
+        bool fits_another = false;
+        for (uint32_t logical = 0; logical < layout_.valid_blocks; ++logical) {
+            const Fit fit = files_in(number, logical);
+            fits_another = fits_another || (fit.all != 0 && fit.good == fit.all);
+        }
+        return told.all != 0 || fits_another;
+    }
+
+    // How many files begin in a logical block, and how many of them have good records in a block.
+    struct Fit {
+        size_t good = 0;
+        size_t all = 0;
+    };
+    Fit files_in(uint32_t number, uint32_t logical) const {
+        Fit fit;
+        for (const EfsPlace &place : layout_.files) {
+            if (place.block == logical) {
+                ++fit.all;
+                fit.good += begins_well(block(number).subspan(data_offset), place) ? 1 : 0;
+            }
+        }
+        return fit;
     }
 
     bool holds_since(uint32_t number, size_t map) const {
@@ -196,8 +283,10 @@ class History {
                 return reading;
             }
             const auto record = block(*number).subspan(data_offset + offset);
-            const bool is_good = record_is_good(record, logical, payload);
-            if (is_zeroed(*number) || (!is_good && !(size == no_file && is_whole(*number)))) {
+            // Zeros are the record of an empty file in block 0, and what damage leaves.
+            const bool is_good = record_is_good(record, logical, payload) &&
+                                 (!all(record.first(record_head_size), 0) || is_whole(*number));
+            if (!is_good && !(size == no_file && is_whole(*number))) {
                 return reading;
             }
             const auto part = record.subspan(record_head_size, payload);
@@ -212,11 +301,9 @@ class History {
     }
 
     // Zeros have the checksum 0, and are never written.
-    bool is_zeroed(uint32_t number) const { return all(block(number).subspan(data_offset), 0); }
-
     bool is_whole(uint32_t number) const {
-        return is_sealed(block(number).first(header_size)) &&
-               is_sealed(block(number).subspan(data_offset));
+        const auto area = block(number).subspan(data_offset);
+        return is_sealed(area) && !all(area, 0);
     }
 
     // What was true when a map was in force.
@@ -284,11 +371,8 @@ class History {
     // A spare that no map names stands for a logical block if all files that begin there have good
     // records in it. Where the file goes on it may do so in any such block.
     Reading read_spare(uint32_t number, const EfsPlace &place) const {
-        const auto fits = [&](const EfsPlace &other) {
-            return other.block != place.block ||
-                   begins_well(block(number).subspan(data_offset), other);
-        };
-        if (!std::all_of(layout_.files.begin(), layout_.files.end(), fits)) {
+        const Fit fit = files_in(number, place.block);
+        if (fit.good != fit.all) {
             return {};
         }
         Reading reading = read(place, [&](uint32_t logical) {

@@ -160,6 +160,50 @@ TEST_F(DolmSalvage, FindsTheFilesOfEfsWithoutAWayToTheirList) {
     }
 }
 
+// Through the ring of block maps: what the maps no longer tell, the blocks tell themselves.
+TEST_F(DolmSalvage, FindsTheFilesOfEfsWithoutTheNewestMaps) {
+    constexpr size_t block = 4096;
+    constexpr size_t entry_size = 22;
+    const auto entry_at = [](size_t index) { return block + 16 + index * entry_size; }; // of BM 1
+    std::string image;
+    size_t newest = 0;
+    for (int i = 10; newest < 25; ++i) {
+        ASSERT_LT(i, 60);
+        ASSERT_EQ(run("set set radio/cal/trim hex:" + std::to_string(i)).code, 0);
+        image = read_whole(set / "efs.img");
+        while (image.substr(entry_at(newest + 1), entry_size) != std::string(entry_size, '\xFF')) {
+            ++newest;
+        }
+    }
+    const auto sound = salvage("efs.img", image);
+    std::map<std::string, std::string> images;
+    (images["retired"] = image).replace(block, 16, 16, '\0');
+    (images["junk header"] = image).replace(block, 16, 16, '\x5A');
+    (images["a gap in the maps"] = image).replace(entry_at(8), entry_size, entry_size, '\xFF');
+    (images["no newest BM"] = image).replace(block, block, block, '\xFF');
+    (images["no BM"] = image).replace(0, 2 * block, 2 * block, '\0');
+    std::string &bare = images["no header at all"] = images["no BM"];
+    for (size_t at = 2 * block; at < bare.size(); at += block) {
+        bare.replace(at, 16, 16, '\0');
+    }
+    const size_t first = (2 + size_t{static_cast<uint8_t>(image[entry_at(newest)])}) * block;
+    const size_t fifth = (2 + size_t{static_cast<uint8_t>(image[entry_at(newest) + 4])}) * block;
+    std::string &swapped = images["two blocks swapped"] = image;
+    swapped.replace(first, block, image, fifth, block).replace(fifth, block, image, first, block);
+    for (const auto &[what, damaged] : images) {
+        SCOPED_TRACE(what);
+        for (const auto &[name, value] : salvage("efs.img", damaged)) {
+            const json &flash = value["flash"];
+            const json &was = sound.at(name)["flash"];
+            const bool is_older = flash.is_object() && flash["state"] == "older" &&
+                                  what.starts_with("no ") && name == "/home/radio/cal/trim";
+            EXPECT_TRUE(flash == was || (flash["hex"] == was["hex"] && flash["state"] == "older") ||
+                        is_older)
+                << name << flash;
+        }
+    }
+}
+
 // What the lost part of a table may have held is not made up from what stands behind it.
 TEST_F(DolmSalvage, DoubtsWhatALostRecordMayHaveReplaced) {
     ASSERT_EQ(run("set set test/scratch changed").code, 0); // not pulled from flash
