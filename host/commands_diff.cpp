@@ -15,7 +15,7 @@ namespace dolm {
 
 namespace {
 
-constexpr size_t preview_width = 36;
+constexpr size_t diff_value_columns = 36;
 
 SetContent read_content(const std::filesystem::path &folder, const DiffOptions &options) {
     SetFiles set = load_set(folder, options.lock_timeout);
@@ -66,17 +66,13 @@ Json to_json(const std::vector<Difference<Thing>> &differences) {
 
 // Text
 
-std::string attributes_text(uint16_t attributes) {
-    return to_hex({static_cast<uint8_t>(attributes >> 8), static_cast<uint8_t>(attributes)});
-}
-
 std::string preview(const Bytes &value) {
-    return preview_value(value, preview_width);
+    return preview_value(value, diff_value_columns);
 }
 
 std::string entry_field(const TableEntry &entry, const std::string &field) {
     return field == "max_size"     ? std::to_string(entry.max_size)
-           : field == "attributes" ? attributes_text(entry.attributes)
+           : field == "attributes" ? hex_digits(entry.attributes, 4)
            : field == "number"     ? std::to_string(number_in_class(entry.number))
            : field == "class"      ? std::to_string(class_of(entry.number))
            : field == "store"      ? store_name(entry.store)
@@ -101,12 +97,12 @@ std::string field_text(const Json &measure, const std::string &) {
 
 std::string whole_text(const Nvar &nvar) {
     return preview(nvar.value) + ", origin " + to_string(nvar.origin) + ", attributes " +
-           attributes_text(nvar.entry.attributes);
+           hex_digits(nvar.entry.attributes, 4);
 }
 
 std::string whole_text(const StoredFile &file) {
     return file.store + " " + std::to_string(file.id) + ", " + field_text(file, "content") +
-           (file.entry ? ", attributes " + attributes_text(file.entry->attributes) : "");
+           (file.entry ? ", attributes " + hex_digits(file.entry->attributes, 4) : "");
 }
 
 std::string whole_text(const Json &measure) {

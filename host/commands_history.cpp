@@ -19,7 +19,7 @@ namespace dolm {
 
 namespace {
 
-constexpr size_t value_columns = 60;
+constexpr size_t history_value_columns = 60;
 
 struct Held {
     Bytes bytes;
@@ -221,8 +221,8 @@ Json to_json(const ImageHistory &history) {
 }
 
 void print_content(const char *when, const Held &content) {
-    print_line(std::string("    ") + when + preview_value(content.bytes, value_columns) + "  (" +
-               std::to_string(content.bytes.size()) + " bytes, " + content.where + ")");
+    print_line(std::string("    ") + when + preview_value(content.bytes, history_value_columns) +
+               "  (" + std::to_string(content.bytes.size()) + " bytes, " + content.where + ")");
 }
 
 void print_file(const FileHistory &file) {

@@ -14,13 +14,7 @@ namespace dolm {
 
 namespace {
 
-constexpr size_t preview_width = 28;
-
-std::string attributes_text(uint16_t attributes) {
-    std::ostringstream text;
-    text << std::hex << std::setw(4) << std::setfill('0') << attributes;
-    return text.str();
-}
+constexpr size_t list_value_columns = 28;
 
 void print_table(const std::vector<Nvar> &nvars) {
     size_t width = 4;
@@ -35,9 +29,10 @@ void print_table(const std::vector<Nvar> &nvars) {
     for (const Nvar &nvar : nvars) {
         std::ostringstream line;
         line << name_column(nvar.name) << std::setw(7) << nvar.value.size() << std::setw(7)
-             << nvar.entry.max_size << "  " << attributes_text(nvar.entry.attributes) << "  "
+             << nvar.entry.max_size << "  " << hex_digits(nvar.entry.attributes, 4) << "  "
              << std::left << std::setw(8) << to_string(nvar.origin) << "  " << std::setw(8)
-             << (nvar.writable ? "yes" : "no") << "  " << preview_value(nvar.value, preview_width);
+             << (nvar.writable ? "yes" : "no") << "  "
+             << preview_value(nvar.value, list_value_columns);
         print_line(line.str());
     }
 }

@@ -12,7 +12,7 @@ namespace dolm {
 
 namespace {
 
-constexpr size_t preview_width = 28;
+constexpr size_t set_value_columns = 28;
 
 std::vector<Assignment> all_assignments(const ChangeOptions &options) {
     std::vector<Assignment> all;
@@ -93,8 +93,8 @@ void try_changes(const ChangeOptions &options, const std::vector<Assignment> &as
         return;
     }
     for (const ValueChange &change : changes) {
-        print_line(sizes_text(change) + ", " + preview_value(change.before, preview_width) +
-                   " -> " + preview_value(change.after, preview_width));
+        print_line(sizes_text(change) + ", " + preview_value(change.before, set_value_columns) +
+                   " -> " + preview_value(change.after, set_value_columns));
     }
     print_line("vync.cfg: " + std::to_string(store_size) + " -> " +
                std::to_string(set.vync_cfg.size()) + " bytes");

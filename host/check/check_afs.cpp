@@ -6,13 +6,6 @@
 
 namespace dolm {
 
-namespace {
-
-constexpr const char *restore_image = "bring back qfs.img from a backup or read it again from the "
-                                      "device; dolm inspect shows what is left";
-
-} // namespace
-
 AfsCheck::AfsCheck(const SetView &view, Findings &findings)
     : bytes_(view.files.qfs_image), image_(view.afs), names_(view.afs_names), findings_(findings),
       traces_(survey_afs_image(bytes_, image_)) {}
@@ -30,7 +23,7 @@ void AfsCheck::run() {
 
 Finding &AfsCheck::error(std::string place, std::string text, const std::string &subject) {
     Finding &finding = findings_.error({qfs_img, std::move(place), std::move(text)}, subject);
-    finding.advice = restore_image;
+    finding.advice = how_to_restore(qfs_img);
     return finding;
 }
 

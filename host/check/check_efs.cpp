@@ -6,13 +6,6 @@
 
 namespace dolm {
 
-namespace {
-
-constexpr const char *restore_image = "bring back efs.img from a backup or read it again from the "
-                                      "device; dolm inspect shows what is left";
-
-} // namespace
-
 EfsCheck::EfsCheck(SetView &view, Findings &findings)
     : view_(view), bytes_(view.files.efs_image), findings_(findings) {}
 
@@ -36,7 +29,7 @@ void EfsCheck::run() {
 
 Finding &EfsCheck::error(std::string place, std::string text, const std::string &subject) {
     Finding &finding = findings_.error({efs_img, std::move(place), std::move(text)}, subject);
-    finding.advice = restore_image;
+    finding.advice = how_to_restore(efs_img);
     return finding;
 }
 

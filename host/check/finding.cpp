@@ -119,6 +119,11 @@ std::string at_offset(uint64_t offset, const std::string &what) {
     return hex(offset) + (what.empty() ? "" : ", " + what);
 }
 
+std::string how_to_restore(const std::string &image) {
+    return "bring back " + image +
+           " from a backup or read it again from the device; dolm inspect shows what is left";
+}
+
 std::string listed(const std::vector<std::string> &items, size_t most) {
     std::string text;
     for (size_t i = 0; i < std::min(items.size(), most); ++i) {

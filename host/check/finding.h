@@ -66,6 +66,9 @@ std::string at_offset(uint64_t offset, const std::string &what = {});
 
 std::string hex(uint64_t value);
 
+// What to do about an image that is damaged.
+std::string how_to_restore(const std::string &image);
+
 // "a, b, c and 7 more".
 std::string listed(const std::vector<std::string> &items, size_t most = 12);
 

@@ -86,11 +86,11 @@ class RegionCheck {
 
     // The range that a row gives with an offset and a count.
     void add(const auto &row, size_t begin, size_t size, const std::string &what,
-             const std::string &fields, unsigned doubts) {
+             const std::string &members, unsigned doubts) {
         const std::string sku = " of SKU " + std::to_string(row.sku);
         add({begin, begin + size, "the " + what + sku,
              at_offset(row.at + row_entries_offset,
-                       fields + "_offset and " + fields + "_count" + sku),
+                       members + "_offset and " + members + "_count" + sku),
              subject_of(row), doubts});
     }
 
