@@ -20,6 +20,7 @@
 #include "host/check/set_check.h"
 #include "host/commands.h"
 #include "host/system.h"
+#include "sample.h"
 
 namespace {
 
@@ -278,7 +279,7 @@ TEST_F(Check, WhatAnotherHostWroteIsANoteAndDamageToItAnError) {
 // check comes to its end, and no error blames a sound member first.
 TEST_F(Check, RandomDamageIsBlamedOnItsMember) {
     std::mt19937 random(20260401);
-    for (int i = 0; i < 250; ++i) {
+    for (int i = 0; i < dolm_test::sampled(250); ++i) {
         const std::string member = member_names[random() % std::size(member_names)];
         std::string content = read_whole(set / member);
         const size_t at = random() % content.size();

@@ -1,17 +1,16 @@
 // Whatever ends dolm, and whenever: the files of a set are all old or all new for the next command.
 #include "dolm_process.h"
+#include "sample.h"
 
 namespace {
 
 using namespace dolm_process;
 
-// The recovery is killed at each of its calls after every so many of those that the command is
-// killed at.
-#ifdef DOLM_SMALL_SAMPLE
-constexpr int calls_per_killed_recovery = 4;
-#else
-constexpr int calls_per_killed_recovery = 1;
-#endif
+// Of the calls of a command, every so many are where it is disturbed.
+constexpr int call_step = dolm_test::is_small_sample ? 3 : 1;
+
+// The recovery is disturbed at each of its calls after every so many of those.
+constexpr int recovery_step = dolm_test::is_small_sample ? 2 : 1;
 
 // A set of which one member is a link into another folder, and commands that change it.
 class Crash : public Dolm {
@@ -78,7 +77,7 @@ TEST_F(Crash, KilledAtAnyCallInTheCommandOrInTheRecoveryItLeavesAWholeSet) {
         while (run_until("kill", n, command).code != 0) {
             SCOPED_TRACE(command + ", killed at call " + std::to_string(n));
             restore("now", "cut");
-            for (int m = 1; n % calls_per_killed_recovery == 0; ++m) {
+            for (int m = 1; n / call_step % recovery_step == 0; ++m) {
                 restore("cut", "now");
                 if (run_until("kill", m, "list set --sku 1", true).code == 0) {
                     break;
@@ -88,7 +87,7 @@ TEST_F(Crash, KilledAtAnyCallInTheCommandOrInTheRecoveryItLeavesAWholeSet) {
             }
             restore("cut", "now");
             expect_whole(old, changed);
-            ++n;
+            n += call_step;
         }
         EXPECT_GT(n, 12) << command;
         EXPECT_EQ(state(), changed);
@@ -103,7 +102,7 @@ TEST_F(Crash, ASignalLeavesNothingBehind) {
         while (run_until("signal", n, command).code != 0) {
             const Folder now = state();
             EXPECT_TRUE(now == old || now == changed) << command << " at call " << n;
-            ++n;
+            n += call_step;
         }
         EXPECT_GT(n, 8) << command;
     }
@@ -127,14 +126,14 @@ TEST_F(Crash, AFailureChangesNothingOrLeavesAWarning) {
         const Folder old = snapshot(folder / "old");
         const Folder changed = changed_by(command);
         int failures = 0;
-        for (int n = 1;; ++n) {
+        for (int n = 1;; n += call_step) {
             const Outcome outcome = run_until("fail", n, command);
             SCOPED_TRACE(command + ", failing at call " + std::to_string(n));
             if (outcome.code == 0 && outcome.err.find("warning: the change") == std::string::npos) {
                 EXPECT_EQ(state(), changed);
                 break;
             }
-            ++failures;
+            failures += call_step;
             expect_whole(outcome.code == 0 ? changed : old, outcome.code == 0 ? changed : old);
         }
         EXPECT_GT(failures, 12);
@@ -253,13 +252,13 @@ TEST_F(Crash, AFailureInAFileWithASecondNameLeavesItOldOrNew) {
     EXPECT_EQ(changed["same"], changed["set/vync.cfg"]);
     changed.erase("same");
     int failures = 0;
-    for (int n = 1;; ++n) {
+    for (int n = 1;; n += call_step) {
         SCOPED_TRACE("failing at call " + std::to_string(n));
         const Outcome outcome = run_with_link(n);
         if (outcome.code == 0 && outcome.err.find("warning: the change") == std::string::npos) {
             break;
         }
-        ++failures;
+        failures += call_step;
         EXPECT_EQ(run("list now/set --sku 1").code, 0);
         Folder now = state();
         EXPECT_TRUE(now["same"] == now["set/vync.cfg"]);

@@ -6,6 +6,7 @@
 #include "dolm_process.h"
 #include "host/salvage.h"
 #include "host/value_text.h"
+#include "sample.h"
 
 namespace {
 
@@ -260,7 +261,7 @@ TEST_F(DolmSalvage, NoDamageMakesAValueWrong) {
     std::mt19937 random(1);
     for (const char *member : {"orvel.cfg", "vync.cfg", "ftbl.bin", "qfs.img", "efs.img"}) {
         const std::string content = read_whole(set / member);
-        for (int i = 0; i < 60; ++i) {
+        for (int i = 0; i < dolm_test::sampled(60); ++i) {
             std::string bad = content;
             const size_t at = random() % bad.size();
             const size_t size =

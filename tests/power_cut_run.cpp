@@ -5,20 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include "sample.h"
+
 namespace dolm_test {
 namespace {
 
 using namespace dolm::proof;
 
-#ifdef DOLM_SMALL_SAMPLE
-constexpr uint64_t sample_first = 60;
-constexpr uint64_t sample_second = 180;
-#else
-constexpr uint64_t sample_first = 400;
-constexpr uint64_t sample_second = 2000;
-#endif
+constexpr uint64_t sample_first = is_small_sample ? 60 : 400;
+constexpr uint64_t sample_second = is_small_sample ? 180 : 2000;
 constexpr uint64_t full_second = 40000;
-constexpr unsigned chain_cuts = 250;
+constexpr unsigned chain_cuts = sampled(250);
 
 Choice choice_from_environment() {
     const char *variable = std::getenv("DOLM_POWER_CUT");

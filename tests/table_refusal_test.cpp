@@ -9,6 +9,7 @@
 #include "host/manifest.h"
 #include "host/table_refusal.h"
 #include "host/tables.h"
+#include "sample.h"
 
 namespace dolm {
 namespace {
@@ -51,7 +52,7 @@ class TableRefusal : public testing::Test {
 };
 
 TEST_F(TableRefusal, HasAReasonExactlyForTheFileTablesThatTheLibraryRefuses) {
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < dolm_test::sampled(20000); ++i) {
         const Bytes bytes = damaged(ftbl, random);
         const auto sku = static_cast<uint32_t>(1 + random() % 3);
         const auto refusal = why_ftbl_refused(bytes, sku);
@@ -60,14 +61,14 @@ TEST_F(TableRefusal, HasAReasonExactlyForTheFileTablesThatTheLibraryRefuses) {
         ASSERT_EQ(taken, !refusal) << i << (refusal ? ": " + refusal->text : "");
         refused += refusal ? 1 : 0;
     }
-    EXPECT_GT(refused, 1000);
+    EXPECT_GT(refused, dolm_test::sampled(1000));
     load_file_table(ftbl.data(), 1, static_cast<uint32_t>(ftbl.size()));
 }
 
 TEST_F(TableRefusal, HasAReasonExactlyForTheStoresThatTheLibraryRefuses) {
     const Bytes orvel_cfg = make_orvel_cfg(manifest);
     ASSERT_TRUE(library_takes_ftbl(ftbl, 1));
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < dolm_test::sampled(20000); ++i) {
         const Bytes bytes = damaged(orvel_cfg, random);
         const auto refusal = why_orvel_refused(bytes, ftbl, 1);
         ASSERT_EQ(library_takes_store(bytes), !refusal) << i << (refusal ? refusal->text : "");
@@ -75,7 +76,7 @@ TEST_F(TableRefusal, HasAReasonExactlyForTheStoresThatTheLibraryRefuses) {
         ASSERT_EQ(refusal.has_value(), in_partition.has_value());
         refused += refusal ? 1 : 0;
     }
-    EXPECT_GT(refused, 1000);
+    EXPECT_GT(refused, dolm_test::sampled(1000));
 }
 
 TEST_F(TableRefusal, NamesTheRecordAndTheNumbers) {
