@@ -148,6 +148,10 @@ compare_sample_set() {
 test_windows() {
     local dolm=build/windows/dolm.exe sets=build/windows/sets long name
     cmake/exported_symbols build/windows/DolmStorageLib.dll
+    for name in DolmStorageLib.dll dolm.exe; do # without the time of the build
+        "$(platform_triplet windows)-objdump" -p "build/windows/$name" |
+            grep '^Time/Date.* 1970$' >/dev/null
+    done
     emulated windows build/windows/tests/dlopen_host.exe build/windows/DolmStorageLib.dll \
         "$sets/there" 1 /home/net/hostname 2>/dev/null
     diff -r "$sets/here" "$sets/there"
