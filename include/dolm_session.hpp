@@ -64,6 +64,14 @@ class Failure : public std::runtime_error {
     std::vector<Report> reports_;
 };
 
+inline uint32_t read_u32(std::span<const uint8_t> bytes, size_t offset) {
+    uint32_t number = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        number |= uint32_t{bytes[offset + i]} << 8 * i;
+    }
+    return number;
+}
+
 // "vync.cfg" is a head of 16 bytes and a store. Of the head only the store's length is read.
 inline constexpr size_t vync_head_size = 16;
 inline constexpr size_t vync_length_offset = 8;
@@ -84,10 +92,7 @@ inline std::span<const uint8_t> store_of_vync_cfg(std::span<const uint8_t> vync_
     if (vync_cfg.size() < vync_head_size) {
         throw Failure("vync.cfg is shorter than its head");
     }
-    size_t length = 0;
-    for (size_t i = 0; i < 4; ++i) {
-        length |= size_t{vync_cfg[vync_length_offset + i]} << 8 * i;
-    }
+    const size_t length = read_u32(vync_cfg, vync_length_offset);
     if (length > vync_cfg.size() - vync_head_size) {
         throw Failure("vync.cfg is shorter than its head says");
     }
@@ -120,12 +125,13 @@ struct Nvar {
 class Session {
   public:
     // Starts up. The session owns its set: the library changes the flash images in place, and a
-    // host sees of it what save gives. Throws Failure if start-up fails, and std::logic_error if
-    // the library is up already.
+    // host sees of it what save gives. Throws Failure if start-up fails or the file table has no
+    // row for the SKU, and std::logic_error if the library is up already.
     explicit Session(Set set) : set_(std::move(set)) {
         if (active_ != nullptr || qoFcsIsInitialized()) {
             throw std::logic_error("the library is up already; it has one session at a time");
         }
+        require_row(set_.ftbl, set_.sku);
         const _commonDolmInputs inputs = {range(set_.orvel_cfg),
                                           range(set_.vync_cfg),
                                           range(set_.qfs_image),
@@ -205,6 +211,23 @@ class Session {
   private:
     // A record and its value share a length of 16 bits.
     static constexpr size_t max_value_size = 65'523;
+
+    // Without a row the library would start up on empty tables, and save would leave no value in
+    // the store. A file table that is none is the library's to report.
+    static void require_row(std::span<const uint8_t> ftbl, uint32_t sku) {
+        constexpr size_t min_size = 1024, row_size = 16, max_rows = 10;
+        constexpr std::string_view magic = "FTBL";
+        if (ftbl.size() < min_size || !std::equal(magic.begin(), magic.end(), ftbl.begin())) {
+            return;
+        }
+        const size_t rows = std::min<size_t>(read_u32(ftbl, 12), max_rows);
+        for (size_t row = 1; row <= rows; ++row) { // behind a head as long as a row
+            if (read_u32(ftbl, row * row_size) == sku) {
+                return;
+            }
+        }
+        throw Failure("the file table has no row for SKU " + std::to_string(sku));
+    }
 
     static _commonDolmTable range(Bytes &bytes) {
         if (bytes.size() > std::numeric_limits<uint32_t>::max()) {

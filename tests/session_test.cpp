@@ -69,6 +69,11 @@ TEST(SessionTest, FailuresCarryTheirReports) {
     EXPECT_EQ(reports_of([&] { Session session(damaged); }), (std::vector{1, 342}));
     EXPECT_FALSE(qoFcsIsInitialized()) << "the tables were up when the flash stage failed";
 
+    // The library would start up, on empty tables.
+    Set other = make_set();
+    ++other.sku;
+    EXPECT_EQ(reports_of([&] { Session session(other); }), std::vector<int>{});
+
     // A file that the flash lacks: a warning at first, and a failure of save.
     std::vector<full_set::SetFile> files = full_set::default_set;
     files[1].flash.reset();
