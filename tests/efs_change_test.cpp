@@ -12,7 +12,6 @@
 namespace dolm_test {
 namespace {
 
-using dolm::load_le32;
 using Effect = DeviceFault::Effect;
 
 // Operations and what they write and erase.
@@ -31,6 +30,11 @@ class EfsDeviceLog : public EfsTest {
         block(8)[50] = 0;
         ASSERT_EQ(remount(), 0u);
         efs_ctx.bme_offset = end - 22;
+    }
+    // With entries of 20 bytes, of which the last one would fill the block; the one in force there.
+    void use_bm_of_204_entries(uint32_t in_force) {
+        start({.valid_block_num = 5});
+        efs_ctx.bme_offset = in_force;
     }
     static uint32_t commit() { return EFS_commit_BME(&efs_ctx.current_bme, 0, 0); }
     static uint32_t switch_bm() {
@@ -81,6 +85,11 @@ const LogCase log_cases[] = {
     {"switch", nothing, [](Test t) { return t.switch_bm(); }, "W1010+22 W1000+16 W0+16 "},
     {"switch_into_a_used_bm", [](Test t) { t.switch_bm(); }, [](Test t) { return t.switch_bm(); },
      "WC+4 E0+4096 W10+22 W0+16 W1000+16 "},
+    {"last_entry_in_a_bm", [](Test t) { t.use_bm_of_204_entries(4036); },
+     [](Test t) { return t.commit(); }, "WFD8+20 "},
+    {"switch_rather_than_end_an_entry_with_the_block",
+     [](Test t) { t.use_bm_of_204_entries(4056); }, [](Test t) { return t.commit(); },
+     "W1010+20 W1000+16 W0+16 "},
     {"switch_to_the_last_sequence", [](Test) { efs_ctx.bm_sequence = 0xFFFFFFFE; },
      [](Test t) { return t.switch_bm(); }, "W1010+22 W1000+16 W0+16 "},
     {"switch_behind_the_last_sequence", [](Test) { efs_ctx.bm_sequence = 0xFFFFFFFF; },
@@ -217,27 +226,6 @@ TEST_F(EfsTest, DamagedRecordsAndBlocksAreRefused) {
     EXPECT_EQ(read(4, 0, 4072), efs_pattern(4072, 1));
     EXPECT_TRUE(read(4, 0, 4073).empty());
     EXPECT_EQ(last_status, 41u);
-}
-
-TEST_F(EfsTest, SwitchesBmRatherThanEndAnEntryWithTheBlock) {
-    start({.valid_block_num = 5}); // entries of 20 bytes: 203 go in, a 204th would fill the block
-    for (uint32_t round = 0; round < 2; ++round) {
-        SCOPED_TRACE(round);
-        for (uint32_t slot = 1; slot < 203; ++slot) {
-            ASSERT_EQ(EFS_commit_BME(&efs_ctx.current_bme, slot, round), 0u);
-        }
-        EXPECT_EQ(efs_ctx.bme_offset, 4056u);
-        take_events();
-        ASSERT_EQ(EFS_commit_BME(&efs_ctx.current_bme, 7, 8), 0u);
-        EXPECT_EQ(take_events(),
-                  round == 0 ? "W1010+20 W1000+16 W0+16 " : "WC+4 E0+4096 W10+20 W0+16 W1000+16 ");
-        EXPECT_EQ(Bytes(bm(round), bm(round) + 16), Bytes(16, 0));
-        EXPECT_EQ(load_le32(bm(1 - round) + 4), round + 2);
-        ASSERT_EQ(remount(), 0u);
-        EXPECT_EQ(efs_ctx.current_bm, 1 - round);
-        EXPECT_EQ(efs_ctx.current_bme.aux0, 7u);
-        EXPECT_EQ(efs_ctx.current_bme.aux1, 8u);
-    }
 }
 
 TEST_F(EfsTest, SwitchFollowsWhatIsKnownOfTheNextBm) {

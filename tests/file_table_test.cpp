@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "common/little_endian.h"
+#include "miniVfs.h"
 #include "proof/builders.h"
 
 namespace builders = dolm::proof::builders;
@@ -174,6 +175,25 @@ TEST(FileTableTest, LoadsTheEfsGeometryAndFileList) {
         EXPECT_EQ(geometry(), std::tuple(3u, 255u, 1u, stored, 9u, 0xFE));
         EXPECT_EQ(EFS_files != nullptr, slots == 2);
         EXPECT_EQ(g_efs_autogen_data_loaded, slots == 2);
+    }
+    forget_file_table();
+}
+
+// The class of the number, the store (but for AFS, which is 1 here and 0 there) and 11 bits of the
+// identifier.
+TEST(FileTableTest, PathsBecomeFileNumbers) {
+    const Bytes table = FileTable{
+        .sku_rows = {{1,
+                      {{"/afs", 0x80000004, 0, 0, 0xF855, 1},
+                       {"/efs", 7, 0, 0, 2, 2},
+                       {"/other", 0x50000000, 0, 0, 0, 3}}}},
+        .geometry_rows = {}}.build();
+    ASSERT_EQ(load(table, 1), 0u);
+    for (const auto &[path, expected] :
+         {std::pair("/afs", 0x80000055U), {"/efs", 0x1002}, {"/other", 0x50001800}}) {
+        uint32_t number = 0;
+        EXPECT_EQ(pathToFileNumber(path, &number), 0u);
+        EXPECT_EQ(number, expected) << path;
     }
     forget_file_table();
 }
