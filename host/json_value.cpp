@@ -88,7 +88,7 @@ int digit64(char digit) {
 
 // Nothing if the text is not groups of four digits, the last one filled up with "=".
 std::optional<Bytes> from_base64(std::string_view text) {
-    const size_t fill = text.ends_with("==") ? 2 : text.ends_with("=") ? 1 : 0;
+    const std::ptrdiff_t fill = text.ends_with("==") ? 2 : text.ends_with("=") ? 1 : 0;
     if (text.size() % 4 != 0) {
         return std::nullopt;
     }
@@ -96,7 +96,7 @@ std::optional<Bytes> from_base64(std::string_view text) {
     bytes.reserve(text.size() / 4 * 3);
     uint32_t bits = 0;
     for (size_t i = 0; i < text.size(); ++i) {
-        const int digit = i < text.size() - fill ? digit64(text[i]) : 0;
+        const int digit = i + static_cast<size_t>(fill) < text.size() ? digit64(text[i]) : 0;
         if (digit < 0) {
             return std::nullopt;
         }
@@ -107,7 +107,7 @@ std::optional<Bytes> from_base64(std::string_view text) {
                           static_cast<uint8_t>(bits)});
         }
     }
-    bytes.resize(bytes.size() - fill);
+    bytes.erase(bytes.end() - fill, bytes.end());
     return bytes;
 }
 
