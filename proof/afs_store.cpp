@@ -53,6 +53,19 @@ bool same_log_slot(const DeviceEvent &entries, const DeviceEvent &records) {
                    (offset_in_eu(entries) - afs::header_size) / 2 * afs::record_size;
 }
 
+// A reclaim begins with an erase and ends with the state byte of a header.
+bool is_in_reclaim(std::span<const DeviceEvent> events, size_t k) {
+    while (k-- > 0) {
+        if (!is_write(events[k])) {
+            return true;
+        }
+        if (offset_in_eu(events[k]) == afs::state_offset) {
+            return false;
+        }
+    }
+    return false;
+}
+
 using Findings = std::vector<std::string>;
 
 void expect_equal(Findings &findings, const std::string &what, uint64_t reader, uint64_t store) {
@@ -255,13 +268,15 @@ const Limit *AfsStore::limit(std::span<const DeviceEvent> events, size_t k, cons
 }
 
 // A page of its own goes to the log behind its entry, so that a cut gives its slot up. A reclaim
-// writes a run of pages first and their entries after.
+// alone writes a run of pages first and their entries after.
 bool AfsStore::leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const {
-    const DeviceEvent &event = events[k];
-    if (are_log_records(event)) {
-        return k == 0 || !same_log_slot(events[k - 1], event);
+    if (k == 0) {
+        return false;
     }
-    return k > 0 && same_log_slot(event, events[k - 1]);
+    const DeviceEvent &event = events[k];
+    const DeviceEvent &previous = events[k - 1];
+    const bool ahead_of_entries = are_log_records(event) && !same_log_slot(previous, event);
+    return (ahead_of_entries || same_log_slot(event, previous)) && is_in_reclaim(events, k);
 }
 
 Change AfsStore::write(uint32_t file, uint32_t offset, const std::vector<uint8_t> &bytes,

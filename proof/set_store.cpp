@@ -212,7 +212,15 @@ const Limit *SetStore::limit(std::span<const DeviceEvent> events, size_t k, cons
 }
 
 bool SetStore::leaves_unclaimed_bytes(std::span<const DeviceEvent> events, size_t k) const {
-    return !is_of_efs(events[k]) && afs_.leaves_unclaimed_bytes(events, k);
+    if (is_of_efs(events[k])) {
+        return false;
+    }
+    // AFS judges by its own events, of which those of one operation stand together.
+    size_t first = k;
+    while (first > 0 && !is_of_efs(events[first - 1])) {
+        --first;
+    }
+    return afs_.leaves_unclaimed_bytes(events.subspan(first), k - first);
 }
 
 Change SetStore::termination(const Image &image, const std::vector<NewValue> &values) {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <ostream>
 
+#include "proof/afs_store.h"
 #include "proof/power_cut.h"
 #include "proof/recording.h"
 #include "proof/tears.h"
@@ -371,6 +372,30 @@ TEST(Proof, StatesAtALimitAreToldApart) {
 }
 
 // Each tear leaves what its name says, of a write of 1 2 3 4 over erased bytes and of an erase.
+// Such a page looks free after a cut, and flash does not take another one there.
+TEST(Proof, OnlyAReclaimOfAfsMayWriteAPageAheadOfItsEntry) {
+    const auto written = [](uint32_t address, uint32_t length) {
+        return DeviceEvent{DeviceEvent::Kind::write, address, length, std::vector<uint8_t>(length)};
+    };
+    const DeviceEvent entry = written(18 + 2 * 5, 2);
+    const DeviceEvent page = written(260 + 66 * 5, 66);
+    const DeviceEvent erase{DeviceEvent::Kind::erase, 16384, 4096, {}};
+    const DeviceEvent header_state = written(16384 + 17, 1);
+    const AfsStore store;
+
+    const std::vector<DeviceEvent> page_first{page, entry};
+    EXPECT_FALSE(store.leaves_unclaimed_bytes(page_first, 0));
+    EXPECT_FALSE(store.leaves_unclaimed_bytes(page_first, 1));
+
+    const std::vector<DeviceEvent> reclaim{erase, page, entry, header_state, page};
+    EXPECT_TRUE(store.leaves_unclaimed_bytes(reclaim, 1));
+    EXPECT_TRUE(store.leaves_unclaimed_bytes(reclaim, 2));
+    EXPECT_FALSE(store.leaves_unclaimed_bytes(reclaim, 4));
+
+    const std::vector<DeviceEvent> entry_first{erase, entry, page};
+    EXPECT_FALSE(store.leaves_unclaimed_bytes(entry_first, 2));
+}
+
 TEST(Proof, TearsLeaveWhatTheirNamesSay) {
     const Ledger store(Fault::none);
     const Image before{9, 0xFF, 0xFF, 0xFF, 0xFF, 9};
