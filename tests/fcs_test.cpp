@@ -108,13 +108,20 @@ TEST_F(FcsTest, LoadsWhatTheWriterWouldNotProduce) {
     use_table({{full, 5}, {"after", 1}});
     ASSERT_EQ(reload(reversed), FCS_OK);
     EXPECT_EQ(walk(), Names{full});
-    EXPECT_EQ(reload(store_of({beta, beta})), FCS_BAD_STORE) << "a name twice";
+    EXPECT_EQ(reload(store_of({beta, {1, "between"}, beta})), FCS_BAD_STORE) << "a name twice";
 }
 
 TEST_F(FcsTest, WhatALoadAddedBeforeItsFailureStaysInOrder) {
-    ASSERT_EQ(add("beta", beta), FCS_OK);
-    const Bytes bytes = store_of({delta, alpha, beta});
-    EXPECT_FALSE(loadDataFromFcsBuffer(store, bytes.data(), static_cast<uint32_t>(bytes.size())));
+    use_table({{"alpha", 0x21}, {"beta", 5}, {"dir/delta", 0x33}, {"gamma", 6}});
+    const auto load = [this](const Bytes &bytes) {
+        return loadDataFromFcsBuffer(store, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    };
+    std::vector<StoreFile> of_one_name(40, beta);
+    of_one_name[0].payload = "the first";
+    of_one_name.push_back(alpha); // so that they have to be put in order
+    EXPECT_FALSE(load(store_of(of_one_name)));
+    EXPECT_EQ(flushed(), store_of({of_one_name[0]}));
+    EXPECT_FALSE(load(store_of({delta, alpha, beta, {6, "behind"}})));
     EXPECT_EQ(walk(), (Names{"alpha", "beta", "dir/delta"}));
 }
 

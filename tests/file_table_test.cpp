@@ -88,6 +88,22 @@ TEST(FileTableTest, LookUpsTakeTheFirstMatchAndFailWithoutOne) {
     EXPECT_EQ(fileno, 5u) << "a miss leaves the result alone";
 }
 
+// However many there are, whatever becomes of the index that finds them.
+TEST(FileTableTest, OfManyRowsOfEachNameAndNumberTheFirstIsFound) {
+    FileTable many{.sku_rows = {{1, {}}}, .geometry_rows = {}};
+    for (uint32_t i = 0; i < 3000; ++i) {
+        many.sku_rows[0].entries.push_back({"/" + std::to_string(i / 3), i / 3});
+    }
+    const Bytes table = many.build();
+    ASSERT_EQ(load(table, 1), 0u);
+    for (fileno_t number = 0; number < 1000; ++number) {
+        const file_table_entry_t *const first = g_table_buf + 3 * number;
+        ASSERT_EQ(get_file_entry_by_fileno(&number), first);
+        ASSERT_EQ(get_file_entry_by_file_name(("/" + std::to_string(number)).c_str()), first);
+    }
+    forget_file_table();
+}
+
 // A good table with one u32 changed, cut to a length. Whatever the result of the load, it changes
 // nothing.
 TEST(FileTableTest, IllFormedTablesChangeNothing) {
