@@ -30,7 +30,7 @@ bool is_dirty(const afs_cache_line &line) {
 }
 
 // Behind the control records the array has one more number for each line: the line before it in the
-// list, and for the head the last line, so that they go round.
+// list, and for the head the last line, so that these links form a ring.
 uint16_t *back_links(const afs_context *context) {
     return reinterpret_cast<uint16_t *>(context->cache_lines + context->cache_line_count);
 }
@@ -51,7 +51,7 @@ void move_to_head(afs_context *context, uint16_t line) {
     set_link(lines[before], next);
     set_link(lines[line], head);
     context->cache_head = line;
-    if (next != end_of_list) { // else the round stays as it is, and only begins at another line
+    if (next != end_of_list) { // else the ring stays as it is, and only begins at another line
         back[next] = before;
         back[line] = back[head];
         back[head] = line;

@@ -14,7 +14,7 @@ using namespace dolm;
 
 namespace {
 
-// Found by the scan of the EU headers, beyond the tables.
+// Results of the scan of the EU headers that have no place in the tables.
 struct header_scan {
     uint32_t spare = AFS_FTL_NONE;   // the EU without a valid header
     uint32_t pending = AFS_FTL_NONE; // the EU whose header is not committed

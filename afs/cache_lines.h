@@ -25,8 +25,8 @@ inline uint8_t *line_bytes(const afs_context *context, uint16_t line) {
     return context->cache_data + size_t{line} * context->page_size;
 }
 
-// page_size is a power of two in every store that works; with another one the pages are not the
-// right ones, but pages all the same.
+// page_size is a power of two in every store that works. With another one, which afs_init does not
+// refuse, page numbers are wrong, but no access leaves the cache.
 inline unsigned page_shift(const afs_context *context) {
     return static_cast<unsigned>(std::countr_zero(context->page_size));
 }

@@ -26,9 +26,7 @@ void close_log(log_contents &log, uint32_t slot) {
     log.closed = true;
 }
 
-} // namespace
-
-log_contents read_log_map(const uint8_t *map, log_pages pages) {
+log_contents log_without_pages(bool blank) {
     log_contents log = {.pages = {},
                         .committed = 0,
                         .slots = AFS_FTL_EU_PAGES,
@@ -36,9 +34,16 @@ log_contents read_log_map(const uint8_t *map, log_pages pages) {
                         .next_slot = AFS_FTL_NONE,
                         .doubtful_slot = AFS_FTL_NONE,
                         .closed = false,
-                        .blank = is_erased_from(map, 0),
+                        .blank = blank,
                         .damaged = false};
     std::fill(std::begin(log.pages), std::end(log.pages), no_page);
+    return log;
+}
+
+} // namespace
+
+log_contents read_log_map(const uint8_t *map, log_pages pages) {
+    log_contents log = log_without_pages(is_erased_from(map, 0));
     if (entry_at(map, 0) == log_entry_erased) {
         if (!log.blank) {
             close_log(log, 0);

@@ -143,7 +143,7 @@ uint16_t portable_crc16_page(const uint8_t *data, uint16_t page) {
 
 uint32_t portable_crc32(uint32_t crc, const uint8_t *data, size_t length) {
     for (; length >= slices; data += slices, length -= slices) {
-        // What does not wait for the register comes first.
+        // The bytes that do not depend on the register come first.
         uint32_t rest = 0;
         for (size_t i = 4; i < slices; ++i) {
             rest ^= crc32_tables[slices - 1 - i][data[i]];

@@ -109,7 +109,7 @@ malloc_block allocate(size_t size);
 // Opens an empty store in table.handle; reports a failure as number 331.
 bool open_empty_store(FcsTable &table);
 
-// What came of adding an entry; all but the first have been reported.
+// The outcome of adding an entry; all but the first have been reported.
 enum class add_result { added, refused, no_memory };
 
 // The entry of path among the current values; null, reported, if there is none or it is not

@@ -45,7 +45,7 @@ bool check_inputs(const _commonDolmInputs *inputs) {
     return true;
 }
 
-// What a new start-up takes out of use. It is released only when that start-up is over, since the
+// The state that a new start-up replaces. It is released only when that start-up is over, since the
 // new inputs may be bytes that the library handed out itself.
 class superseded_state {
   public:

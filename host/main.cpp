@@ -284,8 +284,9 @@ void add_prove(CLI::App &app) {
     auto *states = command->add_option("--states", options->states,
                                        "How many states to visit, about (default 20000)");
     states->check([](const std::string &count) {
-        return count.find_first_not_of('0') == count.npos ? "at least one state is to be visited"
-                                                          : "";
+        const bool is_too_low =
+            count.starts_with('-') || count.find_first_not_of('0') == count.npos;
+        return is_too_low ? "at least one state is to be visited" : "";
     });
     auto *all = command->add_flag("--all", options->all, "Visit every state")->excludes(states);
     auto *replay = command->add_option("--replay", options->replay, "Visit this state alone")

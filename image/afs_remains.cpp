@@ -366,28 +366,16 @@ class Reader {
                 continue;
             }
             // What follows a write that was cut is chained to what stands before it.
-            if (slot == gap_end && slot != 0 && !holds(eu, slot, told) &&
-                leads_elsewhere(eu, slot)) {
+            const bool is_behind_gap = slot == gap_end && slot != 0;
+            if (is_behind_gap && !holds(eu, slot, told) && leads_elsewhere(eu, slot)) {
                 unit.pages.push_back({unknown_page, eu, slot, false});
             }
             if (own == entry_empty || own == entry_commit_mark) {
                 if (!find_by_content(unit, slot, link)) {
                     continue;
                 }
-            } else if (holds(eu, slot, told) &&
-                       (leads_on(eu, slot, told) || next == entry_commit_mark ||
-                        !leads_elsewhere(eu, slot))) {
-                add(unit, told, slot, true, link);
-            } else if (!find_by_content(unit, slot, link)) {
-                const bool is_rest = slot == gap_end && slot != 0; // of a run that landed in part
-                if (is_rest || (own & entry_page_mask) != own) {
-                    break;
-                }
-                if (told < remains_.geometry.page_count()) {
-                    add(unit, told, slot, false, link);
-                } else {
-                    unit.pages.push_back({unknown_page, eu, slot, false});
-                }
+            } else if (!take_by_entry(unit, slot, told, is_behind_gap, link)) {
+                break;
             }
             if (next == entry_commit_mark) {
                 unit.is_full = slot + 1 == log_slots;
@@ -397,6 +385,32 @@ class Reader {
         unit.is_full =
             entry(eu, log_slots) != entry_empty || entry(eu, log_slots - 1) != entry_empty;
         return unit;
+    }
+
+    // Takes the page that a slot's entry tells, or the one that the slot holds. False where the log
+    // ends: at an entry that is none, or at the rest of a run that landed in part.
+    bool take_by_entry(LogUnit &unit, uint32_t slot, uint32_t told, bool is_behind_gap,
+                       uint16_t &link) const {
+        const uint32_t eu = unit.eu;
+        const uint16_t own = entry(eu, slot);
+        if (holds(eu, slot, told) &&
+            (leads_on(eu, slot, told) || entry(eu, slot + 1) == entry_commit_mark ||
+             !leads_elsewhere(eu, slot))) {
+            add(unit, told, slot, true, link);
+            return true;
+        }
+        if (find_by_content(unit, slot, link)) {
+            return true;
+        }
+        if (is_behind_gap || (own & entry_page_mask) != own) {
+            return false;
+        }
+        if (told < remains_.geometry.page_count()) {
+            add(unit, told, slot, false, link);
+        } else {
+            unit.pages.push_back({unknown_page, eu, slot, false});
+        }
+        return true;
     }
 
     bool leads_from(uint16_t link, uint32_t eu, uint32_t slot) const {

@@ -238,6 +238,7 @@ TEST_F(DolmCalls, ProveVisitsStatesAndReplaysOne) {
         {over_itself.c_str(), 2, "the set itself"},
         {"prove set --output cut", 2, "requires --replay"},
         {"prove set --states 0", 2, "at least one state"},
+        {"prove set --states -1", 2, "at least one state"},
         {"prove set --depth 3", 2, "--depth"},
         {"prove set net/hostname", 2, "has no value"},
         {"prove set net/none x", 1, "net/none: there is no such NVAR"},
