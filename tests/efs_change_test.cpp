@@ -83,6 +83,8 @@ const LogCase log_cases[] = {
      },
      [](Test t) { return t.write(8, efs_pattern(9, 9)); }, "", EFS_BAD_DATA},
     {"switch", nothing, [](Test t) { return t.switch_bm(); }, "W1010+22 W1000+16 W0+16 "},
+    {"commit_behind_a_switch", [](Test t) { t.commit(), t.switch_bm(); },
+     [](Test t) { return t.commit(); }, "W1026+22 "},
     {"switch_into_a_used_bm", [](Test t) { t.switch_bm(); }, [](Test t) { return t.switch_bm(); },
      "WC+4 E0+4096 W10+22 W0+16 W1000+16 "},
     {"last_entry_in_a_bm", [](Test t) { t.use_bm_of_204_entries(4036); },
@@ -132,8 +134,16 @@ TEST_P(EfsDeviceLogTest, IsAsExpected) {
 INSTANTIATE_TEST_SUITE_P(All, EfsDeviceLogTest, testing::ValuesIn(log_cases),
                          [](const auto &test) { return std::string(test.param.name); });
 
-TEST_F(EfsTest, MarkerTakesItsBmOutOfTheMount) {
-    ASSERT_EQ(EfsDeviceLog::switch_bm(), 0u);
+TEST_F(EfsTest, SwitchesCountAndTheMarkerTakesItsBmOutOfTheMount) {
+    for (uint32_t sequence = 2; sequence < 5; ++sequence) {
+        efs_ctx.bm_switch_pending = 1;
+        ASSERT_EQ(EFS_commit_BME(&efs_ctx.current_bme, sequence, 9), 0u);
+        const uint32_t in_force = efs_ctx.current_bm;
+        EXPECT_EQ(dolm::load_le32(bm(in_force) + 4), sequence);
+        EXPECT_EQ(Bytes(bm(1 - in_force), bm(1 - in_force) + 16), Bytes(16, 0));
+    }
+    ASSERT_EQ(remount(), 0u);
+    EXPECT_EQ(std::pair(efs_ctx.current_bme.aux0, efs_ctx.current_bme.aux1), std::pair(4u, 9u));
     ASSERT_EQ(write(0, efs_pattern(4, 1)), 0u);
     ASSERT_EQ(EFS_write_RTFD_marker(), 0u);
     EXPECT_EQ(Bytes(bm(0), bm(0) + 4), (Bytes{'R', 'D', 'F', 'S'}));
