@@ -40,6 +40,9 @@ class Salvager {
     Salvage run() {
         describe();
         flash_ = read_flash(set_, tables_.files.ftbl, manifest_);
+        for (const Problem &found : flash_.damages) {
+            salvage_.damages.push_back(found);
+        }
         add_files_without_entry();
         count_claims();
         note_values();

@@ -54,10 +54,16 @@ void read_afs(const SetFiles &set, Manifest &manifest, SalvagedFlash &flash) {
     AfsLayout layout;
     layout.data_eus = (history->chunk_count + afs::data_slots - 1) / afs::data_slots;
     constexpr uint32_t least_others = 3; // two for the log and the spare
-    layout.device_size = std::max(static_cast<uint32_t>(set.qfs_image.size() / afs::eu_size),
-                                  layout.data_eus + least_others) *
-                         afs::eu_size;
+    layout.device_size = std::max(history->eu_count, layout.data_eus + least_others) * afs::eu_size;
     layout.file_count = history->file_count;
+    const uint64_t units =
+        std::min<uint64_t>(set.qfs_image.size() / afs::eu_size, afs::max_eu_count);
+    const uint64_t behind = units - history->eu_count;
+    if (behind != 0) {
+        flash.damages.push_back(
+            {"qfs.img", "", "",
+             "is longer than its store by " + std::to_string(behind) + " erased units"});
+    }
     manifest.afs = layout;
     for (const AfsFileHistory &file : history->files) {
         const SalvagedPart part = newest_part(set.qfs_image, file);

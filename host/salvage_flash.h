@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/salvage.h"
 
@@ -16,6 +17,7 @@ struct SalvagedFlash {
     std::optional<std::string> afs_lost; // why nothing can be read
     std::optional<std::string> efs_lost;
     std::string afs_doubt; // why a file that is not found may have been there
+    std::vector<Problem> damages;
 };
 
 // ftbl is the mended file table. Gives the manifest its section of AFS, and tells its sections of

@@ -121,15 +121,17 @@ class History {
 
     AfsHistory run() {
         mend_pages();
+        remains_.is_log_whole = remains_.is_log_whole || knows_all_chunks();
         place_units_without_sequence();
         look_behind_the_log();
         replay();
         find_reclaimed_rows();
         AfsHistory history;
+        history.eu_count = remains_.eu_count;
         history.file_count = geometry_.file_count;
         history.chunk_count = geometry_.chunk_count;
         history.doubts = remains_.doubts;
-        const Fat fat = counted_fat(remains_.log);
+        const Fat fat = counted_fat(in_order(remains_.log));
         const std::vector<Chain> now = read_all(fat);
         const std::vector<uint32_t> claims = count_claims(now);
         for (uint32_t file = 0; file < geometry_.file_count; ++file) {
@@ -144,6 +146,8 @@ class History {
 
   private:
     using State = AfsFileHistory::State;
+    using Log = std::vector<LogUnit>;
+    using Order = std::vector<const LogUnit *>;
 
     std::span<const uint8_t> page_bytes(const LogPage &page) const {
         const size_t at = log_record_at(page.eu, page.slot);
@@ -168,13 +172,13 @@ class History {
     }
 
     // What a mount reads.
-    Fat counted_fat(const std::vector<LogUnit> &log) const {
+    Fat counted_fat(const Order &order) const {
         Fat fat(geometry_);
         uint32_t before = 0;
-        for (const LogUnit &unit : log) {
-            if (unit.counts) {
-                begin(fat, unit, before);
-                for (const LogPage &page : unit.pages) {
+        for (const LogUnit *unit : order) {
+            if (unit->counts) {
+                begin(fat, *unit, before);
+                for (const LogPage &page : unit->pages) {
                     put(fat, page);
                 }
             }
@@ -226,94 +230,225 @@ class History {
         return claims;
     }
 
-    using Log = std::vector<LogUnit>;
+    static Order in_order(const Log &log) {
+        Order order;
+        for (const LogUnit &unit : log) {
+            order.push_back(&unit);
+        }
+        return order;
+    }
 
     // Log units whose headers do not tell their time are put where their pages contradict the
-    // others least. Where several orders do, a file is known that they agree on.
+    // others least, and change least from one copy to the next. Where several orders do not
+    // contradict, a file is known that they agree on.
     void place_units_without_sequence() {
-        Log &log = remains_.log;
-        const auto known = std::stable_partition(
-            log.begin(), log.end(), [](const LogUnit &unit) { return unit.sequence.has_value(); });
-        const Log unplaced(known, log.end());
-        log.erase(known, log.end());
-        if (unplaced.empty()) {
-            return;
+        const Log log = std::move(remains_.log);
+        Order known;
+        Order unplaced;
+        for (const LogUnit &unit : log) {
+            (unit.sequence ? known : unplaced).push_back(&unit);
         }
-        std::vector<Log> fitting;
-        std::vector<std::vector<Chain>> readings;
+        Orders orders = possible_orders(known, unplaced);
         size_t fewest = SIZE_MAX;
-        for (Log &order : possible_orders(unplaced)) {
+        Orders fitting;
+        std::vector<std::vector<Chain>> readings;
+        for (Order &order : orders.all) {
             std::vector<Chain> chains = read_all(counted_fat(order));
             const size_t contradictions = count_contradictions(chains);
             if (contradictions < fewest) {
                 fewest = contradictions;
-                fitting.clear();
+                fitting.all.clear();
                 readings.clear();
             }
             if (contradictions == fewest) {
-                fitting.push_back(std::move(order));
+                fitting.all.push_back(std::move(order));
                 readings.push_back(std::move(chains));
             }
         }
-        if (fitting.size() != 1) {
-            remains_.doubts.push_back("the header of EU " + std::to_string(unplaced.front().eu) +
+        is_order_known_ = unplaced.empty() || (orders.is_complete && fitting.all.size() == 1);
+        if (!is_order_known_) {
+            remains_.doubts.push_back("the header of EU " + std::to_string(unplaced.front()->eu) +
                                       " does not tell the time of its pages");
         }
-        if (fitting.empty()) {
+        if (fitting.all.empty()) {
             remains_.is_log_whole = false;
+            fitting.all.push_back(known);
+        }
+        const auto smoothest = std::min_element(
+            fitting.all.begin(), fitting.all.end(),
+            [&](const Order &a, const Order &b) { return count_changes(a) < count_changes(b); });
+        remains_.log.clear();
+        for (const LogUnit *unit : *smoothest) {
+            remains_.log.push_back(*unit);
+        }
+        note_disputes(readings);
+    }
+
+    // Of the readings by several orders one can be wrong by chunks that another file has since.
+    void note_disputes(const std::vector<std::vector<Chain>> &readings) {
+        if (readings.size() < 2) {
             return;
         }
-        log = std::move(fitting.back());
-        is_order_known_ = fitting.size() == 1;
+        std::vector<std::set<uint32_t>> owners(geometry_.chunk_count);
+        for (const std::vector<Chain> &chains : readings) {
+            for (uint32_t file = 0; file < geometry_.file_count; ++file) {
+                for (const uint32_t chunk : chains[file].chunks) {
+                    owners[chunk].insert(file);
+                }
+            }
+        }
         for (uint32_t file = 0; file < geometry_.file_count; ++file) {
-            is_disputed_.push_back(std::any_of(readings.begin(), readings.end(),
-                                               [&](const std::vector<Chain> &chains) {
-                                                   return !(chains[file] == readings.front()[file]);
-                                               }));
+            is_disputed_.push_back(
+                std::any_of(readings.begin(), readings.end(), [&](const auto &chains) {
+                    const Chain &chain = chains[file];
+                    return !(chain == readings.front()[file]) &&
+                           std::any_of(chain.chunks.begin(), chain.chunks.end(),
+                                       [&](uint32_t chunk) { return owners[chunk].size() > 1; });
+                }));
         }
     }
 
-    // None if there are too many to try.
-    std::vector<Log> possible_orders(const Log &unplaced) const {
+    struct Orders {
+        std::vector<Order> all;
+        bool is_complete = false; // no other is possible
+    };
+
+    // All, or if there are too many the one with the fewest changes and what is near to it.
+    Orders possible_orders(const Order &known, const Order &unplaced) const {
         constexpr size_t max_orders = 1000;
-        std::vector<Log> orders{remains_.log};
-        for (const LogUnit &unit : unplaced) {
-            std::vector<Log> longer;
-            for (const Log &order : orders) {
+        std::vector<Order> orders{known};
+        for (const LogUnit *unit : unplaced) {
+            std::vector<Order> longer;
+            for (const Order &order : orders) {
                 for (size_t at = 0; at <= order.size() && longer.size() <= max_orders; ++at) {
-                    longer.push_back(order);
-                    longer.back().insert(longer.back().begin() + static_cast<std::ptrdiff_t>(at),
-                                         unit);
+                    longer.push_back(with_unit(order, unit, at));
                 }
             }
             orders = std::move(longer);
         }
         if (orders.size() > max_orders) {
+            return {orders_near_smoothest(known, unplaced), false};
+        }
+        std::erase_if(orders, [&](const Order &order) { return !is_possible(order); });
+        return {std::move(orders), true};
+    }
+
+    static Order with_unit(Order order, const LogUnit *unit, size_t at) {
+        order.insert(order.begin() + static_cast<std::ptrdiff_t>(at), unit);
+        return order;
+    }
+
+    std::vector<Order> orders_near_smoothest(Order order, const Order &unplaced) const {
+        constexpr size_t max_units = 64;
+        constexpr int max_rounds = 4;
+        if (order.size() + unplaced.size() > max_units) {
             return {};
         }
-        std::erase_if(orders, [&](const Log &order) { return !is_possible(order); });
-        return orders;
+        for (const LogUnit *unit : unplaced) {
+            const auto longer = possible_places(order, unit);
+            if (longer.empty()) {
+                return {};
+            }
+            order = smoothest(longer);
+        }
+        std::vector<Order> near;
+        bool is_settled = false;
+        for (int round = 0; round < max_rounds && !is_settled; ++round) {
+            is_settled = true;
+            near.clear();
+            for (const LogUnit *unit : unplaced) {
+                Order others = order;
+                std::erase(others, unit);
+                std::vector<Order> longer = possible_places(others, unit);
+                const Order &best = smoothest(longer);
+                if (count_changes(best) < count_changes(order)) {
+                    order = best;
+                    is_settled = false;
+                }
+                near.insert(near.end(), longer.begin(), longer.end());
+            }
+        }
+        return near;
+    }
+
+    std::vector<Order> possible_places(const Order &order, const LogUnit *unit) const {
+        std::vector<Order> longer;
+        for (size_t at = 0; at <= order.size(); ++at) {
+            longer.push_back(with_unit(order, unit, at));
+        }
+        std::erase_if(longer, [&](const Order &candidate) { return !is_possible(candidate); });
+        return longer;
+    }
+
+    const Order &smoothest(const std::vector<Order> &orders) const {
+        return *std::min_element(orders.begin(), orders.end(), [&](const Order &a, const Order &b) {
+            return count_changes(a) < count_changes(b);
+        });
+    }
+
+    // Entries in which a page differs from its copy before: a write changes few of them.
+    size_t count_changes(const Order &order) const {
+        std::vector<std::span<const uint8_t>> newest(geometry_.page_count());
+        size_t changes = 0;
+        for (const LogUnit *unit : order) {
+            for (const LogPage &page : unit->pages) {
+                if (!page.is_good) {
+                    continue;
+                }
+                const auto bytes = page_bytes(page);
+                auto &before = newest[page.page];
+                for (size_t at = 0; at < before.size(); at += 2) {
+                    changes += get_le16(before, at) != get_le16(bytes, at) ? 1 : 0;
+                }
+                before = bytes;
+            }
+        }
+        return changes;
+    }
+
+    // Whoever wrote pages of the log that are lost wrote chunks too, which no page that is left
+    // knows.
+    bool knows_all_chunks() const {
+        std::vector<bool> is_known(geometry_.chunk_count);
+        for (const LogUnit &unit : remains_.log) {
+            for (const LogPage &page : unit.pages) {
+                const auto bytes = page.is_good ? page_bytes(page) : std::span<const uint8_t>();
+                for (size_t at = page.page == 0 ? fs_header_size : 0; at < bytes.size(); at += 2) {
+                    const uint32_t entry = get_le16(bytes, at);
+                    if (entry >= geometry_.file_count &&
+                        entry < geometry_.file_count + geometry_.chunk_count) {
+                        is_known[entry - geometry_.file_count] = true;
+                    }
+                }
+            }
+        }
+        for (uint32_t chunk = 0; chunk < geometry_.chunk_count; ++chunk) {
+            if (!is_known[chunk] && place_of_chunk(chunk)) {
+                return false;
+            }
+        }
+        return true;
     }
 
     // The unit that has room is the last one, and a unit without a sequence had one that no header
     // has.
-    bool is_possible(const Log &order) const {
+    bool is_possible(const Order &order) const {
         const auto last = std::find_if(order.rbegin(), order.rend(),
-                                       [](const LogUnit &unit) { return unit.counts; });
+                                       [](const LogUnit *unit) { return unit->counts; });
         uint32_t before = 0;
         uint32_t untold = 0;
-        for (const LogUnit &unit : order) {
-            if (unit.counts && !unit.is_full && &unit != &*last) {
+        for (const LogUnit *unit : order) {
+            if (unit->counts && !unit->is_full && unit != *last) {
                 return false;
             }
-            if (!unit.sequence) {
+            if (!unit->sequence) {
                 ++untold;
                 continue;
             }
-            if (untold > count_free_sequences(before, *unit.sequence)) {
+            if (untold > count_free_sequences(before, *unit->sequence)) {
                 return false;
             }
-            before = *unit.sequence;
+            before = *unit->sequence;
             untold = 0;
         }
         return true;
@@ -370,7 +505,27 @@ class History {
         return is_good && !is_erased(page_record(bytes_, at)) ? std::optional(at) : std::nullopt;
     }
     std::optional<size_t> place_of_chunk(uint32_t chunk) const {
-        return place_in(remains_.rows[chunk / data_slots], chunk);
+        const auto &unit = remains_.rows[chunk / data_slots];
+        auto at = place_in(unit, chunk);
+        const auto [first, last] = remains_.rivals.equal_range(chunk / data_slots);
+        for (auto rival = first; rival != last && !at && has_erased(*unit, chunk); ++rival) {
+            at = place_in(rival->second, chunk);
+        }
+        return at;
+    }
+
+    bool has_erased(const DataUnit &unit, uint32_t chunk) const {
+        return is_erased(page_record(bytes_, data_record_at(unit.eu, chunk % data_slots)));
+    }
+
+    // Whether all units that may be that of a chunk's row have the same in its place, or nothing.
+    bool is_same_in_all(uint32_t chunk, size_t place) const {
+        const auto [first, last] = remains_.rivals.equal_range(chunk / data_slots);
+        return first != last && std::all_of(first, last, [&](const auto &rival) {
+                   const size_t at = data_record_at(rival.second.eu, chunk % data_slots);
+                   return has_erased(rival.second, chunk) ||
+                          std::ranges::equal(page_record(bytes_, at), page_record(bytes_, place));
+               });
     }
     std::optional<size_t> complete_place_in(const std::optional<DataUnit> &unit,
                                             uint32_t chunk) const {
@@ -555,7 +710,8 @@ class History {
                 return say(State::shared,
                            "chunk " + std::to_string(chunk) + " belongs to another file too");
             }
-            if (!place_of_chunk(chunk)) {
+            const auto at = place_of_chunk(chunk);
+            if (!at) {
                 return say(State::damaged,
                            "chunk " + std::to_string(chunk) +
                                (remains_.rows[chunk / data_slots] ? " is damaged"
@@ -563,9 +719,11 @@ class History {
             }
             const auto &unit = remains_.rows[chunk / data_slots];
             if (!unit->is_certain) {
-                return say(State::doubtful, "an erase unit may hold chunks of another time");
-            }
-            if (!is_complete(unit, chunk)) {
+                doubt = "an erase unit may hold chunks of another time";
+                if (!is_same_in_all(chunk, *at)) {
+                    return say(State::doubtful, doubt);
+                }
+            } else if (!is_complete(unit, chunk)) {
                 doubt = "the status of chunk " + std::to_string(chunk) + " is damaged";
             }
         }

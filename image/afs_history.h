@@ -35,6 +35,7 @@ struct AfsFileHistory {
 };
 
 struct AfsHistory {
+    uint32_t eu_count = 0; // without what is erased behind the store
     uint32_t file_count = 0;
     uint32_t chunk_count = 0;
     std::vector<AfsFileHistory> files; // by number; those of which a trace is left

@@ -82,9 +82,10 @@ class Reader {
                 remains_.sequences.insert(headers_.back().sequence);
             }
         }
+        leave_out_what_is_behind();
         choose_spare();
         for (uint32_t eu = 0; eu < remains_.eu_count; ++eu) {
-            if (headers_[eu].counts && eu != spare_) {
+            if (headers_[eu].counts && eu != spare_ && !is_copy(eu)) {
                 place(eu);
             }
         }
@@ -107,8 +108,44 @@ class Reader {
   private:
     void doubt(std::string text) { remains_.doubts.push_back(std::move(text)); }
 
+    std::span<const uint8_t> unit(uint32_t eu) const {
+        return bytes_.subspan(header_at(eu), eu_size);
+    }
     std::span<const uint8_t> body(uint32_t eu) const {
         return bytes_.subspan(header_at(eu) + header_size, eu_size - header_size);
+    }
+
+    // A file can be longer than the store: erased units at its end that no header ever named as the
+    // spare, which each unit once is, where another one is the spare.
+    void leave_out_what_is_behind() {
+        const auto counts = [](const UnitHeader &header) { return header.counts; };
+        const auto named = [&](const UnitHeader &header) {
+            return header.counts && header.next_spare + 1U >= remains_.eu_count;
+        };
+        while (remains_.eu_count != 0 && is_erased(unit(remains_.eu_count - 1)) &&
+               std::none_of(headers_.begin(), headers_.end(), named)) {
+            const auto others = std::span(headers_).first(remains_.eu_count - 1);
+            const bool has_spare =
+                std::any_of(others.begin(), others.end(),
+                            [](const UnitHeader &other) { return !other.counts; });
+            if (!has_spare || std::none_of(others.begin(), others.end(), counts)) {
+                return;
+            }
+            headers_.pop_back();
+            --remains_.eu_count;
+        }
+    }
+
+    // A unit that was written over with another one stands for nothing.
+    bool is_copy(uint32_t eu) {
+        for (uint32_t other = 0; other < eu; ++other) {
+            if (headers_[other].counts && headers_[other].sequence == headers_[eu].sequence &&
+                std::ranges::equal(unit(other), unit(eu))) {
+                unknown_.push_back(eu);
+                return true;
+            }
+        }
+        return false;
     }
 
     // The newest header names the spare. A header counts here too that only lost its magic: what
@@ -139,11 +176,14 @@ class Reader {
         // The unit that is named may have had a newer header, of a reclaim whose source is a spare
         // as it should be.
         if (invalid_ > 1 && spare_ && !headers_[*spare_].given_up) {
+            uncertain_ = spare_;
             for (uint32_t eu = 0; eu < remains_.eu_count; ++eu) {
-                if (eu != *spare_ && headers_[eu].given_up) {
-                    uncertain_ = spare_;
+                if (eu != *uncertain_ && headers_[eu].given_up) {
                     spare_ = eu;
                 }
+            }
+            if (spare_ == uncertain_) {
+                spare_.reset();
             }
         }
     }
@@ -165,28 +205,28 @@ class Reader {
             place_data(eu, base.va_base, 0);
         } else if (log_pages(eu) != 0) {
             place_log(eu, std::nullopt, true);
-        } else if (!is_erased(body(eu)) || has_no_header(eu)) {
+        } else if (!is_erased(body(eu)) || is_erased(unit(eu))) {
             unknown_.push_back(eu);
+        } else {
+            ++blank_; // and only its header is damaged
         }
-    }
-
-    // One that is merely damaged stands before a blank unit, one that is gone before anything.
-    bool has_no_header(uint32_t eu) const {
-        const auto header = bytes_.subspan(header_at(eu), header_size);
-        return std::all_of(header.begin(), header.end(),
-                           [&](uint8_t byte) { return byte == header[0]; });
     }
 
     void place_data(uint32_t eu, uint32_t va_base, uint32_t sequence) {
-        auto &row = remains_.rows[(va_base - remains_.geometry.page_count()) / data_slots];
+        const uint32_t index = (va_base - remains_.geometry.page_count()) / data_slots;
+        auto &row = remains_.rows[index];
         const bool is_certain = uncertain_ != eu || invalid_ == 2; // the other one is the spare
+        const DataUnit placed{eu, sequence, is_certain};
         if (!row) {
-            row = DataUnit{eu, sequence, is_certain};
-        } else if (sequence > row->sequence) {
-            row = DataUnit{eu, sequence, false};
-        } else if (!headers_[row->eu].counts) {
-            row->is_certain = false;
+            row = placed;
+            return;
         }
+        const bool is_newer = sequence > row->sequence;
+        remains_.rivals.emplace(index, is_newer ? *row : placed);
+        if (is_newer) {
+            row = placed;
+        }
+        row->is_certain = row->is_certain && !is_newer && headers_[row->eu].counts;
     }
 
     void place_log(uint32_t eu, std::optional<uint32_t> sequence, bool counts) {
@@ -235,8 +275,9 @@ class Reader {
         }
     }
 
-    // Units whose part is unknown can be the data units that are missing; every further one may
-    // have held the newest pages of the log, as may those behind the end of an image that was cut.
+    // Units whose part is unknown can be the data units that are missing, as can blank ones; every
+    // further one may have held the newest pages of the log, as may those behind the end of an
+    // image that was cut.
     void count_what_is_missing() {
         size_t missing_rows = is_row_lost_ ? 1 : 0;
         for (const auto &row : remains_.rows) {
@@ -249,9 +290,21 @@ class Reader {
         if (unknown_.size() > missing_rows) {
             doubt("an erase unit cannot be read, which may have held the newest metadata");
             remains_.is_log_whole = false;
-        } else if (is_cut || unknown_.size() < missing_rows) {
+        } else if (is_cut || unknown_.size() + blank_ < missing_rows) {
             doubt("an erase unit is not there, which may have held the newest metadata");
             remains_.is_log_whole = false;
+        } else if (unknown_.size() + blank_ <= missing_rows) {
+            trust_only_claims();
+        }
+    }
+
+    // Where no unit is left that could have a row, the one that may not be its unit is.
+    void trust_only_claims() {
+        for (uint32_t row = 0; row < remains_.rows.size(); ++row) {
+            auto &holder = remains_.rows[row];
+            if (holder && holder->eu == uncertain_ && !remains_.rivals.contains(row)) {
+                holder->is_certain = true;
+            }
         }
     }
 
@@ -461,6 +514,7 @@ class Reader {
     std::optional<uint32_t> uncertain_; // named as the spare, and probably none
     size_t invalid_ = 0;                // headers
     std::vector<uint32_t> unknown_;     // units whose part is not known
+    size_t blank_ = 0; // units of which only the header was written, and is damaged
     bool is_row_lost_ = false;
 };
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <span>
@@ -59,8 +60,9 @@ struct LogUnit {
 
 struct Remains {
     Geometry geometry;
-    uint32_t eu_count = 0;
+    uint32_t eu_count = 0;                     // without what is erased behind the store
     std::vector<std::optional<DataUnit>> rows; // by first chunk / 122
+    std::multimap<uint32_t, DataUnit> rivals;  // by row: other units that have its chunks too
     std::optional<DataUnit> spare_row;         // a spare that held the row before its unit did
     uint32_t spare_row_index = 0;
     std::vector<LogUnit> log;        // by sequence; those without one last

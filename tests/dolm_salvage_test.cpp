@@ -256,6 +256,45 @@ TEST_F(DolmSalvage, ReadsALogWhoseEntriesAreDamaged) {
     }
 }
 
+// What the headers of the units tell, the pages and chunks tell as well.
+TEST_F(DolmSalvage, FindsTheFilesOfAfsWithoutHeaders) {
+    constexpr size_t unit = 8192;
+    constexpr size_t header = 18;
+    for (const char *name : {"third", "fourth", "fifth"}) {
+        ASSERT_EQ(run(std::string("set set net/hostname ") + name).code, 0);
+    }
+    const std::string qfs = read_whole(set / "qfs.img");
+    const auto sound = salvage("qfs.img", qfs);
+    std::map<std::string, std::string> images;
+    for (const char filler : {'\0', '\xFF', '\x5A'}) {
+        std::string &bare = images[std::string("no header, filled with ") + std::to_string(filler)];
+        bare = qfs;
+        for (size_t at = 0; at < qfs.size(); at += unit) {
+            bare.replace(at, header, header, filler);
+        }
+    }
+    images["longer"] = qfs + std::string(unit, '\xFF');
+    for (const auto &[what, image] : images) {
+        SCOPED_TRACE(what);
+        for (const auto &[name, value] : salvage("qfs.img", image)) {
+            json was = sound.at(name)["flash"];
+            json flash = value["flash"];
+            if (what != "longer" && flash.is_object() && was.is_object()) {
+                flash = flash.value("hex", "lost");
+                was = was["hex"];
+            }
+            EXPECT_TRUE(flash == was || was.is_null()) << name << flash;
+        }
+        EXPECT_EQ(told["damages"].size(), what == "longer" ? 1U : 0U);
+    }
+    const std::string over_log = qfs.substr(15 * unit, unit) + qfs.substr(unit);
+    for (const auto &[name, value] : salvage("qfs.img", over_log)) {
+        EXPECT_TRUE(value["flash"].is_null() || value["flash"]["state"] != "sound" ||
+                    value["store"] == "efs")
+            << name;
+    }
+}
+
 // One damaged place, anywhere: no value is wrong, and no more is lost than stood there.
 TEST_F(DolmSalvage, NoDamageMakesAValueWrong) {
     std::mt19937 random(1);
