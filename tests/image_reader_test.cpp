@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <random>
 
+#include "AfsCrc.h"
 #include "image/afs_history.h"
+#include "image/afs_records.h"
 #include "image/afs_survey.h"
 #include "image/efs_history.h"
 #include "image/efs_layout.h"
@@ -135,6 +137,26 @@ class ImageReaders : public testing::Test {
     EfsLayout layout;
     Files afs_files, efs_files;
 };
+
+TEST_F(ImageReaders, JudgeAnAfsHeaderByItsNumbersTooAndPutAnyBitOfAPageRight) {
+    for (const size_t zeroed : {12U, 4U, 8U}) { // the next spare, the sequence, the erase count
+        Bytes header = head_of(set.qfs, 64);
+        put_le(header, zeroed, 0, zeroed == 12 ? 2 : 4);
+        put_le(header, afs::header_checked_size, ::crc8(header.data(), afs::header_checked_size),
+               1);
+        EXPECT_EQ(afs::judge_header(header).state == afs::HeaderState::invalid, zeroed != 12);
+    }
+    Bytes record(64, 0x5A);
+    const uint8_t page[] = {7, 0};
+    const uint32_t crc = ::crc16(record.data(), 64, page);
+    record.resize(66);
+    put_le(record, 64, crc, 2);
+    for (size_t bit = 0; bit < 66 * 8; bit += 17) {
+        Bytes damaged = record;
+        damaged[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+        EXPECT_EQ(afs::with_bit_put_right(afs::PageRecord(damaged), 7), record) << bit;
+    }
+}
 
 TEST_F(ImageReaders, TakeAnImageOfEveryLength) {
     for (const size_t size : lengths(set.qfs, 8192)) {
