@@ -36,7 +36,7 @@ struct quotient_and_rest {
     uint64_t rest;
 };
 
-// x^exponent by the modulus; the exponent is below 80.
+// x^exponent by the modulus. The quotient is good for exponents below 80.
 constexpr quotient_and_rest divide_power(unsigned exponent) {
     quotient_and_rest result{0, 1};
     for (; exponent > 0; --exponent) {
@@ -48,9 +48,10 @@ constexpr quotient_and_rest divide_power(unsigned exponent) {
     return result;
 }
 
-constexpr uint64_t crc16_power(unsigned exponent) {
-    return divide_power(exponent).rest;
-}
+// Variables, as the powers below: a call may be left to run time, which takes longer than what the
+// multiplication saves.
+template <unsigned exponent>
+constexpr uint64_t crc16_power = divide_power(exponent).rest;
 
 // The words at data and data + 8, which stand `distance` and `distance - 64` bits in front of the
 // end. The bytes in `start` go into the first ones.
@@ -58,7 +59,7 @@ template <unsigned distance>
 DOLM_CARRY_LESS __m128i page_words(const uint8_t *data, uint64_t start = 0) {
     const __m128i reversed = _mm_set_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
     const __m128i pair = _mm_xor_si128(_mm_shuffle_epi8(load(data), reversed), words(start, 0));
-    return multiply_words(pair, words(crc16_power(distance), crc16_power(distance - 64)));
+    return multiply_words(pair, words(crc16_power<distance>, crc16_power<distance - 64>));
 }
 
 // Behind the page come its number and the checksum itself, 16 bits each.
@@ -68,10 +69,11 @@ DOLM_CARRY_LESS uint16_t crc16_page(const uint8_t *data, uint16_t page) {
         _mm_xor_si128(_mm_xor_si128(page_words<480>(data, start), page_words<352>(data + 16)),
                       _mm_xor_si128(page_words<224>(data + 32), page_words<96>(data + 48)));
     // 80 bits are left, then 64, then the rest of a division by the modulus.
-    const __m128i above = _mm_clmulepi64_si128(sum, words(0, crc16_power(64)), 0x01);
+    const __m128i above = _mm_clmulepi64_si128(sum, words(0, crc16_power<64>), 0x01);
     const auto tail = static_cast<uint16_t>(page << 8 | page >> 8);
     const __m128i left = _mm_xor_si128(_mm_xor_si128(sum, above), words(0, uint64_t{tail} << 16));
-    const __m128i divisor = words(divide_power(64).quotient, crc16_modulus);
+    constexpr uint64_t quotient_of_64 = divide_power(64).quotient;
+    const __m128i divisor = words(quotient_of_64, crc16_modulus);
     const __m128i quotient =
         _mm_srli_si128(_mm_clmulepi64_si128(_mm_srli_epi64(left, 16), divisor, 0x10), 6);
     const __m128i product = _mm_clmulepi64_si128(quotient, divisor, 0x00);
@@ -81,21 +83,22 @@ DOLM_CARRY_LESS uint16_t crc16_page(const uint8_t *data, uint16_t page) {
 // ---- CRC-32. The bits are reflected: bit j of a word stands for x^(63 - j), bit j of a pair of
 // words for x^(127 - j). The product of two words is a pair with one power less than that.
 
-constexpr uint64_t crc32_power(unsigned exponent) {
+template <unsigned exponent>
+constexpr uint64_t crc32_power = [] {
     uint64_t power = uint64_t{1} << 63;
-    for (; exponent > 0; --exponent) {
+    for (unsigned i = 0; i < exponent; ++i) {
         power >>= 1;
         if ((power >> 31 & 1) != 0) {
             power ^= uint64_t{1} << 31 ^ uint64_t { crc32_reflected_polynomial } << 32;
         }
     }
     return power;
-}
+}();
 
 // Takes 16 bytes `distance` bits on, into those that stand there.
 template <unsigned distance>
 DOLM_CARRY_LESS __m128i fold(__m128i bytes, __m128i into) {
-    const __m128i powers = words(crc32_power(distance - 1), crc32_power(distance + 63));
+    const __m128i powers = words(crc32_power<distance - 1>, crc32_power<distance + 63>);
     return _mm_xor_si128(multiply_words(bytes, powers), into);
 }
 
