@@ -17,9 +17,10 @@ install_packages() {
 }
 
 build_packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
-test_packages=("${build_packages[@]}" libgtest-dev pkg-config python3-jsonschema)
-ci_packages=("${test_packages[@]}" chromium clang clang-format clang-tidy libbenchmark-dev
-    libclang-rt-14-dev lintian mmdebstrap mypy python3-pip python3-setuptools python3-wheel)
+test_packages=("${build_packages[@]}" clang libclang-rt-14-dev libgtest-dev pkg-config
+    python3-jsonschema)
+ci_packages=("${test_packages[@]}" chromium clang-format clang-tidy libbenchmark-dev lintian
+    mmdebstrap mypy python3-pip python3-setuptools python3-wheel)
 
 # configure_and_build PRESET [CMake argument...]; prints only what a warning or an error says.
 configure_and_build() {
