@@ -120,6 +120,32 @@ TEST_F(DolmSalvage, FindsWhatIsLeftAndTellsItsState) {
     EXPECT_EQ(values["/home/radio/cal/trim"]["state"], "sound");
 }
 
+// A value of the tables takes the place of a lost one in flash, but not in front of a trailer.
+TEST_F(DolmSalvage, FillsOnlyWhatHasNoTrailer) {
+    std::string image = read_whole(set / "efs.img");
+    for (size_t at = 2 * 4096 + 16; at < image.size(); at += 4096) {
+        image.replace(at, 4076, 4076, '\x11');
+    }
+    salvage("efs.img", image);
+    const json manifest = json::parse(read_whole(folder / "rescued/manifest.json"));
+    for (const json &file : manifest["files"]) {
+        if (file.value("store", "") == "efs" && file.contains("base")) {
+            EXPECT_EQ(file.contains("flash"), !file.contains("trailer")) << file;
+        }
+    }
+
+    std::string table = read_whole(set / "ftbl.bin");
+    constexpr size_t max_size_offset = 64;
+    const std::string name = "/home/net/hostname";
+    for (size_t at = 0; (at = table.find(name, at)) != table.npos; ++at) {
+        table[at + max_size_offset] = 2;
+    }
+    write_whole(set / "set.json", R"({"sku": 1})");
+    const auto values = salvage("ftbl.bin", table);
+    EXPECT_EQ(values.at(name)["flash"]["state"], "older");
+    EXPECT_EQ(values.at(name)["flash"]["text"], "second");
+}
+
 TEST_F(DolmSalvage, KeepsAFileWithoutEntryUnderItsNumber) {
     std::string table = read_whole(set / "ftbl.bin");
     for (size_t at = table.find("/home/net/mac_b");
