@@ -19,6 +19,7 @@
 
 #include "host/check/set_check.h"
 #include "host/commands.h"
+#include "host/manifest.h"
 #include "host/system.h"
 #include "sample.h"
 
@@ -399,6 +400,65 @@ TEST_F(Check, AMemberOfAnotherSetIsTheOneError) {
     }
     write_whole(set / "set.json", read_whole(folder / "other/set.json"));
     EXPECT_EQ(check().front().cause.file, "set.json");
+}
+
+// Members of a set that differs from the sample in a few files alone. Image and table could each be
+// the stranger if files of EFS lie elsewhere: without checksums the image is it, from two files on;
+// with them the table speaks for itself. Two numbers that are no table's, one of them in both
+// stores, speak against the table.
+TEST_F(Check, AMemberOfASimilarSetIsTheFirstError) {
+    const json manifest = json::parse(dolm::sample_manifest_text());
+    const auto expect_blame = [&](const char *member, const std::function<void(json &)> &change) {
+        json other = manifest;
+        std::for_each(other["files"].begin(), other["files"].end(), change);
+        write_whole(folder / "other.json", other.dump());
+        testing::internal::CaptureStdout();
+        dolm::build_set({folder / "other.json", folder / "other", true, 1});
+        testing::internal::GetCapturedStdout();
+        const std::vector<Finding> findings =
+            check_with(member, read_whole(folder / "other" / member));
+        ASSERT_FALSE(findings.empty());
+        EXPECT_EQ(findings[0].severity, Finding::Severity::error);
+        EXPECT_EQ(findings[0].cause.file, member) << line_of(findings[0]);
+        EXPECT_TRUE(findings[0].cause.text.starts_with("belongs to another set"))
+            << line_of(findings[0]);
+    };
+    const auto move_places_from = [](uint32_t id) {
+        return [=](json &file) {
+            if (file.contains("efs") && file["id"] >= id) {
+                file["efs"]["offset"] = file["efs"]["offset"].get<uint32_t>() + 20;
+            }
+        };
+    };
+    expect_blame("efs.img", move_places_from(7));
+    take_checksums_away();
+    expect_blame("efs.img", move_places_from(6));
+    expect_blame("efs.img", move_places_from(0));
+    expect_blame("ftbl.bin", [](json &file) {
+        if (file["number"] == 32 || file["number"] == 33) {
+            file["number"] = file["number"].get<uint32_t>() + 1000;
+        }
+    });
+}
+
+// A table may list a file that no one has written yet.
+TEST_F(Check, APlaceWithoutAFileIsNoError) {
+    json manifest = json::parse(dolm::sample_manifest_text());
+    std::erase_if(manifest["files"].get_ref<json::array_t &>(),
+                  [](const json &file) { return file["number"] == 74; });
+    const std::string table = read_whole(set / "ftbl.bin");
+    write_whole(folder / "other.json", manifest.dump());
+    testing::internal::CaptureStdout();
+    dolm::build_set({folder / "other.json", set, true, 1});
+    testing::internal::GetCapturedStdout();
+    take_checksums_away();
+    const std::vector<Finding> findings = check_with("ftbl.bin", table);
+    EXPECT_TRUE(std::any_of(findings.begin(), findings.end(), [](const Finding &finding) {
+        return finding.cause.text.starts_with("no record was ever written here");
+    }));
+    for (const Finding &finding : findings) {
+        EXPECT_EQ(finding.severity, Finding::Severity::note) << line_of(finding);
+    }
 }
 
 // One bad header is one finding, and what lies in the unit is named under it.

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "host/check/set_view.h"
+#include "image/efs_list.h"
 #include "image/efs_survey.h"
 
 namespace dolm {
@@ -12,10 +13,9 @@ namespace {
 struct Fit {
     const char *file;
     size_t strange;
-    size_t of;
+    size_t of;          // 0 for a member that cannot be judged
+    size_t vouched = 0; // strange ones that no damage of the member explains
 
-    bool is_judged() const { return of > 2; }
-    bool is_bad() const { return strange > 2 && strange * 2 > of; }
     std::string text() const {
         return std::to_string(strange) + " of " + std::to_string(of) +
                (file == std::string(orvel_cfg) || file == std::string(vync_cfg) ? " values"
@@ -32,29 +32,54 @@ class Kinship {
         if (!is_well_formed(view_.table)) {
             return;
         }
-        fits_ = {fit_of(orvel_cfg, view_.base), fit_of(vync_cfg, view_.overrides), fit_of_afs(),
-                 fit_of_efs()};
-        std::erase_if(fits_, [](const Fit &fit) { return !fit.is_judged(); });
-        const auto bad =
-            std::count_if(fits_.begin(), fits_.end(), [](const Fit &fit) { return fit.is_bad(); });
-        // One stranger explains it all.
         const auto recorded = view_.checksums.find(ftbl_bin);
         const bool is_known = recorded != view_.checksums.end();
         const bool is_as_written =
             is_known && changed_blocks(view_.files.ftbl, recorded->second).empty();
-        if (is_known ? bad > 0 && !is_as_written : bad > 1) {
+        const size_t least_vouched = is_as_written ? 1 : is_known ? SIZE_MAX : 2;
+        bad_ = {fit_of(orvel_cfg, view_.base), fit_of(vync_cfg, view_.overrides), fit_of_afs(),
+                fit_of_efs()};
+        if (!is_known && bad_[0].of != 0 && bad_[1].of != 0) {
+            bad_[0].vouched = bad_[1].vouched = numbers_of_stores_alone();
+        }
+        std::erase_if(bad_, [=](const Fit &fit) { return !is_bad(fit, least_vouched); });
+        // One stranger explains it all.
+        if (is_known ? !bad_.empty() && !is_as_written : bad_.size() > 1) {
             tell_strange_table();
             return;
         }
-        for (const Fit &fit : fits_) {
-            if (fit.is_bad()) {
-                tell({fit.file, "",
-                      "belongs to another set: the file table has no place for " + fit.text()});
-            }
+        for (const Fit &fit : bad_) {
+            tell({fit.file, "",
+                  "belongs to another set: the file table has no place for " + fit.text()});
         }
     }
 
   private:
+    // What is vouched for may still meet one damaged place of the table, unless that is known to
+    // be as it was written.
+    static bool is_bad(const Fit &fit, size_t least_vouched) {
+        return fit.of != 0 &&
+               ((fit.strange > 2 && fit.strange * 2 > fit.of) || fit.vouched >= least_vouched);
+    }
+
+    // How many numbers no entry has, if both stores speak for one of them.
+    size_t numbers_of_stores_alone() const {
+        std::set<uint32_t> numbers = unknown_numbers(view_.base);
+        std::set<uint32_t> others = unknown_numbers(view_.overrides);
+        numbers.merge(others);
+        return others.empty() ? 0 : numbers.size();
+    }
+
+    std::set<uint32_t> unknown_numbers(const FcsStore &store) const {
+        std::set<uint32_t> numbers;
+        for (const FcsRecord &record : store.records) {
+            if (!view_.names.contains(record.number)) {
+                numbers.insert(record.number);
+            }
+        }
+        return numbers;
+    }
+
     void tell(Remark remark) {
         drop(remark.file);
         findings_.error(std::move(remark)).advice =
@@ -63,10 +88,8 @@ class Kinship {
 
     void tell_strange_table() {
         std::vector<std::string> strange;
-        for (const Fit &fit : fits_) {
-            if (fit.is_bad()) {
-                strange.push_back(fit.text());
-            }
+        for (const Fit &fit : bad_) {
+            strange.push_back(fit.text());
         }
         tell({ftbl_bin, "", "belongs to another set: it has no place for " + listed(strange)});
     }
@@ -91,11 +114,13 @@ class Kinship {
                    std::all_of(row.entries.begin(), row.entries.end(), is_entry);
         };
         const auto is_efst_row = [](const EfstRow &row) {
+            std::set<uint16_t> files;
             return row.records.size() == row.records_count &&
                    std::all_of(row.records.begin(), row.records.end(),
                                [&](const EfstRecord &record) {
                                    return record.file_index < row.files_num &&
-                                          record.block < row.valid_blocks;
+                                          record.block < row.valid_blocks &&
+                                          files.insert(record.file_index).second;
                                });
         };
         return table.has_magic && !table.rows.empty() &&
@@ -195,15 +220,31 @@ class Kinship {
                 return damage.rule == EfsDamage::Rule::mapping ||
                        damage.rule == EfsDamage::Rule::block;
             });
-        const auto strange =
-            std::count_if(image.files.begin(), image.files.end(),
-                          [](const EfsFile &file) { return file.kind == EfsFile::Kind::damaged; });
-        return {efs_img, static_cast<size_t>(strange), is_sound ? image.files.size() : 0};
+        if (!is_sound) {
+            return {efs_img, 0, 0};
+        }
+        // A good record of a good block lies where it was written, listed or not.
+        std::set<std::pair<uint32_t, uint32_t>> listed;
+        for (const EfsFile &file : image.files) {
+            if (file.kind != EfsFile::Kind::damaged) {
+                listed.emplace(file.place.block, file.place.offset);
+            }
+        }
+        const size_t strange = image.files.size() - listed.size();
+        size_t unlisted = 0;
+        if (strange != 0) {
+            const auto found = find_places_in_image(view_.files.efs_image, layout, 0);
+            unlisted = static_cast<size_t>(
+                std::count_if(found.begin(), found.end(), [&](const EfsPlace &place) {
+                    return !listed.contains({place.block, place.offset});
+                }));
+        }
+        return {efs_img, strange, image.files.size(), std::min(strange, unlisted)};
     }
 
     SetView &view_;
     Findings &findings_;
-    std::vector<Fit> fits_;
+    std::vector<Fit> bad_;
 };
 
 } // namespace
