@@ -165,16 +165,25 @@ Json to_json(const proof::Findings &findings) {
     return json;
 }
 
+void print_left_files(const proof::Findings &findings) {
+    print_line(findings.has_changes
+                   ? "of " + counted(findings.files, "changed file") + " one cut leaves"
+                   : "no file changes; of " + counted(findings.files, "file") + " one cut leaves");
+    for (const auto &[old_files, states] : findings.states_by_old_files) {
+        const std::string kept = std::to_string(findings.files - old_files);
+        print_line((findings.has_changes
+                        ? "  " + kept + " new and " + std::to_string(old_files) + " old in "
+                        : "  " + kept + " as before in ") +
+                   counted(states, "state"));
+    }
+}
+
 void print(const proof::Findings &findings) {
     print_line("written: " + counted(findings.bytes, "byte") + " in " +
                counted(findings.writes, "write") + ", " + counted(findings.erases, "erase"));
     print_line("visited: " + counted(findings.first_level, "state") + " after one cut, " +
                std::to_string(findings.second_level) + " after two");
-    print_line("of " + counted(findings.files, "changed file") + " one cut leaves");
-    for (const auto &[old_files, states] : findings.states_by_old_files) {
-        print_line("  " + std::to_string(findings.files - old_files) + " new and " +
-                   std::to_string(old_files) + " old in " + counted(states, "state"));
-    }
+    print_left_files(findings);
     for (const auto &[name, found] : findings.at_limit) {
         print_line("at a limit of the format, which no library can help: " + name);
         print_line("  " + counted(found.states, "state") + ", of which " +

@@ -144,7 +144,8 @@ void Explorer::note_workload(const Recording &recording) {
     const Files &before = recording.files_at_mount;
     const Files &after = recording.segments.back().after;
     watched_ = numbers_in({&before, &after});
-    if (before != after) {
+    findings_.has_changes = before != after;
+    if (findings_.has_changes) {
         std::erase_if(watched_, [&](uint32_t number) { return same(before, after, number); });
     }
     new_files_ = after;

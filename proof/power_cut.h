@@ -62,7 +62,9 @@ struct Findings {
     std::map<std::string, AtLimit> at_limit;
 
     // What one cut leaves of the files that the workload changes, or of all files if it changes
-    // none: how many sound states show so many of them as they were.
+    // none: how many sound states show so many of them as they were. Where nothing changes, all
+    // count as new.
+    bool has_changes = false;
     uint64_t files = 0;
     std::map<uint64_t, uint64_t> states_by_old_files;
 

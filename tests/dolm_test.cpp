@@ -251,6 +251,14 @@ TEST_F(DolmCalls, ProveVisitsStatesAndReplaysOne) {
     expect_each(calls);
     const std::string hostname = value("cut net/hostname");
     EXPECT_TRUE(hostname == "gateway-17\n" || hostname == "gw\n") << hostname;
+
+    ASSERT_EQ(run("set cut net/ntp settled").code, 0);
+    const Call settled[] = {
+        {"prove cut --states 5", 0,
+         "no file changes; of 45 files one cut leaves\n  45 as before in 1 state\n"},
+        {"prove cut net/ntp moved --states 5", 0, "of 1 changed file one cut leaves\n"},
+    };
+    expect_each(settled);
 }
 
 TEST_F(DolmCalls, ProveFailsWhereNothingCanBeProven) {
