@@ -77,6 +77,23 @@ Damage header(uint32_t eu, T Header::*field, std::type_identity_t<T> value) {
     };
 }
 
+// A reclaim of EU 3 that was cut before it gave that up.
+Damage uncommitted_header(uint32_t sequence) {
+    return [=](Image &image) {
+        Header copy = dolm::load_eu_header(eu_at(image, 3));
+        copy.sequence = sequence;
+        dolm::store_eu_header(eu_at(image, 4), copy);
+        *eu_at(image, 4, dolm::eu_state_offset) = dolm::eu_state_pending;
+    };
+}
+
+Damage both(const Damage &first, const Damage &second) {
+    return [=](Image &image) {
+        first(image);
+        second(image);
+    };
+}
+
 // The newest copy of a metadata page.
 Damage spoil_page(uint32_t page) {
     return [=](Image &image) {
@@ -129,6 +146,9 @@ void expect_no_sound_file_is_damaged(const Image &image) {
 // reader shows of sound images is held against the store in every state of the power-cut runs.
 TEST(AfsImage, NamesWhatIsBroken) {
     EXPECT_EQ(dolm::check_invariants(populated()), std::vector<std::string>{});
+    Image cut = populated();
+    uncommitted_header(5)(cut);
+    EXPECT_EQ(dolm::check_invariants(cut), std::vector<std::string>{});
     const uint16_t first_chunk = 65 + 122; // of file 3: the newest data EU is filled first
     const struct {
         const char *message;
@@ -143,6 +163,9 @@ TEST(AfsImage, NamesWhatIsBroken) {
         {"no EU holds the chunks from 122", header(3, &Header::va_base, 0), 0},
         {"have the same sequence 4", header(2, &Header::sequence, 4), 0},
         {"no header is as new", header(3, &Header::sequence, 3), 5},
+        {"uncommitted header of EU 4 does not follow", uncommitted_header(6), 0},
+        {"no EU holds the log",
+         both(header(0, &Header::va_base, 309), header(1, &Header::va_base, 431)), 5},
         {"is older than the head", header(0, &Header::sequence, 9), 5},
         {"which the store does not have", byte(0, dolm::log_map_offset + 1, 0x3A), 5},
         {"metadata page 0 in EU 0", spoil_page(0), 5},
