@@ -21,12 +21,14 @@ class Mender {
         mended_.files.sku = set_.sku;
         mended_.files.members = set_.members;
         mend_table();
-        const Table orvel = mend_bytes("orvel.cfg", set_.orvel_cfg);
-        mended_.files.orvel_cfg = mend_values("orvel.cfg", orvel, orvel.bytes, mended_.base);
+        const Table orvel = as_recorded("orvel.cfg", set_.orvel_cfg);
+        mended_.files.orvel_cfg =
+            mend_values("orvel.cfg", orvel, orvel.bytes, has_checksums(), mended_.base);
         if (!set_.vync_cfg.empty()) {
-            const Table vync = mend_bytes("vync.cfg", set_.vync_cfg);
+            const Table vync = as_recorded("vync.cfg", set_.vync_cfg);
+            const auto [bytes, has_sure_end] = override_bytes(vync.bytes);
             mended_.files.vync_cfg = with_vync_head(
-                mend_values("vync.cfg", vync, override_bytes(vync.bytes), mended_.overrides));
+                mend_values("vync.cfg", vync, bytes, has_sure_end, mended_.overrides));
         }
         return std::move(mended_);
     }
@@ -47,6 +49,12 @@ class Mender {
             });
         }
     };
+
+    // Only a set that has some can show that a table is not what it was.
+    bool has_checksums() const { return !set_.changed_tables.empty(); }
+    bool is_unchanged(const char *member) const {
+        return has_checksums() && !set_.changed_tables.contains(member);
+    }
 
     // A block with one wrong byte is what it was when its checksum says so again.
     Table mend_bytes(const char *member, const Bytes &bytes) {
@@ -74,6 +82,17 @@ class Mender {
         return table;
     }
 
+    // A store without what was put behind it, and with zeros, which are known to be none of it, for
+    // what is gone.
+    Table as_recorded(const char *member, Bytes bytes) {
+        const auto changed = set_.changed_tables.find(member);
+        if (changed != set_.changed_tables.end() && !bytes.empty()) {
+            const uint64_t size = changed->second.recorded.size;
+            bytes.resize(static_cast<size_t>(std::min(size, max_table_size)));
+        }
+        return mend_bytes(member, bytes);
+    }
+
     static bool is_whole_block(const Checksums &recorded, size_t index, size_t size) {
         return std::min<uint64_t>(recorded.block, recorded.size - index * recorded.block) == size;
     }
@@ -81,6 +100,8 @@ class Mender {
     void mend_table() {
         Table given = mend_bytes("ftbl.bin", set_.ftbl);
         MendedTable table = mend_file_table(std::move(given.bytes), set_.sku, set_.efs_image);
+        has_sure_names_ = has_checksums() && given.changed.empty();
+        const bool has_all_names = has_sure_names_ || (!has_checksums() && is_whole(table));
         for (std::string &text : table.mended) {
             damage("ftbl.bin", std::move(text));
         }
@@ -109,10 +130,31 @@ class Mender {
                 }
             }
         }
+        if (!has_all_names) {
+            numbers_.clear();
+        }
     }
 
+    // Nothing shows that an entry is not what it was.
+    static bool is_whole(const MendedTable &table) {
+        const FileTable read = read_file_table(table.bytes);
+        return table.mended.empty() && table.doubted_numbers.empty() &&
+               std::all_of(read.rows.begin(), read.rows.end(), [&](const FtblRow &row) {
+                   return std::all_of(
+                       row.entries.begin(), row.entries.end(), [&](const FtblEntry &entry) {
+                           return is_plausible_entry(
+                               std::span(table.bytes).subspan(entry.at, ftbl::entry_size));
+                       });
+               });
+    }
+
+    struct StoreBytes {
+        std::span<const uint8_t> bytes;
+        bool has_sure_end = false;
+    };
+
     // The head tells the length; if it does not fit, the store goes as far as the file.
-    std::span<const uint8_t> override_bytes(const Bytes &file) {
+    StoreBytes override_bytes(const Bytes &file) {
         if (file.size() < fcs::vync_head_size) {
             damage("vync.cfg", "is shorter than its head");
             return {};
@@ -120,22 +162,24 @@ class Mender {
         const auto rest = std::span(file).subspan(fcs::vync_head_size);
         const uint32_t length = get_le32(file, fcs::vync_length_offset);
         if (length == rest.size()) {
-            return rest;
+            return {rest, true};
         }
-        const auto told = rest.first(std::min<size_t>(length, rest.size()));
-        const FcsStore store = read_fcs_store(told);
-        const uint64_t end =
-            store.records.empty() ? store.payloads_at() : store.records.back().end();
-        if (length < rest.size() && store.has_all_records() && end == length) {
-            return told;
+        if (length < rest.size() && is_filler(rest.subspan(length))) {
+            return {rest.first(length), true};
         }
         damage("vync.cfg", "its head has a wrong length");
-        return rest;
+        return {rest, has_checksums()};
+    }
+
+    static bool is_filler(std::span<const uint8_t> bytes) {
+        return (bytes[0] == 0 || bytes[0] == 0xFF) &&
+               std::all_of(bytes.begin(), bytes.end(),
+                           [&](uint8_t byte) { return byte == bytes[0]; });
     }
 
     // bytes are those of a store in the table.
     Bytes mend_values(const char *member, const Table &table, std::span<const uint8_t> bytes,
-                      MendedValues &values) {
+                      bool has_sure_end, MendedValues &values) {
         if (bytes.size() < fcs::head_size) {
             damage(member, bytes.empty() ? "is missing or empty" : "is too short for a store");
             values.missing = std::string(member) + " is too short for a store";
@@ -145,12 +189,13 @@ class Mender {
             const auto found = names_.find(number);
             return found == names_.end() ? std::string() : found->second;
         };
-        auto [records, has_all_records] = mend_store(bytes, name_of, numbers_);
+        const StoreEvidence evidence{is_unchanged(member), has_sure_end, has_sure_names_};
+        auto [records, is_packed, has_all_records] = mend_store(bytes, name_of, numbers_, evidence);
         if (!has_all_records) {
             values.missing = std::string(member) + " has lost records";
         }
         for (size_t i = 0; i < records.size(); ++i) {
-            judge(table, bytes, i, records[i]);
+            judge(table, bytes, i, is_packed, records[i]);
             const MendedRecord &record = records[i];
             if (!record.is_number_sure) {
                 values.missing =
@@ -165,9 +210,10 @@ class Mender {
         return write_store(records);
     }
 
-    // A value is lost whose bytes may have changed; a record that may have is not sure to be its.
+    // A value is lost whose bytes may have changed, or whose record may and has no neighbour that
+    // tells its place too; a record that may have is not sure to be its.
     static void judge(const Table &table, std::span<const uint8_t> bytes, size_t index,
-                      MendedRecord &record) {
+                      bool is_packed, MendedRecord &record) {
         const auto store_at = static_cast<size_t>(bytes.data() - table.bytes.data());
         const size_t record_at = store_at + fcs::head_size + index * fcs::record_size;
         const bool is_changed = table.is_changed(record_at, record_at + fcs::record_size);
@@ -180,6 +226,9 @@ class Mender {
                 return;
             }
         }
+        if (is_changed && !is_packed) {
+            record.payload.reset();
+        }
         if (record.doubt.empty() && is_changed) {
             record.doubt = "its record is not what it was";
         }
@@ -188,7 +237,8 @@ class Mender {
     const SetFiles &set_;
     MendedTables mended_;
     std::map<uint32_t, std::string> names_;
-    std::vector<uint32_t> numbers_;
+    std::vector<uint32_t> numbers_; // none if the table may have lost some
+    bool has_sure_names_ = false;
 };
 
 } // namespace

@@ -11,18 +11,18 @@ namespace {
 class Mender {
   public:
     Mender(std::span<const uint8_t> bytes, const std::function<std::string(uint32_t)> &name_of,
-           const std::vector<uint32_t> &numbers)
-        : bytes_(bytes), name_of_(name_of), numbers_(numbers) {}
+           const std::vector<uint32_t> &numbers, StoreEvidence evidence)
+        : bytes_(bytes), name_of_(name_of), numbers_(numbers), evidence_(evidence) {}
 
     MendedStore mend() {
         store_ = read_fcs_store(bytes_, best_count());
         find_payloads();
-        if (is_packed_) {
+        if (is_packed_ && !evidence_.has_sure_records) {
             find_numbers();
         }
         drop_doubles();
         const bool is_blank = store_.count == 0 && bytes_.size() > fcs::head_size;
-        return {std::move(mended_), store_.has_all_records() && !is_blank};
+        return {std::move(mended_), is_packed_, store_.has_all_records() && !is_blank};
     }
 
   private:
@@ -33,8 +33,9 @@ class Mender {
         return i == 0 ? store_.payloads_at() : record(i - 1).end();
     }
     bool is_agreed(size_t i) const {
-        return i == store_.records.size() ? told_end(i) == bytes_.size()
-                                          : record(i).offset == told_end(i);
+        return i == store_.records.size()
+                   ? told_end(i) == bytes_.size()
+                   : record(i).offset == told_end(i) && record(i).offset >= store_.payloads_at();
     }
     size_t count_agreed() const {
         size_t agreed = 0;
@@ -78,9 +79,10 @@ class Mender {
     void find_payloads() {
         const size_t count = store_.records.size();
         is_packed_ = is_packed();
+        uint64_t end = bytes_.size();
         for (size_t i = 0; i < count; ++i) {
             uint64_t begin = record(i).offset;
-            uint64_t end = record(i).end();
+            end = record(i).end();
             std::string doubt;
             if (is_packed_ && !is_agreed(i) && !is_agreed(i + 1) && (i == 0 || is_agreed(i - 1))) {
                 begin = told_end(i);
@@ -89,7 +91,11 @@ class Mender {
             if (is_packed_ && !is_agreed(i + 1)) {
                 end = i + 1 < count ? record(i + 1).offset : bytes_.size();
                 const bool is_own_end = begin + record(i).size == end;
-                doubt = is_own_end || !doubt.empty() ? doubt : "its size was wrong";
+                if (i + 1 == count && !evidence_.has_sure_end) {
+                    end = begin + record(i).size;
+                } else {
+                    doubt = is_own_end || !doubt.empty() ? doubt : "its size was wrong";
+                }
                 if (is_next_wrong(i)) {
                     end = begin + record(i).size;
                     doubt.clear();
@@ -97,9 +103,9 @@ class Mender {
             }
             const bool is_there = begin <= end && end <= bytes_.size() &&
                                   end - begin <= fcs::max_payload &&
-                                  (begin == end || begin >= store_.payloads_at());
+                                  ((begin == end && !is_packed_) || begin >= store_.payloads_at());
             MendedRecord mended{record(i).number, record(i).opaque, {}, std::move(doubt)};
-            if (begin == end) {
+            if (is_there && begin == end) {
                 mended.payload.emplace();
             } else if (is_there) {
                 mended.payload =
@@ -108,6 +114,17 @@ class Mender {
                 mended.doubt = "its value runs past the end";
             }
             mended_.push_back(std::move(mended));
+        }
+        if (is_packed_ && end != bytes_.size() && !is_padding(end)) {
+            doubt_places();
+        }
+    }
+
+    // Bytes were added or lost, perhaps in front of a value.
+    void doubt_places() {
+        for (MendedRecord &record : mended_) {
+            record.doubt =
+                record.doubt.empty() ? "the store does not end where its records do" : record.doubt;
         }
     }
 
@@ -180,11 +197,12 @@ class Mender {
             }
         }
         const bool is_known = !names[i].empty();
-        if (stands_alone && fitting.size() == 1) {
+        const bool is_wrong = !is_known || evidence_.has_sure_names;
+        if (is_wrong && stands_alone && fitting.size() == 1) {
             mended_[i].number = fitting.front();
             mended_[i].doubt = "its number was wrong";
             mended_[i].is_number_sure = true;
-        } else if (is_known && fitting.empty()) {
+        } else if (is_known && !numbers_.empty() && fitting.empty()) {
             mended_[i].doubt = "its name does not stand in the order of the records";
         } else if (is_known) {
             mended_[i].payload.reset();
@@ -247,6 +265,7 @@ class Mender {
     std::span<const uint8_t> bytes_;
     const std::function<std::string(uint32_t)> &name_of_;
     const std::vector<uint32_t> &numbers_;
+    const StoreEvidence evidence_;
     FcsStore store_;
     bool is_packed_ = false;
     std::vector<MendedRecord> mended_;
@@ -256,8 +275,8 @@ class Mender {
 
 MendedStore mend_store(std::span<const uint8_t> bytes,
                        const std::function<std::string(uint32_t)> &name_of,
-                       const std::vector<uint32_t> &numbers) {
-    return Mender(bytes, name_of, numbers).mend();
+                       const std::vector<uint32_t> &numbers, StoreEvidence evidence) {
+    return Mender(bytes, name_of, numbers, evidence).mend();
 }
 
 Bytes write_store(const std::vector<MendedRecord> &records) {

@@ -246,6 +246,25 @@ TEST_F(DolmSalvage, DoubtsWhatALostRecordMayHaveReplaced) {
     EXPECT_EQ(values["/home/test/scratch"]["flash"]["text"], "changed");
 }
 
+// What stands behind a store is no part of its last value, and what moved is not sound.
+TEST_F(DolmSalvage, TakesNoBytesForAValueThatAreNotItsOwn) {
+    const std::string orvel = read_whole(set / "orvel.cfg");
+    const std::string vync = read_whole(set / "vync.cfg");
+    const std::string settings = read_whole(set / "set.json");
+    for (const bool has_checksums : {true, false}) {
+        write_whole(set / "set.json", has_checksums ? settings : R"({"sku": 1})");
+        expect_nothing_wrong(salvage("orvel.cfg", orvel + "junk behind the last value"));
+        EXPECT_FALSE(told["damages"].empty());
+        expect_nothing_wrong(salvage("vync.cfg", vync.substr(0, vync.size() - 1)));
+        for (const auto &[name, value] :
+             salvage("vync.cfg", std::string(vync).insert(vync.size() - 3, 2, 'x'))) {
+            EXPECT_TRUE(value["override"].is_null() || value["override"]["state"] != "sound" ||
+                        (has_checksums && value["hex"] == truth[name]))
+                << value;
+        }
+    }
+}
+
 // Where its entries, its headers or single bits are gone, the pages of the log tell by themselves
 // what they are, and all values are found.
 TEST_F(DolmSalvage, ReadsALogWhoseEntriesAreDamaged) {

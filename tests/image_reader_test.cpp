@@ -253,6 +253,7 @@ class TableReaders : public testing::Test {
         }
         return all;
     }
+    static constexpr StoreEvidence sure{.has_sure_end = true, .has_sure_names = true};
     static Bytes store() {
         std::vector<builders::StoreFile> files;
         for (uint32_t i = 0; i < 12; ++i) {
@@ -275,7 +276,7 @@ class TableReaders : public testing::Test {
 
 TEST_F(TableReaders, AStoreThatIsSoundIsMendedToItself) {
     const Bytes sound = store();
-    const auto mended = mend_store(sound, name_of, numbers()).records;
+    const auto mended = mend_store(sound, name_of, numbers(), sure).records;
     for (const MendedRecord &record : mended) {
         EXPECT_EQ(record.doubt, "");
     }
@@ -285,7 +286,7 @@ TEST_F(TableReaders, AStoreThatIsSoundIsMendedToItself) {
 
 TEST_F(TableReaders, AWrongOffsetOrSizeOrCountCostsNothing) {
     const Bytes sound = store();
-    const auto expected = payloads(mend_store(sound, name_of, numbers()).records);
+    const auto expected = payloads(mend_store(sound, name_of, numbers(), sure).records);
     for (size_t at = 0; at < 4 + 12 * 12; ++at) {
         const size_t field = at < 4 ? 4 : (at - 4) % 12;
         if (field < 4 || field >= 10) {
@@ -296,8 +297,9 @@ TEST_F(TableReaders, AWrongOffsetOrSizeOrCountCostsNothing) {
             Bytes damaged = sound;
             damaged[at] = static_cast<uint8_t>(damaged[at] ^ bits);
             const GuardedBytes guarded(damaged);
-            EXPECT_EQ(payloads(mend_store(span_of(guarded, damaged), name_of, numbers()).records),
-                      expected);
+            EXPECT_EQ(
+                payloads(mend_store(span_of(guarded, damaged), name_of, numbers(), sure).records),
+                expected);
         }
     }
 }
@@ -315,8 +317,8 @@ TEST_F(TableReaders, AStoreThatIsNotPackedIsTakenAsItSays) {
         loose.insert(loose.end(), payload.begin(), payload.end());
         loose.resize(loose.size() + 3);
     }
-    auto expected = payloads(mend_store(packed, name_of, numbers()).records);
-    const auto mended = mend_store(loose, name_of, numbers()).records;
+    auto expected = payloads(mend_store(packed, name_of, numbers(), sure).records);
+    const auto mended = mend_store(loose, name_of, numbers(), sure).records;
     EXPECT_EQ(payloads(mended), expected);
     for (const MendedRecord &record : mended) {
         EXPECT_EQ(record.doubt, "");
@@ -324,20 +326,20 @@ TEST_F(TableReaders, AStoreThatIsNotPackedIsTakenAsItSays) {
     put_le(loose, 4 + 12 * 3, 15, 4);
     expected.erase(13);
     expected.erase(15);
-    EXPECT_EQ(payloads(mend_store(loose, name_of, numbers()).records), expected)
+    EXPECT_EQ(payloads(mend_store(loose, name_of, numbers(), sure).records), expected)
         << "two claim number 15";
 }
 
 TEST_F(TableReaders, AWrongNumberLosesNoOtherValue) {
     const Bytes sound = store();
-    const auto expected = payloads(mend_store(sound, name_of, numbers()).records);
+    const auto expected = payloads(mend_store(sound, name_of, numbers(), sure).records);
     for (uint32_t i = 0; i < 12; ++i) {
         for (const uint32_t number : {0U, 777U, 10 + (i + 5) % 12, 25U}) {
             SCOPED_TRACE(std::to_string(i) + " becomes " + std::to_string(number));
             Bytes damaged = sound;
             put_le(damaged, 4 + 12 * i, number, 4);
             for (const auto &[found, payload] :
-                 payloads(mend_store(damaged, name_of, numbers()).records)) {
+                 payloads(mend_store(damaged, name_of, numbers(), sure).records)) {
                 const auto same = expected.find(found);
                 EXPECT_TRUE(same != expected.end()
                                 ? payload == same->second
@@ -345,6 +347,20 @@ TEST_F(TableReaders, AWrongNumberLosesNoOtherValue) {
                     << found;
             }
         }
+    }
+}
+
+// If the table may have lost a name, a record without one is not that of the only file left.
+TEST_F(TableReaders, GiveNoRecordToAFileForWantOfAnother) {
+    Bytes damaged = store();
+    put_le(damaged, 4 + 12 * 5, 777, 4);
+    const auto all = payloads(mend_store(store(), name_of, numbers(), sure).records);
+    for (const bool has_sure_records : {false, true}) {
+        const StoreEvidence evidence{has_sure_records, true, false};
+        const auto files = has_sure_records ? numbers() : std::vector<uint32_t>();
+        const auto found = payloads(mend_store(damaged, name_of, files, evidence).records);
+        EXPECT_FALSE(found.contains(15));
+        EXPECT_EQ(found.at(777), all.at(15));
     }
 }
 
@@ -365,7 +381,7 @@ TEST_F(TableReaders, TakeStoresOfEveryLengthAndAnyBytes) {
             EXPECT_EQ(read.has_payload(record) ? read.payload(record).size() : record.size,
                       record.size);
         }
-        const Bytes written = write_store(mend_store(all, name_of, numbers()).records);
+        const Bytes written = write_store(mend_store(all, name_of, numbers(), sure).records);
         EXPECT_TRUE(is_of_kind(written, MemberKind::base_store));
     }
 }
