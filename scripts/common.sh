@@ -17,7 +17,7 @@ install_packages() {
 }
 
 build_packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
-test_packages=("${build_packages[@]}" clang libclang-rt-14-dev libgtest-dev pkg-config
+test_packages=("${build_packages[@]}" clang libclang-rt-dev libgtest-dev pkg-config
     python3-jsonschema)
 ci_packages=("${test_packages[@]}" chromium clang-format clang-tidy libbenchmark-dev lintian
     mmdebstrap mypy python3-pip python3-setuptools python3-wheel)
