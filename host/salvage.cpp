@@ -229,6 +229,9 @@ class Salvager {
                         "two files of SKU " + std::to_string(sku) + " have its place in flash",
                         ""};
             }
+            if (claims.sure + claims.doubted > 1) {
+                demote(part, "another file may have its place in flash");
+            }
         }
         if (is_doubted(file)) {
             demote(part, "the entries of its SKUs contradict each other");

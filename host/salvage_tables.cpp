@@ -110,6 +110,10 @@ class Mender {
         const FileTable mended = read_file_table(mended_.files.ftbl);
         for (const EfstRow &row : mended.efst_rows) {
             for (const EfstRecord &record : row.records) {
+                if (table.has_moved && !has_sure_names_) {
+                    mended_.efs_doubts[record.file_index] =
+                        "the file table has lost bytes or has more than it had";
+                }
                 const size_t at = record.at - table.shift;
                 if (record.at >= table.shift && given.is_changed(at, at + ftbl::efst_record_size)) {
                     mended_.efs_doubts[record.file_index] = "its place in EFS is not what it was";

@@ -118,6 +118,33 @@ class Mender {
         if (is_packed_ && end != bytes_.size() && !is_padding(end)) {
             doubt_places();
         }
+        doubt_shared_places();
+    }
+
+    static const uint8_t *end_of(const MendedRecord &record) {
+        return record.payload->data() + record.payload->size();
+    }
+
+    // Of two records over one place, one at least is astray.
+    void doubt_shared_places() {
+        std::vector<MendedRecord *> by_place;
+        for (MendedRecord &record : mended_) {
+            if (record.payload && !record.payload->empty()) {
+                by_place.push_back(&record);
+            }
+        }
+        std::stable_sort(by_place.begin(), by_place.end(), [](const auto *a, const auto *b) {
+            return a->payload->data() < b->payload->data();
+        });
+        MendedRecord *farthest = nullptr;
+        for (MendedRecord *record : by_place) {
+            if (farthest != nullptr && record->payload->data() < end_of(*farthest)) {
+                record->doubt = farthest->doubt = "another record has its place too";
+            }
+            if (farthest == nullptr || end_of(*farthest) < end_of(*record)) {
+                farthest = record;
+            }
+        }
     }
 
     // Bytes were added or lost, perhaps in front of a value.

@@ -118,6 +118,7 @@ class Mender {
         if (astray.empty()) {
             return;
         }
+        mended_.has_moved = claimed.empty();
         const auto runs = unclaimed_runs(claimed);
         for (size_t i = 0; i < astray.size(); ++i) {
             if (!give_entries(astray[i], runs, astray.size() == 1) &&

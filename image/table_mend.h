@@ -17,6 +17,7 @@ struct MendedTable {
     Bytes bytes;                        // for read_file_table
     std::vector<std::string> mended;    // what was wrong, one sentence each
     std::set<uint32_t> doubted_numbers; // of files whose entries contradict each other
+    bool has_moved = false;             // no row led to its entries, as if bytes were put in
     size_t shift = 0;                   // how far what was there has moved behind a new head
     std::set<uint32_t> counted_ids;     // in EFS, of files whose id no table tells
 };

@@ -246,6 +246,28 @@ TEST_F(DolmSalvage, DoubtsWhatALostRecordMayHaveReplaced) {
     EXPECT_EQ(values["/home/test/scratch"]["flash"]["text"], "changed");
 }
 
+TEST_F(DolmSalvage, CallsNothingSoundThatADamagedFileTableMayHaveMoved) {
+    write_whole(set / "set.json", R"({"sku": 1})");
+    const std::string table = read_whole(set / "ftbl.bin");
+    constexpr size_t id_offset = 58;
+    std::string bad = table;
+    bad[table.find("/home/net/hostname") + id_offset] = 33; // that of net/mac
+    EXPECT_EQ(salvage("ftbl.bin", bad)["/home/net/mac"]["flash"]["state"], "older");
+    const size_t second_place = table.find("EFST") + 16 + 2 * 40 + 60;
+    size_t in_efs = 0;
+    for (size_t moved = 1; moved <= 8; ++moved) {
+        SCOPED_TRACE(moved);
+        bad = table;
+        bad.erase(second_place + 17, moved);
+        for (const auto &[name, value] : salvage("ftbl.bin", bad)) {
+            const bool is_there = value["store"] == "efs" && value["flash"].is_object();
+            in_efs += is_there ? 1 : 0;
+            EXPECT_TRUE(!is_there || value["flash"]["state"] != "sound") << name << value;
+        }
+    }
+    EXPECT_NE(in_efs, 0U);
+}
+
 // What stands behind a store is no part of its last value, and what moved is not sound.
 TEST_F(DolmSalvage, TakesNoBytesForAValueThatAreNotItsOwn) {
     const std::string orvel = read_whole(set / "orvel.cfg");

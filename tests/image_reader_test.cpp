@@ -323,6 +323,11 @@ TEST_F(TableReaders, AStoreThatIsNotPackedIsTakenAsItSays) {
     for (const MendedRecord &record : mended) {
         EXPECT_EQ(record.doubt, "");
     }
+    Bytes shared = loose;
+    std::copy_n(loose.begin() + 4 + 12 * 5 + 4, 4, shared.begin() + 4 + 12 * 3 + 4);
+    for (const MendedRecord &record : mend_store(shared, name_of, numbers(), sure).records) {
+        EXPECT_EQ(record.doubt.empty(), record.number != 13 && record.number != 15);
+    }
     put_le(loose, 4 + 12 * 3, 15, 4);
     expected.erase(13);
     expected.erase(15);
