@@ -11,6 +11,8 @@
 #include "image/afs_survey.h"
 #include "image/efs_history.h"
 #include "image/efs_layout.h"
+#include "image/efs_list.h"
+#include "image/efs_records.h"
 #include "image/efs_survey.h"
 #include "image/fcs_mend.h"
 #include "image/member_kind.h"
@@ -207,6 +209,105 @@ TEST_F(ImageReaders, JudgeARecordByItsPlace) {
         EXPECT_FALSE(is_good_record(set.efs, layout, image, place))
             << place.block << " at " << place.offset;
     }
+}
+
+// An image of five files and the table with their list. What lies in a file may look like a record,
+// in its first block and in the one that it goes on in.
+class EfsLists : public ImageReaders {
+  protected:
+    void SetUp() override {
+        ImageReaders::SetUp();
+        builders::FileTable source;
+        source.sku_rows = {{1, {}}};
+        source.geometry_rows = {full_set::geometry};
+        source.geometry_rows[0].records = {
+            {0, 0, 0, 1000}, {1, 1, 0, 6000}, {2, 0, 2000, 900}, {3, 2, 2500, 100}, {4, 3, 0, 50}};
+        set.ftbl = source.build();
+        layout = read_efs_layout(set.ftbl, 1);
+        image = build({{0, "plain"}, {3, "behind"}});
+        const std::string inner = record_of(layout.files[0]);
+        const std::string behind = record_of(layout.files[3]);
+        image = build({{0, "plain"},
+                       {1, std::string(4072, 'E') + "more" + behind + std::string(500, 'E')},
+                       {2, "x" + inner + "x"},
+                       {3, "behind"}});
+    }
+
+    Bytes build(const std::map<uint16_t, std::string> &contents) {
+        std::vector<full_set::SetFile> files;
+        for (const auto &[id, content] : contents) {
+            files.push_back({"", 0, full_set::in_efs, id, 6000, "", content});
+        }
+        return set.build_efs(files);
+    }
+
+    std::string record_of(const EfsPlace &place) const {
+        const EfsImage read = read_efs_image(image, layout);
+        const size_t block = layout.bm_num + read.valid_map[place.block];
+        const uint8_t *record = &image[block * efs::block_size + efs::data_offset + place.offset];
+        return {record, record + efs::record_head_size + get_le16(image, record - image.data())};
+    }
+
+    Bytes image;
+};
+
+std::vector<std::vector<uint32_t>> numbers_of(const std::vector<EfsPlace> &places) {
+    std::vector<std::vector<uint32_t>> all;
+    for (const EfsPlace &place : places) {
+        all.push_back({place.number, place.block, place.offset, place.max_size});
+    }
+    return all;
+}
+
+TEST_F(EfsLists, AreFoundInTheImageAlone) {
+    const std::vector<std::vector<uint32_t>> found = {
+        {20, 0, 0, 1996}, {21, 0, 2000, 11}, {22, 1, 0, 4586}, {23, 2, 2500, 6}, {24, 3, 0, 0}};
+    EXPECT_EQ(numbers_of(find_places_in_image(image, layout, 20)), found);
+}
+
+// Whatever is wrong with one record, the others are told; not what lies behind two.
+TEST_F(EfsLists, AreFoundInATableThatDoesNotLeadToThem) {
+    const FileTable table = read_file_table(set.ftbl);
+    const Bytes list(set.ftbl.begin() + table.efst_rows[0].records[0].at,
+                     set.ftbl.begin() + table.efst_rows[0].records[0].at + 5 * 60);
+    const auto found = [&](const Bytes &bytes) {
+        Bytes astray(7, 0x11);
+        astray.insert(astray.end(), bytes.begin(), bytes.end());
+        astray.insert(astray.end(), 200, 0xEE);
+        std::vector<uint32_t> numbers;
+        for (const EfsPlace &place : find_listed_places(astray, image, layout)) {
+            numbers.push_back(place.number);
+        }
+        return numbers;
+    };
+    const auto changed = [&](size_t record, size_t field, uint32_t value) {
+        Bytes bytes = list;
+        put_le(bytes, record * 60 + field, value, 2);
+        return bytes;
+    };
+    using Numbers = std::vector<uint32_t>;
+    EXPECT_EQ(numbers_of(find_listed_places(set.ftbl, image, layout)), numbers_of(layout.files));
+    EXPECT_EQ(found(list), (Numbers{0, 1, 2, 3, 4}));
+    EXPECT_EQ(found(changed(2, ftbl::record_block_offset, 7)), (Numbers{0, 1, 3, 4}));
+    EXPECT_EQ(found(changed(2, ftbl::record_start_offset, 4073)), (Numbers{0, 1, 3, 4}));
+    EXPECT_EQ(found(changed(4, 0, 3)), (Numbers{0, 1, 2, 3})) << "a number twice";
+    EXPECT_EQ(found(changed(3, 0, 0x7FF)), (Numbers{0, 1, 2, 0x7FF, 4}));
+    EXPECT_EQ(found(changed(3, 0, 0x800)), (Numbers{0, 1, 2, 4}));
+    EXPECT_EQ(found(changed(2, ftbl::record_start_offset, 0)), (Numbers{0, 1, 3, 4}))
+        << "a place twice";
+    EXPECT_EQ(found(changed(3, ftbl::record_start_offset, 2600)), (Numbers{0, 1, 2, 3, 4}))
+        << "no good record";
+    EXPECT_EQ(found(changed(4, ftbl::record_start_offset, 2600)), (Numbers{0, 1, 2, 3}))
+        << "no good record, and none behind it";
+    Bytes broken = changed(1, ftbl::record_block_offset, 7);
+    broken[2 * 60 + ftbl::record_block_offset] = 7;
+    EXPECT_EQ(found(broken), (Numbers{3, 4}));
+    EXPECT_EQ(found(head_of(list, 60)), Numbers{}) << "a single one may be chance";
+    Bytes two = head_of(list, 120);
+    two.insert(two.end(), 131, 0xEE);
+    two.insert(two.end(), list.begin() + 120, list.end());
+    EXPECT_EQ(found(two), (Numbers{2, 3, 4})) << "the longer one";
+    EXPECT_EQ(found({}), Numbers{});
 }
 
 TEST_F(ImageReaders, KnowAMemberByItsContentAlone) {
