@@ -109,8 +109,7 @@ class PlaceFinder {
         const EfsPlace &next = places_[index];
         if (index != 0 && places_[index - 1].block == next.block) {
             EfsPlace &place = places_[index - 1];
-            place.max_size =
-                std::max(place.max_size, next.offset - place.offset - record_head_size);
+            place.max_size = next.offset - place.offset - record_head_size;
         }
     }
 

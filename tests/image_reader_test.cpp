@@ -212,43 +212,61 @@ TEST_F(ImageReaders, JudgeARecordByItsPlace) {
 }
 
 // An image of five files and the table with their list. What lies in a file may look like a record,
-// in its first block and in the one that it goes on in.
+// in its first block and in those that it goes on in.
 class EfsLists : public ImageReaders {
   protected:
     void SetUp() override {
         ImageReaders::SetUp();
+        list({{0, 0, 0, 1000}, {1, 2, 2500, 100}, {2, 3, 2500, 100}, {3, 2, 0, 100}});
+        image = build({{0, "plain"}, {1, "amid"}, {2, "behind"}, {3, "no rest"}});
+        const std::string inner = record_of(0);
+        const std::string amid = record_of(1);
+        const std::string behind = record_of(2);
+        other_block = block_of(2);
+        list(
+            {{0, 0, 0, 1000}, {1, 1, 0, 9000}, {2, 0, 2000, 900}, {3, 3, 2500, 100}, {4, 4, 0, 9}});
+        image = build({{0, "plain"},
+                       {1, std::string(4072, 'E') + amid + std::string(4072, 'E') + behind + "end"},
+                       {2, "x" + inner + "x"},
+                       {3, "behind"}});
+    }
+
+    void list(std::vector<builders::EfsRecord> records) {
         builders::FileTable source;
         source.sku_rows = {{1, {}}};
         source.geometry_rows = {full_set::geometry};
-        source.geometry_rows[0].records = {
-            {0, 0, 0, 1000}, {1, 1, 0, 6000}, {2, 0, 2000, 900}, {3, 2, 2500, 100}, {4, 3, 0, 50}};
+        source.geometry_rows[0].records = std::move(records);
         set.ftbl = source.build();
         layout = read_efs_layout(set.ftbl, 1);
-        image = build({{0, "plain"}, {3, "behind"}});
-        const std::string inner = record_of(layout.files[0]);
-        const std::string behind = record_of(layout.files[3]);
-        image = build({{0, "plain"},
-                       {1, std::string(4072, 'E') + "more" + behind + std::string(500, 'E')},
-                       {2, "x" + inner + "x"},
-                       {3, "behind"}});
     }
 
     Bytes build(const std::map<uint16_t, std::string> &contents) {
         std::vector<full_set::SetFile> files;
         for (const auto &[id, content] : contents) {
-            files.push_back({"", 0, full_set::in_efs, id, 6000, "", content});
+            files.push_back({"", 0, full_set::in_efs, id, 9000, "", content});
         }
         return set.build_efs(files);
     }
 
-    std::string record_of(const EfsPlace &place) const {
+    size_t block_at(uint32_t logical) const {
         const EfsImage read = read_efs_image(image, layout);
-        const size_t block = layout.bm_num + read.valid_map[place.block];
-        const uint8_t *record = &image[block * efs::block_size + efs::data_offset + place.offset];
-        return {record, record + efs::record_head_size + get_le16(image, record - image.data())};
+        return (layout.bm_num + size_t{read.valid_map[logical]}) * efs::block_size;
+    }
+
+    Bytes block_of(uint32_t logical) const {
+        const auto begin = image.begin() + static_cast<std::ptrdiff_t>(block_at(logical));
+        return {begin, begin + efs::block_size};
+    }
+
+    std::string record_of(size_t file) const {
+        const EfsPlace &place = layout.files[file];
+        const size_t at = block_at(place.block) + efs::data_offset + place.offset;
+        const uint8_t *record = &image[at];
+        return {record, record + efs::record_head_size + get_le16(image, at)};
     }
 
     Bytes image;
+    Bytes other_block; // with a file at its front
 };
 
 std::vector<std::vector<uint32_t>> numbers_of(const std::vector<EfsPlace> &places) {
@@ -260,16 +278,44 @@ std::vector<std::vector<uint32_t>> numbers_of(const std::vector<EfsPlace> &place
 }
 
 TEST_F(EfsLists, AreFoundInTheImageAlone) {
-    const std::vector<std::vector<uint32_t>> found = {
-        {20, 0, 0, 1996}, {21, 0, 2000, 11}, {22, 1, 0, 4586}, {23, 2, 2500, 6}, {24, 3, 0, 0}};
-    EXPECT_EQ(numbers_of(find_places_in_image(image, layout, 20)), found);
+    using Numbers = std::vector<std::vector<uint32_t>>;
+    const auto found = [&](const Bytes &bytes) {
+        return numbers_of(find_places_in_image(bytes, layout, 20));
+    };
+    const uint32_t long_size = 4072 + 8 + 4072 + 10 + 3;
+    EXPECT_EQ(found(image), (Numbers{{20, 0, 0, 1996},
+                                     {21, 0, 2000, 11},
+                                     {22, 1, 0, long_size},
+                                     {23, 3, 2500, 6},
+                                     {24, 4, 0, 0}}));
+    Bytes zeros = image;
+    std::fill_n(zeros.begin() + static_cast<std::ptrdiff_t>(block_at(0) + efs::data_offset),
+                efs::data_size, 0);
+    EXPECT_EQ(found(zeros), (Numbers{{20, 1, 0, long_size}, {21, 3, 2500, 6}, {22, 4, 0, 0}}));
+
+    // A file is one with the whole of its rest only.
+    const auto has_long_file = [&](const Bytes &bytes) {
+        const Numbers places = found(bytes);
+        return std::any_of(places.begin(), places.end(),
+                           [](const auto &place) { return place[1] == 1; });
+    };
+    Bytes changed = image;
+    changed[block_at(3) + efs::data_offset + 6] ^= 1;
+    EXPECT_FALSE(has_long_file(changed));
+    image = build({{1, std::string(4072, 'E') + "no rest"}});
+    EXPECT_TRUE(has_long_file(image));
+    changed = image;
+    std::copy(other_block.begin(), other_block.end(),
+              changed.begin() + static_cast<std::ptrdiff_t>(block_at(2)));
+    EXPECT_FALSE(has_long_file(changed)) << "the next block has a file of its own, as long";
 }
 
 // Whatever is wrong with one record, the others are told; not what lies behind two.
 TEST_F(EfsLists, AreFoundInATableThatDoesNotLeadToThem) {
     const FileTable table = read_file_table(set.ftbl);
-    const Bytes list(set.ftbl.begin() + table.efst_rows[0].records[0].at,
-                     set.ftbl.begin() + table.efst_rows[0].records[0].at + 5 * 60);
+    const auto begin =
+        set.ftbl.begin() + static_cast<std::ptrdiff_t>(table.efst_rows[0].records[0].at);
+    const Bytes list(begin, begin + 5 * 60);
     const auto found = [&](const Bytes &bytes) {
         Bytes astray(7, 0x11);
         astray.insert(astray.end(), bytes.begin(), bytes.end());
