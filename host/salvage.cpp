@@ -40,9 +40,8 @@ class Salvager {
     Salvage run() {
         describe();
         flash_ = read_flash(set_, tables_.files.ftbl, manifest_);
-        for (const Problem &found : flash_.damages) {
-            salvage_.damages.push_back(found);
-        }
+        salvage_.damages.insert(salvage_.damages.end(), flash_.damages.begin(),
+                                flash_.damages.end());
         add_files_without_entry();
         count_claims();
         note_values();

@@ -242,6 +242,10 @@ class History {
     // others least, and change least from one copy to the next. Where several orders do not
     // contradict, a file is known that they agree on.
     void place_units_without_sequence() {
+        if (std::all_of(remains_.log.begin(), remains_.log.end(),
+                        [](const LogUnit &unit) { return unit.sequence.has_value(); })) {
+            return;
+        }
         const Log log = std::move(remains_.log);
         Order known;
         Order unplaced;
@@ -265,7 +269,7 @@ class History {
                 readings.push_back(std::move(chains));
             }
         }
-        is_order_known_ = unplaced.empty() || (orders.is_complete && fitting.all.size() == 1);
+        is_order_known_ = orders.is_complete && fitting.all.size() == 1;
         if (!is_order_known_) {
             remains_.doubts.push_back("the header of EU " + std::to_string(unplaced.front()->eu) +
                                       " does not tell the time of its pages");
